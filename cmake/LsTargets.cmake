@@ -1,0 +1,51 @@
+# Settings that every target of the project shares, and the helpers that declare targets.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# LD_LIBRARY_PATH must be able to put other platform libraries in place: RUNPATH, never RPATH.
+add_link_options(-Wl,--enable-new-dtags -Wl,--as-needed)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER "${CCACHE}")
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+endif()
+
+if(LS_SANITIZE)
+  add_compile_options(-fsanitize=${LS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${LS_SANITIZE})
+endif()
+
+add_library(ls_warnings INTERFACE)
+target_compile_options(ls_warnings INTERFACE
+  -Wall -Wextra -Wshadow -Wconversion -Wcast-align=strict -Wformat=2 -Wformat-nonliteral
+  -Wno-format-y2k -Wmissing-declarations -Wundef -Werror)
+# In a sanitized build the optimizer sees paths that do not exist.
+if(LS_SANITIZE)
+  target_compile_options(ls_warnings INTERFACE -Wno-maybe-uninitialized)
+endif()
+
+# The wire records and fixed paths, for the daemon, the client and the simulator.
+add_library(ls_records INTERFACE)
+target_include_directories(ls_records INTERFACE "${PROJECT_SOURCE_DIR}/location_service/include")
+target_compile_definitions(ls_records INTERFACE LS_ROOT="${LS_ROOT}")
+
+# The three headers between the daemon and the platform.
+add_library(platform_headers INTERFACE)
+target_include_directories(platform_headers INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")
+
+# ls_unit_test(NAME SOURCES... [LIBS targets...]): one GoogleTest program, its cases known to CTest.
+function(ls_unit_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest GTest::gtest_main ls_warnings)
+  target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 120 LABELS unit)
+endfunction()

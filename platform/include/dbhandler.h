@@ -1,0 +1,29 @@
+/* The settings database of the terminal, as far as the location service uses it.
+ *
+ * Each call is complete in itself: it opens what it needs, is safe from any thread, and returns 0
+ * for success and anything else for failure, in which case the result is left untouched.
+ */
+#ifndef DBHANDLER_H
+#define DBHANDLER_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct location_history_settings {
+    uint8_t status;    /* 1 = acquisition on, 0 = off */
+    uint32_t interval; /* seconds; at offset 4 */
+};
+
+int db_read_gps_power_on_status(int32_t *status); /* power mode to come up with: 0, 1 off, 2 on */
+int db_set_gps_power_on_status(int32_t status);
+int db_read_ta_power_on_status(int32_t *status); /* the antenna type */
+int db_read_location_history_settings(struct location_history_settings *settings);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,40 @@
+/* The hardware abstraction of the terminal: log, board type, timers, system-state votes. */
+#ifndef ZUKHAL_H
+#define ZUKHAL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One log line. `level` as in syslog(3): 3 error, 4 warning, 6 info, 7 debug. `module` and `line`
+ * name the place in the source. errno is as the caller left it for %m, and is kept. */
+void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...)
+    __attribute__((format(printf, 2, 5)));
+
+int get_zuk_type(void); /* board type: 1 receiver on the local UART, 2 receiver behind the TA */
+
+/* Periodic timers that also count while the terminal sleeps. Callbacks run on one thread of the
+ * library, with all signals blocked. */
+int rtc_init_timers(void); /* 0 = success */
+int rtc_reinit(void);
+int rtc_exit(void);
+
+/* Calls `callback(timer_id)` every `interval_s` seconds, first after one interval. Returns the new
+ * handle (the caller stores it); 0 = failed. */
+int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int *timer_id);
+
+/* 0 = success. When it returns (and was not called from the callback itself), the callback of this
+ * timer does not run any more. */
+int rtc_del_timer(int timer_id);
+
+/* Counted votes, one count per state id. enable takes one vote back, disable adds one. */
+int pm_system_state_enable(int state_id);  /* 1 = taken; the terminal may sleep again */
+int pm_system_state_disable(int state_id); /* the terminal must stay awake */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
