@@ -19,7 +19,7 @@
 namespace sim {
 
 struct receiver_options {
-    std::unique_ptr<truth_source> truth;
+    truth_source truth;
     std::string battery_file;  // battery-backed memory; empty = none, always a fresh receiver
     double startup_s = 0.0;    // power-on until it listens
     double cold_ttff_s = 29.0; // time to first fix: nothing known
@@ -69,14 +69,14 @@ class receiver {
 };
 
 // A fixed place (degrees, metres above mean sea level) at the real time of day.
-std::unique_ptr<truth_source> make_fixed_place(double latitude, double longitude, double altitude);
+truth_source make_fixed_place(double latitude, double longitude, double altitude);
 
 // A route file: lines "SECONDS LATITUDE LONGITUDE [ALTITUDE]", times ascending, # comments; between
 // points position is interpolated, speed and course follow. Empty result: `error` says why.
-std::unique_ptr<truth_source> load_route(const std::string &path, std::string &error);
+truth_source load_route(const std::string &path, std::string &error);
 
 // A recording: NMEA lines of any talker. Empty result: `error` says why.
-std::unique_ptr<truth_source> load_recording(const std::string &path, std::string &error);
+truth_source load_recording(const std::string &path, std::string &error);
 
 } // namespace sim
 

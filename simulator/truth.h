@@ -5,10 +5,8 @@
 #ifndef SIMULATOR_TRUTH_H
 #define SIMULATOR_TRUTH_H
 
-#include <cstdint>
-#include <memory>
+#include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace sim {
@@ -47,13 +45,9 @@ struct epoch {
     std::optional<double> pdop, hdop, vdop;
 };
 
-// A source gives the epoch at a simulated time, in seconds since the source's own start (never
-// decreasing from call to call is not required). Recordings repeat from their start at their end.
-class truth_source {
-  public:
-    virtual ~truth_source() = default;
-    virtual epoch at(double seconds) = 0;
-};
+// A source gives the epoch at a simulated time, in seconds since the source's own start. Recordings
+// and routes begin again when they end.
+using truth_source = std::function<epoch(double seconds)>;
 
 } // namespace sim
 
