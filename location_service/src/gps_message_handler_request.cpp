@@ -1,0 +1,101 @@
+// Request handlers: each runs one receiver query under the service's two locks and replies with a
+// payload of fixed size. The reply is sent with neither lock held.
+#include "gps_message_handler.h"
+#include "gps_power.h"
+#include "gps_service.h"
+#include "ls_log.h"
+#include "ls_state.h"
+
+#include <cstring>
+
+static constexpr char log_module[] = "gps_message_handler";
+
+namespace {
+
+// The three ways a query's result becomes the status word of its reply.
+constexpr uint32_t position_status(int32_t result) {
+    return result == 2 ? LS_STATUS_PASSED_THROUGH : result == 1 ? LS_STATUS_FAILED : LS_STATUS_OK;
+}
+
+constexpr uint32_t time_status(int32_t result) {
+    return result == 2 ? LS_STATUS_PASSED_THROUGH : result == 0 ? LS_STATUS_OK : LS_STATUS_FAILED;
+}
+
+constexpr uint32_t command_status(int32_t result) {
+    return result == 1 ? LS_STATUS_FAILED : LS_STATUS_OK;
+}
+
+// Counts a request as using the receiver while it lives. The count decides about powering down.
+class receiver_use {
+  public:
+    receiver_use() { add(1); }
+    ~receiver_use() { add(-1); }
+    receiver_use(const receiver_use &) = delete;
+    receiver_use &operator=(const receiver_use &) = delete;
+
+  private:
+    static void add(int32_t n) {
+        const std::lock_guard guard(pending_req_lock);
+        pending_req_count += n;
+    }
+};
+
+// One receiver query in the common frame: counted, and alone on the receiver.
+template <typename Query>
+int32_t run_query(Query query) {
+    const receiver_use use;
+    const std::lock_guard guard(gps_access_lock);
+    return query();
+}
+
+// Replies are zeroed with memset: their padding goes to the client too.
+template <typename Reply>
+void send_reply(scm_conn *conn, const bus_msg *msg, const Reply &reply) {
+    ls_send_response(conn, msg, &reply, sizeof(reply), 0);
+}
+
+} // namespace
+
+void ls_hal_get_power_mode(scm_conn *conn, const bus_msg *msg) {
+    ls_power_reply reply = {};
+    const int32_t result = run_query([&] { return gps_get_power_mode(&reply.power_mode); });
+    reply.status = command_status(result);
+    send_reply(conn, msg, reply);
+}
+
+void ls_take_position(const char *name, ls_position_reply *reply) {
+    memset(reply, 0, sizeof(*reply));
+    bool buffered = false;
+    const int32_t result = run_query([&] {
+        int32_t stored_result = 0;
+        buffered = gps_get_buffered_pos(&reply->pos, &stored_result);
+        if (!buffered)
+            return gps_get_pos(&reply->pos);
+        log_info("%s: Sending buffered position data", name);
+        return stored_result;
+    });
+    reply->status = position_status(result);
+    // A failed query may have filled part of the record; the client gets zeros.
+    if (reply->status != LS_STATUS_OK && !buffered)
+        memset(&reply->pos, 0, sizeof(reply->pos));
+}
+
+void ls_hal_get_position(scm_conn *conn, const bus_msg *msg) {
+    ls_position_reply reply;
+    ls_take_position(__func__, &reply);
+    send_reply(conn, msg, reply);
+}
+
+void ls_hal_get_time(scm_conn *conn, const bus_msg *msg) {
+    ls_time_reply reply;
+    memset(&reply, 0, sizeof(reply));
+    int32_t result = run_query([&] { return gps_get_time(&reply.time); });
+    reply.status = time_status(result);
+    if (reply.status == LS_STATUS_OK) {
+        int32_t tow = 0;
+        result = run_query([&] { return gps_get_tow(&tow); });
+        reply.time_of_week = static_cast<uint32_t>(tow);
+        reply.status = time_status(result);
+    }
+    send_reply(conn, msg, reply);
+}

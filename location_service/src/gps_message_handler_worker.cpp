@@ -1,0 +1,144 @@
+// Request entry and request workers: one detached thread per accepted request.
+#include "gps_message_handler.h"
+#include "ls_log.h"
+#include "ls_state.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+
+static constexpr char log_module[] = "gps_message_handler";
+
+namespace {
+
+// Hand-off record from the starter to a new worker, reused for every request.
+struct ls_thread_param_s {
+    scm_conn *conn;
+    bus_msg msg;   // pld points to the payload copy when there is one
+    void *payload; // heap copy, owned by the worker from the hand-off on
+};
+
+std::mutex start_lock; // one start at a time: guards ls_thread_param until the copy is taken
+ls_thread_param_s ls_thread_param; // under start_lock; read by the new worker before it posts
+
+std::atomic<int> active_workers;
+
+// A worker needs room for its query's buffers and one log line. The default of 8 MB would use up a
+// 32-bit address space with a few hundred requests waiting for the receiver.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t WORKER_STACK_SIZE = 512 * 1024;
+#else
+constexpr size_t WORKER_STACK_SIZE = 64 * 1024;
+#endif
+
+constexpr int LPP_ATTEMPTS = 3;
+
+struct request_handler {
+    uint32_t msg_id;
+    const char *log_text;
+    void (*serve)(scm_conn *conn, const bus_msg *msg);
+};
+
+constexpr std::array request_handlers = {
+    request_handler{LS_REQUEST_GET_POSITION, "Case LS_REQUEST_GET_POSITION\n", ls_hal_get_position},
+    request_handler{LS_REQUEST_GET_TIME, "Case LS_REQUEST_GET_TIME\n", ls_hal_get_time},
+    request_handler{LS_REQUEST_GET_POWER_MODE, "Case LS_REQUEST_GET_POWER_MODE\n",
+                    ls_hal_get_power_mode},
+};
+
+const request_handler *find_handler(uint32_t msg_id) {
+    for (const request_handler &handler : request_handlers) {
+        if (handler.msg_id == msg_id)
+            return &handler;
+    }
+    return nullptr;
+}
+
+int create_worker() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE);
+    log_info("%s", "ls_msg_req_handler_thread");
+    ++active_workers;
+    pthread_t thread_id = {};
+    errno = pthread_create(&thread_id, &attributes, ls_process_thread_req, &ls_thread_param);
+    if (errno != 0) {
+        log_error("Error while creating the ta_sm_thread. error = %d(%m)", errno);
+        --active_workers;
+        pthread_attr_destroy(&attributes);
+        return -1;
+    }
+    while (sem_wait(&ls_thread_sem) == -1 && errno == EINTR) {
+    }
+    pthread_attr_destroy(&attributes);
+    return 0;
+}
+
+} // namespace
+
+int ls_active_workers() {
+    return active_workers;
+}
+
+int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {
+    const uint32_t id = msg->hdr.msg_id;
+    const bool power_request = id == LS_REQUEST_GET_POWER_MODE || id == LS_REQUEST_SET_POWER_MODE;
+    // While the receiver is off, only the power requests and the unregistration are served.
+    if (mt_gps_status != GPS_POWER_ON && msg->hdr.src_serv_id != LS_SERV_CLIENT_9 &&
+        !power_request && id != LS_REQUEST_UNREGISTER_PERIODIC_UPDATE) {
+        pm_system_state_enable(LS_SYSTEM_STATE_ID);
+        log_error("unable to process gps request");
+        return -1;
+    }
+    // When no worker could be started nobody gives the system-state vote back: the terminal stays
+    // awake, and the request counts as taken.
+    ls_msg_req_handler_thread(conn, msg);
+    return 0;
+}
+
+int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg) {
+    const std::lock_guard guard(start_lock);
+    ls_thread_param = {.conn = conn, .msg = *msg, .payload = nullptr};
+    bus_msg &copy = ls_thread_param.msg;
+    if (copy.pld == nullptr)
+        copy.hdr.pld_len = 0; // a length without bytes is no payload
+    if (copy.hdr.pld_len != 0) {
+        ls_thread_param.payload = calloc(copy.hdr.pld_len, 1);
+        if (ls_thread_param.payload == nullptr) {
+            log_error("%s is a NULL POINTER!", "ls_thread_param.pld");
+            return -1;
+        }
+        memcpy(ls_thread_param.payload, msg->pld, copy.hdr.pld_len);
+        copy.pld = ls_thread_param.payload;
+    } else {
+        copy.pld = nullptr; // may dangle
+    }
+    return create_worker();
+}
+
+void *ls_process_thread_req(void *param) {
+    ls_thread_param_s own = {};
+    memcpy(&own, param, sizeof(own));
+    sem_post(&ls_thread_sem);
+    log_info("LS thread unlocked done");
+
+    const request_handler *handler = find_handler(own.msg.hdr.msg_id);
+    if (handler == nullptr) {
+        log_error("%s, Invalid Message Id", __func__);
+        pm_system_state_enable(LS_SYSTEM_STATE_ID);
+        --active_workers;
+        return reinterpret_cast<void *>(-1);
+    }
+    log_debug("%s", handler->log_text);
+    handler->serve(own.conn, &own.msg);
+    if (own.msg.hdr.pld_len != 0) {
+        log_info("removing %x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(own.payload)));
+        free(own.payload);
+    }
+    pm_system_state_enable(LS_SYSTEM_STATE_ID);
+    --active_workers;
+    return nullptr;
+}

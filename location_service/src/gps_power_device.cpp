@@ -1,0 +1,65 @@
+// Brings the service onto the bus and the receiver's line up; takes both down again.
+#include "gps_message_handler.h"
+#include "gps_power.h"
+#include "gps_uart.h"
+#include "ls_log.h"
+#include "ls_state.h"
+
+static constexpr char log_module[] = "gps_power";
+
+namespace {
+
+int register_on_bus() {
+    auto *conn = static_cast<scm_conn *>(g_try_malloc0(sizeof(scm_conn)));
+    gps_p_g = conn;
+    if (conn == nullptr) {
+        log_error("%s is a NULL POINTER!", "gps_p_g");
+        return -1;
+    }
+    conn->on_message = ls_hal_process_message;
+    if (scm_conn_init(conn, LS_OWN_SERV_ID) == -1) {
+        log_error("Error in Init of scm_conn_init");
+        gps_p_g = nullptr;
+        g_free(conn);
+        return -1;
+    }
+    return 0;
+}
+
+void deregister_from_bus() {
+    scm_conn *conn = gps_p_g;
+    scm_conn_exit(conn);
+    // A worker that still waits for the receiver will try to send its reply; the record then stays
+    // until the process is gone.
+    if (ls_active_workers() == 0)
+        g_free(conn);
+}
+
+int init_local_receiver() {
+    if (ls_hal_uart_init() != 0) {
+        log_error("GPS uart initialization failed\n");
+        return -1;
+    }
+    ls_hal_clear_rx_buffer();
+    return 0;
+}
+
+} // namespace
+
+int ls_hal_init_device(int32_t board_type) {
+    if (register_on_bus() != 0) {
+        log_error("Scm registration failed");
+        return -1;
+    }
+    if (board_type == 1 && init_local_receiver() != 0)
+        return -1;
+    const auto power = static_cast<uint32_t>(mt_gps_status.load());
+    ls_send_power_notification(LS_NOTIFY_POWER_MODE, &power, sizeof(power), LS_SERV_VOIP);
+    return 0;
+}
+
+void ls_hal_deinit_device(int32_t board_type) {
+    deregister_from_bus();
+    if (board_type == 1)
+        ls_hal_uart_close();
+}

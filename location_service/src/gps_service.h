@@ -1,0 +1,71 @@
+// Receiver queries: one command-and-answer exchange over either path, the numeric conversions, and
+// the queries that turn answers into time, position, satellites, speed and LPP parameters.
+//
+// Queries run on the caller's thread and may block for the receiver (3 s an exchange on the serial
+// line, the wait time of the control parameters through the TA). Result of a query: 0 success,
+// 1 failure, or the non-zero result of the exchange (2 = receiver time-out, -1 = no memory).
+#ifndef GPS_SERVICE_H
+#define GPS_SERVICE_H
+
+#include "gps_data.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// The largest answer accepted from the serial line, and the buffer that takes it as a string.
+constexpr uint32_t GPS_UART_ANSWER_MAX = 205;
+constexpr size_t GPS_ANSWER_SIZE = GPS_UART_ANSWER_MAX + 1;
+// Every command buffer: a sentence as a string, or a UBX frame.
+constexpr size_t GPS_COMMAND_SIZE = 200;
+
+// --- gps_service_request.cpp: the exchange
+
+// Sends one command to the receiver and takes its answer. `cmd` is a buffer of GPS_COMMAND_SIZE
+// bytes with a sentence (string) or a UBX frame with its checksum; `resp` holds GPS_ANSWER_SIZE
+// bytes. *len: in, on the TA path, the bytes of a UBX command; out, the bytes of the answer.
+// Exchanges on the serial line are serialised here; through the TA one may be outstanding.
+int32_t gps_get_data_req(const char *cmd, char *resp, uint32_t *len);
+
+// Builds the sentence for `body` and exchanges it, the receive buffer emptied before. `resp` as
+// above; *len out.
+int32_t gps_poll_nmea(const char *body, char *resp, uint32_t *len);
+
+// --- gps_service_convert.cpp: numbers from fields. 0 success, 1 failure (logged).
+
+// Decimal digits of str[start..end] (end inclusive). Signs are refused.
+uint32_t gps_string_to_number(const char *str, int32_t *result, uint8_t start, uint8_t end);
+
+// "12.0034" into 12 and 34. The fraction does not keep its leading zeros; bytes are not checked.
+uint32_t gps_string_to_dec_frac(const char *str, uint32_t *dec, uint32_t *frac);
+
+// The same, and count the zeros right behind the point in the global count of their own.
+uint32_t gps_str_to_dec_frac_latitude(const char *str, uint32_t *dec, uint32_t *frac);
+uint32_t gps_str_to_dec_frac_longitude(const char *str, uint32_t *dec, uint32_t *frac);
+uint32_t gps_latitude_leading_zeros();
+uint32_t gps_longitude_leading_zeros();
+
+// NMEA ddmm.mmmm or dddmm.mmmm into decimal degrees.
+void gps_ddmm_to_degrees(double value, double *out);
+
+// Leading decimal integer of a field, with sign; 0 without digits, limits of int32 on overflow.
+int32_t gps_leading_integer(const char *str);
+
+// --- gps_service_time.cpp
+
+// UTC date and time (ZDA). On failure the fields read so far are filled.
+int32_t gps_get_time(gps_time_fields *time);
+
+// UTC time of week in whole seconds (PUBX 04).
+int32_t gps_get_tow(int32_t *tow);
+
+// --- gps_service_position.cpp
+
+// One position fix (GGA, GSA, ZDA), or the static location. On failure the record may be partly
+// filled. On board type 2 a good fix becomes the buffered position.
+int32_t gps_get_pos(gps_pos_data *pos);
+
+// The buffered position, when it may be served: board type not 1, and stored fewer than
+// GPS_GET_POS_BUFFER_TIME whole seconds ago. Fills the record and the result of the last query.
+bool gps_get_buffered_pos(gps_pos_data *pos, int32_t *result);
+
+#endif

@@ -1,0 +1,134 @@
+#include "gps_uart.h"
+
+#include "ls_log.h"
+#include "ls_messages.h"
+#include "ls_paths.h"
+#include "ls_state.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+static constexpr char log_module[] = "gps_uart";
+
+namespace {
+
+constexpr size_t RX_BUFFER_SIZE = 400;
+constexpr cc_t READ_TIMEOUT_DS = 30; // tenths of a second
+
+std::atomic<int> uart_fd = -1; // -1 after a failed open and after close
+
+// Receive scratch buffer, under rx_buffer_lock. Reads do not go through it: what the kernel holds
+// for the line stays there when it is emptied.
+std::mutex rx_buffer_lock;
+std::array<uint8_t, RX_BUFFER_SIZE> rx_buffer;
+
+// Tells WS that the line failed. `text` is logged when the alarm is out. 1, or -1 without a bus.
+int report_line_failure(const char *text) {
+    ws_alarm_pld alarm = {};
+    snprintf(alarm.text, sizeof(alarm.text), "GPS Communication (RX/TX) error");
+    alarm.time = static_cast<int64_t>(time(nullptr));
+
+    scm_conn *conn = gps_p_g.load();
+    if (conn == nullptr) {
+        log_error("%s is a NULL POINTER!", "gps_p_g");
+        return -1;
+    }
+    msg_hdr hdr = {};
+    fill_notif_hdr(conn, &hdr, sizeof(alarm), WS_NOTIFY_ALARM_UPDATE, LS_SERV_WS);
+    if (send_msg(conn, &hdr, &alarm) == -1)
+        log_error("Error while sending WS_NOTIFY_ALARM_UPDATEnotification message to WS.\n");
+    else
+        log_error("%s", text);
+    return 1;
+}
+
+} // namespace
+
+int ls_hal_uart_init() {
+    log_debug("Initialising UART for GPS\n");
+    const int fd = open(LS_PATH_UART, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    uart_fd = fd;
+    if (fd < 0) {
+        log_error("Unable to open /dev/ttymxc2\n");
+        return -1;
+    }
+    termios current = {};
+    tcgetattr(fd, &current);
+    termios raw = {};
+    raw.c_iflag = IGNPAR;
+    raw.c_cflag = B9600 | CS8 | CLOCAL | CREAD;
+    raw.c_cc[VMIN] = 0;
+    raw.c_cc[VTIME] = READ_TIMEOUT_DS;
+    tcflush(fd, TCIFLUSH);
+    if (tcsetattr(fd, TCSANOW, &raw) != 0) {
+        log_error("Tty set attributes failed\n");
+        ls_hal_uart_close();
+        return -1;
+    }
+    return 0;
+}
+
+void ls_hal_uart_close() {
+    const int fd = uart_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}
+
+void ls_hal_clear_rx_buffer() {
+    const std::lock_guard guard(rx_buffer_lock);
+    rx_buffer.fill(0);
+}
+
+int ls_hal_tty_write(const uint8_t *buffer, int32_t length) {
+    if (buffer == nullptr) {
+        log_error("%s: sentence found NULL", __func__);
+        return 1;
+    }
+    if (buffer[0] == '$') {
+        log_debug("%s: bytes written: %s", __func__, reinterpret_cast<const char *>(buffer));
+    } else {
+        log_debug("%s: bytes written:", __func__);
+        for (int32_t i = 0; i < length; ++i)
+            log_debug("0x%x", buffer[i]);
+    }
+    const ssize_t written = write(uart_fd, buffer, static_cast<size_t>(std::max(length, 0)));
+    log_debug("%s: Bytes written = %ld\n", __func__, static_cast<long>(written));
+    if (written < 0)
+        return report_line_failure("Write to tty device failed\n");
+    return 0;
+}
+
+int ls_hal_tty_read(uint8_t *buffer, int32_t *length) {
+    if (buffer == nullptr || length == nullptr) {
+        log_error("%s: sentence found NULL", __func__);
+        return 1;
+    }
+    std::array<uint8_t, RX_BUFFER_SIZE + 1> answer = {}; // one more: it is logged as a string
+    const auto wanted = std::clamp<int32_t>(*length, 0, RX_BUFFER_SIZE);
+    const ssize_t count = read(uart_fd, answer.data(), static_cast<size_t>(wanted));
+    log_debug("%s: Bytes read = %ld\n", __func__, static_cast<long>(count));
+    *length = static_cast<int32_t>(count);
+    if (count < 0)
+        return report_line_failure("Error while reading from tty device\n");
+    if (count == 0) {
+        log_error("Read from tty device failed. Device Timeout..\n");
+        return 2;
+    }
+    const auto size = static_cast<size_t>(count);
+    if (answer[0] == 0xB5) {
+        log_debug("Received data: ");
+        for (size_t i = 0; i < size; ++i)
+            log_debug("0x%x ", answer[i]);
+    } else {
+        log_debug("Received buffer = %s\n", reinterpret_cast<const char *>(answer.data()));
+        log_debug("2nd last byte = 0x%x, last byte = 0x%x", size > 1 ? answer[size - 2] : 0,
+                  answer[size - 1]);
+    }
+    memcpy(buffer, answer.data(), size);
+    return 0;
+}

@@ -1,0 +1,277 @@
+#include "fake_platform.h"
+
+#include "ls_state.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+
+namespace {
+
+// All of the fake's state, under `lock`.
+std::mutex lock;
+std::condition_variable changed;
+std::vector<fake::log_line> lines;
+std::vector<fake::sent_message> messages;
+std::vector<msg_hdr *> kept_headers; // heap headers of failed sends
+int send_result = 0;
+std::function<void(const fake::sent_message &)> send_action;
+fake::votes vote_count = {};
+fake::settings stored;
+int board = 1;
+scm_conn conn = {};
+uint32_t next_txn = 1;
+
+constexpr auto patience = std::chrono::seconds(5);
+
+} // namespace
+
+namespace fake {
+
+void reset() {
+    const std::lock_guard guard(lock);
+    lines.clear();
+    messages.clear();
+    for (msg_hdr *hdr : kept_headers)
+        g_free(hdr);
+    kept_headers.clear();
+    send_result = 0;
+    send_action = nullptr;
+    vote_count = {};
+    stored = {};
+    board = 1;
+    next_txn = 1;
+
+    mt_gps_status = 2;
+    gps_current_power_mode_g = 2;
+    gps_board_type_g = 1;
+    antenna_type = 0;
+    stub_location_on_g = 0;
+    for (std::atomic<char> &c : ls_stub_location_buf)
+        c = '\0';
+    gps_cfun_level_g = 0;
+    rffe_req_sem_wait_time = 15;
+    gps_pos_buffer_time = 5.0;
+    loc_hist_offset_time = 120.0;
+    pending_req_count = 0;
+    ta_req_timed_out_g = 0;
+    ta_data_req_pld = {};
+    gps_p_g = &conn;
+    static const bool initialised =
+        sem_init(&ls_thread_sem, 0, 0) == 0 && sem_init(&ta_data_sem, 0, 0) == 0;
+    (void)initialised;
+    while (sem_trywait(&ta_data_sem) == 0) {
+    }
+}
+
+std::vector<log_line> logged() {
+    const std::lock_guard guard(lock);
+    return lines;
+}
+
+size_t count_logged(int level, std::string_view part) {
+    const std::lock_guard guard(lock);
+    size_t count = 0;
+    for (const log_line &line : lines)
+        count += line.level == level && line.text.find(part) != std::string::npos ? 1 : 0;
+    return count;
+}
+
+std::vector<sent_message> sent() {
+    const std::lock_guard guard(lock);
+    return messages;
+}
+
+std::vector<sent_message> wait_for_sent(size_t n) {
+    std::unique_lock guard(lock);
+    changed.wait_for(guard, patience, [n] { return messages.size() >= n; });
+    return messages;
+}
+
+void set_send_result(int result) {
+    const std::lock_guard guard(lock);
+    send_result = result;
+}
+
+void on_send(std::function<void(const sent_message &)> action) {
+    const std::lock_guard guard(lock);
+    send_action = std::move(action);
+}
+
+votes system_state_votes() {
+    const std::lock_guard guard(lock);
+    return vote_count;
+}
+
+bool wait_for_votes_returned() {
+    std::unique_lock guard(lock);
+    return changed.wait_for(guard, patience, [] {
+        return vote_count.disabled > 0 && vote_count.disabled <= vote_count.enabled;
+    });
+}
+
+settings &database() {
+    return stored;
+}
+
+int &board_type() {
+    return board;
+}
+
+bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> &payload,
+                     uint32_t txn_id) {
+    bus_msg msg = {};
+    msg.hdr = {.msg_type = type,
+               .reserved0 = 0,
+               .src_serv_id = from,
+               .dst_serv_id = 8,
+               .msg_id = id,
+               .txn_id = txn_id,
+               .pld_len = static_cast<uint32_t>(payload.size()),
+               .reserved1 = 0};
+    msg.pld = payload.empty() ? nullptr : payload.data();
+    return msg;
+}
+
+scm_conn *connection() {
+    return &conn;
+}
+
+} // namespace fake
+
+// --- libmqutils
+
+int scm_conn_init(scm_conn *, uint8_t) {
+    return 0;
+}
+
+int scm_conn_exit(scm_conn *) {
+    return 0;
+}
+
+int fill_request_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
+                     uint8_t dst_serv_id) {
+    const std::lock_guard guard(lock);
+    *hdr = {.msg_type = 0,
+            .reserved0 = 0,
+            .src_serv_id = 8,
+            .dst_serv_id = dst_serv_id,
+            .msg_id = msg_id,
+            .txn_id = next_txn++,
+            .pld_len = pld_len,
+            .reserved1 = 0};
+    return 0;
+}
+
+int fill_notif_hdr(scm_conn *c, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
+                   uint8_t dst_serv_id) {
+    fill_request_hdr(c, hdr, pld_len, msg_id, dst_serv_id);
+    hdr->msg_type = 2;
+    return 0;
+}
+
+int fill_response_hdr(scm_conn *c, msg_hdr *hdr, const bus_msg *req, uint32_t pld_len) {
+    fill_request_hdr(c, hdr, pld_len, req->hdr.msg_id, req->hdr.src_serv_id);
+    hdr->msg_type = 1;
+    hdr->txn_id = req->hdr.txn_id;
+    return 0;
+}
+
+int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
+    fake::sent_message message = {.hdr = *hdr, .payload = {}};
+    if (hdr->pld_len != 0) {
+        const auto *bytes = static_cast<const uint8_t *>(pld);
+        message.payload.assign(bytes, bytes + hdr->pld_len);
+    }
+    std::function<void(const fake::sent_message &)> action;
+    {
+        const std::lock_guard guard(lock);
+        if (send_result == -1) {
+            if (hdr->msg_type == 1)
+                kept_headers.push_back(const_cast<msg_hdr *>(hdr));
+            return -1;
+        }
+        messages.push_back(message);
+        action = send_action;
+    }
+    changed.notify_all();
+    if (action)
+        action(message);
+    return 0;
+}
+
+// --- libdbhandler
+
+int db_read_gps_power_on_status(int32_t *status) {
+    const std::lock_guard guard(lock);
+    if (!stored.fail)
+        *status = stored.power_on_status;
+    return stored.fail ? 1 : 0;
+}
+
+int db_set_gps_power_on_status(int32_t status) {
+    const std::lock_guard guard(lock);
+    stored.power_on_status = status;
+    ++stored.power_on_writes;
+    return 0;
+}
+
+int db_read_ta_power_on_status(int32_t *status) {
+    const std::lock_guard guard(lock);
+    *status = stored.antenna_type;
+    return 0;
+}
+
+int db_read_location_history_settings(location_history_settings *settings) {
+    const std::lock_guard guard(lock);
+    if (!stored.fail)
+        *settings = stored.history;
+    return stored.fail ? 1 : 0;
+}
+
+// --- libzukhal
+
+void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...) {
+    char text[2048];
+    va_list args;
+    va_start(args, line);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the literal is checked at the caller
+    vsnprintf(text, sizeof(text), format, args);
+#pragma GCC diagnostic pop
+    va_end(args);
+    const std::lock_guard guard(lock);
+    lines.push_back({.level = level, .module = module, .text = text});
+}
+
+int get_zuk_type() {
+    return board;
+}
+
+int rtc_init_timers() {
+    return 0;
+}
+
+int rtc_reinit() {
+    return 0;
+}
+
+int rtc_exit() {
+    return 0;
+}
+
+int pm_system_state_enable(int state_id) {
+    {
+        const std::lock_guard guard(lock);
+        ++(state_id == LS_SYSTEM_STATE_ID ? vote_count.enabled : vote_count.other);
+    }
+    changed.notify_all();
+    return 1;
+}
+
+int pm_system_state_disable(int state_id) {
+    const std::lock_guard guard(lock);
+    ++(state_id == LS_SYSTEM_STATE_ID ? vote_count.disabled : vote_count.other);
+    return 1;
+}

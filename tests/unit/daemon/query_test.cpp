@@ -1,0 +1,253 @@
+// Time, time of week and position, from literal answers of a receiver on a pty.
+#include "fake_platform.h"
+#include "gps_service.h"
+#include "gps_uart.h"
+#include "line_peer.h"
+#include "ls_state.h"
+#include "scratch_dir.h"
+
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <random>
+
+namespace {
+
+const std::string gga = "GPGGA,123318.00,5130.000,N,00007.500,W,1,08,0.9,545.4,M,46.9,M,,";
+const std::string gsa = "GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1";
+const std::string zda = "GPZDA,235959.00,31,12,2019,00,00";
+const std::string tow = "PUBX,04,073731.00,091202,113851.00,1196,15D,1930035,-2660.664,43";
+
+// A receiver that answers each poll body with the sentence body set for it; without one: silence is
+// 3 s, so the tests set something for every poll they expect.
+class query : public testing::Test {
+  protected:
+    void SetUp() override {
+        fake::reset();
+        bodies = {{"GPGPQ,GGA", gga}, {"GPGPQ,GSA", gsa}, {"GPGPQ,ZDA", zda}, {"PUBX,04", tow}};
+        peer = std::make_unique<line_peer>([this](const std::string &command) {
+            const std::string body = command.substr(1, command.find('*') - 1);
+            const auto found = bodies.find(body);
+            if (found == bodies.end())
+                return std::string();
+            return raw ? found->second : nmea(found->second);
+        });
+        ASSERT_EQ(ls_hal_uart_init(), 0);
+    }
+    void TearDown() override { ls_hal_uart_close(); }
+
+    // What an over-long answer left on the line would answer the next poll.
+    static void drain_line() {
+        ls_hal_uart_close();
+        ASSERT_EQ(ls_hal_uart_init(), 0); // opening discards pending input
+    }
+
+    scratch_dir dir;
+    std::map<std::string, std::string> bodies;
+    bool raw = false; // answers go out as they stand, without framing
+    std::unique_ptr<line_peer> peer;
+};
+
+TEST_F(query, time) {
+    gps_time_fields time = {};
+    EXPECT_EQ(gps_get_time(&time), 0);
+    EXPECT_EQ(time.hour, 23);
+    EXPECT_EQ(time.minute, 59);
+    EXPECT_EQ(time.second, 59);
+    EXPECT_EQ(time.millisecond, 0);
+    EXPECT_EQ(time.day, 31);
+    EXPECT_EQ(time.month, 12);
+    EXPECT_EQ(time.year, 2019);
+    EXPECT_EQ(peer->commands(), std::vector<std::string>{"$GPGPQ,ZDA*22\r\n"});
+}
+
+TEST_F(query, time_failures) {
+    struct row {
+        const char *body;
+        const char *text;
+    };
+    const row rows[] = {
+        {"GPGGA,235959.00,31,12,2019", "gps_get_time: Required message not received\n"},
+        {"GPZDA,,31,12,2019", "gps_get_time: Could not get time\n"},
+        {"GPZDA,235959.00,,12,2019", "gps_get_time: Could not fetch day\n"},
+        {"GPZDA,235959.00,31,,2019", "gps_get_time: Could not fetch month\n"},
+        {"GPZDA,235959.00,31,12,", "gps_get_time: could not fetch year\n"},
+        {",235959.00", "gps_get_time: could not get token\n"},
+    };
+    for (const row &r : rows) {
+        fake::reset();
+        bodies["GPGPQ,ZDA"] = r.body;
+        gps_time_fields time = {};
+        EXPECT_EQ(gps_get_time(&time), 1) << r.body;
+        EXPECT_EQ(fake::count_logged(3, r.text), 1u) << r.body;
+    }
+    EXPECT_EQ(gps_get_time(nullptr), 1);
+
+    // A field 0 of another length is not checked; a time that does not convert is 0.
+    bodies["GPGPQ,ZDA"] = "GNZDAX,2359x9,31,12,2019";
+    gps_time_fields time = {};
+    EXPECT_EQ(gps_get_time(&time), 0);
+    EXPECT_EQ(time.hour, 23);
+    EXPECT_EQ(time.second, 0);
+    bodies["GPGPQ,ZDA"] = "GPZDA,235959.00,,12,2019";
+    EXPECT_EQ(gps_get_time(&(time = {})), 1);
+    EXPECT_EQ(time.hour, 23); // filled before the day was missed
+}
+
+TEST_F(query, time_of_week) {
+    int32_t seconds = 0;
+    EXPECT_EQ(gps_get_tow(&seconds), 0);
+    EXPECT_EQ(seconds, 113851);
+    EXPECT_EQ(peer->commands(), std::vector<std::string>{"$PUBX,04*37\r\n"});
+    for (const char *body : {"GPZDA,1,2,3,4", "PUBXX,1,2,3,4"}) {
+        bodies["PUBX,04"] = body;
+        EXPECT_EQ(gps_get_tow(&seconds), 1);
+    }
+    EXPECT_EQ(fake::count_logged(3, "gps_get_tow: Incorrect response message\n"), 2u);
+    bodies["PUBX,04"] = "PUBX,04,1,2,,4";
+    EXPECT_EQ(gps_get_tow(&seconds), 1);
+    EXPECT_EQ(fake::count_logged(3, "gps_get_tow: Failed to get time of week\n"), 1u);
+    EXPECT_EQ(gps_get_tow(nullptr), 1);
+    EXPECT_EQ(seconds, 113851);
+}
+
+TEST_F(query, position) {
+    gps_pos_data pos = {};
+    EXPECT_EQ(gps_get_pos(&pos), 0);
+    EXPECT_DOUBLE_EQ(pos.latitude, 51.5);
+    EXPECT_EQ(pos.lat_dir, 'N');
+    EXPECT_DOUBLE_EQ(pos.longitude, 0.125);
+    EXPECT_EQ(pos.lon_dir, 'W');
+    EXPECT_EQ(pos.fix_type, 1u);
+    EXPECT_EQ(pos.horizontal_accuracy, 3.25F);
+    EXPECT_EQ(pos.vertical_accuracy, 5.25F);
+    EXPECT_DOUBLE_EQ(pos.altitude, 545.4);
+    EXPECT_EQ(pos.num_satellites, 8);
+    EXPECT_EQ(pos.time.year, 2019);
+    const std::vector<std::string> polls = {"$GPGPQ,GGA*3C\r\n", "$GPGPQ,GSA*28\r\n",
+                                            "$GPGPQ,ZDA*22\r\n"};
+    EXPECT_EQ(peer->commands(), polls);
+    int32_t result = 0;
+    EXPECT_FALSE(gps_get_buffered_pos(&pos, &result)); // never on board type 1
+}
+
+TEST_F(query, fix_types) {
+    for (const auto &[field, type] :
+         std::map<std::string, uint32_t>{{"1", 2}, {"2", 0}, {"3", 1}, {"x", 2}}) {
+        bodies["GPGPQ,GSA"] = "GPGSA,A," + field + ",04,05,,09,12,,,24,,,,,2.5,1.3,2.1";
+        gps_pos_data pos = {};
+        EXPECT_EQ(gps_get_pos(&pos), 0);
+        EXPECT_EQ(pos.fix_type, type) << field;
+    }
+}
+
+TEST_F(query, position_failures) {
+    struct row {
+        const char *poll;
+        const char *body;
+        const char *text;
+    };
+    const row rows[] = {
+        {"GPGPQ,GGA", "GPGSV,1,1,00", "gps_get_pos: Incorrect token found\n"},
+        {"GPGPQ,GGA", "GPGGA,123318.00,,,,,0,00,99.99,,,,,,", "gps_get_pos: Failed to get token\n"},
+        {"GPGPQ,GGA", "GPGGA,1,5130.000,N,00007.500,W,1,,0.9,5.4,M",
+         "gps_get_pos: Failed to get token\n"},
+        {"GPGPQ,GSA", "GPGGA,A,3", "gps_get_pos: Incorrect token found\n"},
+        {"GPGPQ,GSA", "GPGSA,A,1,,,,,,,,,,,,,99.99,99.99", "gps_get_pos: Failed to get token\n"},
+        {"GPGPQ,ZDA", "GPZDA,,,,,00,00", "gps_get_pos: Failed to get time\n"},
+    };
+    for (const row &r : rows) {
+        SetUp();
+        bodies[r.poll] = r.body;
+        gps_pos_data pos = {};
+        EXPECT_EQ(gps_get_pos(&pos), 1) << r.body;
+        EXPECT_EQ(fake::count_logged(3, r.text), 1u) << r.body;
+    }
+    EXPECT_EQ(gps_get_pos(nullptr), 1);
+    EXPECT_EQ(fake::count_logged(3, "gps_get_pos: pos found NULL\n"), 1u);
+
+    bodies["GPGPQ,GGA"] = "GNGGAX" + gga.substr(5); // six characters are not checked
+    bodies["GPGPQ,ZDA"] = zda;
+    gps_pos_data pos = {};
+    EXPECT_EQ(gps_get_pos(&pos), 0);
+}
+
+TEST_F(query, static_location_asks_nobody) {
+    stub_location_on_g = 1;
+    const std::string place = "5130.000,N,00007.500,W\n";
+    for (size_t i = 0; i < place.size(); ++i)
+        ls_stub_location_buf[i] = place[i];
+    gps_pos_data pos = {};
+    EXPECT_EQ(gps_get_pos(&pos), 0);
+    EXPECT_DOUBLE_EQ(pos.latitude, 51.5);
+    EXPECT_EQ(pos.lat_dir, 'N');
+    EXPECT_DOUBLE_EQ(pos.longitude, 0.125);
+    EXPECT_EQ(pos.lon_dir, 'W');
+    EXPECT_DOUBLE_EQ(pos.altitude, 545.4);
+    EXPECT_EQ(pos.num_satellites, 8);
+    EXPECT_EQ(pos.fix_type, 1u);
+    EXPECT_EQ(pos.horizontal_accuracy, 3.25F);
+    EXPECT_EQ(pos.vertical_accuracy, 5.25F);
+    EXPECT_EQ(pos.time.hour, 10);
+    EXPECT_EQ(pos.time.minute, 51);
+    EXPECT_EQ(pos.time.second, 5);
+    EXPECT_EQ(pos.time.day, 5);
+    EXPECT_EQ(pos.time.month, 2);
+    EXPECT_EQ(pos.time.year, 2019);
+    EXPECT_TRUE(peer->commands().empty());
+}
+
+TEST_F(query, board_2_keeps_a_good_fix_for_its_buffer_time) {
+    gps_board_type_g = 2;
+    stub_location_on_g = 1; // a fix without a TA
+    const std::string place = "5130.000,N,00007.500,W\n";
+    for (size_t i = 0; i < place.size(); ++i)
+        ls_stub_location_buf[i] = place[i];
+    gps_pos_data pos = {};
+    int32_t result = 7;
+    EXPECT_EQ(gps_get_pos(&pos), 0);
+    gps_pos_data buffered = {};
+    EXPECT_TRUE(gps_get_buffered_pos(&buffered, &result));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(memcmp(&buffered, &pos, sizeof(pos)), 0);
+
+    gps_pos_buffer_time = 0.0; // not even the same second is younger than this
+    EXPECT_FALSE(gps_get_buffered_pos(&buffered, &result));
+    gps_pos_buffer_time = 5.0;
+    EXPECT_EQ(gps_get_pos(nullptr), 1); // a failed query changes the result, not the record
+    EXPECT_TRUE(gps_get_buffered_pos(&buffered, &result));
+    EXPECT_EQ(result, 1);
+    EXPECT_DOUBLE_EQ(buffered.latitude, 51.5);
+}
+
+// Whatever the receiver says, a query ends with a result and inside its buffers.
+TEST_F(query, hostile_answers_fail_the_query) {
+    raw = true;
+    std::mt19937 random(4);
+    std::string noise(205, '\0');
+    for (char &c : noise)
+        c = static_cast<char>(random() % 256);
+    const std::string answers[] = {
+        std::string(64, '\0') + "$",
+        "$GPGGA" + std::string(199, ','),
+        nmea("GPGGA" + std::string(400, ',')),
+        nmea(gga).substr(0, 40),
+        nmea("GPGGA," + std::string(187, '1')), // fills the buffer of a body to the brim
+        nmea("GPGGA," + std::string(193, '1')), // and one more than that
+        nmea("GPGGA,1,99999999999999999999,N,99999999999999999999,E,1,08,0.9,1e999,M"),
+        std::string(205, '$'),
+        noise,
+    };
+    for (const std::string &answer : answers) {
+        bodies["GPGPQ,GGA"] = bodies["GPGPQ,GSA"] = bodies["GPGPQ,ZDA"] = bodies["PUBX,04"] =
+            answer;
+        gps_pos_data pos = {};
+        EXPECT_EQ(gps_get_pos(&pos), 1) << answer;
+        drain_line();
+        gps_time_fields time = {};
+        EXPECT_EQ(gps_get_time(&time), 1) << answer;
+        drain_line();
+    }
+}
+
+} // namespace
