@@ -43,9 +43,9 @@ constexpr uint8_t response_type = 1;
 
 // The callback runs on it. Sanitized frames are several times as large.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t stack_bytes = 1024 * 1024;
+constexpr size_t stack_bytes = size_t{1024} * 1024;
 #else
-constexpr size_t stack_bytes = 256 * 1024;
+constexpr size_t stack_bytes = size_t{256} * 1024;
 #endif
 
 constexpr int failed_read_pause_ms = 100;

@@ -56,7 +56,7 @@ void send_never_waits_here() {
 
 int send_prepare(const connection &conn) {
     const int wait_ms = kernel_wait_ms(conn);
-    const timeval wait{wait_ms / 1000, (wait_ms % 1000) * 1000};
+    const timeval wait{wait_ms / 1000, suseconds_t{1000} * (wait_ms % 1000)};
     if (setsockopt(conn.socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0) {
         return errno;
     }
