@@ -1,0 +1,51 @@
+// The log of dropped datagrams: syslog(3) at LOG_WARNING and, when asked for, stderr as well.
+//
+// A peer that floods us with rubbish must not flood the log: at most drop_lines_per_window lines in
+// a window of drop_window_ms; how many were left out is told by the next line written.
+//
+// Thread contract: one drop_log belongs to one receive thread.
+#ifndef MQUTILS_DROP_LOG_H
+#define MQUTILS_DROP_LOG_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace mqutils {
+
+constexpr unsigned drop_lines_per_window = 5;
+constexpr int64_t drop_window_ms = 1000;
+
+struct drop_log {
+    uint8_t serv_id = 0;
+    bool to_stderr = false;
+    bool started = false;
+    int64_t window_start_ms = 0;
+    unsigned lines_in_window = 0;
+    unsigned suppressed = 0;
+};
+
+struct dropped_datagram {
+    const char *reason;
+    size_t bytes;    // its real length
+    int claimed_src; // -1 = it has no header
+    pid_t pid;       // of the sender; 0 and uid -1 = not known
+    uid_t uid;
+};
+
+// Whether a line may be written at `now_ms`; counts it either way.
+bool drop_log_admit(drop_log &log, int64_t now_ms);
+
+// Counts the drop and writes a line if one may be written.
+void drop_log_write(drop_log &log, int64_t now_ms, const dropped_datagram &drop);
+
+// Tells what was left out, if anything was and its window is over.
+void drop_log_flush(drop_log &log, int64_t now_ms);
+
+// Tells what was left out, if anything was: the receive thread ends.
+void drop_log_close(drop_log &log);
+
+} // namespace mqutils
+
+#endif
