@@ -1,0 +1,161 @@
+// The configuration file of the HAL, and the board type in it. Read once per process, on the first
+// use of anything in this library; a change needs a restart. A value that makes no sense is
+// reported once in the log and counts as its default. terminal.conf beside this file shows all of
+// it.
+#include "zukhal.h"
+#include "zukhal_internal.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <glib.h>
+#include <pthread.h>
+#include <sys/un.h>
+
+namespace {
+
+// Written under g_once, constant afterwards.
+zukhal_config g_config;
+pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+struct choice {
+    std::string_view name;
+    int value;
+};
+
+constexpr std::array<choice, 2> board_types{{{"1", 1}, {"2", 2}}};
+constexpr std::array<choice, 3> log_targets{{
+    {"syslog", static_cast<int>(log_target::syslog)},
+    {"stderr", static_cast<int>(log_target::standard_error)},
+    {"file", static_cast<int>(log_target::file)},
+}};
+constexpr std::array<choice, 12> log_levels{{{"error", 3},
+                                             {"warning", 4},
+                                             {"info", 6},
+                                             {"debug", 7},
+                                             {"0", 0},
+                                             {"1", 1},
+                                             {"2", 2},
+                                             {"3", 3},
+                                             {"4", 4},
+                                             {"5", 5},
+                                             {"6", 6},
+                                             {"7", 7}}};
+
+struct free_key_file {
+    void operator()(GKeyFile *file) const { g_key_file_free(file); }
+};
+struct free_text {
+    void operator()(char *text) const { g_free(text); }
+};
+struct free_error {
+    void operator()(GError *error) const { g_error_free(error); }
+};
+
+struct reader {
+    const char *path;
+    std::unique_ptr<GKeyFile, free_key_file> file;
+    std::vector<std::string> complaints;
+};
+
+// Raw value without the comment that may follow it; empty when the key is not there. GLib itself
+// knows comments only as lines of their own.
+std::string value_of(const reader &from, const char *group, const char *key) {
+    const std::unique_ptr<char, free_text> raw(
+        g_key_file_get_value(from.file.get(), group, key, nullptr));
+    std::string value = raw != nullptr ? raw.get() : "";
+    for (size_t i = 0; i < value.size(); i++) {
+        const bool after_space = i == 0 || value[i - 1] == ' ' || value[i - 1] == '\t';
+        if ((value[i] == ';' || value[i] == '#') && after_space)
+            value.resize(i);
+    }
+    value.resize(value.find_last_not_of(" \t\r") + 1);
+    return value;
+}
+
+void complain(reader &from, const char *group, const char *key, const std::string &why) {
+    from.complaints.push_back(std::string(from.path) + ": [" + group + "] " + key + ": " + why);
+}
+
+int choose(reader &from, const char *group, const char *key, std::span<const choice> choices,
+           int fallback) {
+    const std::string value = value_of(from, group, key);
+    if (value.empty())
+        return fallback;
+    std::string names;
+    for (const choice &known : choices) {
+        if (value == known.name)
+            return known.value;
+        names += (names.empty() ? "" : ", ") + std::string(known.name);
+    }
+    complain(from, group, key, "'" + value + "' is none of " + names);
+    return fallback;
+}
+
+// An absolute path that is never freed; null when the key is not there.
+const char *path_of(const reader &from, const char *group, const char *key) {
+    const std::string value = value_of(from, group, key);
+    return value.empty() ? nullptr : g_canonicalize_filename(value.c_str(), nullptr);
+}
+
+void load_values(reader &from) {
+    g_config.board_type = choose(from, "board", "type", board_types, g_config.board_type);
+    g_config.level = choose(from, "log", "level", log_levels, g_config.level);
+    g_config.target = static_cast<log_target>(
+        choose(from, "log", "target", log_targets, static_cast<int>(g_config.target)));
+    g_config.log_file = path_of(from, "log", "file");
+    if (g_config.target == log_target::file && g_config.log_file == nullptr) {
+        complain(from, "log", "file", "is missing, using syslog");
+        g_config.target = log_target::syslog;
+    }
+    if (const char *path = path_of(from, "log", "socket"); path != nullptr) {
+        if (strlen(path) < sizeof sockaddr_un{}.sun_path)
+            g_config.log_socket = path;
+        else
+            complain(from, "log", "socket", "is too long for a socket");
+    }
+    if (const char *path = path_of(from, "power", "directory"); path != nullptr) {
+        g_config.wake_lock = g_build_filename(path, "wake_lock", nullptr);
+        g_config.wake_unlock = g_build_filename(path, "wake_unlock", nullptr);
+    }
+}
+
+void load() {
+    const char *named = getenv("ZUKHAL_CONF");
+    reader from{named != nullptr && *named != '\0' ? named : "/etc/terminal.conf",
+                std::unique_ptr<GKeyFile, free_key_file>(g_key_file_new()),
+                {}};
+    GError *raw = nullptr;
+    if (g_key_file_load_from_file(from.file.get(), from.path, G_KEY_FILE_NONE, &raw)) {
+        load_values(from);
+    } else {
+        const std::unique_ptr<GError, free_error> error(raw);
+        // A terminal without the file is complete: the defaults are its board. A file that was
+        // asked for by name is another matter.
+        if (!g_error_matches(raw, G_FILE_ERROR, G_FILE_ERROR_NOENT) || named != nullptr)
+            from.complaints.push_back(std::string(from.path) + ": " + error->message +
+                                      ", using the defaults");
+    }
+    if (!log_start(g_config))
+        complain(from, "log", "file",
+                 std::string(g_config.log_file) + ": " + strerror(errno) + ", using syslog");
+    for (const std::string &text : from.complaints)
+        log_complaint(text);
+}
+
+} // namespace
+
+const zukhal_config &zukhal_configuration() {
+    pthread_once(&g_once, load);
+    return g_config;
+}
+
+ZUK_EXPORT int get_zuk_type(void) {
+    return zukhal_configuration().board_type;
+}

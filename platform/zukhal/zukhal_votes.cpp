@@ -1,0 +1,104 @@
+// Votes that keep the terminal awake, counted by state id and mirrored into the kernel's wake locks
+// as "zukhal.<id>". Any thread, and signal handlers too: while a thread holds the lock its signals
+// are blocked, so a handler never waits for the thread that it interrupted.
+//
+// The kernel keeps a wake lock when its process dies. The next process to vote for the same id
+// takes it over and releases it with its own last vote.
+#include "zukhal.h"
+#include "zukhal_internal.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+struct votes {
+    int state_id;
+    unsigned count; // 0 = the slot is free
+};
+
+std::mutex g_lock;               // guards g_votes and the order of writes to the kernel
+std::array<votes, 64> g_votes{}; // different ids that may hold votes at once
+
+class signals_blocked {
+  public:
+    signals_blocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    signals_blocked(const signals_blocked &) = delete;
+    signals_blocked &operator=(const signals_blocked &) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+// The slot of the id, or else a free one; null: neither.
+votes *find_votes(int state_id) {
+    votes *free_slot = nullptr;
+    for (votes &slot : g_votes) {
+        if (slot.count == 0)
+            free_slot = &slot;
+        else if (slot.state_id == state_id)
+            return &slot;
+    }
+    return free_slot;
+}
+
+// A kernel without wake locks has no such file; that is no fault.
+void tell_kernel(const char *path, int state_id) {
+    const int fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno != ENOENT)
+            ZUK_LOG(4, "%s: %m", path);
+        return;
+    }
+    std::array<char, 32> name;
+    const int length = snprintf(name.data(), name.size(), "zukhal.%d\n", state_id);
+    if (write(fd, name.data(), static_cast<size_t>(length)) != length)
+        ZUK_LOG(4, "%s: %m", path);
+    close(fd);
+}
+
+} // namespace
+
+// 1 = taken. 0: the id is negative, or 64 other ids hold votes at this moment.
+ZUK_EXPORT int pm_system_state_disable(int state_id) {
+    if (state_id < 0)
+        return 0;
+    const int error = errno;
+    const zukhal_config &config = zukhal_configuration();
+    const signals_blocked blocked;
+    const std::lock_guard guard(g_lock);
+    votes *slot = find_votes(state_id);
+    if (slot == nullptr || slot->count == UINT_MAX)
+        return 0;
+    slot->state_id = state_id;
+    if (slot->count++ == 0)
+        tell_kernel(config.wake_lock, state_id);
+    errno = error;
+    return 1;
+}
+
+// 1 = taken, also when there was no vote to take back. 0: the id is negative.
+ZUK_EXPORT int pm_system_state_enable(int state_id) {
+    if (state_id < 0)
+        return 0;
+    const int error = errno;
+    const zukhal_config &config = zukhal_configuration();
+    const signals_blocked blocked;
+    const std::lock_guard guard(g_lock);
+    votes *slot = find_votes(state_id);
+    if (slot != nullptr && slot->count > 0 && --slot->count == 0)
+        tell_kernel(config.wake_unlock, state_id);
+    errno = error;
+    return 1;
+}
