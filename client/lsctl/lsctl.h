@@ -1,0 +1,111 @@
+// lsctl: what its sub-commands share.
+//
+// One process runs one sub-command on its main thread; the signal thread of lsctl_signals.cpp only
+// ends waits. Results go to stdout, sentences about failures to stderr. Exit status: below.
+#ifndef LSCTL_H
+#define LSCTL_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "location_client.h"
+
+namespace CLI {
+class App;
+}
+
+using lsctl_json = nlohmann::ordered_json;
+
+enum lsctl_exit : int {
+    LSCTL_OK = 0,        // answered: success
+    LSCTL_FAILED = 1,    // answered: failure
+    LSCTL_USAGE = 2,     // wrong arguments; nothing was sent
+    LSCTL_NO_ANSWER = 3, // no answer, no service, no bus
+    LSCTL_SIGNAL = 128,  // plus the signal that ended it
+};
+
+// Options that every sub-command has.
+struct lsctl_options {
+    bool json = false;
+    double timeout_s = 20; // three receiver exchanges of one query, each slow, and some to spare
+    uint32_t as = 0;       // service id; 0 = first free tool id
+};
+
+struct lsctl_command {
+    const char *name;
+    const char *help;
+    void (*add_options)(CLI::App &app); // may be null; resets the command's own options
+    int (*run)(const lsctl_options &options);
+};
+
+// --- lsctl_app.cpp ---
+
+// The whole command: parses, runs one sub-command, returns the exit status.
+int lsctl_run(int argc, const char *const *argv) noexcept;
+
+// --- lsctl_link.cpp: one connection for the time of a sub-command ---
+
+struct lsctl_link {
+    location_client *client = nullptr;
+    location_result result = location_result::bad_argument; // of the opening
+    explicit lsctl_link(uint32_t serv_id);
+    ~lsctl_link();
+    lsctl_link(const lsctl_link &) = delete;
+    lsctl_link &operator=(const lsctl_link &) = delete;
+};
+
+std::chrono::milliseconds lsctl_timeout(const lsctl_options &options);
+
+// --- lsctl_output.cpp ---
+
+// Line on stdout; in JSON one object, indented only on a terminal. False: stdout takes no more.
+bool lsctl_print(const std::string &lines);
+bool lsctl_print_json(const lsctl_json &object);
+
+// "lsctl: ..." on stderr.
+void lsctl_complain(const std::string &sentence);
+
+// Tells the user what went wrong, with what to do about it, also as a JSON object on stdout when
+// that is asked for; returns the exit status that goes with it. `result` is not `answered`.
+int lsctl_fail(const lsctl_options &options, location_result result);
+// The same with a sentence of the command's own.
+int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence);
+// The sentence and the exit status alone.
+std::string lsctl_sentence(const lsctl_options &options, location_result result);
+int lsctl_exit_of(location_result result);
+// Stable name of a result for JSON.
+const char *lsctl_result_name(location_result result);
+
+// Prints the JSON object or the plain lines, as asked, and returns the exit status.
+int lsctl_show(const lsctl_options &options, const lsctl_json &object, const std::string &lines);
+
+// --- lsctl_signals.cpp: SIGINT, SIGTERM, SIGHUP ---
+
+// Blocks the signals and starts the thread that waits for them. Call before any other thread is.
+bool lsctl_signals_start();
+void lsctl_signals_stop();
+// The client whose waits a signal ends; null before that client is closed.
+void lsctl_signals_set_client(location_client *client);
+// Number of the last signal, 0 = none.
+int lsctl_signals_last();
+
+// --- the sub-commands ---
+
+int lsctl_run_position(const lsctl_options &options);
+int lsctl_run_time(const lsctl_options &options);
+int lsctl_run_satellites(const lsctl_options &options);
+int lsctl_run_speed(const lsctl_options &options);
+void lsctl_add_power(CLI::App &app);
+int lsctl_run_power(const lsctl_options &options);
+void lsctl_add_watch(CLI::App &app);
+int lsctl_run_watch(const lsctl_options &options);
+void lsctl_add_nmea(CLI::App &app);
+int lsctl_run_nmea(const lsctl_options &options);
+void lsctl_add_ubx(CLI::App &app);
+int lsctl_run_ubx(const lsctl_options &options);
+int lsctl_run_lpp(const lsctl_options &options);
+
+#endif

@@ -1,0 +1,119 @@
+// lsctl: what goes to stdout and stderr, and the exit status that goes with it.
+#include "lsctl.h"
+
+#include <array>
+#include <cstdio>
+
+#include <unistd.h>
+
+#include "lsctl_text.h"
+
+namespace {
+
+struct outcome {
+    const char *name; // in JSON
+    int exit_status;
+    const char *advice; // behind the library's sentence; may be empty
+};
+
+// In the order of location_result.
+constexpr std::array<outcome, 18> OUTCOMES = {{
+    {"answered", LSCTL_OK, ""},
+    {"failed", LSCTL_FAILED, " (the receiver may have no fix yet)"},
+    {"receiver_timeout", LSCTL_FAILED, ""},
+    {"gate_closed", LSCTL_FAILED, ""},
+    {"receiver_off", LSCTL_NO_ANSWER, "; lsctl power on --as 6 switches it on"},
+    {"receiver_busy", LSCTL_NO_ANSWER,
+     "; the receiver is slow, or its stored power mode is off: lsctl power on --as 6 sets both"},
+    {"no_reply", LSCTL_NO_ANSWER, ""},
+    {"no_bus", LSCTL_NO_ANSWER, "; is the terminal's bus set up? (MQUTILS_DIR names another one)"},
+    {"bus_denied", LSCTL_NO_ANSWER, ""},
+    {"id_taken", LSCTL_NO_ANSWER, "; choose another one with --as"},
+    {"ids_exhausted", LSCTL_NO_ANSWER, "; choose another one with --as"},
+    {"no_daemon", LSCTL_NO_ANSWER, ""},
+    {"bus_full", LSCTL_NO_ANSWER, ""},
+    {"bus_error", LSCTL_NO_ANSWER, ""},
+    {"bad_reply", LSCTL_FAILED, ""},
+    {"bad_argument", LSCTL_USAGE, ""},
+    {"cancelled", LSCTL_NO_ANSWER, ""},
+    {"no_memory", LSCTL_NO_ANSWER, ""},
+}};
+static_assert(OUTCOMES.size() == static_cast<size_t>(location_result::no_memory) + 1);
+
+const outcome &outcome_of(location_result result) {
+    return OUTCOMES.at(static_cast<size_t>(result));
+}
+
+} // namespace
+
+bool lsctl_print(const std::string &lines) {
+    return std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size() &&
+           std::fflush(stdout) == 0;
+}
+
+bool lsctl_print_json(const lsctl_json &object) {
+    // The receiver's bytes need not be valid text.
+    const int indent = isatty(STDOUT_FILENO) == 1 ? 2 : -1;
+    return lsctl_print(object.dump(indent, ' ', false, lsctl_json::error_handler_t::replace) +
+                       "\n");
+}
+
+void lsctl_complain(const std::string &sentence) {
+    std::fprintf(stderr, "lsctl: %s\n", sentence.c_str());
+}
+
+const char *lsctl_result_name(location_result result) {
+    return outcome_of(result).name;
+}
+
+int lsctl_exit_of(location_result result) {
+    if (result == location_result::cancelled && lsctl_signals_last() != 0) {
+        return LSCTL_SIGNAL + lsctl_signals_last();
+    }
+    return outcome_of(result).exit_status;
+}
+
+std::string lsctl_sentence(const lsctl_options &options, location_result result) {
+    std::string sentence = location_client_error_text(result);
+    switch (result) {
+    case location_result::no_reply:
+        sentence += lsctl_format(" (%g s)", options.timeout_s);
+        if (options.as == LS_SERV_VOIP) {
+            sentence += "; the receiver may be switched off, which lsctl does not ask as service 3";
+        }
+        break;
+    case location_result::receiver_busy:
+        sentence += lsctl_format(" (%g s)", options.timeout_s);
+        break;
+    case location_result::id_taken:
+        sentence += lsctl_format(" (%u)", options.as);
+        break;
+    default:
+        break;
+    }
+    return sentence + outcome_of(result).advice;
+}
+
+int lsctl_fail(const lsctl_options &options, location_result result) {
+    return lsctl_fail(options, result, lsctl_sentence(options, result));
+}
+
+int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence) {
+    if (result == location_result::cancelled && lsctl_signals_last() != 0) {
+        return lsctl_exit_of(result); // whoever sent the signal knows
+    }
+    if (options.json) {
+        lsctl_print_json({{"error", lsctl_result_name(result)}, {"text", sentence}});
+    }
+    lsctl_complain(sentence);
+    return lsctl_exit_of(result);
+}
+
+int lsctl_show(const lsctl_options &options, const lsctl_json &object, const std::string &lines) {
+    const bool printed = options.json ? lsctl_print_json(object) : lsctl_print(lines);
+    if (!printed) {
+        lsctl_complain("cannot write to the standard output");
+        return LSCTL_FAILED;
+    }
+    return LSCTL_OK;
+}

@@ -1,0 +1,69 @@
+// lsctl power: show or change the receiver's power mode.
+#include "lsctl_text.h"
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+std::string wanted; // as typed; empty = show
+
+int show_mode(const lsctl_options &options, uint32_t mode) {
+    return lsctl_show(options, lsctl_power_json(mode),
+                      "Receiver  " + lsctl_power_text(mode) + "\n");
+}
+
+bool is_privileged(uint32_t serv_id) {
+    return serv_id == LS_SERV_VOIP || serv_id == LS_SERV_WS || serv_id == LS_SERV_CLIENT_9;
+}
+
+std::string why_refused(uint32_t mode, uint32_t in_force, uint32_t serv_id) {
+    if (mode == GPS_POWER_ON) {
+        return lsctl_format("switching on was refused: service %u may not switch on a receiver "
+                            "that is off; services 3, 6, 8 and 9 may, lsctl power on --as 6",
+                            serv_id);
+    }
+    if (in_force != GPS_POWER_ON) {
+        return "the receiver is already " + lsctl_power_text(in_force);
+    }
+    if (!is_privileged(serv_id)) {
+        return lsctl_format("switching off was refused: service %u may not switch off a receiver "
+                            "that is to stay on; services 3, 6 and 9 may, lsctl power off --as 6",
+                            serv_id);
+    }
+    return "switching off was refused: the receiver is still " + lsctl_power_text(in_force) +
+           "; lsctl power off --as 6 uses mode 0";
+}
+
+} // namespace
+
+void lsctl_add_power(CLI::App &app) {
+    wanted.clear();
+    app.add_option("mode", wanted, "on (2) or off (0, or 1); without it the mode is shown")
+        ->option_text("[on|off|0|1|2]")
+        ->check(CLI::IsMember({"on", "off", "0", "1", "2"}));
+}
+
+int lsctl_run_power(const lsctl_options &options) {
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    uint32_t in_force = 0;
+    if (wanted.empty()) {
+        const location_result result =
+            location_client_get_power(link.client, lsctl_timeout(options), &in_force);
+        return result == location_result::answered ? show_mode(options, in_force)
+                                                   : lsctl_fail(options, result);
+    }
+    const uint32_t mode = wanted == "on"    ? GPS_POWER_ON
+                          : wanted == "off" ? GPS_POWER_OFF
+                                            : static_cast<uint32_t>(wanted[0] - '0');
+    const location_result result =
+        location_client_set_power(link.client, lsctl_timeout(options), mode, &in_force);
+    if (result == location_result::failed) {
+        return lsctl_fail(options, result,
+                          why_refused(mode, in_force, location_client_serv_id(link.client)));
+    }
+    return result == location_result::answered ? show_mode(options, in_force)
+                                               : lsctl_fail(options, result);
+}

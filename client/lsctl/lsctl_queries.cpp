@@ -1,0 +1,66 @@
+// lsctl position, time, satellites, speed: one request, one answer.
+#include "lsctl_text.h"
+
+namespace {
+
+// Connects, asks, and shows what came.
+template <class ask_fn, class show_fn>
+int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    const location_result result = ask(link.client, lsctl_timeout(options));
+    return result == location_result::answered ? show() : lsctl_fail(options, result);
+}
+
+} // namespace
+
+int lsctl_run_position(const lsctl_options &options) {
+    gps_pos_data position{};
+    return run_query(
+        options,
+        [&](location_client *client, std::chrono::milliseconds timeout) {
+            return location_client_get_position(client, timeout, &position);
+        },
+        [&] {
+            return lsctl_show(options, lsctl_position_json(position),
+                              lsctl_position_text(position));
+        });
+}
+
+int lsctl_run_time(const lsctl_options &options) {
+    gps_time_fields utc{};
+    uint32_t time_of_week = 0;
+    return run_query(
+        options,
+        [&](location_client *client, std::chrono::milliseconds timeout) {
+            return location_client_get_time(client, timeout, &utc, &time_of_week);
+        },
+        [&] {
+            return lsctl_show(options, lsctl_time_json(utc, time_of_week),
+                              lsctl_time_text(utc, time_of_week));
+        });
+}
+
+int lsctl_run_satellites(const lsctl_options &options) {
+    gps_sat_info info{};
+    return run_query(
+        options,
+        [&](location_client *client, std::chrono::milliseconds timeout) {
+            return location_client_get_satellites(client, timeout, &info);
+        },
+        [&] {
+            return lsctl_show(options, lsctl_satellites_json(info), lsctl_satellites_text(info));
+        });
+}
+
+int lsctl_run_speed(const lsctl_options &options) {
+    gps_speed_data speed{};
+    return run_query(
+        options,
+        [&](location_client *client, std::chrono::milliseconds timeout) {
+            return location_client_get_speed(client, timeout, &speed);
+        },
+        [&] { return lsctl_show(options, lsctl_speed_json(speed), lsctl_speed_text(speed)); });
+}

@@ -1,0 +1,105 @@
+// lsctl: the signals that end it.
+//
+// Threads: one thread owns the signal descriptor. A signal is never handled in signal context: the
+// thread notes its number and ends the waits of the client, so that the sub-command can still
+// unregister and say goodbye.
+#include "lsctl.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <mutex>
+#include <thread>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+std::mutex client_lock;
+location_client *client_g = nullptr; // whose waits to end; guarded by client_lock
+std::atomic<int> last_signal_g{0};
+int signal_fd = -1; // written before the thread starts and after it ended
+int stop_fd = -1;   // eventfd: the thread is to end; same
+std::thread thread_g;
+sigset_t former_mask; // of the thread that started
+
+void wait_for_signals() {
+    std::array<pollfd, 2> fds = {{{signal_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}}};
+    for (;;) {
+        // No deadline: ended by lsctl_signals_stop.
+        if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
+            return;
+        }
+        if (fds[1].revents != 0) {
+            return;
+        }
+        signalfd_siginfo info{};
+        if (fds[0].revents == 0 || read(signal_fd, &info, sizeof info) != sizeof info) {
+            continue;
+        }
+        last_signal_g = static_cast<int>(info.ssi_signo);
+        const std::lock_guard guard(client_lock);
+        location_client_cancel(client_g);
+    }
+}
+
+void close_fd(int &fd) {
+    if (fd >= 0) {
+        close(fd);
+        fd = -1;
+    }
+}
+
+} // namespace
+
+bool lsctl_signals_start() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&set, signal);
+    }
+    last_signal_g = 0;
+    if (pthread_sigmask(SIG_BLOCK, &set, &former_mask) != 0) {
+        return false;
+    }
+    signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (signal_fd >= 0 && stop_fd >= 0) {
+        thread_g = std::thread(wait_for_signals);
+        return true;
+    }
+    lsctl_signals_stop();
+    return false;
+}
+
+void lsctl_signals_stop() {
+    if (thread_g.joinable()) {
+        const uint64_t one = 1;
+        // An eventfd that counts from 0 takes a 1.
+        [[maybe_unused]] const ssize_t written = write(stop_fd, &one, sizeof one);
+        thread_g.join();
+    }
+    if (signal_fd >= 0 || stop_fd >= 0) {
+        close_fd(signal_fd);
+        close_fd(stop_fd);
+        pthread_sigmask(SIG_SETMASK, &former_mask, nullptr);
+    }
+}
+
+void lsctl_signals_set_client(location_client *client) {
+    const std::lock_guard guard(client_lock);
+    client_g = client;
+    // The signal may have been faster than the opening.
+    if (client != nullptr && last_signal_g != 0) {
+        location_client_cancel(client);
+    }
+}
+
+int lsctl_signals_last() {
+    return last_signal_g;
+}

@@ -1,0 +1,239 @@
+// liblocation_client, bus side: opening, closing, sending, and sorting what arrives.
+//
+// Threads: client_on_message runs on the bus library's receive thread and only copies under the
+// client's lock; it never sends and never waits, so that the kernel's short queue cannot fill up.
+#include "client_state.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+namespace {
+
+struct errno_result {
+    int code;
+    location_result result;
+};
+
+constexpr errno_result INIT_RESULTS[] = {
+    {ENOENT, location_result::no_bus},       {ENOTDIR, location_result::no_bus},
+    {EADDRINUSE, location_result::id_taken}, {EACCES, location_result::bus_denied},
+    {EPERM, location_result::bus_denied},
+};
+
+constexpr errno_result SEND_RESULTS[] = {
+    {ENOENT, location_result::no_daemon}, {ECONNREFUSED, location_result::no_daemon},
+    {EAGAIN, location_result::bus_full},  {ETIMEDOUT, location_result::bus_full},
+    {ENOBUFS, location_result::bus_full}, {EACCES, location_result::bus_denied},
+    {EPERM, location_result::bus_denied},
+};
+
+location_result result_of_errno(std::span<const errno_result> table, int code) {
+    const auto found = std::find_if(table.begin(), table.end(),
+                                    [code](const errno_result &row) { return row.code == code; });
+    return found == table.end() ? location_result::bus_error : found->result;
+}
+
+// The bus library wants its record zeroed before each attempt.
+location_result connect_as(location_client &client, uint8_t serv_id) {
+    client.link.conn = {};
+    client.link.conn.on_message = client_on_message;
+    client.serv_id = serv_id;
+    errno = 0;
+    if (scm_conn_init(&client.link.conn, serv_id) == 0) {
+        return location_result::answered;
+    }
+    return result_of_errno(INIT_RESULTS, errno);
+}
+
+location_result connect_as_tool(location_client &client) {
+    for (uint8_t id = LOCATION_CLIENT_TOOL_ID_FIRST; id <= LOCATION_CLIENT_TOOL_ID_LAST; ++id) {
+        const location_result result = connect_as(client, id);
+        // An id may also belong to another user's tool.
+        if (result != location_result::id_taken && result != location_result::bus_denied) {
+            return result;
+        }
+        if (id == LOCATION_CLIENT_TOOL_ID_LAST && result == location_result::bus_denied) {
+            return result;
+        }
+    }
+    return location_result::ids_exhausted;
+}
+
+location_result send_filled(location_client &client, const msg_hdr &hdr,
+                            std::span<const uint8_t> payload) {
+    errno = 0;
+    if (send_msg(&client.link.conn, &hdr, payload.empty() ? nullptr : payload.data()) != -1) {
+        return location_result::answered;
+    }
+    return result_of_errno(SEND_RESULTS, errno);
+}
+
+size_t payload_size(const bus_msg &msg) {
+    return msg.pld == nullptr ? 0 : msg.hdr.pld_len;
+}
+
+void take_response(location_client &client, const bus_msg &msg) {
+    for (client_waiter *waiter = client.waiters; waiter != nullptr; waiter = waiter->next) {
+        if (waiter->txn_id != msg.hdr.txn_id || waiter->msg_id != msg.hdr.msg_id || waiter->done) {
+            continue;
+        }
+        const size_t size = payload_size(msg);
+        waiter->size = static_cast<uint32_t>(size);
+        if (size != 0) {
+            std::memcpy(waiter->data.data(), msg.pld, std::min(size, waiter->data.size()));
+        }
+        waiter->done = true;
+        return;
+    }
+}
+
+void take_update(location_client &client, const bus_msg &msg) {
+    if (payload_size(msg) != sizeof(ls_position_reply)) {
+        ++client.lost_updates;
+        return;
+    }
+    if (client.num_updates == CLIENT_UPDATE_SLOTS) {
+        client.first_update = (client.first_update + 1) % CLIENT_UPDATE_SLOTS;
+        --client.num_updates;
+        ++client.lost_updates;
+    }
+    const size_t slot = (client.first_update + client.num_updates) % CLIENT_UPDATE_SLOTS;
+    std::memcpy(&client.updates[slot], msg.pld, sizeof(ls_position_reply));
+    ++client.num_updates;
+}
+
+void take_lpp(location_client &client, const bus_msg &msg) {
+    if (client.lpp_wanted && payload_size(msg) == sizeof(gps_lpp_location)) {
+        std::memcpy(&client.lpp, msg.pld, sizeof(gps_lpp_location));
+        client.lpp_here = true;
+    }
+}
+
+} // namespace
+
+int client_on_message(scm_conn *conn, bus_msg *msg) noexcept {
+    // The record is the first member of its link.
+    location_client &client = *reinterpret_cast<client_link *>(conn)->owner;
+    if (msg == nullptr || msg->hdr.src_serv_id != LS_OWN_SERV_ID) {
+        return 0;
+    }
+    {
+        const std::lock_guard guard(client.lock);
+        if (msg->hdr.msg_type == LS_MSG_RESPONSE) {
+            take_response(client, *msg);
+        } else if (msg->hdr.msg_type == LS_MSG_NOTIFICATION &&
+                   msg->hdr.msg_id == LS_NOTIFY_PERIODIC_UPDATE) {
+            take_update(client, *msg);
+        } else if (msg->hdr.msg_type == LS_MSG_REQUEST &&
+                   msg->hdr.msg_id == SAL_REQUEST_GNSS_LOCATION) {
+            take_lpp(client, *msg);
+        }
+    }
+    client.changed.notify_all();
+    return 0;
+}
+
+location_result client_send_request(location_client &client, client_waiter &waiter, uint32_t msg_id,
+                                    std::span<const uint8_t> payload) noexcept {
+    msg_hdr hdr{};
+    if (fill_request_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
+                         LS_OWN_SERV_ID) == -1) {
+        return location_result::bus_error;
+    }
+    waiter.msg_id = msg_id;
+    waiter.txn_id = hdr.txn_id;
+    {
+        // Listed before it is sent: the reply may be faster than the return of the send.
+        const std::lock_guard guard(client.lock);
+        waiter.next = client.waiters;
+        client.waiters = &waiter;
+    }
+    const location_result result = send_filled(client, hdr, payload);
+    if (result != location_result::answered) {
+        client_unlist(client, waiter);
+    }
+    return result;
+}
+
+location_result client_send_notification(location_client &client, uint32_t msg_id,
+                                         std::span<const uint8_t> payload) noexcept {
+    msg_hdr hdr{};
+    if (fill_notif_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
+                       LS_OWN_SERV_ID) == -1) {
+        return location_result::bus_error;
+    }
+    return send_filled(client, hdr, payload);
+}
+
+void client_unlist(location_client &client, client_waiter &waiter) noexcept {
+    const std::lock_guard guard(client.lock);
+    for (client_waiter **link = &client.waiters; *link != nullptr; link = &(*link)->next) {
+        if (*link == &waiter) {
+            *link = waiter.next;
+            return;
+        }
+    }
+}
+
+location_result location_client_open(uint8_t serv_id, location_client **client) noexcept {
+    if (client == nullptr) {
+        return location_result::bad_argument;
+    }
+    *client = nullptr;
+    if (serv_id == LS_OWN_SERV_ID) {
+        return location_result::bad_argument;
+    }
+    auto *opened = new (std::nothrow) location_client;
+    if (opened == nullptr) {
+        return location_result::no_memory;
+    }
+    opened->link.owner = opened;
+    const location_result result =
+        serv_id == 0 ? connect_as_tool(*opened) : connect_as(*opened, serv_id);
+    if (result != location_result::answered) {
+        delete opened;
+        return result;
+    }
+    *client = opened;
+    return result;
+}
+
+void location_client_close(location_client *client) noexcept {
+    if (client != nullptr) {
+        scm_conn_exit(&client->link.conn);
+        delete client;
+    }
+}
+
+uint8_t location_client_serv_id(const location_client *client) noexcept {
+    return client == nullptr ? 0 : client->serv_id;
+}
+
+uint32_t location_client_lost_updates(const location_client *client) noexcept {
+    return client == nullptr ? 0 : client->lost_updates.load();
+}
+
+namespace {
+
+void set_cancelled(location_client *client, bool cancelled) {
+    if (client != nullptr) {
+        {
+            const std::lock_guard guard(client->lock);
+            client->cancelled = cancelled;
+        }
+        client->changed.notify_all();
+    }
+}
+
+} // namespace
+
+void location_client_cancel(location_client *client) noexcept {
+    set_cancelled(client, true);
+}
+
+void location_client_resume(location_client *client) noexcept {
+    set_cancelled(client, false);
+}
