@@ -57,6 +57,9 @@ extern std::atomic<int32_t> pending_req_count;
 // One receiver query of a request handler or periodic update at a time.
 extern std::mutex gps_access_lock;
 
+// 1 once a UBX command that is to be answered was written during configuration; a plain mark.
+extern std::atomic<uint8_t> gps_ubx_cmd_pending_g;
+
 extern std::atomic<GMainLoop *> ls_main_loop;
 
 // The system-state id of every vote of this service.

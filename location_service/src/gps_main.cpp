@@ -4,6 +4,7 @@
 #include "dbhandler.h"
 #include "gps_power.h"
 #include "ls_log.h"
+#include "ls_paths.h"
 #include "ls_state.h"
 
 #include <array>
@@ -17,6 +18,11 @@ namespace {
 
 constexpr char LS_VERSION[] = "2.0";
 
+// A file in the static location's directory was modified.
+int file_modify_signal() {
+    return SIGRTMIN + 1;
+}
+
 std::atomic<bool> stop_requested; // set by sig_handler, also before the loop runs
 
 void sig_handler(int signal) {
@@ -26,6 +32,11 @@ void sig_handler(int signal) {
     log_info("%s: Received Signal %d", __func__, signal);
     // Not before the platform has taken the vote: the terminal may be about to sleep.
     while (pm_system_state_enable(LS_SYSTEM_STATE_ID) != 1) {
+    }
+    if (signal == file_modify_signal()) {
+        log_info("%s file is modified\n", LS_PATH_STUB_LOCATION);
+        ls_read_stub_location();
+        return;
     }
     stop_requested = true;
     GMainLoop *loop = ls_main_loop;
@@ -67,6 +78,7 @@ bool install_handlers(struct sigaction action) {
         handled_signal{SIGTSTP, "SIGTSTP"},
         handled_signal{SIGHUP, "SIGHUP"},
         handled_signal{SIGTERM, "SIGTERM"},
+        handled_signal{file_modify_signal(), "FILE_MODIFY_SIG"},
     };
     action.sa_handler = sig_handler;
     for (const handled_signal &signal : handled) {
@@ -118,8 +130,11 @@ int main() {
         return -1;
     }
     log_info("Location Service initialization sucessful\n");
+    ls_read_stub_location();
     if (!install_handlers(action))
         return EXIT_FAILURE;
+    if (ls_watch_stub_location_dir(file_modify_signal()) == -1)
+        log_error("%s file modification failed\n", LS_PATH_STUB_LOCATION);
     run_main_loop();
     shut_down();
     return EXIT_SUCCESS;

@@ -11,6 +11,16 @@ int32_t get_rffe_req_sem_wait_time(); // seconds
 double get_gps_pos_buffer_time();     // seconds
 double get_loc_hist_offset_time();    // seconds
 
+// --- gps_main_stub_location.cpp: the static location
+
+// Reads the file and sets flag and text. 0; -1 when it cannot be opened: the text is cleared, the
+// flag stays. On the main thread at start-up, then in the handler of the watch's signal.
+int ls_read_stub_location();
+
+// Has the kernel send `signal` to the process whenever a file in the directory is modified. 0, or
+// -1 (logged). Once, on the main thread.
+int ls_watch_stub_location_dir(int signal);
+
 // --- gps_main_signal.cpp: where signals run
 
 // Starts the one thread that takes the daemon's signals and blocks them in the caller, and so in

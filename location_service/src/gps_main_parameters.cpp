@@ -1,13 +1,12 @@
 // Readers of the control parameter file. Words are separated by white space; a key is followed by
 // its value, the last occurrence counts. Each reader opens the file anew.
 #include "gps_main.h"
+#include "ls_file.h"
 #include "ls_log.h"
 #include "ls_paths.h"
 
 #include <array>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 
 static constexpr char log_module[] = "gps_main";
 
@@ -15,16 +14,12 @@ namespace {
 
 constexpr size_t WORD_SIZE = 151;
 
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
 // Reads the value behind `key` with `read_value` (true when it was found), or appends
 // `default_line`. `word_format` reads one word of at most WORD_SIZE - 1 characters.
 template <typename ReadWord, typename ReadValue>
 void read_parameter(const char *key, const char *default_line, ReadWord read_word,
                     ReadValue read_value) {
-    const std::unique_ptr<FILE, file_closer> file(fopen(LS_PATH_CONTROL_PARAMETERS, "a+e"));
+    const ls_file file(fopen(LS_PATH_CONTROL_PARAMETERS, "a+e"));
     if (!file) {
         log_error("%s file open failed\n", LS_PATH_CONTROL_PARAMETERS);
         return;

@@ -27,4 +27,6 @@ std::mutex pending_req_lock;
 std::atomic<int32_t> pending_req_count;
 std::mutex gps_access_lock;
 
+std::atomic<uint8_t> gps_ubx_cmd_pending_g;
+
 std::atomic<GMainLoop *> ls_main_loop;

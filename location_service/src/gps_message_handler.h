@@ -55,6 +55,7 @@ int ls_send_power_notification(uint32_t msg_id, const uint32_t *payload, uint32_
 // replies by itself, also when its query failed.
 
 void ls_hal_get_power_mode(scm_conn *conn, const bus_msg *msg);
+void ls_hal_set_power_mode(scm_conn *conn, const bus_msg *msg);
 void ls_hal_get_position(scm_conn *conn, const bus_msg *msg);
 // Fills the position reply: the buffered position while it is young enough, else one query. `name`
 // is the caller's, for the log.

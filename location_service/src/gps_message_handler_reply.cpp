@@ -1,11 +1,23 @@
 // Reply builders: response, notification to the requester, power notification.
 #include "gps_message_handler.h"
+#include "gps_power.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
 #include <cstring>
 
 static constexpr char log_module[] = "gps_message_handler";
+
+namespace {
+
+// A receiver woken for one request goes back to sleep behind the last reply, unless it is to stay
+// on.
+void power_down_if_unused(uint8_t serv_id) {
+    if (pending_req_count == 0 && mt_gps_status != GPS_POWER_ON)
+        gps_set_power_mode(GPS_POWER_OFF, serv_id);
+}
+
+} // namespace
 
 int ls_send_response(scm_conn *conn, const bus_msg *req, const void *payload, uint32_t len,
                      int as_notification) {
@@ -34,6 +46,8 @@ int ls_send_response(scm_conn *conn, const bus_msg *req, const void *payload, ui
         return -1;
     }
     g_free(hdr);
+    if (req->hdr.src_serv_id == LS_SERV_VOIP)
+        power_down_if_unused(req->hdr.src_serv_id);
     return 0;
 }
 

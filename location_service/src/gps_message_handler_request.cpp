@@ -63,6 +63,30 @@ void ls_hal_get_power_mode(scm_conn *conn, const bus_msg *msg) {
     send_reply(conn, msg, reply);
 }
 
+void ls_hal_set_power_mode(scm_conn *conn, const bus_msg *msg) {
+    ls_power_reply reply = {};
+    uint32_t mode = 0;
+    if (!ls_payload_word(*msg, &mode)) {
+        log_error("%s: failed to set power mode\n", __func__);
+        send_reply(conn, msg, reply);
+        return;
+    }
+    const uint8_t client = msg->hdr.src_serv_id;
+    if (gps_cfun_level_g == 1 && (mode == GPS_POWER_ON || mode == GPS_POWER_OFF))
+        ls_hal_send_lpp_capabilites(conn, mode == GPS_POWER_ON ? 1 : 0);
+
+    const int32_t result = run_query([&] { return gps_set_power_mode(mode, client); });
+    reply.status = command_status(result);
+    if (reply.status == LS_STATUS_OK)
+        reply.power_mode = mode;
+    else
+        log_error("%s: failed to set power mode\n", __func__);
+    send_reply(conn, msg, reply);
+    if (reply.status == LS_STATUS_OK && (client == LS_SERV_WS || client == LS_SERV_VOIP))
+        ls_send_power_notification(LS_NOTIFY_POWER_MODE, &reply.power_mode,
+                                   sizeof(reply.power_mode), LS_SERV_VOIP);
+}
+
 void ls_take_position(const char *name, ls_position_reply *reply) {
     memset(reply, 0, sizeof(*reply));
     bool buffered = false;

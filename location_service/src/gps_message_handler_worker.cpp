@@ -1,5 +1,6 @@
 // Request entry and request workers: one detached thread per accepted request.
 #include "gps_message_handler.h"
+#include "gps_power.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
@@ -35,6 +36,16 @@ constexpr size_t WORKER_STACK_SIZE = 64 * 1024;
 
 constexpr int LPP_ATTEMPTS = 3;
 
+// The requests of these services also decide what the stored power-on status is to be from now on.
+void serve_set_power_mode(scm_conn *conn, const bus_msg *msg) {
+    const uint8_t client = msg->hdr.src_serv_id;
+    uint32_t mode = 0;
+    if ((client == LS_SERV_WS || client == LS_SERV_CLIENT_9 || client == LS_SERV_VOIP) &&
+        ls_payload_word(*msg, &mode))
+        mt_gps_status = static_cast<int32_t>(mode);
+    ls_hal_set_power_mode(conn, msg);
+}
+
 struct request_handler {
     uint32_t msg_id;
     const char *log_text;
@@ -46,6 +57,8 @@ constexpr std::array request_handlers = {
     request_handler{LS_REQUEST_GET_TIME, "Case LS_REQUEST_GET_TIME\n", ls_hal_get_time},
     request_handler{LS_REQUEST_GET_POWER_MODE, "Case LS_REQUEST_GET_POWER_MODE\n",
                     ls_hal_get_power_mode},
+    request_handler{LS_REQUEST_SET_POWER_MODE, "Case LS_REQUEST_SET_POWER_MODE\n",
+                    serve_set_power_mode},
 };
 
 const request_handler *find_handler(uint32_t msg_id) {
@@ -86,9 +99,16 @@ int ls_active_workers() {
 int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {
     const uint32_t id = msg->hdr.msg_id;
     const bool power_request = id == LS_REQUEST_GET_POWER_MODE || id == LS_REQUEST_SET_POWER_MODE;
+    const bool wakes_receiver = msg->hdr.src_serv_id == LS_SERV_CLIENT_9;
+    if (wakes_receiver && !power_request &&
+        gps_set_power_mode(GPS_POWER_ON, LS_SERV_CLIENT_9) == 1) {
+        log_error("GPS_POWER_ON unsuccessful \n");
+        pm_system_state_enable(LS_SYSTEM_STATE_ID);
+        return -1;
+    }
     // While the receiver is off, only the power requests and the unregistration are served.
-    if (mt_gps_status != GPS_POWER_ON && msg->hdr.src_serv_id != LS_SERV_CLIENT_9 &&
-        !power_request && id != LS_REQUEST_UNREGISTER_PERIODIC_UPDATE) {
+    if (mt_gps_status != GPS_POWER_ON && !wakes_receiver && !power_request &&
+        id != LS_REQUEST_UNREGISTER_PERIODIC_UPDATE) {
         pm_system_state_enable(LS_SYSTEM_STATE_ID);
         log_error("unable to process gps request");
         return -1;

@@ -1,4 +1,5 @@
 // Brings the service onto the bus and the receiver's line up; takes both down again.
+#include "gps_gpio.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "gps_uart.h"
@@ -41,10 +42,48 @@ int init_local_receiver() {
         return -1;
     }
     ls_hal_clear_rx_buffer();
+    if (ls_hal_init_gps() != 0) {
+        log_error("GPS device initialization failed\n");
+        return -1;
+    }
+    log_info("GPS device initialized successfully\n");
     return 0;
 }
 
+// One power line, exported if need be, as an output that is high. The GPIO calls log.
+bool raise_power_line(int gpio) {
+    if (u_gpio_check_file(gpio) == 0 && u_gpio_export(gpio) != 0)
+        return false;
+    return u_gpio_set_direction(gpio, 1) == 0 && u_gpio_set_value(gpio, 1) == 0;
+}
+
+void power_off() {
+    if (gps_set_power_mode(GPS_POWER_OFF, LS_OWN_SERV_ID) == 1)
+        log_error("GPS power off failed\n");
+}
+
 } // namespace
+
+int ls_hal_init_gps() {
+    for (const int gpio : GPS_POWER_GPIOS) {
+        if (!raise_power_line(gpio))
+            return -1;
+    }
+    if (gps_set_power_mode(GPS_POWER_ON, LS_OWN_SERV_ID) == 1) {
+        log_error("gps_set_power_mode failed\n");
+        return -1;
+    }
+    log_info("%s: Initialising GPS device\n", __func__);
+    if (ls_hal_power_on_gps() == 1) {
+        log_error("GPS power on failed\n");
+        power_off();
+        return -1;
+    }
+    // The receiver is always configured, and left off when it was off before.
+    if (mt_gps_status == GPS_POWER_OFF)
+        power_off();
+    return 0;
+}
 
 int ls_hal_init_device(int32_t board_type) {
     if (register_on_bus() != 0) {
@@ -60,6 +99,9 @@ int ls_hal_init_device(int32_t board_type) {
 
 void ls_hal_deinit_device(int32_t board_type) {
     deregister_from_bus();
-    if (board_type == 1)
+    if (board_type == 1) {
+        for (const int gpio : GPS_POWER_GPIOS)
+            u_gpio_unexport(gpio);
         ls_hal_uart_close();
+    }
 }
