@@ -9,6 +9,7 @@
 #include "ls_messages.h"
 #include "mqutils.h"
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 
@@ -62,5 +63,44 @@ void ls_hal_get_position(scm_conn *conn, const bus_msg *msg);
 void ls_take_position(const char *name, ls_position_reply *reply);
 
 void ls_hal_get_time(scm_conn *conn, const bus_msg *msg);
+
+// --- gps_message_handler_periodic.cpp: the registry of periodic updates. Any worker thread.
+
+// One registration. Not on the wire.
+struct ls_periodic_req {
+    scm_conn *conn;       // where its messages go out
+    uint32_t serv_id;     // the client; key of the registry, low 8 bits
+    uint32_t msg_id;      // 1007 while being registered, then 1008
+    uint32_t interval;    // seconds
+    uint32_t num_updates; // notifications still to send
+};
+
+// Handlers of 1007, 1008 (sent by the service to itself, with a slot index) and 1009.
+void ls_hal_register_periodic_update_request(scm_conn *conn, const bus_msg *msg);
+void ls_hal_handle_periodic_loopback(scm_conn *conn, const bus_msg *msg);
+void ls_hal_unregister_periodic_update_request(scm_conn *conn, const bus_msg *msg);
+
+// Body of 1007: stores the registration, replies, sends the first notification. 0, or 1.
+uint32_t gps_handle_periodic_update_request(scm_conn *conn, const bus_msg *msg,
+                                            ls_periodic_req *req);
+
+// Stores a new registration (msg_id 1007) in the highest free slot, or a running one (1008) in its
+// own. 0 and the slot's index, or 1.
+uint32_t gps_update_periodic_req_struct(const ls_periodic_req *req, uint8_t *slot_out);
+
+// Sends one notification 1010 to the sender of `msg`.
+void ls_hal_send_periodic_data(scm_conn *conn, const bus_msg *msg);
+
+// Frees the slot of a client and deletes its timer. 0, or 1 when it has none.
+uint32_t ls_delete_periodic_request(uint8_t serv_id);
+
+// Shutdown: frees all slots and deletes their timers.
+void ls_delete_all_periodic_requests();
+
+// Writes the registry to the log.
+void ls_dump_periodic_request_queue();
+
+// Handler of a slot's timer signal: sends request 1008 to the service itself.
+void ls_periodic_timer_signal_handler(int signal, siginfo_t *info, void *context);
 
 #endif

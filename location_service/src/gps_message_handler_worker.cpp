@@ -46,6 +46,11 @@ void serve_set_power_mode(scm_conn *conn, const bus_msg *msg) {
     ls_hal_set_power_mode(conn, msg);
 }
 
+void serve_register_periodic(scm_conn *conn, const bus_msg *msg) {
+    ls_hal_register_periodic_update_request(conn, msg);
+    ls_dump_periodic_request_queue();
+}
+
 struct request_handler {
     uint32_t msg_id;
     const char *log_text;
@@ -53,6 +58,14 @@ struct request_handler {
 };
 
 constexpr std::array request_handlers = {
+    request_handler{LS_REQUEST_REGISTER_PERIODIC_UPDATE,
+                    "Case LS_REQUEST_REGISTER_PERIODIC_UPDATE\n", serve_register_periodic},
+    request_handler{LS_REQUEST_UNREGISTER_PERIODIC_UPDATE,
+                    "Case LS_REQUEST_UNREGISTER_PERIODIC_UPDATE\n",
+                    ls_hal_unregister_periodic_update_request},
+    request_handler{LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB,
+                    "Case LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB\n",
+                    ls_hal_handle_periodic_loopback},
     request_handler{LS_REQUEST_GET_POSITION, "Case LS_REQUEST_GET_POSITION\n", ls_hal_get_position},
     request_handler{LS_REQUEST_GET_TIME, "Case LS_REQUEST_GET_TIME\n", ls_hal_get_time},
     request_handler{LS_REQUEST_GET_POWER_MODE, "Case LS_REQUEST_GET_POWER_MODE\n",

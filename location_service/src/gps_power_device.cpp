@@ -103,5 +103,6 @@ void ls_hal_deinit_device(int32_t board_type) {
         for (const int gpio : GPS_POWER_GPIOS)
             u_gpio_unexport(gpio);
         ls_hal_uart_close();
+        ls_delete_all_periodic_requests();
     }
 }

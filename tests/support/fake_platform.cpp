@@ -65,6 +65,11 @@ void reset() {
     }
 }
 
+void reset_log() {
+    const std::lock_guard guard(lock);
+    lines.clear();
+}
+
 std::vector<log_line> logged() {
     const std::lock_guard guard(lock);
     return lines;

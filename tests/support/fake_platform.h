@@ -41,6 +41,9 @@ struct sent_message {
 // of failed sends, which the daemon deliberately keeps, are freed here.
 void reset();
 
+// Forgets the log alone.
+void reset_log();
+
 // Log lines, all or those of a level (3 error, 4 warning...) that contain `part`.
 std::vector<log_line> logged();
 size_t count_logged(int level, std::string_view part);
