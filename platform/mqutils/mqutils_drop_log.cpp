@@ -8,25 +8,22 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 
 namespace mqutils {
 namespace {
 
-[[gnu::format(printf, 2, 3)]] void write_line(const drop_log &log, const char *format, ...) {
-    std::array<char, 256> line{};
-    va_list arguments;
-    va_start(arguments, format);
-    const int wanted = std::vsnprintf(line.data(), line.size() - 1, format, arguments);
-    va_end(arguments);
+using log_line = std::array<char, 256>;
+
+// `wanted` is what snprintf() returned for `line`.
+void write_line(const drop_log &log, log_line &line, int wanted) {
     if (wanted < 0) {
         return;
     }
     syslog(LOG_WARNING, "%s", line.data());
     if (log.to_stderr) {
-        const size_t length = std::min(static_cast<size_t>(wanted), line.size() - 2);
-        line[length] = '\n';
+        const size_t length = std::min(static_cast<size_t>(wanted), line.size() - 1);
+        line[length] = '\n'; // in the place of the NUL
         // One write, so that lines of several services do not mix. A closed stderr is no error.
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), length + 1);
     }
@@ -34,8 +31,12 @@ namespace {
 
 void tell_suppressed(drop_log &log) {
     if (log.suppressed > 0) {
-        write_line(log, "mqutils: service %u: %u more datagrams dropped without a line",
-                   log.serv_id, log.suppressed);
+        log_line line{};
+        const int wanted =
+            std::snprintf(line.data(), line.size(),
+                          "mqutils: service %u: %u more datagrams dropped without a line",
+                          log.serv_id, log.suppressed);
+        write_line(log, line, wanted);
         log.suppressed = 0;
     }
 }
@@ -65,11 +66,14 @@ void drop_log_write(drop_log &log, int64_t now_ms, const dropped_datagram &drop)
         return;
     }
     tell_suppressed(log);
-    write_line(log,
-               "mqutils: service %u dropped a datagram of %zu bytes (claims service %d, pid %d, "
-               "uid %d): %s",
-               log.serv_id, drop.bytes, drop.claimed_src, static_cast<int>(drop.pid),
-               static_cast<int>(drop.uid), drop.reason);
+    log_line line{};
+    const int wanted = std::snprintf(
+        line.data(), line.size(),
+        "mqutils: service %u dropped a datagram of %zu bytes (claims service %d, pid %d, "
+        "uid %d): %s",
+        log.serv_id, drop.bytes, drop.claimed_src, static_cast<int>(drop.pid),
+        static_cast<int>(drop.uid), drop.reason);
+    write_line(log, line, wanted);
 }
 
 void drop_log_flush(drop_log &log, int64_t now_ms) {

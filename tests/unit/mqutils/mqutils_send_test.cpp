@@ -1,0 +1,212 @@
+// What goes out, how a send fails, how long it may take.
+
+#include "bus_fixture.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdint>
+#include <thread>
+
+namespace {
+
+TEST_F(bus, headers_on_the_wire) {
+    service self;
+    ASSERT_EQ(self.init(40), 0);
+    const int peer = raw_owner(41);
+    bus_msg req{{0, 9, 41, 40, 0x01020304, 0xaabbccdd, 0, 0}, nullptr};
+    std::array<msg_hdr, 3> hdrs{};
+    std::memset(hdrs.data(), 0xee, sizeof hdrs);
+    ASSERT_EQ(fill_request_hdr(&self, &hdrs[0], 2, 1003, 41), 0);
+    ASSERT_EQ(fill_notif_hdr(&self, &hdrs[1], 0, 1014, 41), 0);
+    ASSERT_EQ(fill_response_hdr(&self, &hdrs[2], &req, 1), 0);
+    const std::string expected[] = {
+        {"\x00\x00\x28\x29\xeb\x03\x00\x00\x01\x00\x00\x00\x02\x00\x00\x00\x00\x00\x00\x00PL", 22},
+        {"\x02\x00\x28\x29\xf6\x03\x00\x00\x02\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00", 20},
+        {"\x01\x00\x28\x29\x04\x03\x02\x01\xdd\xcc\xbb\xaa\x01\x00\x00\x00\x00\x00\x00\x00P", 21},
+    };
+    for (size_t i = 0; i < hdrs.size(); ++i) {
+        errno = 123;
+        ASSERT_EQ(send_msg(&self, &hdrs[i], i == 1 ? nullptr : "PL"), 0);
+        EXPECT_EQ(errno, 123);
+        std::array<char, 64> bytes{};
+        const ssize_t length = recv(peer, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        ASSERT_GE(length, 0);
+        EXPECT_EQ(std::string(bytes.data(), static_cast<size_t>(length)), expected[i]);
+    }
+    EXPECT_EQ(fill_response_hdr(&self, &req.hdr, &req, 0), 0);
+    EXPECT_EQ(req.hdr.dst_serv_id, 41);
+    close(peer);
+}
+
+TEST_F(bus, send_says_at_once_why_it_failed) {
+    service self;
+    service other;
+    ASSERT_EQ(self.init(40), 0);
+    ASSERT_EQ(other.init(41), 0);
+    close(raw_owner(42));
+    scm_conn copy = self;
+    scm_conn garbage{};
+    std::memset(garbage.library, 0xa5, sizeof garbage.library);
+    scm_conn zero{};
+    const std::string pld(65517, 'p');
+    struct {
+        const char *name;
+        scm_conn *conn;
+        uint8_t src;
+        uint8_t dst;
+        uint32_t length;
+        const char *pld;
+        int error;
+    } const rows[] = {
+        {"good", &self, 40, 41, 1, pld.data(), 0},
+        {"longest", &self, 40, 41, 65516, pld.data(), 0},
+        {"too long", &self, 40, 41, 65517, pld.data(), EMSGSIZE},
+        {"length without payload", &self, 40, 41, 1, nullptr, EINVAL},
+        {"no record", nullptr, 40, 41, 0, nullptr, EINVAL},
+        {"another's name", &self, 41, 41, 0, nullptr, EINVAL},
+        {"absent", &self, 40, 50, 0, nullptr, ENOENT},
+        {"dead", &self, 40, 42, 0, nullptr, ECONNREFUSED},
+        {"copied record", &copy, 40, 41, 0, nullptr, ENOTCONN},
+        {"never registered", &zero, 40, 41, 0, nullptr, ENOTCONN},
+        {"garbage", &garbage, 40, 41, 0, nullptr, ENOTCONN},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const msg_hdr hdr{2, 0, row.src, row.dst, 1010, 0, row.length, 0};
+        const auto start = steady_clock::now();
+        EXPECT_EQ(send_msg(row.conn, &hdr, row.pld), row.error == 0 ? 0 : -1);
+        if (row.error != 0) {
+            EXPECT_EQ(errno, row.error);
+        }
+        EXPECT_LT(elapsed_ms(start), 150);
+    }
+    msg_hdr hdr{};
+    EXPECT_EQ(fill_notif_hdr(&zero, &hdr, 0, 1, 41), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(fill_response_hdr(&self, &hdr, nullptr, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(hdr.msg_type | hdr.msg_id | hdr.txn_id, 0U);
+}
+
+void do_nothing(int /*signal*/) {}
+
+// With a signal every few milliseconds no single system call gets to the end of its wait.
+TEST_F(bus, full_peer_is_waited_for_within_the_bound_whatever_signals_arrive) {
+    service self;
+    ASSERT_EQ(self.init(40), 0);
+    const int deaf = raw_owner(41);
+    int sent = 0;
+    while (self.notify(41, "m") == 0) {
+        ASSERT_LT(++sent, 10000);
+    }
+    EXPECT_EQ(errno, EAGAIN);
+    struct sigaction action {};
+    action.sa_handler = do_nothing;
+    sigaction(SIGUSR1, &action, nullptr);
+    const pthread_t sender = pthread_self();
+    for (const int period_ms : {0, 7}) {
+        SCOPED_TRACE(period_ms);
+        std::atomic<bool> done{false};
+        std::thread signals([&] {
+            while (period_ms > 0 && !done) {
+                pthread_kill(sender, SIGUSR1);
+                std::this_thread::sleep_for(milliseconds(period_ms));
+            }
+        });
+        const auto start = steady_clock::now();
+        EXPECT_EQ(self.notify(41, "m"), -1);
+        EXPECT_EQ(errno, EAGAIN);
+        EXPECT_GE(elapsed_ms(start), 190);
+        EXPECT_LT(elapsed_ms(start), 320);
+        done = true;
+        signals.join();
+    }
+    const auto start = steady_clock::now();
+    EXPECT_EQ(scm_conn_exit(&self), 0); // what it sent is not going to be read
+    EXPECT_LT(elapsed_ms(start), 400);
+    close(deaf);
+}
+
+TEST_F(bus, clients_that_do_not_read_leave_the_others_reachable) {
+    service self;
+    service other;
+    setenv("MQUTILS_SEND_TIMEOUT_MS", "1", 1); // clamped to 10
+    ASSERT_EQ(self.init(40), 0);
+    ASSERT_EQ(other.init(41), 0);
+    std::vector<int> deaf;
+    for (uint8_t id = 100; id < 112; ++id) {
+        deaf.push_back(raw_owner(id));
+        while (self.notify(id, std::string(1024, 'm')) == 0) {
+        }
+    }
+    EXPECT_EQ(self.notify(41, "m"), 0) << strerror(errno);
+    EXPECT_TRUE(other.wait_for(2));
+    for (const int fd : deaf) {
+        close(fd);
+    }
+}
+
+// The first callback fills the service's own queue: were it to wait there, nobody could empty it.
+TEST_F(bus, receive_thread_never_waits_not_even_for_itself) {
+    service self;
+    std::atomic<size_t> sent{0};
+    std::atomic<int> error{0};
+    std::atomic<int64_t> took_ms{0};
+    self.hook = [&](service &me, const bus_msg &msg) {
+        auto start = steady_clock::now();
+        while (msg.hdr.msg_id == 407 && me.notify(40, "to myself") == 0) {
+            ++sent;
+            start = steady_clock::now();
+        }
+        if (msg.hdr.msg_id == 407) {
+            error = errno;
+            took_ms = elapsed_ms(start);
+        }
+    };
+    ASSERT_EQ(self.init(40), 0);
+    ASSERT_TRUE(self.wait_for(1));
+    EXPECT_EQ(error, EAGAIN);
+    EXPECT_LT(took_ms, 150);
+    EXPECT_TRUE(self.wait_for(sent + 1));
+}
+
+service *handler_service = nullptr;
+std::atomic<size_t> handler_sends{0};
+
+void send_from_handler(int /*signal*/) {
+    const int saved = errno;
+    if (handler_service->notify(41, "", 1014) == 0) {
+        ++handler_sends;
+    }
+    errno = saved;
+}
+
+TEST_F(bus, signal_handler_may_send_in_the_middle_of_a_send) {
+    service self;
+    service peer;
+    ASSERT_EQ(self.init(40), 0);
+    ASSERT_EQ(peer.init(41), 0);
+    handler_service = &self;
+    struct sigaction action {};
+    action.sa_handler = send_from_handler;
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> done{false};
+    const pthread_t sender = pthread_self();
+    std::thread signals([&] {
+        while (!done) {
+            pthread_kill(sender, SIGUSR1);
+            std::this_thread::yield();
+        }
+    });
+    size_t sent = 0;
+    while (sent < 1000 || handler_sends < 100) {
+        ASSERT_EQ(self.notify(41, std::string(300, 'm')), 0) << strerror(errno);
+        ++sent;
+    }
+    done = true;
+    signals.join();
+    EXPECT_TRUE(peer.wait_for(1 + sent + handler_sends));
+}
+
+} // namespace
