@@ -98,14 +98,11 @@ outcome open_database(bool create, database &opened) {
     if (const outcome o = judge(raw, result, "open"); o != outcome::done)
         return o;
     sqlite3_busy_timeout(raw, busy_timeout_ms);
-    // Keep -wal and -shm between calls: creating and removing them would wear the flash on reads,
-    // and without them a user who may only read could not.
+    // Keep -wal and -shm between calls: a user who may only read the files could not make them.
     int keep = 1;
     sqlite3_file_control(raw, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
-    // Another journal mode is as safe, only slower: not being able to change it is no failure.
-    const int mode = sqlite3_exec(raw, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
-    if ((mode & 0xff) == SQLITE_CORRUPT || (mode & 0xff) == SQLITE_NOTADB)
-        return outcome::damaged;
+    // Until the file has proved to be sound, closing it must not change it.
+    sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     // A limit makes the close truncate the kept -wal.
     return execute(raw, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=0");
 }
@@ -159,6 +156,9 @@ outcome read_values(sqlite3 *db, std::span<stored_value> values) {
 }
 
 outcome create_tables(sqlite3 *db) {
+    // Not on every open: it would write into files that turn out not to be ours. Another journal
+    // mode is as safe, only slower, so not getting this one is no failure.
+    sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     if (const outcome o = execute(db, "BEGIN IMMEDIATE;"
                                       "CREATE TABLE settings(name TEXT PRIMARY KEY NOT NULL,"
                                       " value INTEGER NOT NULL) WITHOUT ROWID; COMMIT");
@@ -183,11 +183,13 @@ outcome attempt(const request &call, bool create) {
         o = call.writing.empty() ? read_values(db.get(), call.reading)
                                  : write_values(db.get(), call.writing);
         if (o != outcome::fresh || !create || created)
-            return o;
+            break;
         sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         o = create_tables(db.get());
         created = true;
     }
+    if (o == outcome::done)
+        sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     return o;
 }
 

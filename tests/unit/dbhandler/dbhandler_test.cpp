@@ -1,0 +1,274 @@
+// The settings database through its exported calls, on files that the tests damage themselves.
+#include "dbhandler_admin.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class settings_db : public testing::Test {
+  protected:
+    fs::path directory_, file_;
+
+    void SetUp() override {
+        std::string name = testing::TempDir() + "dbhandler.XXXXXX";
+        directory_ = mkdtemp(name.data());
+        file_ = directory_ / "settings.db";
+        setenv("DBHANDLER_FILE", file_.c_str(), 1);
+        setenv("DBHANDLER_LOG", "stderr", 1);
+    }
+    void TearDown() override { fs::remove_all(directory_); }
+
+    // First column of the first row as text, or the error.
+    std::string sql(const std::string &text) const {
+        sqlite3 *db = nullptr;
+        std::string result;
+        sqlite3_open(file_.c_str(), &db);
+        const auto keep = [](void *to, int, char **values, char **) {
+            *static_cast<std::string *>(to) = values[0] != nullptr ? values[0] : "NULL";
+            return 0;
+        };
+        if (sqlite3_exec(db, text.c_str(), keep, &result, nullptr) != SQLITE_OK)
+            result = sqlite3_errmsg(db);
+        sqlite3_close(db);
+        return result;
+    }
+    void fill(const std::string &content) const {
+        std::ofstream(file_, std::ios::binary) << content;
+    }
+    static std::string content(const fs::path &path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    std::ptrdiff_t damaged_copies() const {
+        const std::regex name("settings\\.db\\.damaged-\\d{8}-\\d{6}(-\\d+)?");
+        return std::count_if(fs::directory_iterator(directory_), {}, [&name](const auto &entry) {
+            return std::regex_match(entry.path().filename().string(), name);
+        });
+    }
+};
+
+template <typename Work>
+pid_t in_child(Work work) {
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(work() ? 0 : 1);
+    return child;
+}
+
+bool succeeded(pid_t child) {
+    int status = -1;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(settings_db, first_use_stores_the_defaults) {
+    int32_t gps = -7, ta = -7;
+    location_history_settings history{9, 9};
+    EXPECT_EQ(db_read_gps_power_on_status(&gps), 0);
+    EXPECT_EQ(db_read_ta_power_on_status(&ta), 0);
+    EXPECT_EQ(db_read_location_history_settings(&history), 0);
+    EXPECT_TRUE(gps == 2 && ta == 0 && history.status == 0 && history.interval == 60);
+    EXPECT_EQ(sql("SELECT group_concat(name || '=' || value) FROM settings"),
+              "gps_power_on_status=2,location_history_interval=60,location_history_status=0,"
+              "ta_power_on_status=0");
+    EXPECT_EQ(sql("PRAGMA journal_mode"), "wal");
+    EXPECT_EQ(std::string(db_settings_file()), file_.string());
+}
+
+TEST_F(settings_db, setters_store_what_is_in_range_and_only_that) {
+    const auto history = [](uint8_t status, uint32_t interval) {
+        const location_history_settings settings{status, interval};
+        return db_set_location_history_settings(&settings);
+    };
+    EXPECT_NE(db_set_gps_power_on_status(-1), 0);
+    EXPECT_NE(db_set_gps_power_on_status(3), 0);
+    EXPECT_EQ(db_set_gps_power_on_status(0), 0);
+    EXPECT_NE(db_set_ta_power_on_status(-1), 0);
+    EXPECT_EQ(db_set_ta_power_on_status(4), 0);
+    EXPECT_EQ(history(0, 1), 0);
+    EXPECT_EQ(history(1, 4294967295U), 0);
+    EXPECT_NE(history(0, 0), 0);
+    EXPECT_NE(history(2, 5), 0);
+    EXPECT_NE(db_set_location_history_settings(nullptr), 0);
+    EXPECT_EQ(sql("SELECT group_concat(value) FROM settings"), "0,4294967295,1,4");
+}
+
+TEST_F(settings_db, values_stored_by_hand_are_checked) {
+    const struct {
+        const char *value, *readable; // as GPS status, antenna type, history status, interval
+    } rows[] = {
+        {"'on'", "----"},       {"1.5", "----"},        {"-1", "----"},
+        {"0", "yyy-"},          {"'1'", "yyyy"},        {"2", "yy-y"},
+        {"3", "-y-y"},          {"2147483647", "-y-y"}, {"2147483648", "---y"},
+        {"4294967295", "---y"}, {"4294967296", "----"},
+    };
+    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+    for (const auto &row : rows) {
+        std::string readable;
+        for (const char *name : {"gps_power_on_status", "ta_power_on_status",
+                                 "location_history_status", "location_history_interval"}) {
+            sql("DELETE FROM settings"); // rows that are missing count as defaults
+            sql(std::string("INSERT INTO settings VALUES('") + name + "'," + row.value + ")");
+            int32_t value = -77;
+            location_history_settings history{77, 77};
+            const int result = name[0] == 'l'   ? db_read_location_history_settings(&history)
+                               : name[0] == 'g' ? db_read_gps_power_on_status(&value)
+                                                : db_read_ta_power_on_status(&value);
+            readable += result == 0 ? 'y' : '-';
+            EXPECT_EQ(value == -77 && history.status == 77 && history.interval == 77, result != 0)
+                << name << " " << row.value;
+        }
+        EXPECT_EQ(readable, row.readable) << row.value;
+    }
+    EXPECT_TRUE(damaged_copies() == 0);
+    EXPECT_NE(db_read_gps_power_on_status(nullptr), 0);
+    EXPECT_NE(db_read_location_history_settings(nullptr), 0);
+}
+
+TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
+    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+    fs::remove(file_.string() + "-wal");
+    fs::remove(file_.string() + "-shm");
+    const std::string good = content(file_);
+    ASSERT_GE(good.size(), 8192U);
+    const std::string foreign =
+        (fill(""), sql("CREATE TABLE t(a); PRAGMA user_version"), content(file_));
+    const std::string other_columns = (fill(""), sql("CREATE TABLE settings(a)"), content(file_));
+    const struct {
+        const char *name;
+        std::string content;
+    } rows[] = {
+        {"ten bytes", "0123456789"},
+        {"text", std::string(9000, 'x')},
+        {"zeros", std::string(8192, '\0')},
+        {"second page lost", good.substr(0, 4096)},
+        {"cut in the first page", good.substr(0, 1000)},
+        {"second page overwritten", good.substr(0, 4096) + std::string(4096, 'y')},
+        {"tables of another program", foreign},
+        {"other columns", other_columns},
+    };
+    int copies = 0;
+    for (const auto &row : rows) {
+        fill(row.content);
+        std::ofstream(file_.string() + "-wal") << "left over";
+        testing::internal::CaptureStderr();
+        int32_t value = -7;
+        EXPECT_EQ(db_read_gps_power_on_status(&value), 0) << row.name;
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(value, 2) << row.name;
+        EXPECT_EQ(damaged_copies(), ++copies) << row.name;
+        const size_t name = log.find("settings.db.damaged-2");
+        ASSERT_NE(name, std::string::npos) << row.name << ": " << log;
+        const std::string copy =
+            (directory_ / log.substr(name, log.find(',', name) - name)).string();
+        EXPECT_TRUE(content(copy) == row.content) << row.name;
+        EXPECT_EQ(content(copy + "-wal"), "left over") << row.name;
+        EXPECT_EQ(db_set_gps_power_on_status(0), 0) << row.name;
+        EXPECT_EQ(sql("SELECT value FROM settings"), "0") << row.name;
+    }
+}
+
+TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
+    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+
+    sqlite3 *writer = nullptr;
+    sqlite3_open(file_.c_str(), &writer);
+    sqlite3_exec(writer, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+    int32_t value = -7;
+    EXPECT_EQ(db_read_gps_power_on_status(&value), 0) << "a reader does not wait for a writer";
+    EXPECT_EQ(value, 1);
+    EXPECT_NE(db_set_gps_power_on_status(0), 0) << "busy";
+    sqlite3_close(writer);
+
+    EXPECT_TRUE(succeeded(in_child([] { // nothing can be written: a full disk
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_FSIZE, &none);
+        return db_set_gps_power_on_status(0) != 0;
+    }))) << "full";
+
+    fs::permissions(file_, fs::perms::none);
+    EXPECT_TRUE(succeeded(in_child([&] {
+        // The superuser reads everything.
+        if (geteuid() == 0 && (chown(directory_.c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
+            return false;
+        int32_t result = -7;
+        return db_read_gps_power_on_status(&result) != 0 && result == -7;
+    }))) << "unreadable";
+    fs::permissions(file_, fs::perms::owner_all);
+
+    EXPECT_TRUE(damaged_copies() == 0);
+    EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
+    EXPECT_EQ(value, 1);
+
+    setenv("DBHANDLER_FILE", (directory_ / "missing" / "settings.db").c_str(), 1);
+    EXPECT_NE(db_read_gps_power_on_status(&value), 0) << "no directory";
+    setenv("DBHANDLER_FILE", directory_.c_str(), 1);
+    EXPECT_NE(db_read_gps_power_on_status(&value), 0) << "a directory in its place";
+}
+
+TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
+    for (const std::string &start : {std::string(9000, 'x'), std::string()}) {
+        fill(start);
+        int gate[2];
+        ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
+        std::array<pid_t, 6> children{};
+        for (int i = 0; pid_t & child : children)
+            child = in_child([&gate, wanted = i++] {
+                char byte = 0;
+                close(gate[1]);
+                int32_t value = -7;
+                const bool let_go = read(gate[0], &byte, 1) == 0;
+                return let_go && db_set_ta_power_on_status(wanted) == 0 &&
+                       db_read_gps_power_on_status(&value) == 0 && value == 2;
+            });
+        close(gate[0]);
+        close(gate[1]); // all start now
+        for (const pid_t child : children)
+            EXPECT_TRUE(succeeded(child));
+        EXPECT_EQ(damaged_copies(), 1) << "an empty file is a new one, not a damaged one";
+        EXPECT_EQ(sql("PRAGMA integrity_check"), "ok");
+    }
+}
+
+TEST_F(settings_db, threads_see_both_history_values_of_one_change) {
+    const location_history_settings changes[] = {{0, 10}, {1, 20}};
+    ASSERT_EQ(db_set_location_history_settings(&changes[0]), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::array<std::thread, 3> readers;
+    for (std::thread &reader : readers)
+        reader = std::thread([&] {
+            while (!stop) {
+                location_history_settings seen{9, 9};
+                if (db_read_location_history_settings(&seen) != 0 ||
+                    seen.interval != (seen.status == 1 ? 20U : 10U))
+                    failures++;
+            }
+        });
+    for (int i = 0; i < 40; i++)
+        EXPECT_EQ(db_set_location_history_settings(&changes[i % 2]), 0);
+    stop = true;
+    for (std::thread &reader : readers)
+        reader.join();
+    EXPECT_EQ(failures, 0);
+}
+
+} // namespace

@@ -1,0 +1,257 @@
+// Log lines and configuration, as they arrive in files, pipes and sockets.
+#include "zukhal_fixture.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+namespace {
+
+using zukhal_log = zukhal_fixture;
+
+TEST_F(zukhal_log, a_line_has_time_level_place_and_text) {
+    in_child([] {
+        errno = ENOENT;
+        zuk_log_tmplt(3, "%s: %d: %m\n", "gps_main", 42, "opening", 7);
+        EXPECT_EQ(errno, ENOENT);
+        zuk_log_tmplt(6, nullptr, nullptr, -1);
+    });
+    EXPECT_TRUE(std::regex_match(
+        content("log"),
+        std::regex("20\\d\\d-[01]\\d-[0-3]\\dT[0-2]\\d:[0-5]\\d:[0-6]\\d\\.\\d{3}Z error "
+                   "gps_main:42: opening: 7: No such file or directory\n"
+                   "20.*Z info \\?:-1: \\(no format\\)\n")))
+        << content("log");
+}
+
+TEST_F(zukhal_log, what_cannot_be_printed_is_escaped) {
+    const struct {
+        const char *text, *written;
+    } rows[] = {
+        // newlines at the end go, others show, as do carriage returns
+        {"a\n\n", "a"},
+        {"a\nb", "a\\nb"},
+        {"$GPGGA*00\r\n", "$GPGGA*00\\x0d"},
+        // either side of the printable ASCII characters
+        {"\x1b[2J", "\\x1b[2J"},
+        {"\x1f ", "\\x1f "},
+        {"~\x7f", "~\\x7f"},
+        // UTF-8 of 2 to 4 bytes, a control character in it
+        {"\xc2\xa0\xe2\x82\xac\xf0\x9f\x9b\xb0", "\xc2\xa0\xe2\x82\xac\xf0\x9f\x9b\xb0"},
+        {"\xc2\x9f", "\\xc2\\x9f"},
+        // overlong, surrogate, above the last character
+        {"\xc1\xbf", "\\xc1\\xbf"},
+        {"\xe0\x9f\xbf", "\\xe0\\x9f\\xbf"},
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+        // cut by the end, by another character
+        {"\xe2\x82", "\\xe2\\x82"},
+        {"\xe2\x82z", "\\xe2\\x82z"},
+    };
+    std::string expected;
+    for (const auto &row : rows)
+        expected += std::string("m:1: ") + row.written + "\n";
+    in_child([&rows] {
+        for (const auto &row : rows)
+            zuk_log_tmplt(6, "%s", "m", 1, row.text);
+    });
+    EXPECT_EQ(std::regex_replace(content("log"), std::regex("20[^ ]* info "), ""), expected);
+}
+
+TEST_F(zukhal_log, a_long_line_is_cut_at_a_whole_character) {
+    // A line has 2048 bytes, of which "2026-03-01T12:00:00.123Z info m:1: ", " [cut]" and the
+    // newline.
+    constexpr size_t room = 2048 - 35 - 6 - 1;
+    const struct {
+        std::string text, written;
+    } rows[] = {
+        {std::string(room, 'a'), std::string(room, 'a')},
+        {std::string(room + 1, 'a'), std::string(room, 'a') + " [cut]"},
+        {std::string(room - 2, 'a') + "\xe2\x82\xac", std::string(room - 2, 'a') + " [cut]"},
+        {std::string(room - 3, 'a') + "\t", std::string(room - 3, 'a') + " [cut]"},
+        {std::string(100'000, '\x01'), ""},
+    };
+    in_child([&rows] {
+        for (const auto &row : rows)
+            zuk_log_tmplt(6, "%s", "m", 1, row.text.c_str());
+    });
+    std::istringstream lines(content("log"));
+    std::string line;
+    for (const auto &row : rows) {
+        ASSERT_TRUE(std::getline(lines, line));
+        EXPECT_TRUE(row.written.empty() ? line.size() < 2048 && line.ends_with("\\x01 [cut]")
+                                        : line.substr(35) == row.written)
+            << line;
+    }
+}
+
+TEST_F(zukhal_log, only_the_configured_level_and_above_are_written) {
+    const struct {
+        const char *level, *written;
+    } rows[] = {
+        {"error", "0 0 3 "}, {"4", "0 0 3 4 "},           {"info", "0 0 3 4 6 "},
+        {"0", "0 0 "},       {"debug", "0 0 3 4 6 7 7 "}, {"", "0 0 3 4 6 "},
+    };
+    for (const auto &row : rows) {
+        configure(std::string("[log]\ntarget=file\nfile=") + path("log") + "\nlevel=" + row.level);
+        std::filesystem::remove(path("log"));
+        in_child([] {
+            for (const int level : {-1, 0, 3, 4, 6, 7, 8})
+                zuk_log_tmplt(level, "%d", "m", 1, std::min(std::max(level, 0), 7));
+        });
+        EXPECT_EQ(std::regex_replace(content("log"), std::regex("20.*: (.)\n"), "$1 "), row.written)
+            << row.level;
+    }
+}
+
+void log_in_handler(int number) {
+    zuk_log_tmplt(6, "line %d.%d", "m", 1, number, gettid());
+}
+
+TEST_F(zukhal_log, lines_of_threads_processes_and_handlers_stay_whole) {
+    constexpr int each = 200;
+    in_child([] {
+        const bool child = fork() == 0;
+        signal(SIGUSR1, log_in_handler);
+        std::array<std::thread, 3> threads;
+        for (std::thread &thread : threads)
+            thread = std::thread([] {
+                for (int i = 0; i < each; i++)
+                    zuk_log_tmplt(6, "line %d.%d", "m", 1, 1000 + i, gettid());
+            });
+        for (int i = 0; i < each; i++)
+            raise(SIGUSR1);
+        for (std::thread &thread : threads)
+            thread.join();
+        if (child)
+            _exit(0);
+        EXPECT_GT(wait(nullptr), 0);
+    });
+    std::istringstream lines(content("log"));
+    const std::regex whole("20\\S+Z info m:1: line \\d+\\.\\d+");
+    std::set<std::string> different;
+    int count = 0;
+    for (std::string line; std::getline(lines, line); count++) {
+        EXPECT_TRUE(std::regex_match(line, whole)) << line;
+        different.insert(line.substr(line.find("line")));
+    }
+    EXPECT_EQ(count, 2 * 4 * each);
+    EXPECT_EQ(different.size(), 2U * 3 * each + 2) << "handlers log the same text";
+}
+
+TEST_F(zukhal_log, a_log_file_that_was_renamed_or_removed_is_made_anew) {
+    in_child([this] {
+        zuk_log_tmplt(6, "first", "m", 1);
+        std::filesystem::rename(path("log"), path("log.1"));
+        zuk_log_tmplt(6, "second", "m", 1);
+        EXPECT_TRUE(content("log").ends_with("second\n"));
+        std::filesystem::remove(path("log"));
+        zuk_log_tmplt(6, "third", "m", 1);
+    });
+    EXPECT_TRUE(content("log.1").ends_with("first\n"));
+    EXPECT_TRUE(content("log").ends_with("third\n"));
+}
+
+TEST_F(zukhal_log, syslog_gets_priority_program_and_place) {
+    configure("[log]\ntarget=syslog\nsocket=" + path("socket"));
+    in_child([this] {
+        sockaddr_un address{AF_UNIX, {}};
+        path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+        const auto listen = [&address] {
+            unlink(address.sun_path);
+            const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+            return fd;
+        };
+        const auto received = [](int fd) {
+            std::array<char, 4096> bytes{};
+            const ssize_t n = recv(fd, bytes.data(), bytes.size(), 0);
+            return std::string(bytes.data(), n < 0 ? 0 : static_cast<size_t>(n));
+        };
+        const int first = listen();
+        zuk_log_tmplt(4, "low\nbattery\n", "m", 5);
+        const std::string line = received(first);
+        EXPECT_TRUE(
+            std::regex_match(line, std::regex("<28>[A-Z][a-z]{2} [ 1-3]\\d \\d\\d:\\d\\d:\\d\\d "
+                                              "zukhal_log_test\\[\\d+\\]: m:5: low\\\\nbattery")))
+            << line;
+        closelog();
+        zuk_log_tmplt(3, "after closelog", "m", 5);
+        EXPECT_TRUE(received(first).starts_with("<27>"));
+
+        close(first);
+        zuk_log_tmplt(3, "nobody listens", "m", 5);
+        EXPECT_TRUE(content("stderr").ends_with(" error m:5: nobody listens\n"));
+
+        const int second = listen();
+        zuk_log_tmplt(3, "back again", "m", 5);
+        EXPECT_TRUE(received(second).ends_with("back again"));
+        for (int i = 0; i < 10'000 && !content("stderr").ends_with("queued\n"); i++)
+            zuk_log_tmplt(3, "queued", "m", 5);
+        EXPECT_TRUE(content("stderr").ends_with("queued\n"))
+            << "a log that does not read stops nobody";
+    });
+}
+
+TEST_F(zukhal_log, a_pipe_nobody_reads_neither_stops_nor_ends_the_program) {
+    configure("[log]\ntarget=stderr\n");
+    in_child([] {
+        std::array<int, 2> pipe{};
+        ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+        dup2(pipe[1], STDERR_FILENO);
+        fcntl(pipe[1], F_SETPIPE_SZ, 4096);
+        for (int i = 0; i < 5; i++)
+            zuk_log_tmplt(3, "%01000d", "m", 5, 0);
+        close(pipe[0]);
+        zuk_log_tmplt(3, "no reader", "m", 5);
+    });
+}
+
+TEST_F(zukhal_log, impossible_configuration_is_reported_once_and_the_default_serves) {
+    const struct {
+        std::string conf; // after [log], socket and target=stderr
+        const char *complaint;
+        int board = 1;
+    } rows[] = {
+        {"[board]\ntype=2 ; comment\n", "", 2},
+        {"[board]\ntype=0", "[board] type: '0' is none of 1, 2"},
+        {"[board]\ntype=3", "[board] type: '3' is none of 1, 2"},
+        {"level=loud", "[log] level: 'loud' is none of error, warning,"},
+        {"level=8", "[log] level: '8' is none of error,"},
+        {"target=printer", "[log] target: 'printer' is none of"},
+        {"target=file", "[log] file: is missing"},
+        {"target=file\nfile=/proc/x", "[log] file: /proc/x: No such file"},
+        {"socket=/" + std::string(108, 's'), "[log] socket: is too long"},
+        {"type 1\n", ", using the defaults"},
+    };
+    for (const auto &row : rows) {
+        configure("[log]\nsocket=/nonexistent\ntarget=stderr\n" + row.conf);
+        std::filesystem::remove(path("stderr"));
+        in_child([&row] {
+            EXPECT_EQ(get_zuk_type(), row.board) << row.conf;
+            zuk_log_tmplt(7, "debug is off", "m", 1);
+            get_zuk_type();
+        });
+        const std::string log = content("stderr");
+        EXPECT_NE(log.find(row.complaint), std::string::npos) << row.conf << ": " << log;
+        EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), *row.complaint != '\0') << log;
+    }
+    std::ifstream sample(SAMPLE_CONF);
+    const std::string text{std::istreambuf_iterator<char>(sample), {}};
+    configure(std::regex_replace(text, std::regex("target=syslog"), "target=stderr"));
+    std::filesystem::remove(path("stderr"));
+    in_child([] { EXPECT_EQ(get_zuk_type(), 1); });
+    EXPECT_EQ(content("stderr"), "") << "the sample has no fault";
+}
+
+} // namespace

@@ -1,0 +1,250 @@
+// Timers on the real clock, with the shortest interval there is, and votes.
+#include "zukhal_fixture.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+std::atomic<int> g_calls, g_once_calls, g_victim_calls;
+std::atomic<bool> g_begun, g_go_on, g_returned, g_signals_blocked;
+std::atomic<pid_t> g_thread;
+
+template <typename Condition>
+bool reached(Condition condition, steady_clock::duration patience) {
+    const auto deadline = steady_clock::now() + patience;
+    while (!condition() && steady_clock::now() < deadline)
+        std::this_thread::sleep_for(2ms);
+    return condition();
+}
+
+int count(void *) {
+    g_thread = gettid();
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    g_signals_blocked =
+        sigismember(&blocked, SIGTERM) == 1 && sigismember(&blocked, SIGRTMIN + 1) == 1;
+    g_calls++;
+    return 0;
+}
+
+int wait_to_go_on(void *) {
+    g_begun = true;
+    EXPECT_TRUE(reached([] { return g_go_on.load(); }, 10s));
+    g_returned = true;
+    return 0;
+}
+
+std::array<int, 2> g_own_and_victim;
+
+int delete_itself_and_another(void *own) {
+    EXPECT_EQ(own, &g_own_and_victim[0]);
+    g_once_calls++;
+    EXPECT_EQ(rtc_del_timer(g_own_and_victim[0]), 0);
+    EXPECT_EQ(rtc_del_timer(g_own_and_victim[1]), 0);
+    return 0;
+}
+
+int count_victim(void *) {
+    return g_victim_calls++;
+}
+
+using zukhal_timers = zukhal_fixture;
+
+TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) {
+    in_child([] {
+        ASSERT_EQ(rtc_init_timers(), 0);
+        g_own_and_victim[0] =
+            rtc_start_timer(1, delete_itself_and_another, g_own_and_victim.data());
+        g_own_and_victim[1] = rtc_start_timer(1, count_victim, nullptr);
+        const auto start = steady_clock::now();
+        ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
+        EXPECT_EQ(rtc_init_timers(), 0) << "again: changes nothing";
+        EXPECT_EQ(rtc_reinit(), 0) << "keeps the rhythm";
+        EXPECT_TRUE(reached([] { return g_calls == 1; }, 3s));
+        EXPECT_GE(steady_clock::now() - start, 995ms);
+        EXPECT_TRUE(reached([] { return g_calls == 2; }, 3s));
+        EXPECT_GE(steady_clock::now() - start, 1995ms);
+        EXPECT_TRUE(g_signals_blocked);
+        EXPECT_NE(g_thread, gettid());
+        EXPECT_EQ(g_once_calls, 1);
+        EXPECT_LE(g_victim_calls, 1);
+        EXPECT_EQ(rtc_exit(), 0);
+    });
+}
+
+TEST_F(zukhal_timers, deletion_and_exit_wait_for_the_running_callback) {
+    for (const bool by_exit : {false, true})
+        in_child([by_exit] {
+            ASSERT_EQ(rtc_init_timers(), 0);
+            const int handle = rtc_start_timer(1, wait_to_go_on, nullptr);
+            ASSERT_TRUE(reached([] { return g_begun.load(); }, 3s));
+            std::atomic<bool> deleted{false};
+            std::thread deleter([&] {
+                EXPECT_EQ(by_exit ? rtc_exit() : rtc_del_timer(handle), 0);
+                EXPECT_TRUE(g_returned);
+                deleted = true;
+            });
+            EXPECT_FALSE(reached([&] { return deleted.load(); }, 100ms));
+            g_go_on = true;
+            deleter.join();
+            EXPECT_NE(rtc_del_timer(handle), 0) << "it is gone";
+        });
+}
+
+TEST_F(zukhal_timers, expirations_missed_by_a_late_callback_count_as_one) {
+    in_child([] {
+        ASSERT_EQ(rtc_init_timers(), 0);
+        ASSERT_GT(rtc_start_timer(1, wait_to_go_on, nullptr), 0);
+        ASSERT_TRUE(reached([] { return g_begun.load(); }, 3s));
+        ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
+        std::this_thread::sleep_for(2300ms); // two expirations of the second timer
+        EXPECT_EQ(g_calls, 0);
+        g_go_on = true;
+        EXPECT_TRUE(reached([] { return g_calls > 0; }, 1s));
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(g_calls, 1);
+    });
+}
+
+int exit_from_callback(void *) {
+    EXPECT_EQ(rtc_exit(), -1);
+    EXPECT_EQ(errno, EDEADLK);
+    g_returned = true;
+    return 0;
+}
+
+TEST_F(zukhal_timers, what_cannot_be_is_refused) {
+    in_child([] {
+        EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "not started";
+        EXPECT_EQ(rtc_exit(), 0) << "not started";
+        EXPECT_EQ(rtc_reinit(), 0) << "starts it";
+        EXPECT_EQ(rtc_start_timer(0, count, nullptr), 0);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(rtc_start_timer(1, nullptr, nullptr), 0);
+        for (const int handle : {0, -1, 1})
+            EXPECT_EQ(rtc_del_timer(handle), -1) << handle;
+        const int first = rtc_start_timer(UINT32_MAX, count, nullptr);
+        EXPECT_GT(first, 0);
+        EXPECT_EQ(rtc_del_timer(first), 0);
+        EXPECT_EQ(rtc_del_timer(first), -1);
+        for (int i = 0; i < 32; i++)
+            EXPECT_GT(rtc_start_timer(3600, count, nullptr), first) << "no handle comes again";
+        EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "all in use";
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(rtc_exit(), 0);
+        EXPECT_EQ(rtc_exit(), 0);
+        EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "stopped";
+        EXPECT_EQ(rtc_init_timers(), 0);
+        EXPECT_GT(rtc_start_timer(1, exit_from_callback, nullptr), 0) << "exit made room";
+        EXPECT_TRUE(reached([] { return g_returned.load(); }, 3s));
+        EXPECT_EQ(rtc_exit(), 0);
+    });
+}
+
+TEST_F(zukhal_timers, reinit_brings_the_timers_along_into_a_forked_child) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer starts no threads after such a fork";
+#endif
+    in_child([this] {
+        ASSERT_EQ(rtc_init_timers(), 0);
+        const int handle = rtc_start_timer(1, count, nullptr);
+        ASSERT_TRUE(reached([] { return g_calls == 1; }, 3s)) << "the thread waits again";
+        in_child([handle] {
+            g_calls = 0;
+            EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "the thread stayed with the parent";
+            ASSERT_EQ(rtc_reinit(), 0);
+            EXPECT_TRUE(reached([] { return g_calls == 1; }, 3s));
+            EXPECT_EQ(rtc_del_timer(handle), 0);
+            EXPECT_EQ(rtc_exit(), 0);
+        });
+        EXPECT_TRUE(reached([] { return g_calls >= 2; }, 3s)) << "the parent's timer goes on";
+        EXPECT_EQ(rtc_del_timer(handle), 0);
+    });
+}
+
+class zukhal_votes : public zukhal_fixture {
+  protected:
+    void SetUp() override {
+        zukhal_fixture::SetUp();
+        configure("[log]\ntarget=file\nfile=" + path("log") +
+                  "\n[power]\ndirectory=" + directory_.string());
+        std::ofstream(path("wake_lock")).close();
+        std::ofstream(path("wake_unlock")).close();
+    }
+};
+
+TEST_F(zukhal_votes, the_kernel_hears_of_the_first_and_the_last_vote) {
+    const struct {
+        const char *name;
+        int (*vote)(int);
+        int id, result;
+        const char *locked, *unlocked;
+    } rows[] = {
+        {"enable without a vote", pm_system_state_enable, 3, 1, "", ""},
+        {"first vote", pm_system_state_disable, 3, 1, "zukhal.3\n", ""},
+        {"second vote", pm_system_state_disable, 3, 1, "", ""},
+        {"vote of another id", pm_system_state_disable, 0, 1, "zukhal.0\n", ""},
+        {"one taken back", pm_system_state_enable, 3, 1, "", ""},
+        {"last taken back", pm_system_state_enable, 3, 1, "", "zukhal.3\n"},
+        {"never below zero", pm_system_state_enable, 3, 1, "", ""},
+        {"first again", pm_system_state_disable, 3, 1, "zukhal.3\n", ""},
+        {"negative id", pm_system_state_disable, -1, 0, "", ""},
+        {"negative id enabled", pm_system_state_enable, -1, 0, "", ""},
+    };
+    in_child([&] {
+        for (const auto &row : rows) {
+            std::ofstream(path("wake_lock")).close();
+            std::ofstream(path("wake_unlock")).close();
+            errno = EILSEQ;
+            EXPECT_EQ(row.vote(row.id), row.result) << row.name;
+            EXPECT_EQ(errno, EILSEQ) << row.name;
+            EXPECT_EQ(content("wake_lock"), row.locked) << row.name;
+            EXPECT_EQ(content("wake_unlock"), row.unlocked) << row.name;
+        }
+        std::filesystem::remove(path("wake_unlock"));
+        EXPECT_EQ(pm_system_state_enable(3), 1) << "a kernel without wake locks";
+        EXPECT_EQ(content("log"), "");
+    });
+}
+
+void vote_in_handler(int) {
+    pm_system_state_disable(3);
+    pm_system_state_enable(3);
+}
+
+TEST_F(zukhal_votes, threads_and_handlers_leave_the_kernel_in_the_state_of_the_count) {
+    in_child([this] {
+        signal(SIGUSR1, vote_in_handler);
+        std::array<std::thread, 4> threads;
+        for (std::thread &thread : threads)
+            thread = std::thread([] {
+                for (int i = 0; i < 300; i++) {
+                    pm_system_state_disable(3);
+                    raise(SIGUSR1); // the handler may interrupt a vote, too
+                    pm_system_state_enable(3);
+                }
+            });
+        for (int i = 0; i < 300; i++)
+            kill(getpid(), SIGUSR1);
+        for (std::thread &thread : threads)
+            thread.join();
+        EXPECT_EQ(content("wake_lock"), content("wake_unlock"));
+        EXPECT_NE(content("wake_lock"), "");
+        for (int id = 100; id < 164; id++)
+            EXPECT_EQ(pm_system_state_disable(id), 1);
+        EXPECT_EQ(pm_system_state_disable(164), 0) << "64 ids hold votes";
+        EXPECT_EQ(pm_system_state_enable(164), 1) << "enable never fails";
+        EXPECT_EQ(pm_system_state_enable(100), 1);
+        EXPECT_EQ(pm_system_state_disable(164), 1) << "a slot became free";
+    });
+}
+
+} // namespace
