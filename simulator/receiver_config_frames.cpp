@@ -73,10 +73,10 @@ bool set_information(receiver_config &config, bytes_t payload) {
 
 std::optional<payload_t> get_information(const receiver_config &config, bytes_t poll) {
     payload_t answer;
-    for (uint8_t protocol = 0; protocol < config.information.size(); ++protocol) {
+    for (size_t protocol = 0; protocol < config.information.size(); ++protocol) {
         if (!poll.empty() && poll[0] != protocol)
             continue;
-        answer.insert(answer.end(), {protocol, 0, 0, 0});
+        answer.insert(answer.end(), {static_cast<uint8_t>(protocol), 0, 0, 0});
         answer.insert(answer.end(), config.information[protocol].begin(),
                       config.information[protocol].end());
     }
