@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -20,12 +21,15 @@ namespace sim {
 
 struct receiver_options {
     truth_source truth;
-    std::string battery_file;  // battery-backed memory; empty = none, always a fresh receiver
-    double startup_s = 0.0;    // power-on until it listens
-    double cold_ttff_s = 29.0; // time to first fix: nothing known
-    double warm_ttff_s = 25.0; // almanac and time known
-    double hot_ttff_s = 1.0;   // ephemeris known too
-    bool instant_fix = false;  // has a fix from the first epoch on
+    std::string battery_file;   // battery-backed memory; empty = none, always a fresh receiver
+    double startup_s = 0.0;     // power-on until it listens
+    double cold_ttff_s = 29.0;  // time to first fix: nothing known
+    double warm_ttff_s = 25.0;  // almanac and time known
+    double hot_ttff_s = 1.0;    // ephemeris known too
+    bool instant_fix = false;   // has a fix from the first epoch on
+    bool preconfigured = false; // as its owner left it: GPS only, talker GP, speaks when asked
+    std::function<double()>
+        wall_clock; // Unix seconds, dates the battery memory; empty = the system's
 };
 
 // Faults of the receiver itself. Faults of the line (cut, checksum, garbage...) are the line's.
@@ -68,15 +72,28 @@ class receiver {
     std::unique_ptr<state> self;
 };
 
-// A fixed place (degrees, metres above mean sea level) at the real time of day.
-truth_source make_fixed_place(double latitude, double longitude, double altitude);
+// A fixed place (degrees, metres above mean sea level) at the time of day of `wall_clock` (Unix
+// seconds; empty = the system's), which is read once, at the first epoch.
+truth_source make_fixed_place(double latitude, double longitude, double altitude,
+                              std::function<double()> wall_clock = {});
 
 // A route file: lines "SECONDS LATITUDE LONGITUDE [ALTITUDE]", times ascending, # comments; between
-// points position is interpolated, speed and course follow. Empty result: `error` says why.
-truth_source load_route(const std::string &path, std::string &error);
+// points position is interpolated, speed and course follow. Without an altitude the last one holds.
+// Empty result: `error` says why.
+truth_source load_route(const std::string &path, std::string &error,
+                        std::function<double()> wall_clock = {});
 
-// A recording: NMEA lines of any talker. Empty result: `error` says why.
-truth_source load_recording(const std::string &path, std::string &error);
+struct recording_summary {
+    size_t epochs = 0;   // moments to replay
+    size_t damaged = 0;  // lines skipped: no sentence, or a wrong checksum
+    double duration = 0; // seconds until it begins again
+};
+
+// A recording: NMEA lines of any talker, LF or CRLF. Of several constellations the GPS part is
+// kept. Epochs last as long as their times say; 1 s where a time is missing or the recording was
+// cut. Empty result: `error` says why.
+truth_source load_recording(const std::string &path, std::string &error,
+                            recording_summary *summary = nullptr);
 
 } // namespace sim
 

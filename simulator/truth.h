@@ -42,7 +42,8 @@ struct epoch {
     std::optional<double> speed;     // metres per second over ground
     std::optional<double> course;    // degrees from true north
     std::vector<satellite> satellites;
-    std::optional<double> pdop, hdop, vdop;
+    std::vector<int> slots; // PRNs of the fix as a GSA lists them, 0 = an empty slot
+    std::optional<double> pdop, hdop, vdop, tdop;
 };
 
 // A source gives the epoch at a simulated time, in seconds since the source's own start. Recordings
