@@ -8,13 +8,16 @@ namespace sim {
 double fake_receiver_delay_s = 0;
 
 struct receiver::state {
+    receiver_options options;
     receiver_faults faults;
     bool powered = false;
     std::string collected;
     std::deque<std::pair<double, std::string>> answers;
 };
 
-receiver::receiver(receiver_options) : self(std::make_unique<state>()) {}
+receiver::receiver(receiver_options options) : self(std::make_unique<state>()) {
+    self->options = std::move(options);
+}
 receiver::~receiver() = default;
 
 void receiver::set_power(bool gpio102, bool gpio37, double) {
