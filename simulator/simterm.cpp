@@ -1,0 +1,83 @@
+// simterm: a directory that behaves like a terminal. The command line; everything else is in
+// terminal_run.
+#include "terminal_options.h"
+#include "terminal_run.h"
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int USAGE = 2;
+
+void add_run(CLI::App &app, sim::terminal_options &options) {
+    CLI::App *run = app.add_subcommand("run", "Bring a terminal up and keep it running");
+    run->add_option("DIR", options.directory, "Directory of the terminal; made when missing")
+        ->required();
+    run->add_option("--board", options.board,
+                    "Board type: 1 receiver on the serial line, 2 receiver behind the TA (new: 1)")
+        ->check(CLI::IsMember({1, 2}));
+    auto *truth = run->add_option_group("truth", "What the receiver sees");
+    truth->add_option("--replay", options.replay, "Recording of a real receiver, NMEA lines")
+        ->check(CLI::ExistingFile);
+    truth->add_option("--route", options.route, "Route file: SECONDS LATITUDE LONGITUDE [ALTITUDE]")
+        ->check(CLI::ExistingFile);
+    truth->add_option("--place", options.place, "Fixed place: LAT,LON[,ALT]");
+    truth->require_option(0, 1);
+    run->add_option("--baud", options.baud, "Speed of the serial line, 0 = takes no time")
+        ->check(CLI::Range(0U, 4000000U))
+        ->capture_default_str();
+    run->add_option("--power-status", options.power_status,
+                    "Stored power-on status: 0 and 1 off, 2 on (new: 2)")
+        ->check(CLI::Range(0, 2));
+    run->add_option("--antenna", options.antenna,
+                    "Stored antenna type; 4 serves requests (new: 4)");
+    run->add_option_function<std::string>(
+           "--history", [&options](const std::string &text) { options.history = text == "on"; },
+           "Location history (new: off)")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->type_name("on|off");
+    run->add_option("--history-interval", options.history_interval,
+                    "Seconds between history entries (new: 60)");
+    run->add_option("--startup", options.startup_s, "Seconds from power-on until it listens")
+        ->check(CLI::Range(0.0, 3600.0));
+    run->add_option("--ttff", options.ttff, "Seconds to the first fix: COLD,WARM,HOT");
+    run->add_flag("--instant-fix", options.instant_fix, "A fix from the first epoch on");
+    run->add_option("--fault", options.faults, "Fault to start with, NAME[=ARG]; may be repeated")
+        ->allow_extra_args(false);
+    run->add_option("--log-level", options.log_level,
+                    "Level of log/terminal.log: error, warning, info, debug (new: info)")
+        ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
+    run->add_option("--daemon", options.daemon, "Daemon to start inside")->check(CLI::ExistingFile);
+    run->add_flag("--verbose", options.verbose, "Show every exchange");
+    run->add_option("COMMAND", options.command, "Command to run inside, behind --; ends the run");
+    run->positionals_at_end(false);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{"A terminal on a workstation", "simterm"};
+    app.require_subcommand(1);
+    sim::terminal_options options;
+    add_run(app, options);
+    std::string directory;
+    std::vector<std::string> words;
+    CLI::App *ctl = app.add_subcommand("ctl", "Ask a running terminal; \"help\" lists what");
+    ctl->add_option("DIR", directory, "Directory of the terminal")->required();
+    ctl->add_option("WORDS", words, "status, faults, fault NAME [ARG] on|off, power, ...")
+        ->required();
+    ctl->prefix_command(false);
+    try {
+        app.parse(argc, argv);
+        return ctl->parsed() ? sim::terminal_ctl(directory, words) : sim::terminal_run(options);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : USAGE;
+    } catch (const std::exception &error) {
+        std::cerr << "simterm: " << error.what() << "\n";
+        return 1;
+    }
+}
