@@ -140,12 +140,11 @@ std::array<uint8_t, 2> ubx_checksum(std::span<const uint8_t> bytes) {
 }
 
 std::vector<uint8_t> ubx_frame(uint16_t key, std::span<const uint8_t> payload) {
-    std::vector<uint8_t> frame{ubx_sync_1,
-                               ubx_sync_2,
-                               static_cast<uint8_t>(key >> 8),
-                               static_cast<uint8_t>(key & 0xff),
-                               static_cast<uint8_t>(payload.size() & 0xff),
-                               static_cast<uint8_t>(payload.size() >> 8)};
+    std::vector<uint8_t> frame;
+    frame.reserve(payload.size() + 8);
+    for (const size_t byte : {size_t{ubx_sync_1}, size_t{ubx_sync_2}, size_t{key} >> 8, size_t{key},
+                              payload.size(), payload.size() >> 8})
+        frame.push_back(static_cast<uint8_t>(byte));
     frame.insert(frame.end(), payload.begin(), payload.end());
     const auto sums = ubx_checksum(std::span(frame).subspan(2));
     frame.insert(frame.end(), sums.begin(), sums.end());

@@ -163,6 +163,11 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg) {
         return handle_cfun_level(conn, *msg);
     case TA_NOTIFY_ANTENNA_TYPE:
         return handle_antenna_type(*msg);
+    case SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP:
+        // The worker returns a vote at its end, and so does the caller of this handler.
+        log_info("Received request for lpp parameters");
+        ls_msg_req_handler_thread(conn, msg);
+        return 0;
     default:
         log_error("%s, Invalid Message Id", __func__);
         return -1;
