@@ -70,6 +70,7 @@ void ls_hal_get_time(scm_conn *conn, const bus_msg *msg);
 
 void ls_hal_get_sat_info(scm_conn *conn, const bus_msg *msg);
 void ls_hal_get_speed(scm_conn *conn, const bus_msg *msg);
+void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg);
 void ls_hal_exec_nmea_cmd(scm_conn *conn, const bus_msg *msg);
 void ls_hal_exec_ubx_cmd(scm_conn *conn, const bus_msg *msg);
 

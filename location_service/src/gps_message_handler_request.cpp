@@ -1,9 +1,11 @@
 // Request handlers: each runs one receiver query under the service's two locks and replies with a
 // payload of fixed size. The reply is sent with neither lock held.
+#include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "gps_service.h"
 #include "ls_log.h"
+#include "ls_paths.h"
 #include "ls_state.h"
 
 #include <algorithm>
@@ -148,6 +150,17 @@ void ls_hal_get_speed(scm_conn *conn, const bus_msg *msg) {
     ls_speed_reply reply = {};
     const int32_t result = run_query([&] { return gps_get_speed(&reply.speed); });
     reply.status = position_status(result);
+    send_reply(conn, msg, reply);
+}
+
+void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg) {
+    ls_history_path_reply reply = {};
+    {
+        const std::lock_guard guard(ls_history_file_lock);
+        reply.status = static_cast<uint32_t>(ls_hal_read_history_data());
+    }
+    static_assert(sizeof(LS_HISTORY_EXPORT_NAME) <= sizeof(reply.path));
+    memcpy(reply.path, LS_HISTORY_EXPORT_NAME, sizeof(LS_HISTORY_EXPORT_NAME));
     send_reply(conn, msg, reply);
 }
 

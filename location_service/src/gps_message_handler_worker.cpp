@@ -1,4 +1,5 @@
 // Request entry and request workers: one detached thread per accepted request.
+#include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "ls_log.h"
@@ -44,6 +45,7 @@ void serve_set_power_mode(scm_conn *conn, const bus_msg *msg) {
         ls_payload_word(*msg, &mode))
         mt_gps_status = static_cast<int32_t>(mode);
     ls_hal_set_power_mode(conn, msg);
+    ls_hal_history_config();
 }
 
 void serve_register_periodic(scm_conn *conn, const bus_msg *msg) {
@@ -84,6 +86,8 @@ constexpr std::array request_handlers = {
                     serve_set_power_mode},
     request_handler{LS_EXEC_NMEA_CMD, "Case LS_EXEC_NMEA_CMD\n", ls_hal_exec_nmea_cmd},
     request_handler{LS_EXEC_UBX_CMD, "Case LS_EXEC_UBX_CMD\n", ls_hal_exec_ubx_cmd},
+    request_handler{LS_REQUEST_GET_HISTORY_FILE_PATH, "Case LS_REQUEST_GET_HISTORY_FILE_PATH\n",
+                    ls_hal_get_history_file_path},
     request_handler{SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP,
                     "Case SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP", serve_lpp_params},
 };
