@@ -1,6 +1,7 @@
-// The log call. It takes no lock and no heap, so it may run in a signal handler while other threads
-// log; what a line costs when its level is switched off is one comparison. A line that is written
-// takes about 7 KB of stack.
+// The log call. It uses no heap and no lock, but for the C library's time zone lock in the time of
+// a syslog line, so it may run in a signal handler that interrupts an idle thread while others log.
+// What a line costs when its level is switched off is one comparison. The buffers of a line that is
+// written take 4 KB of stack.
 //
 // A line is one write or one datagram, so lines of many threads and processes never mix. A target
 // that does not take the line within send_patience_ms, or is not there, loses it to stderr; if
