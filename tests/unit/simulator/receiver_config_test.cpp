@@ -9,6 +9,7 @@ namespace {
 using rig::ask;
 using rig::frame;
 using rig::from_hex;
+using rig::heard;
 using rig::sentence;
 
 const std::string zeros36 = [] {
@@ -240,6 +241,27 @@ TEST_F(with_battery, KeepsOnlyWhatWasSaved) {
     receiver.set_power(true, true, 2);
     EXPECT_EQ(ask(receiver, frame(sim::ubx_cfg_rate, ""), 2).substr(0, 35),
               "b5 62 06 08 06 00 64 00 01 00 01 00");
+}
+
+TEST_F(with_battery, KeepsAllOfPowerOn) {
+    sim::receiver first(options);
+    first.set_power(true, true, 0);
+    for (const char *type : {"GGA", "GLL", "GSA", "GSV", "RMC", "VTG"})
+        ask(first, sentence("PUBX,40," + std::string(type) + ",0,0,0,0,0,0"), 0);
+    for (const accepted_row &row : power_on_frames)
+        ask(first, from_hex(row.frame), 0);
+    sim::receiver next(options);
+    next.set_power(true, true, 0);
+    EXPECT_EQ(heard(next, 0), "") << "no start lines";
+    for (const accepted_row &row : power_on_frames) {
+        const rig::bytes set = from_hex(row.frame);
+        if (set[3] == 0x09 || set[3] == 0x02) // CFG has nothing to poll, INF more than was set
+            continue;
+        EXPECT_EQ(ask(next, frame(static_cast<uint16_t>(0x0600 | set[3]), ""), 0),
+                  row.frame + "\n" + row.acknowledge)
+            << row.name;
+    }
+    EXPECT_EQ(next.next_event(), std::nullopt) << "silent until asked";
 }
 
 TEST_F(with_battery, ClearsAndLoads) {

@@ -135,7 +135,8 @@ TEST(Route, MovesBetweenItsPoints) {
     EXPECT_EQ(source(15).altitude, 200.0) << "the last altitude holds";
     EXPECT_NEAR(*source(25).course, 270.0, 1e-6);
     EXPECT_NEAR(*source(35).latitude, 0.0045, 1e-9) << "begins again";
-    EXPECT_EQ(sim::unix_of(*source(35).date, *source(35).time), 1704110430.0) << "but time goes on, from the first epoch";
+    EXPECT_EQ(sim::unix_of(*source(35).date, *source(35).time), 1704110430.0)
+        << "but time goes on, from the first epoch";
 }
 
 TEST(Route, CrossesTheDateLineTheShortWay) {
