@@ -45,14 +45,14 @@ std::optional<int> digits_in(std::string_view text, size_t at, size_t count) {
 }
 
 std::optional<utc_time> time_in(std::string_view text) {
-    const auto hour = digits_in(text, 0, 2);
-    const auto minute = digits_in(text, 2, 2);
-    const auto second =
-        text.size() < 6 ? std::nullopt : number_in<double>(text.substr(4, text.size() - 4));
-    if (!hour || !minute || !second || *hour < 0 || *hour > 23 || *minute < 0 || *minute > 59 ||
-        *second < 0 || *second >= 61)
+    if (text.size() < 6)
         return std::nullopt;
-    return utc_time{*hour, *minute, *second};
+    const int hour = digits_in(text, 0, 2).value_or(-1);
+    const int minute = digits_in(text, 2, 2).value_or(-1);
+    const double second = number_in<double>(text.substr(4)).value_or(-1.0);
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second >= 61)
+        return std::nullopt;
+    return utc_time{hour, minute, second};
 }
 
 std::optional<utc_date> date_of(std::optional<int> day, std::optional<int> month,
