@@ -90,6 +90,8 @@ location_result wait_or_diagnose(location_client &client, milliseconds timeout, 
         why = location_result::gate_closed;
     } else if (power.power_mode == GPS_POWER_ON || probe.size != sizeof power) {
         why = location_result::receiver_busy;
+    } else {
+        client.power_seen = power.power_mode;
     }
     const client_clock::time_point last =
         why == location_result::receiver_busy

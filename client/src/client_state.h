@@ -38,6 +38,7 @@ struct location_client {
     client_link link{};
     uint8_t serv_id = 0;
     std::atomic<uint32_t> lost_updates{0};
+    std::atomic<uint32_t> power_seen{GPS_POWER_OFF}; // mode behind the last receiver_off
 
     std::mutex lock; // guards everything below
     std::condition_variable changed;
