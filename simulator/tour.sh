@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# What ./run shows, inside a terminal that simterm has brought up (its environment is set, the commands
+# are in PATH). Usage: tour.sh DIR live|short
+#   live   the position once a second, until interrupted
+#   short  one look at each thing the service does, then the end
+set -uo pipefail
+dir=$1
+mode=$2
+
+fail() {
+    printf '\nstep failed: %s\n' "$*" >&2
+    printf 'last lines of %s/log/terminal.log:\n' "$dir" >&2
+    tail -n 5 "$dir/log/terminal.log" >&2
+    exit 1
+}
+
+# Runs a command and shows it; its status must be the one given.
+step() {
+    local wanted=$1 status=0
+    shift
+    printf '\n$ %s\n' "$*"
+    "$@" || status=$?
+    [ "$status" -eq "$wanted" ] || fail "$* (exit status $status, expected $wanted)"
+}
+
+# The daemon configures the receiver first, and the receiver looks for its satellites.
+printf '\nWaiting for the first fix '
+for ((second = 0; ; ++second)); do
+    answer=$(lsctl position 2>&1) && break
+    [ "$second" -lt 60 ] || fail "no fix within a minute; lsctl position says: $answer"
+    printf .
+    sleep 1
+done
+echo
+
+if [ "$mode" = live ]; then
+    while :; do
+        answer=$(lsctl position 2>&1)
+        printf '\033[H\033[JPosition once a second; Ctrl-C ends everything.\n\n%s\n' "$answer"
+        sleep 1
+    done
+fi
+
+step 0 lsctl power
+step 0 lsctl time
+step 0 lsctl position
+step 0 lsctl position --json
+step 0 lsctl speed
+step 0 lsctl nmea PUBX,00
+step 0 lsctl ubx 06 08
+echo
+echo "A receiver that falls silent, and comes back:"
+step 0 simterm ctl "$dir" fault silent on
+step 1 lsctl position
+step 0 simterm ctl "$dir" fault silent off
+step 0 lsctl position
+echo
+echo "Everything answered."
