@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -32,6 +33,8 @@ struct fault {
 constexpr unsigned LONGEST_ANSWER = 4096;
 // Longer than the three seconds for which a reader of the line waits.
 constexpr unsigned LATE_MS = 4000;
+// Longer than the 15 seconds for which the daemon waits for the TA.
+constexpr unsigned TA_LATE_MS = 16000;
 constexpr unsigned LONGEST_DELAY_MS = 600000;
 
 // A cut without a number halves the answer; the number behind it is 0 then.
@@ -51,7 +54,7 @@ constexpr fault frame_fault(const char *name, std::vector<uint16_t> &(*frames)(f
     return {name, "CLASSID", kind::frame, 0, 0, 0, nullptr, nullptr, frames, meaning};
 }
 
-const std::array<fault, 13> FAULTS{{
+const std::array<fault, 16> FAULTS{{
     plain_fault(
         "silent", [](fault_targets t) -> bool & { return t.receiver.silent; },
         "the receiver answers nothing"),
@@ -96,6 +99,17 @@ const std::array<fault, 13> FAULTS{{
     plain_fault(
         "week-rollover", [](fault_targets t) -> bool & { return t.receiver.week_rollover; },
         "dates are 1024 weeks in the past"),
+    plain_fault(
+        "ta-silent", [](fault_targets t) -> bool & { return t.ta.silent; },
+        "the TA answers nothing (board 2)"),
+    number_fault(
+        "ta-late", "MS", 1, LONGEST_DELAY_MS, TA_LATE_MS,
+        [](fault_targets t) -> unsigned & { return t.ta.late_ms; },
+        "the TA answers MS (16000) milliseconds later"),
+    number_fault(
+        "ta-overlong", "LENGTH", GPS_DATA_RSP_SIZE + 1, UINT_MAX, GPS_DATA_RSP_SIZE + 1,
+        [](fault_targets t) -> unsigned & { return t.ta.claimed_length; },
+        "the TA says its answer has LENGTH (201) bytes"),
 }};
 
 std::optional<unsigned> whole_number(std::string_view text, int base) {

@@ -5,16 +5,18 @@
 
 #include "line_spoil.h"
 #include "receiver.h"
+#include "services_ta.h"
 
 #include <string>
 #include <string_view>
 
 namespace sim {
 
-// Where the faults act; both belong to the caller.
+// Where the faults act; all belong to the caller.
 struct fault_targets {
     line_faults &line;
     receiver_faults &receiver;
+    ta_faults &ta;
 };
 
 // Switches fault `name`. An empty argument means the fault's own default when it is switched on,

@@ -46,12 +46,15 @@ void add_run(CLI::App &app, sim::terminal_options &options) {
         ->check(CLI::Range(0.0, 3600.0));
     run->add_option("--ttff", options.ttff, "Seconds to the first fix: COLD,WARM,HOT");
     run->add_flag("--instant-fix", options.instant_fix, "A fix from the first epoch on");
+    run->add_flag("--blank-receiver", options.blank_receiver,
+                  "Forget the receiver's battery memory and configuration: it talks unasked");
     run->add_option("--fault", options.faults, "Fault to start with, NAME[=ARG]; may be repeated")
         ->allow_extra_args(false);
     run->add_option("--log-level", options.log_level,
                     "Level of log/terminal.log: error, warning, info, debug (new: info)")
         ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
     run->add_option("--daemon", options.daemon, "Daemon to start inside")->check(CLI::ExistingFile);
+    run->add_flag("!--no-services", options.services, "Without the TA, SAL, VoIP and WS stand-ins");
     run->add_flag("--verbose", options.verbose, "Show every exchange");
     run->add_option("COMMAND", options.command, "Command to run inside, behind --; ends the run");
     run->positionals_at_end(false);

@@ -9,10 +9,13 @@
 #include "terminal_source.h"
 
 #include <array>
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -29,9 +32,11 @@ bool port_was_open = false;       // as last told to people
 int port_watched = -1;            // master descriptor that the loop watches
 gpio_tree gpio;
 std::array<bool, 2> power_levels{}; // of TERMINAL_POWER_LINES, as the receiver knows them
+ta_faults ta_is;                    // for the services
+std::function<void(std::span<const uint8_t>)> answer_handler; // board 2: the TA
 
 fault_targets targets() {
-    return {wire.faults, module->faults()};
+    return {wire.faults, module->faults(), ta_is};
 }
 
 void step_power(double now) {
@@ -82,14 +87,28 @@ void step_port_state() {
     watch_port();
 }
 
-void step_line(double now) {
+// To whoever is at the other end of the line. False when nobody is.
+bool hand_over(std::span<const uint8_t> answer) {
+    if (board_type == 1) {
+        return line_pty_write(port, answer);
+    }
+    if (answer_handler) {
+        answer_handler(answer);
+    }
+    return answer_handler != nullptr;
+}
+
+void take_commands(double now) {
     const std::vector<uint8_t> command = line_pty_read(port);
     if (!command.empty()) {
         say_detail("to receiver:   %s", printable(command).c_str());
         line_send(wire, command, now);
     }
+}
+
+void step_line(double now) {
     for (const std::vector<uint8_t> &answer : line_step(wire, *module, now)) {
-        if (line_pty_write(port, answer)) {
+        if (hand_over(answer)) {
             say_detail("from receiver: %s", printable(answer).c_str());
         } else {
             wire.answer_bytes -= answer.size();
@@ -141,11 +160,19 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
         return false;
     }
     receiver_is.battery_file = paths.battery;
+    // A terminal leaves production with its receiver configured once. A blank one talks while the
+    // daemon sets it up, and its first words are then read as the first answers.
+    receiver_is.preconfigured = !options.blank_receiver;
+    if (options.blank_receiver && unlink(paths.battery.c_str()) != 0 && errno != ENOENT) {
+        error = "removing " + paths.battery + ": " + std::strerror(errno);
+        return false;
+    }
     board_type = board;
     uart_path = paths.uart;
     wire = line{};
     wire.baud = options.baud;
     power_levels = {};
+    ta_is = {};
     module = std::make_unique<receiver>(std::move(receiver_is));
     for (const std::string &fault : options.faults) {
         if (!fault_switch_on(targets(), fault, error)) {
@@ -162,7 +189,8 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
         return false;
     }
     terminal_boot_lines();
-    loop_set_timer([] { return line_next_event(wire, *module); }, terminal_step);
+    loop_add_timer([] { return module == nullptr ? std::nullopt : line_next_event(wire, *module); },
+                   terminal_step);
     say_plain("  receiver   %s, %s",
               board == 1 ? "on dev/ttymxc2, power by gpio 102 and 37" : "behind the TA, powered",
               source.c_str());
@@ -176,7 +204,6 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
 }
 
 void terminal_down() {
-    loop_set_timer(nullptr, nullptr);
     unplug();
     port_was_open = false;
     if (gpio.notify >= 0) {
@@ -203,10 +230,26 @@ void terminal_step() {
         return;
     }
     const double now = loop_now();
-    step_line(now); // everything before a change of power happens under the old power
+    // What is on the line already meets the old power. What is still to be read may have been
+    // written after the change: a program that raises the lines and sends at once is served.
+    step_line(now);
     step_power(now);
+    take_commands(now);
     step_port_state();
     step_line(now);
+}
+
+void terminal_line_send(std::span<const uint8_t> command) {
+    say_detail("to receiver:   %s", printable(command).c_str());
+    line_send(wire, command, loop_now());
+}
+
+void terminal_on_answer(std::function<void(std::span<const uint8_t>)> handler) {
+    answer_handler = std::move(handler);
+}
+
+const ta_faults &terminal_ta_faults() {
+    return ta_is;
 }
 
 bool terminal_fault(std::string_view name, std::string_view argument, bool on, std::string &error) {

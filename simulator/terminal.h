@@ -4,9 +4,13 @@
 #ifndef SIMULATOR_TERMINAL_H
 #define SIMULATOR_TERMINAL_H
 
+#include "services_ta.h"
 #include "terminal_options.h"
 #include "terminal_tree.h"
 
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -28,6 +32,12 @@ void terminal_boot_lines();
 
 // Takes in everything that has happened outside, up to now.
 void terminal_step();
+
+// The receiver's line on board 2, for the TA: commands go in here, answers come out there.
+void terminal_line_send(std::span<const uint8_t> command);
+void terminal_on_answer(std::function<void(std::span<const uint8_t>)> handler); // null = nobody
+
+const ta_faults &terminal_ta_faults();
 
 // Switches a fault; see fault_switch.
 bool terminal_fault(std::string_view name, std::string_view argument, bool on, std::string &error);

@@ -30,6 +30,7 @@ pid_t daemon_pid = -1;          // -1 = not running
 std::optional<int> daemon_end;  // wait status of one that ended without being told to
 pid_t command_pid = -1;         // -1 = not running
 std::optional<int> command_end; // wait status
+bool in_order = true;           // nothing was killed or failed when it was stopped
 int signals = -1;               // signalfd
 
 constexpr double BUS_PATIENCE_S = 15;  // a daemon registers first thing
@@ -110,6 +111,12 @@ std::string own_log() {
     return text;
 }
 
+void report(const char *what, int wait_status) {
+    const std::string log = own_log();
+    say_error("%s: %s%s%s", what, process_outcome(wait_status).c_str(), log.empty() ? "" : "\n",
+              log.c_str());
+}
+
 } // namespace
 
 void children_use(const terminal_options &options, const terminal_paths &paths) {
@@ -176,15 +183,14 @@ bool children_stop_daemon() {
     const pid_t pid = std::exchange(daemon_pid, -1);
     const int status = process_stop(pid, "the daemon", STOP_PATIENCE_S, killed);
     say_event("daemon stopped: %s", process_outcome(status).c_str());
-    if (!killed && status != 0) {
-        // SIGTERM before its handlers were in place ends it too; that is no failure.
-        if (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) {
-            return true;
-        }
-        say_error("the daemon did not stop in order: %s", process_outcome(status).c_str());
-        say_error("\n%s", own_log().c_str());
+    // SIGTERM before its handlers are in place ends it too; that is no failure.
+    const bool orderly =
+        !killed && (status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
+    if (!orderly && !killed) {
+        report("the daemon did not stop in order", status);
     }
-    return !killed && status == 0;
+    in_order = in_order && orderly;
+    return orderly;
 }
 
 bool children_start_command(std::string &error) {
@@ -204,9 +210,7 @@ bool children_daemon_died() {
 }
 
 void children_report_death() {
-    const std::string log = own_log();
-    say_error("the daemon died: %s%s%s", process_outcome(daemon_end.value_or(0)).c_str(),
-              log.empty() ? "" : "\n", log.c_str());
+    report("the daemon died", daemon_end.value_or(0));
 }
 
 bool children_command_ended() {
@@ -230,16 +234,16 @@ std::string children_describe() {
 }
 
 bool children_stop_all() {
-    bool orderly = true;
     look_at_children();
     if (command_pid > 0) {
         bool killed = false;
         const int status =
             process_stop(std::exchange(command_pid, -1), "the command", STOP_PATIENCE_S, killed);
         say_event("command stopped: %s", process_outcome(status).c_str());
-        orderly = !killed;
+        in_order = in_order && !killed;
     }
-    return children_stop_daemon() && orderly;
+    children_stop_daemon();
+    return in_order;
 }
 
 void children_close() {

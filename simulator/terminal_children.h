@@ -23,7 +23,8 @@ bool children_watch_signals(std::function<void()> stop, std::string &error);
 // says why. Also true when `cancelled` said to give up waiting.
 bool children_start_daemon(std::string &error, const std::function<bool()> &cancelled);
 
-// Stops it. False when it had to be killed or ended with a failure, which has been said.
+// Stops it. False when it had to be killed or ended with a failure, which has been said; the run
+// then does not end with success any more.
 bool children_stop_daemon();
 
 bool children_start_command(std::string &error);
@@ -37,7 +38,7 @@ int children_command_status(); // as a shell reports it
 // The daemon in one line for people.
 std::string children_describe();
 
-// Stops what still runs. False when something did not end in order.
+// Stops what still runs. False when something did not end in order, now or earlier in the run.
 bool children_stop_all();
 void children_close();
 

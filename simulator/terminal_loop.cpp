@@ -20,8 +20,12 @@ struct watched {
     std::function<void()> handler;
 };
 std::vector<watched> watches;
-std::function<std::optional<double>()> timer_when;
-std::function<void()> timer_handler;
+struct timer {
+    std::function<std::optional<double>()> when;
+    std::function<void()> handler;
+    std::optional<double> due; // as of the present round
+};
+std::vector<timer> timers;
 int timer_fd = -1;
 
 // A timer that its owner asks for again and again in the past must not take the whole processor.
@@ -53,10 +57,12 @@ void dispatch(int fd) {
 
 // One round. False when waiting failed for good.
 bool wait_once(std::optional<double> deadline) {
-    const std::optional<double> due = timer_when ? timer_when() : std::nullopt;
-    std::optional<double> at = due;
-    if (deadline.has_value() && (!at.has_value() || *deadline < *at)) {
-        at = deadline;
+    std::optional<double> at = deadline;
+    for (timer &entry : timers) {
+        entry.due = entry.when();
+        if (entry.due.has_value() && (!at.has_value() || *entry.due < *at)) {
+            at = entry.due;
+        }
     }
     arm(at);
     std::vector<pollfd> polled;
@@ -76,8 +82,10 @@ bool wait_once(std::optional<double> deadline) {
             dispatch(polled[i].fd);
         }
     }
-    if (due.has_value() && *due <= loop_now()) {
-        timer_handler();
+    for (const timer &entry : timers) {
+        if (entry.due.has_value() && *entry.due <= loop_now()) {
+            entry.handler();
+        }
     }
     return true;
 }
@@ -99,9 +107,8 @@ void loop_forget(int fd) {
     std::erase_if(watches, [fd](const watched &entry) { return entry.fd == fd; });
 }
 
-void loop_set_timer(std::function<std::optional<double>()> when, std::function<void()> handler) {
-    timer_when = std::move(when);
-    timer_handler = std::move(handler);
+void loop_add_timer(std::function<std::optional<double>()> when, std::function<void()> handler) {
+    timers.push_back({std::move(when), std::move(handler), std::nullopt});
 }
 
 bool loop_until(const std::function<bool()> &done, std::optional<double> deadline) {
@@ -115,8 +122,7 @@ bool loop_until(const std::function<bool()> &done, std::optional<double> deadlin
 
 void loop_close() {
     watches.clear();
-    timer_when = nullptr;
-    timer_handler = nullptr;
+    timers.clear();
     if (timer_fd >= 0) {
         close(timer_fd);
         timer_fd = -1;

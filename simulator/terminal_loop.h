@@ -1,4 +1,4 @@
-// The event loop of the simulated terminal: descriptors, one wake-up time, a condition to end on.
+// The event loop of the simulated terminal: descriptors, timers, a condition to end on.
 //
 // One loop per process, one thread. A handler may watch and forget descriptors, its own included.
 #ifndef SIMULATOR_TERMINAL_LOOP_H
@@ -16,9 +16,9 @@ double loop_now(); // CLOCK_MONOTONIC, seconds
 void loop_watch(int fd, std::function<void()> handler);
 void loop_forget(int fd); // harmless for a descriptor that is not watched
 
-// Calls `handler` when `when` says so; asked before every wait. Exact to the timer of the kernel,
-// not to the millisecond of poll.
-void loop_set_timer(std::function<std::optional<double>()> when, std::function<void()> handler);
+// Calls `handler` when `when` says so (empty = not now); asked before every wait. Exact to the
+// timer of the kernel, not to the millisecond of poll. Stays until loop_close.
+void loop_add_timer(std::function<std::optional<double>()> when, std::function<void()> handler);
 
 // Runs until `done` (looked at after every round) or until `deadline` on the same clock, whichever
 // is first. True = done. False also when waiting itself failed.

@@ -23,6 +23,7 @@ struct terminal_options {
     double startup_s = 0.0;
     std::string ttff; // COLD,WARM,HOT in seconds
     bool instant_fix = false;
+    bool blank_receiver = false;     // with an empty battery memory, as it comes from its maker
     std::vector<std::string> faults; // NAME[=ARG], on from the start
 
     // Settings database.

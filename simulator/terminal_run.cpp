@@ -1,17 +1,18 @@
 #include "terminal_run.h"
 
 #include "control.h"
+#include "services.h"
 #include "terminal.h"
 #include "terminal_children.h"
 #include "terminal_loop.h"
 #include "terminal_say.h"
 #include "terminal_settings.h"
 #include "terminal_tree.h"
+#include "terminal_verbs.h"
 
-#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <glib.h>
 #include <optional>
 #include <unistd.h>
 
@@ -21,84 +22,9 @@ namespace {
 // What the run is about; the one thread of the loop owns it.
 terminal_paths paths;
 bool stop_wanted = false;
-int restart_client = -1; // control client that waits for a restart of the daemon
 
-constexpr int CTL_PATIENCE_S = 60; // longer than stopping and starting a daemon may take
-
-std::optional<control_reply> on_fault(const std::vector<std::string> &words, int) {
-    const bool on = words.back() == "on";
-    if (words.size() < 3 || words.size() > 4 || (!on && words.back() != "off")) {
-        return control_reply{false, "usage: fault NAME [ARG] on|off\n"};
-    }
-    std::string error;
-    if (!terminal_fault(words[1], words.size() == 4 ? words[2] : "", on, error)) {
-        return control_reply{false, error + "\n"};
-    }
-    return control_reply{true, ""};
-}
-
-std::optional<control_reply> on_restart(const std::vector<std::string> &, int client) {
-    if (!children_have_daemon()) {
-        return control_reply{false, "no daemon was started with --daemon\n"};
-    }
-    if (restart_client >= 0) {
-        return control_reply{false, "a restart is under way\n"};
-    }
-    restart_client = client;
-    return std::nullopt;
-}
-
-std::optional<control_reply> on_status(const std::vector<std::string> &, int) {
-    return control_reply{true, terminal_describe() + "settings  " + settings_describe() + "\n" +
-                                   "daemon    " + children_describe() + "\n"};
-}
-
-// The words of `simterm ctl`.
-struct verb {
-    const char *name;
-    size_t words; // with the verb; 0 = the handler looks itself
-    const char *usage;
-    std::optional<control_reply> (*act)(const std::vector<std::string> &words, int client);
-};
-
-std::optional<control_reply> on_help(const std::vector<std::string> &words, int client);
-
-constexpr std::array<verb, 6> VERBS{{
-    {"status", 1, "status                   everything in a few lines", on_status},
-    {"faults", 1, "faults                   every fault and its state",
-     [](const std::vector<std::string> &, int) -> std::optional<control_reply> {
-         return control_reply{true, terminal_faults()};
-     }},
-    {"fault", 0, "fault NAME [ARG] on|off  switch a fault", on_fault},
-    {"power", 1, "power                    the receiver's power lines",
-     [](const std::vector<std::string> &, int) -> std::optional<control_reply> {
-         terminal_step();
-         return control_reply{true, terminal_power()};
-     }},
-    {"restart-daemon", 1, "restart-daemon           stop the daemon and start it again",
-     on_restart},
-    {"help", 1, "help                     this list", on_help},
-}};
-
-std::optional<control_reply> on_help(const std::vector<std::string> &, int) {
-    std::string text;
-    for (const verb &entry : VERBS) {
-        text += std::string(entry.usage) + "\n";
-    }
-    return control_reply{true, text};
-}
-
-std::optional<control_reply> on_control(const std::vector<std::string> &words, int client) {
-    for (const verb &entry : VERBS) {
-        if (!words.empty() && words.front() == entry.name) {
-            if (entry.words != 0 && entry.words != words.size()) {
-                return control_reply{false, std::string("usage: ") + entry.usage + "\n"};
-            }
-            return entry.act(words, client);
-        }
-    }
-    return control_reply{false, "unknown request; \"simterm ctl DIR help\" lists them\n"};
-}
+constexpr int CTL_PATIENCE_S = 60;      // longer than stopping and starting a daemon may take
+constexpr double READY_PATIENCE_S = 20; // configuring a receiver that answers takes 2 s
 
 bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     bool fresh = false;
@@ -121,13 +47,33 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     say_plain("simulated terminal %s, board type %d", paths.root.c_str(), board);
     say_plain("  settings   user/settings.db: %s", settings_describe().c_str());
     say_plain("  bus        bus/            log  log/terminal.log");
+    int32_t antenna = 0;
     return terminal_up(options, paths, board, error) &&
-           control_open(paths.control, on_control, error);
+           (!options.services ||
+            (settings_antenna(antenna, error) &&
+             services_open(board, antenna, paths.bus, paths.services, error))) &&
+           control_open(paths.control, verbs_handle, error);
 }
 
-void answer_restart(bool ok, const std::string &error) {
-    control_answer(restart_client, {ok, ok ? "" : error + "\n"});
-    restart_client = -1;
+// Starts the daemon and waits until it serves requests. With a receiver that does not answer it
+// takes more than a minute to come up; then the run goes on without waiting for that.
+bool start_daemon(std::string &error) {
+    services_forget_ready();
+    if (!children_start_daemon(error, [] { return stop_wanted; })) {
+        return false;
+    }
+    if (!services_are_open()) {
+        return true;
+    }
+    const auto enough = [] {
+        return services_daemon_ready() || stop_wanted || children_daemon_died();
+    };
+    if (!loop_until(enough, loop_now() + READY_PATIENCE_S)) {
+        say_event("daemon is still starting");
+    } else if (services_daemon_ready()) {
+        say_event("daemon is ready");
+    }
+    return true;
 }
 
 // Until the command has ended, the daemon has died, or somebody wants to stop. The exit status.
@@ -136,7 +82,7 @@ int stay() {
         loop_until(
             [] {
                 return stop_wanted || children_daemon_died() || children_command_ended() ||
-                       restart_client >= 0;
+                       verbs_restart_wanted();
             },
             std::nullopt);
         if (children_daemon_died()) {
@@ -151,10 +97,11 @@ int stay() {
             return EXIT_SUCCESS;
         }
         std::string error;
-        const bool restarted =
-            children_stop_daemon() && children_start_daemon(error, [] { return stop_wanted; });
-        answer_restart(restarted, error.empty() ? "the daemon did not stop in order" : error);
-        if (!restarted && !error.empty()) {
+        const bool orderly = children_stop_daemon();
+        const bool started = start_daemon(error);
+        verbs_restart_done(orderly && started,
+                           started ? "the daemon did not stop in order" : error);
+        if (!started) {
             say_error("%s", error.c_str());
             return EXIT_FAILURE;
         }
@@ -173,7 +120,7 @@ int terminal_run(const terminal_options &options) {
     bool up =
         children_watch_signals([] { stop_wanted = true; }, error) && bring_up(options, lock, error);
     if (up && !options.daemon.empty()) {
-        up = children_start_daemon(error, [] { return stop_wanted; });
+        up = start_daemon(error);
     }
     if (up && !stop_wanted && !options.command.empty()) {
         up = children_start_command(error);
@@ -188,6 +135,7 @@ int terminal_run(const terminal_options &options) {
     }
     const bool orderly = children_stop_all();
     control_close();
+    services_close();
     terminal_down();
     children_close();
     loop_close();

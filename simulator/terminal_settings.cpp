@@ -44,6 +44,14 @@ bool settings_apply(const terminal_options &options, bool fresh, std::string &er
     return true;
 }
 
+bool settings_antenna(int32_t &antenna, std::string &error) {
+    if (db_read_ta_power_on_status(&antenna) != 0) {
+        error = "reading the antenna type from the settings database failed";
+        return false;
+    }
+    return true;
+}
+
 std::string settings_describe() {
     int32_t power = -1;
     int32_t antenna = -1;

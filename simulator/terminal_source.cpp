@@ -50,8 +50,14 @@ bool source_from_options(const terminal_options &options, receiver_options &modu
                          std::string &source, std::string &error) {
     std::string why;
     if (!options.replay.empty()) {
-        module.truth = load_recording(options.replay, why);
+        recording_summary summary;
+        module.truth = load_recording(options.replay, why, &summary);
         source = "recording " + options.replay;
+        if (module.truth) {
+            source += " (" + std::to_string(summary.epochs) + " epochs, " +
+                      std::to_string(static_cast<long>(summary.duration)) + " s, " +
+                      std::to_string(summary.damaged) + " damaged lines)";
+        }
     } else if (!options.route.empty()) {
         module.truth = load_route(options.route, why);
         source = "route " + options.route;

@@ -47,6 +47,10 @@ const fault_case FAULT_CASES[] = {
     {"nak=06081", "none", "four hexadecimal digits"},
     {"nak=0x06", "none", "four hexadecimal digits"},
     {"ignore=063e", "ignore=063E", ""},
+    {"ta-silent", "ta-silent", ""},
+    {"ta-late", "ta-late=16000", ""},
+    {"ta-overlong", "ta-overlong=201", ""},
+    {"ta-overlong=200", "none", "from 201 to 4294967295"},
     {"slient", "none", "no fault \"slient\"; there are: silent cut"},
     {"", "none", "no fault"},
 };
@@ -55,11 +59,12 @@ TEST(faults, switching_on) {
     for (const fault_case &row : FAULT_CASES) {
         line_faults wire;
         receiver_faults module;
+        ta_faults unit;
         std::string error;
-        EXPECT_EQ(fault_switch_on({wire, module}, row.text, error), row.error[0] == '\0')
+        EXPECT_EQ(fault_switch_on({wire, module, unit}, row.text, error), row.error[0] == '\0')
             << row.text << ": " << error;
         EXPECT_NE(error.find(row.error), std::string::npos) << row.text << ": " << error;
-        EXPECT_EQ(fault_summary({wire, module}), row.summary) << row.text;
+        EXPECT_EQ(fault_summary({wire, module, unit}), row.summary) << row.text;
     }
 }
 
@@ -67,11 +72,13 @@ TEST(faults, switching_on) {
 TEST(faults, each_acts_on_its_own_member) {
     line_faults wire;
     receiver_faults module;
+    ta_faults unit;
     std::string error;
     const auto on = [&](const char *text) {
         wire = {};
         module = {};
-        ASSERT_TRUE(fault_switch_on({wire, module}, text, error)) << error;
+        unit = {};
+        ASSERT_TRUE(fault_switch_on({wire, module, unit}, text, error)) << error;
     };
     on("silent");
     EXPECT_TRUE(module.silent);
@@ -100,12 +107,19 @@ TEST(faults, each_acts_on_its_own_member) {
     EXPECT_TRUE(module.empty_fields);
     on("week-rollover");
     EXPECT_TRUE(module.week_rollover);
+    on("ta-silent");
+    EXPECT_TRUE(unit.silent);
+    on("ta-late=11");
+    EXPECT_EQ(unit.late_ms, 11U);
+    on("ta-overlong=300");
+    EXPECT_EQ(unit.claimed_length, 300U);
 }
 
 TEST(faults, switching_off) {
     line_faults wire;
     receiver_faults module;
-    const fault_targets targets{wire, module};
+    ta_faults unit;
+    const fault_targets targets{wire, module, unit};
     std::string error;
     for (const char *text : {"cut=5", "late", "checksum", "nak=0608", "nak=063E", "nak=0608"}) {
         ASSERT_TRUE(fault_switch_on(targets, text, error)) << error;
@@ -148,7 +162,7 @@ struct control_socket : testing::Test {
             result = control_ask(path, words, 5, answer);
             done = true;
         });
-        loop_set_timer([] { return loop_now() + 0.001; }, [] {});
+        loop_add_timer([] { return loop_now() + 0.001; }, [] {});
         loop_until([&] { return done.load(); }, loop_now() + 10);
         client.join();
         const char *const names[] = {"ok:", "refused:", "unreachable:"};
@@ -186,7 +200,7 @@ TEST_F(control_socket, answer_may_come_later) {
     std::string answer;
     control_result result = control_result::unreachable;
     std::thread first([&] { result = control_ask(path, {"wait"}, 5, answer); });
-    loop_set_timer([] { return loop_now() + 0.001; }, [] {});
+    loop_add_timer([] { return loop_now() + 0.001; }, [] {});
     loop_until([&] { return waiting >= 0; }, loop_now() + 10);
     EXPECT_EQ(ask({"go"}), "ok:");
     first.join();
@@ -211,7 +225,7 @@ TEST_F(control_socket, terminal_that_goes_away_without_an_answer) {
     std::string answer;
     control_result result = control_result::ok;
     std::thread client([&] { result = control_ask(path, {"wait"}, 5, answer); });
-    loop_set_timer([] { return loop_now() + 0.001; }, [] {});
+    loop_add_timer([] { return loop_now() + 0.001; }, [] {});
     loop_until([&] { return waiting >= 0; }, loop_now() + 10);
     control_close();
     client.join();

@@ -168,7 +168,7 @@ TEST(source, unreadable_file_names_the_reason) {
 struct processes : testing::Test {
     std::string error;
     void SetUp() override {
-        loop_set_timer([] { return loop_now() + 0.005; }, [] {});
+        loop_add_timer([] { return loop_now() + 0.005; }, [] {});
     }
     void TearDown() override { loop_close(); }
 
@@ -257,7 +257,7 @@ TEST_F(processes, start_with_no_signal_blocked) {
 TEST(loop, timer_is_exact_and_deadline_ends_the_wait) {
     const double due = loop_now() + 0.02;
     double at = 0;
-    loop_set_timer([&] { return at == 0 ? std::optional<double>(due) : std::nullopt; },
+    loop_add_timer([&] { return at == 0 ? std::optional<double>(due) : std::nullopt; },
                    [&] { at = loop_now(); });
     EXPECT_TRUE(loop_until([&] { return at != 0; }, due + 10));
     EXPECT_GE(at, due);
