@@ -46,13 +46,17 @@ step 0 lsctl time
 step 0 lsctl position
 step 0 lsctl position --json
 step 0 lsctl speed
+printf '\n$ lsctl satellites\n'
+lsctl satellites || echo "(a sky of twelve and more does not fit into one answer)"
 step 0 lsctl nmea PUBX,00
 step 0 lsctl ubx 06 08
+step 0 lsctl watch -n 2 -i 4
+step 0 simterm ctl "$dir" sal request-location
 echo
-echo "A receiver that falls silent, and comes back:"
-step 0 simterm ctl "$dir" fault silent on
-step 1 lsctl position
-step 0 simterm ctl "$dir" fault silent off
-step 0 lsctl position
+echo "A line that damages the receiver's answers, and heals:"
+step 0 simterm ctl "$dir" fault checksum on
+step 1 lsctl time
+step 0 simterm ctl "$dir" fault checksum off
+step 0 lsctl time
 echo
 echo "Everything answered."
