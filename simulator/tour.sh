@@ -23,6 +23,16 @@ step() {
     [ "$status" -eq "$wanted" ] || fail "$* (exit status $status, expected $wanted)"
 }
 
+# Waits for the line that a stand-in service writes about what it received, and shows it.
+show_service_line() {
+    local line
+    for ((tenth = 0; tenth < 150; ++tenth)); do
+        line=$(grep -m 1 -E "$1" "$dir/log/services.log") && { printf '%s\n' "$line"; return; }
+        sleep 0.1
+    done
+    fail "no line with '$1' in log/services.log"
+}
+
 # The daemon configures the receiver first, and the receiver looks for its satellites.
 printf '\nWaiting for the first fix '
 for ((second = 0; ; ++second)); do
@@ -52,6 +62,7 @@ step 0 lsctl nmea PUBX,00
 step 0 lsctl ubx 06 08
 step 0 lsctl watch -n 2 -i 4
 step 0 simterm ctl "$dir" sal request-location
+show_service_line 'SAL .*request 19'
 echo
 echo "A line that damages the receiver's answers, and heals:"
 step 0 simterm ctl "$dir" fault checksum on

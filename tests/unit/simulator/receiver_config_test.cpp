@@ -247,7 +247,7 @@ TEST_F(with_battery, KeepsAllOfPowerOn) {
         if (key == sim::ubx_cfg_cfg)
             continue;
         EXPECT_EQ(ask(next, frame(key, key == sim::ubx_cfg_inf ? "01" : ""), 0),
-                  row.frame + "\n" + row.acknowledge)
+                  row.frame + " " + row.acknowledge)
             << row.name;
     }
     EXPECT_EQ(next.next_event(), std::nullopt) << "silent until asked";
