@@ -3,7 +3,6 @@
 //
 // Reach: under 5 ns (CPU time, the shortest). A call that does next to nothing behind the same
 // boundary is measured beside it.
-// it.
 #include "bench_log.h"
 #include "bench_settings.h"
 #include "ls_log.h"
