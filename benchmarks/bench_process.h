@@ -1,0 +1,42 @@
+// A child process of a benchmark, its scratch directory, and a table of figures. Main thread.
+#ifndef BENCH_PROCESS_H
+#define BENCH_PROCESS_H
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+// A directory with a short name (sockets lie in it) that goes away with the object.
+class bench_dir {
+  public:
+    bench_dir();
+    ~bench_dir();
+    bench_dir(const bench_dir &) = delete;
+    bench_dir &operator=(const bench_dir &) = delete;
+    const std::string path;
+};
+
+// Runs a program in a directory, its output in `output`. Stopped by SIGTERM, after 10 s by SIGKILL,
+// when the object goes.
+class bench_process {
+  public:
+    bench_process(const std::vector<std::string> &words, const std::string &dir,
+                  const std::string &output);
+    ~bench_process();
+    bench_process(const bench_process &) = delete;
+    bench_process &operator=(const bench_process &) = delete;
+
+  private:
+    pid_t pid;
+};
+
+// Standard output of a command; empty when it failed.
+std::string bench_output_of(const std::string &command);
+
+double bench_now(); // seconds, steady
+double bench_median(std::vector<double> values);
+
+// One line of the table; `reach` is "at most 1.03" or the like, and may be empty.
+void bench_row(const char *what, double value, const char *unit, const char *reach);
+
+#endif

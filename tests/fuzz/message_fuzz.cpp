@@ -1,0 +1,65 @@
+// Dispatch of bus messages, and the workers that serve them.
+//
+// Byte 0: bit 0 = board type 2, bit 1 = gate open, bit 2 = receiver off, bit 3 = history on, bit 4
+// = static location on; then message type, sender, message id (2 bytes, little-endian); the rest is
+// the payload. No receiver answers: board type 1 has no line, and behind the TA nobody waits.
+#include "fuzz_target.h"
+
+#include "fake_platform.h"
+#include "gps_history.h"
+#include "gps_message_handler.h"
+#include "ls_state.h"
+#include "scratch_dir.h"
+
+#include <sched.h>
+
+namespace {
+
+constexpr size_t head_size = 5;
+constexpr uint8_t request_type = 0;
+
+void configure(uint8_t bits) {
+    fake::reset();
+    gps_board_type_g = (bits & 1) != 0 ? 2 : 1;
+    antenna_type = (bits & 2) != 0 ? LS_ANTENNA_TYPE_GNSS : 0;
+    mt_gps_status = (bits & 4) != 0 ? 0 : 2;
+    fake::database().history = {.status = static_cast<uint8_t>((bits & 8) >> 3), .interval = 60};
+    stub_location_on_g = (bits & 16) >> 4;
+    rffe_req_sem_wait_time = 0;
+}
+
+void expect_answers(const bus_msg &msg) {
+    for (const fake::sent_message &sent : fake::sent()) {
+        if (sent.hdr.msg_type != 1)
+            continue;
+        fuzz_expect(sent.hdr.msg_id == msg.hdr.msg_id && sent.hdr.txn_id == msg.hdr.txn_id &&
+                        sent.hdr.dst_serv_id == msg.hdr.src_serv_id,
+                    "a response goes back to where its request came from");
+        fuzz_expect(msg.hdr.msg_type == request_type, "only requests have responses");
+    }
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const scratch_dir dir;
+    if (size < head_size)
+        return 0;
+    configure(data[0]);
+    std::vector<uint8_t> payload(data + head_size, data + size);
+    bus_msg msg = fake::make_message(data[1], static_cast<uint32_t>(data[3] | data[4] << 8),
+                                     data[2], payload);
+    ls_hal_process_message(fake::connection(), &msg);
+    while (ls_active_workers() != 0)
+        sched_yield();
+    expect_answers(msg);
+
+    // One request for LPP parameters as a notification gives its vote back twice: as a worker does
+    // at its end, and as a notification does.
+    const fake::votes votes = fake::system_state_votes();
+    fuzz_expect(votes.enabled >= votes.disabled && votes.enabled <= votes.disabled + 1,
+                "the terminal may sleep again");
+    ls_delete_all_periodic_requests();
+    ls_hal_deinit_gps_history();
+    return 0;
+}
