@@ -2,7 +2,8 @@
 //
 // No threads, no clock, no descriptors: the caller passes `now` (seconds on a steady clock of its
 // choice, never decreasing) to every call and asks `next_event` when to come back. One message
-// (sentence or frame; a GSV answer is one) is one element of what `take_output` returns.
+// (sentence or frame; a GSV answer is one, a polled frame and its acknowledge are one) is one
+// element of what `take_output` returns.
 #ifndef SIMULATOR_RECEIVER_H
 #define SIMULATOR_RECEIVER_H
 

@@ -128,12 +128,18 @@ void handle_frame(receiver_core &core, const command &received) {
     };
     if (received.frame_class == class_ack || named(core.faults.ignored_frames))
         return;
+    const size_t said_before = core.output.size();
     const outcome end =
         named(core.faults.nak_frames) ? outcome::refused : run_frame(core, key, received.payload);
     const std::array<uint8_t, 2> about{received.frame_class, received.frame_id};
-    if (end != outcome::unanswered)
-        send_frame(core,
-                   ubx_frame(end == outcome::acknowledged ? ubx_ack_ack : ubx_ack_nak, about));
+    if (end != outcome::unanswered) {
+        const auto ack = ubx_frame(end == outcome::acknowledged ? ubx_ack_ack : ubx_ack_nak, about);
+        // What was polled and its acknowledge leave back to back: one answer.
+        if (core.output.size() > said_before)
+            core.output.back().insert(core.output.back().end(), ack.begin(), ack.end());
+        else
+            send_frame(core, ack);
+    }
     // Only now: the last thing heard of a receiver that goes to sleep is that it will.
     if (wanted_gnss_state(core.config) == gnss_state::backup)
         core.phase = power_phase::backup;

@@ -175,8 +175,8 @@ constexpr int none = -1; // no such length
 
 struct frame_type {
     uint16_t key;
+    std::array<int, 3> lengths; // that set
     std::string_view name;
-    std::array<int, 3> lengths;      // that set
     size_t block;                    // 0: the lengths are exact; else any number of blocks follows
     std::array<int, 2> poll_lengths; // that ask
     bool (*set)(receiver_config &, bytes_t);
@@ -187,14 +187,14 @@ using kept = receiver_config;
 
 // clang-format off
 constexpr frame_type frame_types[] = {
-    {ubx_cfg_prt,  "PRT",  {20, none, none}, 0,  {0, 1},    set_port,             get_port},
-    {ubx_cfg_msg,  "MSG",  {3, 8, none},     0,  {2, none}, set_message,          get_message},
-    {ubx_cfg_inf,  "INF",  {10, none, none}, 10, {0, 1},    set_information,      get_information},
-    {ubx_cfg_rate, "RATE", {6, none, none},  0,  {0, none}, set_rate,             get_bytes<&kept::rate>},
-    {ubx_cfg_nmea, "NMEA", {4, 12, 20},      0,  {0, none}, set_nmea,             get_bytes<&kept::nmea>},
-    {ubx_cfg_pm2,  "PM2",  {44, 48, none},   0,  {0, none}, set_power_management, get_bytes<&kept::power_management>},
-    {ubx_cfg_gnss, "GNSS", {4, none, none},  8,  {0, none}, set_gnss,             get_bytes<&kept::gnss>},
-    {ubx_cfg_pwr,  "PWR",  {8, none, none},  0,  {0, none}, set_power_state,      get_bytes<&kept::power_state>},
+    {ubx_cfg_prt,  {20, none, none}, "PRT",  0,  {0, 1},    set_port,             get_port},
+    {ubx_cfg_msg,  {3, 8, none},     "MSG",  0,  {2, none}, set_message,          get_message},
+    {ubx_cfg_inf,  {10, none, none}, "INF",  10, {0, 1},    set_information,      get_information},
+    {ubx_cfg_rate, {6, none, none},  "RATE", 0,  {0, none}, set_rate,             get_bytes<&kept::rate>},
+    {ubx_cfg_nmea, {4, 12, 20},      "NMEA", 0,  {0, none}, set_nmea,             get_bytes<&kept::nmea>},
+    {ubx_cfg_pm2,  {44, 48, none},   "PM2",  0,  {0, none}, set_power_management, get_bytes<&kept::power_management>},
+    {ubx_cfg_gnss, {4, none, none},  "GNSS", 8,  {0, none}, set_gnss,             get_bytes<&kept::gnss>},
+    {ubx_cfg_pwr,  {8, none, none},  "PWR",  0,  {0, none}, set_power_state,      get_bytes<&kept::power_state>},
 };
 // clang-format on
 

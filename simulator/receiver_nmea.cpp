@@ -54,8 +54,10 @@ std::string body_gsa(const nav_report &report, const nmea_style &style) {
         const int prn = slot < now.slots.size() ? now.slots[slot] : 0;
         body += prn > 0 ? text_of(",%02d", prn) : std::string(",");
     }
-    for (const auto &dilution : {now.pdop, now.hdop, now.vdop})
-        body += "," + (has_fix(report) ? number_field(dilution, 2) : "99.99");
+    for (const auto &dilution : {now.pdop, now.hdop, now.vdop}) {
+        body += ',';
+        body += has_fix(report) ? number_field(dilution, 2) : "99.99";
+    }
     return body + (style.version >= 0x41 ? ",1" : "");
 }
 
@@ -147,7 +149,9 @@ std::vector<std::string_view> nmea_fields(std::string_view body) {
 }
 
 std::string nmea_sentence(std::string_view body) {
-    return "$" + std::string(body) + text_of("*%02X\r\n", checksum_of(body));
+    std::string sentence("$");
+    sentence += body;
+    return sentence + text_of("*%02X\r\n", checksum_of(body));
 }
 
 std::string blanked(std::string_view body, size_t kept) {

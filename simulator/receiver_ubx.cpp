@@ -140,15 +140,16 @@ std::array<uint8_t, 2> ubx_checksum(std::span<const uint8_t> bytes) {
 }
 
 std::vector<uint8_t> ubx_frame(uint16_t key, std::span<const uint8_t> payload) {
-    std::vector<uint8_t> frame{ubx_sync_1,
-                               ubx_sync_2,
-                               static_cast<uint8_t>(key >> 8),
-                               static_cast<uint8_t>(key & 0xff),
-                               static_cast<uint8_t>(payload.size() & 0xff),
-                               static_cast<uint8_t>(payload.size() >> 8)};
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    const auto sums = ubx_checksum(std::span(frame).subspan(2));
-    frame.insert(frame.end(), sums.begin(), sums.end());
+    std::vector<uint8_t> frame;
+    frame.reserve(payload.size() + ubx_overhead);
+    put(frame, ubx_sync_1 | ubx_sync_2 << 8, 2);
+    put(frame, key >> 8, 1);
+    put(frame, key & 0xff, 1);
+    put(frame, static_cast<uint32_t>(payload.size()), 2);
+    for (const uint8_t one : payload)
+        frame.push_back(one);
+    for (const uint8_t one : ubx_checksum(std::span(frame).subspan(2)))
+        frame.push_back(one);
     return frame;
 }
 

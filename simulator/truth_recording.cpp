@@ -45,14 +45,14 @@ std::optional<int> digits_in(std::string_view text, size_t at, size_t count) {
 }
 
 std::optional<utc_time> time_in(std::string_view text) {
-    const auto hour = digits_in(text, 0, 2);
-    const auto minute = digits_in(text, 2, 2);
-    const auto second =
-        text.size() < 6 ? std::nullopt : number_in<double>(text.substr(4, text.size() - 4));
-    if (!hour || !minute || !second || *hour < 0 || *hour > 23 || *minute < 0 || *minute > 59 ||
-        *second < 0 || *second >= 61)
+    if (text.size() < 6)
         return std::nullopt;
-    return utc_time{*hour, *minute, *second};
+    const int hour = digits_in(text, 0, 2).value_or(-1);
+    const int minute = digits_in(text, 2, 2).value_or(-1);
+    const double second = number_in<double>(text.substr(4)).value_or(-1.0);
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second >= 61)
+        return std::nullopt;
+    return utc_time{hour, minute, second};
 }
 
 std::optional<utc_date> date_of(std::optional<int> day, std::optional<int> month,
@@ -89,11 +89,26 @@ void take_position(epoch &draft, const fields_t &fields, size_t first) {
         draft.longitude = longitude;
 }
 
+// RMC tells knots and VTG km/h, each rounded. Together they tell a speed that rounds to both.
+void take_speed(epoch_gatherer &gatherer, std::string_view text, double unit) {
+    const auto number = number_in<double>(text);
+    if (!number)
+        return;
+    const size_t point = std::min(text.find('.'), text.size() - 1);
+    const double last_digit = std::pow(10.0, -static_cast<double>(text.size() - 1 - point));
+    const rounded_value told{*number * unit, 0.49 * last_digit * unit};
+    const rounded_value before = gatherer.speed.value_or(told);
+    const rounded_value &fine = told.half < before.half ? told : before;
+    const rounded_value &coarse = told.half < before.half ? before : told;
+    gatherer.speed = {
+        std::clamp(fine.value, coarse.value - coarse.half, coarse.value + coarse.half), fine.half};
+    gatherer.draft.speed = gatherer.speed->value;
+}
+
 void take_rmc(epoch_gatherer &gatherer, const fields_t &fields) {
     (field(fields, 2) == "A" ? gatherer.valid_fix : gatherer.void_fix) = true;
     take_position(gatherer.draft, fields, 3);
-    if (const auto speed = number_in<double>(field(fields, 7)); speed && !gatherer.fine_speed)
-        gatherer.draft.speed = *speed * knot;
+    take_speed(gatherer, field(fields, 7), knot);
     gatherer.draft.course = number_in<double>(field(fields, 8));
     if (const auto date = short_date_in(field(fields, 9)))
         gatherer.draft.date = date;
@@ -115,13 +130,7 @@ void take_gll(epoch_gatherer &gatherer, const fields_t &fields) {
 }
 
 void take_vtg(epoch_gatherer &gatherer, const fields_t &fields) {
-    const std::string_view text = field(fields, 7);
-    const auto speed = number_in<double>(text);
-    const size_t point = text.find('.');
-    // Three decimals of km/h say more than RMC's knots; one decimal says less.
-    gatherer.fine_speed = speed && point != std::string_view::npos && text.size() - point > 3;
-    if (speed && (gatherer.fine_speed || !gatherer.draft.speed))
-        gatherer.draft.speed = *speed * kmh;
+    take_speed(gatherer, field(fields, 7), kmh);
 }
 
 void take_zda(epoch_gatherer &gatherer, const fields_t &fields) {

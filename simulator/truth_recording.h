@@ -10,6 +10,11 @@
 
 namespace sim {
 
+// A value that was printed: somewhere within `half` of `value`.
+struct rounded_value {
+    double value = 0, half = 0;
+};
+
 // Gathers sentences into epochs. A new epoch begins when the time changes or a type comes again.
 struct epoch_gatherer {
     std::vector<epoch> done;
@@ -20,8 +25,8 @@ struct epoch_gatherer {
     std::string last_type;
     bool void_fix = false; // some sentence says there is no fix
     bool valid_fix = false;
-    int gsa_mode = 0;        // 0 = no GSA of GPS yet
-    bool fine_speed = false; // speed came with millimetres
+    int gsa_mode = 0;                   // 0 = no GSA of GPS yet
+    std::optional<rounded_value> speed; // metres per second, all tellings of it together
 };
 
 // Takes one line without its line end. False: not a sentence, or its checksum is wrong.

@@ -66,6 +66,9 @@ LOCATION_CLIENT_API void location_client_close(location_client *client) noexcept
 
 LOCATION_CLIENT_API uint8_t location_client_serv_id(const location_client *client) noexcept;
 
+// Power mode that the last `receiver_off` was based on.
+LOCATION_CLIENT_API uint32_t location_client_power_seen(const location_client *client) noexcept;
+
 // Ends all waits on this client, and all further ones at once, with `cancelled`, until resumed.
 LOCATION_CLIENT_API void location_client_cancel(location_client *client) noexcept;
 LOCATION_CLIENT_API void location_client_resume(location_client *client) noexcept;

@@ -70,11 +70,14 @@ void lsctl_complain(const std::string &sentence);
 
 // Tells the user what went wrong, with what to do about it, also as a JSON object on stdout when
 // that is asked for; returns the exit status that goes with it. `result` is not `answered`.
-int lsctl_fail(const lsctl_options &options, location_result result);
+// With a client it can name the receiver's power mode.
+int lsctl_fail(const lsctl_options &options, location_result result,
+               const location_client *client = nullptr);
 // The same with a sentence of the command's own.
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence);
 // The sentence and the exit status alone.
-std::string lsctl_sentence(const lsctl_options &options, location_result result);
+std::string lsctl_sentence(const lsctl_options &options, location_result result,
+                           const location_client *client = nullptr);
 int lsctl_exit_of(location_result result);
 // Stable name of a result for JSON.
 const char *lsctl_result_name(location_result result);

@@ -17,6 +17,10 @@ constexpr std::array COMMANDS = {
     lsctl_command{"speed", "Speed over ground", nullptr, lsctl_run_speed},
     lsctl_command{"power", "Show or change the receiver's power mode", lsctl_add_power,
                   lsctl_run_power},
+    lsctl_command{"watch", "Position updates as they come", lsctl_add_watch, lsctl_run_watch},
+    lsctl_command{"nmea", "Send an NMEA sentence to the receiver", lsctl_add_nmea, lsctl_run_nmea},
+    lsctl_command{"ubx", "Send a UBX frame to the receiver", lsctl_add_ubx, lsctl_run_ubx},
+    lsctl_command{"lpp", "LPP location parameters, asked as SAL", nullptr, lsctl_run_lpp},
 };
 
 constexpr const char *FOOTER =
@@ -70,6 +74,7 @@ int run_parsed(int argc, const char *const *argv) {
 
 int lsctl_run(int argc, const char *const *argv) noexcept {
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    std::clearerr(stdout);
     // A closed pipe is seen where the line is written.
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -47,8 +47,10 @@ const outcome &outcome_of(location_result result) {
 } // namespace
 
 bool lsctl_print(const std::string &lines) {
-    return std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size() &&
-           std::fflush(stdout) == 0;
+    // A line-buffered fwrite reports its bytes as written even when the write failed: only the
+    // stream's error mark tells.
+    std::fwrite(lines.data(), 1, lines.size(), stdout);
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }
 
 bool lsctl_print_json(const lsctl_json &object) {
@@ -73,13 +75,19 @@ int lsctl_exit_of(location_result result) {
     return outcome_of(result).exit_status;
 }
 
-std::string lsctl_sentence(const lsctl_options &options, location_result result) {
+std::string lsctl_sentence(const lsctl_options &options, location_result result,
+                           const location_client *client) {
     std::string sentence = location_client_error_text(result);
     switch (result) {
     case location_result::no_reply:
         sentence += lsctl_format(" (%g s)", options.timeout_s);
         if (options.as == LS_SERV_VOIP) {
             sentence += "; the receiver may be switched off, which lsctl does not ask as service 3";
+        }
+        break;
+    case location_result::receiver_off:
+        if (client != nullptr) {
+            sentence += lsctl_format(" (power mode %u)", location_client_power_seen(client));
         }
         break;
     case location_result::receiver_busy:
@@ -94,8 +102,9 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result)
     return sentence + outcome_of(result).advice;
 }
 
-int lsctl_fail(const lsctl_options &options, location_result result) {
-    return lsctl_fail(options, result, lsctl_sentence(options, result));
+int lsctl_fail(const lsctl_options &options, location_result result,
+               const location_client *client) {
+    return lsctl_fail(options, result, lsctl_sentence(options, result, client));
 }
 
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence) {

@@ -53,7 +53,7 @@ int lsctl_run_power(const lsctl_options &options) {
         const location_result result =
             location_client_get_power(link.client, lsctl_timeout(options), &in_force);
         return result == location_result::answered ? show_mode(options, in_force)
-                                                   : lsctl_fail(options, result);
+                                                   : lsctl_fail(options, result, link.client);
     }
     const uint32_t mode = wanted == "on"    ? GPS_POWER_ON
                           : wanted == "off" ? GPS_POWER_OFF
@@ -65,5 +65,5 @@ int lsctl_run_power(const lsctl_options &options) {
                           why_refused(mode, in_force, location_client_serv_id(link.client)));
     }
     return result == location_result::answered ? show_mode(options, in_force)
-                                               : lsctl_fail(options, result);
+                                               : lsctl_fail(options, result, link.client);
 }

@@ -11,7 +11,7 @@ int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
         return lsctl_fail(options, link.result);
     }
     const location_result result = ask(link.client, lsctl_timeout(options));
-    return result == location_result::answered ? show() : lsctl_fail(options, result);
+    return result == location_result::answered ? show() : lsctl_fail(options, result, link.client);
 }
 
 } // namespace

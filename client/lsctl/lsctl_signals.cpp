@@ -6,7 +6,6 @@
 #include "lsctl.h"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <mutex>
@@ -20,11 +19,13 @@
 
 namespace {
 
-std::mutex client_lock;
-location_client *client_g = nullptr; // whose waits to end; guarded by client_lock
-std::atomic<int> last_signal_g{0};
-int signal_fd = -1; // written before the thread starts and after it ended
-int stop_fd = -1;   // eventfd: the thread is to end; same
+// Held over the noting of a signal and the ending of the waits: who sees the number may resume the
+// client without being cancelled afterwards.
+std::mutex signal_lock;
+location_client *client_g = nullptr; // whose waits to end; guarded by signal_lock
+int last_signal_g = 0;               // guarded by signal_lock
+int signal_fd = -1;                  // written before the thread starts and after it ended
+int stop_fd = -1;                    // eventfd: the thread is to end; same
 std::thread thread_g;
 sigset_t former_mask; // of the thread that started
 
@@ -42,8 +43,8 @@ void wait_for_signals() {
         if (fds[0].revents == 0 || read(signal_fd, &info, sizeof info) != sizeof info) {
             continue;
         }
+        const std::lock_guard guard(signal_lock);
         last_signal_g = static_cast<int>(info.ssi_signo);
-        const std::lock_guard guard(client_lock);
         location_client_cancel(client_g);
     }
 }
@@ -63,7 +64,10 @@ bool lsctl_signals_start() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         sigaddset(&set, signal);
     }
-    last_signal_g = 0;
+    {
+        const std::lock_guard guard(signal_lock);
+        last_signal_g = 0;
+    }
     if (pthread_sigmask(SIG_BLOCK, &set, &former_mask) != 0) {
         return false;
     }
@@ -92,7 +96,7 @@ void lsctl_signals_stop() {
 }
 
 void lsctl_signals_set_client(location_client *client) {
-    const std::lock_guard guard(client_lock);
+    const std::lock_guard guard(signal_lock);
     client_g = client;
     // The signal may have been faster than the opening.
     if (client != nullptr && last_signal_g != 0) {
@@ -101,5 +105,6 @@ void lsctl_signals_set_client(location_client *client) {
 }
 
 int lsctl_signals_last() {
+    const std::lock_guard guard(signal_lock);
     return last_signal_g;
 }

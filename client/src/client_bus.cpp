@@ -212,6 +212,10 @@ uint8_t location_client_serv_id(const location_client *client) noexcept {
     return client == nullptr ? 0 : client->serv_id;
 }
 
+uint32_t location_client_power_seen(const location_client *client) noexcept {
+    return client == nullptr ? 0 : client->power_seen.load();
+}
+
 uint32_t location_client_lost_updates(const location_client *client) noexcept {
     return client == nullptr ? 0 : client->lost_updates.load();
 }

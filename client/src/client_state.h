@@ -38,6 +38,7 @@ struct location_client {
     client_link link{};
     uint8_t serv_id = 0;
     std::atomic<uint32_t> lost_updates{0};
+    std::atomic<uint32_t> power_seen{GPS_POWER_OFF}; // mode behind the last receiver_off
 
     std::mutex lock; // guards everything below
     std::condition_variable changed;
@@ -65,5 +66,28 @@ void client_unlist(location_client &client, client_waiter &waiter) noexcept;
 
 // False for a time-out outside 1 ms to one day.
 bool client_timeout_valid(std::chrono::milliseconds timeout) noexcept;
+
+// What is waited for; called with the client's lock held.
+using client_condition = bool (*)(const void *context);
+
+// True when the condition came true before the deadline; a cancelled wait ends early.
+bool client_wait(location_client &client, std::unique_lock<std::mutex> &held,
+                 client_clock::time_point deadline, client_condition done,
+                 const void *context) noexcept;
+
+// `cancelled`, or what else is known of a wait that ended without a reply. With the lock held.
+location_result client_end_of_wait(const location_client &client,
+                                   location_result otherwise) noexcept;
+
+// Waits for the condition. When it does not come true soon, finds out whether it can at all.
+location_result client_wait_or_diagnose(location_client &client, std::chrono::milliseconds timeout,
+                                        client_condition done, const void *context) noexcept;
+
+enum class client_probing : uint8_t { no, yes };
+
+// One request and its reply, which is written only on `answered` and has exactly the wanted size.
+location_result client_exchange(location_client &client, uint32_t msg_id,
+                                std::span<const uint8_t> payload, std::chrono::milliseconds timeout,
+                                client_probing probing, std::span<uint8_t> reply) noexcept;
 
 #endif

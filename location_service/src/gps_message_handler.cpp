@@ -1,6 +1,7 @@
 #include "gps_message_handler.h"
 
 #include "dbhandler.h"
+#include "gps_history.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
@@ -161,8 +162,17 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg) {
     switch (msg->hdr.msg_id) {
     case SS_NOTIFY_CFUN_LEVEL:
         return handle_cfun_level(conn, *msg);
+    case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE:
+        log_debug("Case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE\n");
+        ls_hal_history_config();
+        return 0;
     case TA_NOTIFY_ANTENNA_TYPE:
         return handle_antenna_type(*msg);
+    case SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP:
+        // The worker returns a vote at its end, and so does the caller of this handler.
+        log_info("Received request for lpp parameters");
+        ls_msg_req_handler_thread(conn, msg);
+        return 0;
     default:
         log_error("%s, Invalid Message Id", __func__);
         return -1;

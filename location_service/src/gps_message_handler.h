@@ -48,6 +48,10 @@ int ls_active_workers();
 int ls_send_response(scm_conn *conn, const bus_msg *req, const void *payload, uint32_t len,
                      int as_notification);
 
+// The same for SAL: sends the record as a new request 19, whatever `req` was. The request that was
+// the last one using the receiver powers it down, unless the stored status is on.
+int ls_hal_send_req_msg(scm_conn *conn, const bus_msg *req, const void *payload, uint32_t len);
+
 // Sends a u32 power mode on the service's own connection.
 int ls_send_power_notification(uint32_t msg_id, const uint32_t *payload, uint32_t len,
                                uint8_t dst_serv_id);
@@ -63,6 +67,16 @@ void ls_hal_get_position(scm_conn *conn, const bus_msg *msg);
 void ls_take_position(const char *name, ls_position_reply *reply);
 
 void ls_hal_get_time(scm_conn *conn, const bus_msg *msg);
+
+void ls_hal_get_sat_info(scm_conn *conn, const bus_msg *msg);
+void ls_hal_get_speed(scm_conn *conn, const bus_msg *msg);
+void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg);
+void ls_hal_exec_nmea_cmd(scm_conn *conn, const bus_msg *msg);
+void ls_hal_exec_ubx_cmd(scm_conn *conn, const bus_msg *msg);
+
+// Request 208: sends request 19 to SAL. 0; -1 when the parameters could not be had, and then sends
+// nothing and leaves the request counted as using the receiver.
+int ls_hal_get_lpp_params(scm_conn *conn, const bus_msg *msg);
 
 // --- gps_message_handler_periodic.cpp: the registry of periodic updates. Any worker thread.
 

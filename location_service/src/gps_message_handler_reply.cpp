@@ -17,23 +17,29 @@ void power_down_if_unused(uint8_t serv_id) {
         gps_set_power_mode(GPS_POWER_OFF, serv_id);
 }
 
+// A zeroed header for an answer to `req`; null (logged) when something is missing.
+msg_hdr *new_header(const scm_conn *conn, const bus_msg *req) {
+    if (conn == nullptr) {
+        log_error("%s is a NULL POINTER!", "s");
+        return nullptr;
+    }
+    if (req == nullptr) {
+        log_error("%s is a NULL POINTER!", "msg");
+        return nullptr;
+    }
+    auto *hdr = static_cast<msg_hdr *>(g_try_malloc0_n(1, sizeof(msg_hdr)));
+    if (hdr == nullptr)
+        log_error("%s is a NULL POINTER!", "hdr");
+    return hdr;
+}
+
 } // namespace
 
 int ls_send_response(scm_conn *conn, const bus_msg *req, const void *payload, uint32_t len,
                      int as_notification) {
-    if (conn == nullptr) {
-        log_error("%s is a NULL POINTER!", "s");
+    msg_hdr *hdr = new_header(conn, req);
+    if (hdr == nullptr)
         return -1;
-    }
-    if (req == nullptr) {
-        log_error("%s is a NULL POINTER!", "msg");
-        return -1;
-    }
-    auto *hdr = static_cast<msg_hdr *>(g_try_malloc0_n(1, sizeof(msg_hdr)));
-    if (hdr == nullptr) {
-        log_error("%s is a NULL POINTER!", "hdr");
-        return -1;
-    }
     log_info("%d %d %d %d", req->hdr.dst_serv_id, req->hdr.msg_id, req->hdr.src_serv_id,
              req->hdr.txn_id);
     if (as_notification == 0)
@@ -48,6 +54,23 @@ int ls_send_response(scm_conn *conn, const bus_msg *req, const void *payload, ui
     g_free(hdr);
     if (req->hdr.src_serv_id == LS_SERV_VOIP)
         power_down_if_unused(req->hdr.src_serv_id);
+    return 0;
+}
+
+int ls_hal_send_req_msg(scm_conn *conn, const bus_msg *req, const void *payload, uint32_t len) {
+    msg_hdr *hdr = new_header(conn, req);
+    if (hdr == nullptr)
+        return -1;
+    log_info("%s: %d %d %d %d", __func__, req->hdr.dst_serv_id, req->hdr.msg_id,
+             req->hdr.src_serv_id, req->hdr.txn_id);
+    fill_request_hdr(conn, hdr, len, SAL_REQUEST_GNSS_LOCATION, LS_SERV_SAL);
+    const int sent = send_msg(conn, hdr, payload);
+    g_free(hdr);
+    if (sent == -1) {
+        log_error("Error while sending response");
+        return -1;
+    }
+    power_down_if_unused(req->hdr.src_serv_id);
     return 0;
 }
 

@@ -1,11 +1,14 @@
 // Request handlers: each runs one receiver query under the service's two locks and replies with a
 // payload of fixed size. The reply is sent with neither lock held.
+#include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "gps_service.h"
 #include "ls_log.h"
+#include "ls_paths.h"
 #include "ls_state.h"
 
+#include <algorithm>
 #include <cstring>
 
 static constexpr char log_module[] = "gps_message_handler";
@@ -25,33 +28,45 @@ constexpr uint32_t command_status(int32_t result) {
     return result == 1 ? LS_STATUS_FAILED : LS_STATUS_OK;
 }
 
-// Counts a request as using the receiver while it lives. The count decides about powering down.
-class receiver_use {
-  public:
-    receiver_use() { add(1); }
-    ~receiver_use() { add(-1); }
-    receiver_use(const receiver_use &) = delete;
-    receiver_use &operator=(const receiver_use &) = delete;
-
-  private:
-    static void add(int32_t n) {
-        const std::lock_guard guard(pending_req_lock);
-        pending_req_count += n;
-    }
-};
+// Requests that are using the receiver; the count decides about powering down.
+void count_pending(int32_t n) {
+    const std::lock_guard guard(pending_req_lock);
+    pending_req_count += n;
+}
 
 // One receiver query in the common frame: counted, and alone on the receiver.
 template <typename Query>
 int32_t run_query(Query query) {
-    const receiver_use use;
-    const std::lock_guard guard(gps_access_lock);
-    return query();
+    count_pending(1);
+    int32_t result = 0;
+    {
+        const std::lock_guard guard(gps_access_lock);
+        result = query();
+    }
+    count_pending(-1);
+    return result;
 }
 
 // Replies are zeroed with memset: their padding goes to the client too.
 template <typename Reply>
 void send_reply(scm_conn *conn, const bus_msg *msg, const Reply &reply) {
     ls_send_response(conn, msg, &reply, sizeof(reply), 0);
+}
+
+// Runs an engineering command on a copy of the request's record, which goes back as the reply. A
+// record that did not come whole is not executed.
+void exec_command(scm_conn *conn, const bus_msg *msg, int32_t (*execute)(ls_engg_cmd *),
+                  const char *operation, const char *name) {
+    ls_engg_cmd record = {};
+    int32_t result = 1;
+    if (msg->pld != nullptr && msg->hdr.pld_len >= sizeof(record)) {
+        memcpy(&record, msg->pld, sizeof(record));
+        result = run_query([&] { return execute(&record); });
+    }
+    record.status = command_status(result);
+    if (record.status != LS_STATUS_OK)
+        log_error("%s: %s failed\n", name, operation);
+    send_reply(conn, msg, record);
 }
 
 } // namespace
@@ -122,4 +137,58 @@ void ls_hal_get_time(scm_conn *conn, const bus_msg *msg) {
         reply.status = time_status(result);
     }
     send_reply(conn, msg, reply);
+}
+
+void ls_hal_get_sat_info(scm_conn *conn, const bus_msg *msg) {
+    ls_sat_info_reply reply = {};
+    const int32_t result = run_query([&] { return gps_get_sat_info(&reply.info); });
+    reply.status = position_status(result);
+    send_reply(conn, msg, reply);
+}
+
+void ls_hal_get_speed(scm_conn *conn, const bus_msg *msg) {
+    ls_speed_reply reply = {};
+    const int32_t result = run_query([&] { return gps_get_speed(&reply.speed); });
+    reply.status = position_status(result);
+    send_reply(conn, msg, reply);
+}
+
+void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg) {
+    ls_history_path_reply reply = {};
+    {
+        const std::lock_guard guard(ls_history_file_lock);
+        reply.status = static_cast<uint32_t>(ls_hal_read_history_data());
+    }
+    static_assert(sizeof(LS_HISTORY_EXPORT_NAME) <= sizeof(reply.path));
+    memcpy(reply.path, LS_HISTORY_EXPORT_NAME, sizeof(LS_HISTORY_EXPORT_NAME));
+    send_reply(conn, msg, reply);
+}
+
+void ls_hal_exec_nmea_cmd(scm_conn *conn, const bus_msg *msg) {
+    exec_command(conn, msg, gps_engg_exec_nmea, "gps_engg_exec_nmea", __func__);
+}
+
+void ls_hal_exec_ubx_cmd(scm_conn *conn, const bus_msg *msg) {
+    exec_command(conn, msg, gps_engg_exec_ubx, "gps_engg_exec_ubx", __func__);
+}
+
+int ls_hal_get_lpp_params(scm_conn *conn, const bus_msg *msg) {
+    gps_lpp_location location = {};
+    if (msg->pld == nullptr)
+        log_error("%s is a NULL POINTER!", "msg->pld");
+    else
+        memcpy(&location, msg->pld, std::min<size_t>(msg->hdr.pld_len, sizeof(location)));
+
+    count_pending(1);
+    {
+        const std::lock_guard guard(gps_access_lock);
+        if (gps_get_lpp_paramas(&location) == 1) {
+            // Not taken out of the count: from now on no reply powers the receiver down.
+            log_error("failed to get lpp param\n");
+            return -1;
+        }
+    }
+    count_pending(-1);
+    ls_hal_send_req_msg(conn, msg, &location, sizeof(location));
+    return 0;
 }

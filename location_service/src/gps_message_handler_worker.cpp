@@ -1,4 +1,5 @@
 // Request entry and request workers: one detached thread per accepted request.
+#include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "ls_log.h"
@@ -44,11 +45,20 @@ void serve_set_power_mode(scm_conn *conn, const bus_msg *msg) {
         ls_payload_word(*msg, &mode))
         mt_gps_status = static_cast<int32_t>(mode);
     ls_hal_set_power_mode(conn, msg);
+    ls_hal_history_config();
 }
 
 void serve_register_periodic(scm_conn *conn, const bus_msg *msg) {
     ls_hal_register_periodic_update_request(conn, msg);
     ls_dump_periodic_request_queue();
+}
+
+void serve_lpp_params(scm_conn *conn, const bus_msg *msg) {
+    for (int attempt = 0; attempt < LPP_ATTEMPTS; ++attempt) {
+        if (ls_hal_get_lpp_params(conn, msg) == 0)
+            return;
+    }
+    log_error("Maximum retry count reached for ls_hal_get_lpp_params");
 }
 
 struct request_handler {
@@ -68,10 +78,18 @@ constexpr std::array request_handlers = {
                     ls_hal_handle_periodic_loopback},
     request_handler{LS_REQUEST_GET_POSITION, "Case LS_REQUEST_GET_POSITION\n", ls_hal_get_position},
     request_handler{LS_REQUEST_GET_TIME, "Case LS_REQUEST_GET_TIME\n", ls_hal_get_time},
+    request_handler{LS_REQUEST_GET_SAT_INFO, "Case LS_REQUEST_GET_SAT_INFO\n", ls_hal_get_sat_info},
+    request_handler{LS_REQUEST_GET_SPEED, "Case LS_REQUEST_GET_SPEED\n", ls_hal_get_speed},
     request_handler{LS_REQUEST_GET_POWER_MODE, "Case LS_REQUEST_GET_POWER_MODE\n",
                     ls_hal_get_power_mode},
     request_handler{LS_REQUEST_SET_POWER_MODE, "Case LS_REQUEST_SET_POWER_MODE\n",
                     serve_set_power_mode},
+    request_handler{LS_EXEC_NMEA_CMD, "Case LS_EXEC_NMEA_CMD\n", ls_hal_exec_nmea_cmd},
+    request_handler{LS_EXEC_UBX_CMD, "Case LS_EXEC_UBX_CMD\n", ls_hal_exec_ubx_cmd},
+    request_handler{LS_REQUEST_GET_HISTORY_FILE_PATH, "Case LS_REQUEST_GET_HISTORY_FILE_PATH\n",
+                    ls_hal_get_history_file_path},
+    request_handler{SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP,
+                    "Case SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP", serve_lpp_params},
 };
 
 const request_handler *find_handler(uint32_t msg_id) {

@@ -1,5 +1,6 @@
 // Brings the service onto the bus and the receiver's line up; takes both down again.
 #include "gps_gpio.h"
+#include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "gps_uart.h"
@@ -92,6 +93,10 @@ int ls_hal_init_device(int32_t board_type) {
     }
     if (board_type == 1 && init_local_receiver() != 0)
         return -1;
+    if (ls_hal_init_gps_history() == -1) {
+        log_error("GPS device initialization failed\n");
+        return -1;
+    }
     const auto power = static_cast<uint32_t>(mt_gps_status.load());
     ls_send_power_notification(LS_NOTIFY_POWER_MODE, &power, sizeof(power), LS_SERV_VOIP);
     return 0;
@@ -105,4 +110,5 @@ void ls_hal_deinit_device(int32_t board_type) {
         ls_hal_uart_close();
         ls_delete_all_periodic_requests();
     }
+    ls_hal_deinit_gps_history();
 }

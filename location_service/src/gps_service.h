@@ -8,6 +8,7 @@
 #define GPS_SERVICE_H
 
 #include "gps_data.h"
+#include "ls_messages.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -67,5 +68,44 @@ int32_t gps_get_pos(gps_pos_data *pos);
 // The buffered position, when it may be served: board type not 1, and stored fewer than
 // GPS_GET_POS_BUFFER_TIME whole seconds ago. Fills the record and the result of the last query.
 bool gps_get_buffered_pos(gps_pos_data *pos, int32_t *result);
+
+// --- gps_service_satellites.cpp
+
+// Satellites in view (at most 12, from at most four GSV sentences) and in use (GSA), and the time.
+int32_t gps_get_sat_info(gps_sat_info *sat_info);
+
+// --- gps_service_speed.cpp
+
+// Speed over ground (VTG) and the time.
+int32_t gps_get_speed(gps_speed_data *speed);
+
+// --- gps_service_engineering.cpp
+
+// Sends the command text as a sentence; up to 200 bytes of the raw answer go into the record.
+int32_t gps_engg_exec_nmea(ls_engg_cmd *engg);
+
+// Sends the command text, hexadecimal bytes separated by commas, as a frame whose last two bytes
+// are overwritten by its checksum; the first 80 bytes of the answer go into the record.
+int32_t gps_engg_exec_ubx(ls_engg_cmd *engg);
+
+// --- gps_service_lpp.cpp
+
+// Earth-centred coordinates in centimetres (NAV-POSECEF).
+struct gps_ecef_sample {
+    int32_t x, y, z;
+};
+
+// What the cellular side takes for an uncertainty ellipse, from two samples: lengths in
+// centimetres, angle in degrees. Unsigned 32-bit arithmetic, a division by zero gives 0.
+struct gps_lpp_ellipse {
+    uint32_t semi_major;
+    uint32_t semi_minor;
+    uint8_t angle;
+};
+gps_lpp_ellipse gps_make_lpp_ellipse(const gps_ecef_sample &first, const gps_ecef_sample &second);
+
+// LPP location parameters. Asks for a position (or takes the buffered one), two ECEF samples, a
+// second position and PUBX 00. Non-zero results of the exchange come back in 8 bits.
+int32_t gps_get_lpp_paramas(gps_lpp_location *location);
 
 #endif

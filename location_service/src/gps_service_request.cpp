@@ -43,6 +43,9 @@ int32_t uart_exchange(const char *cmd, char *resp, uint32_t *len) {
     int result = 0;
     {
         const std::lock_guard guard(uart_lock);
+        // What an earlier answer left on the line would answer this command, and this answer the
+        // next.
+        ls_hal_tty_discard();
         // A frame that claims to be longer than its buffer never reaches the line.
         const bool fits = cmd_length <= GPS_COMMAND_SIZE;
         if (!fits || ls_hal_tty_write(reinterpret_cast<const uint8_t *>(cmd),

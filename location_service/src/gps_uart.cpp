@@ -103,6 +103,10 @@ int ls_hal_tty_write(const uint8_t *buffer, int32_t length) {
     return 0;
 }
 
+void ls_hal_tty_discard() {
+    tcflush(uart_fd, TCIFLUSH);
+}
+
 int ls_hal_tty_read(uint8_t *buffer, int32_t *length) {
     if (buffer == nullptr || length == nullptr) {
         log_error("%s: sentence found NULL", __func__);

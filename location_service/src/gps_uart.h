@@ -21,6 +21,9 @@ void ls_hal_clear_rx_buffer();
 // not be reported because there is no bus connection.
 int ls_hal_tty_write(const uint8_t *buffer, int32_t length);
 
+// Drops what has come in and was not read: the rest of a long answer, or a late one.
+void ls_hal_tty_discard();
+
 // One read. *length: in, bytes wanted (at most 400 are read, `buffer` must hold them); out, what
 // the read returned. 0 data; 2 nothing before the time-out; 1 and -1 as for write.
 int ls_hal_tty_read(uint8_t *buffer, int32_t *length);

@@ -47,7 +47,8 @@ struct connection {
     std::atomic<uint32_t> next_txn_id{1};
     std::atomic<bool> stop{false};     // the receive thread is to end
     std::atomic<bool> has_sent{false}; // scm_conn_exit has something to wait for
-    std::atomic<pthread_t> receiver{}; // known before the first callback and before scm_conn_init returns
+    // Known before the first callback and before scm_conn_init returns.
+    std::atomic<pthread_t> receiver{};
 };
 
 // A free entry, closed, with one reference for the caller; null when all are taken.

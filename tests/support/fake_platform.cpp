@@ -19,9 +19,10 @@ int send_result = 0;
 std::function<void(const fake::sent_message &)> send_action;
 fake::votes vote_count = {};
 fake::settings stored;
-int board = 1;
 scm_conn conn = {};
 uint32_t next_txn = 1;
+std::vector<uint32_t> timer_intervals; // by handle - 1; 0 = deleted
+bool timer_deletion_fails = false;
 
 constexpr auto patience = std::chrono::seconds(5);
 
@@ -40,8 +41,9 @@ void reset() {
     send_action = nullptr;
     vote_count = {};
     stored = {};
-    board = 1;
     next_txn = 1;
+    timer_intervals.clear();
+    timer_deletion_fails = false;
 
     mt_gps_status = 2;
     gps_current_power_mode_g = 2;
@@ -120,8 +122,20 @@ settings &database() {
     return stored;
 }
 
-int &board_type() {
-    return board;
+uint32_t timer_interval(int handle) {
+    const std::lock_guard guard(lock);
+    const auto index = static_cast<size_t>(handle) - 1;
+    return index < timer_intervals.size() ? timer_intervals[index] : 0;
+}
+
+int timers_started() {
+    const std::lock_guard guard(lock);
+    return static_cast<int>(timer_intervals.size());
+}
+
+void fail_timer_deletion(bool fail) {
+    const std::lock_guard guard(lock);
+    timer_deletion_fails = fail;
 }
 
 bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> &payload,
@@ -250,19 +264,18 @@ void zuk_log_tmplt(int level, const char *format, const char *module, int line, 
     lines.push_back({.level = level, .module = module, .text = text});
 }
 
-int get_zuk_type() {
-    return board;
+int rtc_start_timer(uint32_t interval_s, int (*)(void *), int *) {
+    const std::lock_guard guard(lock);
+    timer_intervals.push_back(interval_s);
+    return static_cast<int>(timer_intervals.size());
 }
 
-int rtc_init_timers() {
-    return 0;
-}
-
-int rtc_reinit() {
-    return 0;
-}
-
-int rtc_exit() {
+int rtc_del_timer(int timer_id) {
+    const std::lock_guard guard(lock);
+    const auto index = static_cast<size_t>(timer_id) - 1;
+    if (timer_deletion_fails || index >= timer_intervals.size())
+        return -1;
+    timer_intervals[index] = 0;
     return 0;
 }
 

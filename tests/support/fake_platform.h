@@ -75,7 +75,10 @@ struct settings {
 };
 settings &database();
 
-int &board_type();
+// Platform timers: handles count from 1. The interval of a running one, 0 when it does not run.
+uint32_t timer_interval(int handle);
+int timers_started();
+void fail_timer_deletion(bool fail);
 
 // A message as the bus would deliver it; the payload must outlive it.
 bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> &payload,

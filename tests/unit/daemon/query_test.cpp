@@ -1,14 +1,7 @@
 // Time, time of week and position, from literal answers of a receiver on a pty.
-#include "fake_platform.h"
 #include "gps_service.h"
-#include "gps_uart.h"
-#include "line_peer.h"
-#include "ls_state.h"
-#include "scratch_dir.h"
+#include "receiver_fixture.h"
 
-#include <gtest/gtest.h>
-#include <map>
-#include <memory>
 #include <random>
 
 namespace {
@@ -18,34 +11,15 @@ const std::string gsa = "GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1";
 const std::string zda = "GPZDA,235959.00,31,12,2019,00,00";
 const std::string tow = "PUBX,04,073731.00,091202,113851.00,1196,15D,1930035,-2660.664,43";
 
-// A receiver that answers each poll body with the sentence body set for it; without one: silence is
-// 3 s, so the tests set something for every poll they expect.
-class query : public testing::Test {
+class query : public receiver_fixture {
   protected:
     void SetUp() override {
-        fake::reset();
-        bodies = {{"GPGPQ,GGA", gga}, {"GPGPQ,GSA", gsa}, {"GPGPQ,ZDA", zda}, {"PUBX,04", tow}};
-        peer = std::make_unique<line_peer>([this](const std::string &command) {
-            const std::string body = command.substr(1, command.find('*') - 1);
-            const auto found = bodies.find(body);
-            if (found == bodies.end())
-                return std::string();
-            return raw ? found->second : nmea(found->second);
-        });
-        ASSERT_EQ(ls_hal_uart_init(), 0);
+        receiver_fixture::SetUp();
+        answer("GPGPQ,GGA", gga);
+        answer("GPGPQ,GSA", gsa);
+        answer("GPGPQ,ZDA", zda);
+        answer("PUBX,04", tow);
     }
-    void TearDown() override { ls_hal_uart_close(); }
-
-    // What an over-long answer left on the line would answer the next poll.
-    static void drain_line() {
-        ls_hal_uart_close();
-        ASSERT_EQ(ls_hal_uart_init(), 0); // opening discards pending input
-    }
-
-    scratch_dir dir;
-    std::map<std::string, std::string> bodies;
-    bool raw = false; // answers go out as they stand, without framing
-    std::unique_ptr<line_peer> peer;
 };
 
 TEST_F(query, time) {
@@ -76,7 +50,7 @@ TEST_F(query, time_failures) {
     };
     for (const row &r : rows) {
         fake::reset();
-        bodies["GPGPQ,ZDA"] = r.body;
+        answer("GPGPQ,ZDA", r.body);
         gps_time_fields time = {};
         EXPECT_EQ(gps_get_time(&time), 1) << r.body;
         EXPECT_EQ(fake::count_logged(3, r.text), 1u) << r.body;
@@ -84,12 +58,12 @@ TEST_F(query, time_failures) {
     EXPECT_EQ(gps_get_time(nullptr), 1);
 
     // A field 0 of another length is not checked; a time that does not convert is 0.
-    bodies["GPGPQ,ZDA"] = "GNZDAX,2359x9,31,12,2019";
+    answer("GPGPQ,ZDA", "GNZDAX,2359x9,31,12,2019");
     gps_time_fields time = {};
     EXPECT_EQ(gps_get_time(&time), 0);
     EXPECT_EQ(time.hour, 23);
     EXPECT_EQ(time.second, 0);
-    bodies["GPGPQ,ZDA"] = "GPZDA,235959.00,,12,2019";
+    answer("GPGPQ,ZDA", "GPZDA,235959.00,,12,2019");
     EXPECT_EQ(gps_get_time(&(time = {})), 1);
     EXPECT_EQ(time.hour, 23); // filled before the day was missed
 }
@@ -100,11 +74,11 @@ TEST_F(query, time_of_week) {
     EXPECT_EQ(seconds, 113851);
     EXPECT_EQ(peer->commands(), std::vector<std::string>{"$PUBX,04*37\r\n"});
     for (const char *body : {"GPZDA,1,2,3,4", "PUBXX,1,2,3,4"}) {
-        bodies["PUBX,04"] = body;
+        answer("PUBX,04", body);
         EXPECT_EQ(gps_get_tow(&seconds), 1);
     }
     EXPECT_EQ(fake::count_logged(3, "gps_get_tow: Incorrect response message\n"), 2u);
-    bodies["PUBX,04"] = "PUBX,04,1,2,,4";
+    answer("PUBX,04", "PUBX,04,1,2,,4");
     EXPECT_EQ(gps_get_tow(&seconds), 1);
     EXPECT_EQ(fake::count_logged(3, "gps_get_tow: Failed to get time of week\n"), 1u);
     EXPECT_EQ(gps_get_tow(nullptr), 1);
@@ -134,7 +108,7 @@ TEST_F(query, position) {
 TEST_F(query, fix_types) {
     for (const auto &[field, type] :
          std::map<std::string, uint32_t>{{"1", 2}, {"2", 0}, {"3", 1}, {"x", 2}}) {
-        bodies["GPGPQ,GSA"] = "GPGSA,A," + field + ",04,05,,09,12,,,24,,,,,2.5,1.3,2.1";
+        answer("GPGPQ,GSA", "GPGSA,A," + field + ",04,05,,09,12,,,24,,,,,2.5,1.3,2.1");
         gps_pos_data pos = {};
         EXPECT_EQ(gps_get_pos(&pos), 0);
         EXPECT_EQ(pos.fix_type, type) << field;
@@ -158,7 +132,7 @@ TEST_F(query, position_failures) {
     };
     for (const row &r : rows) {
         SetUp();
-        bodies[r.poll] = r.body;
+        answer(r.poll, r.body);
         gps_pos_data pos = {};
         EXPECT_EQ(gps_get_pos(&pos), 1) << r.body;
         EXPECT_EQ(fake::count_logged(3, r.text), 1u) << r.body;
@@ -166,17 +140,14 @@ TEST_F(query, position_failures) {
     EXPECT_EQ(gps_get_pos(nullptr), 1);
     EXPECT_EQ(fake::count_logged(3, "gps_get_pos: pos found NULL\n"), 1u);
 
-    bodies["GPGPQ,GGA"] = "GNGGAX" + gga.substr(5); // six characters are not checked
-    bodies["GPGPQ,ZDA"] = zda;
+    answer("GPGPQ,GGA", "GNGGAX" + gga.substr(5)); // six characters are not checked
+    answer("GPGPQ,ZDA", zda);
     gps_pos_data pos = {};
     EXPECT_EQ(gps_get_pos(&pos), 0);
 }
 
 TEST_F(query, static_location_asks_nobody) {
-    stub_location_on_g = 1;
-    const std::string place = "5130.000,N,00007.500,W\n";
-    for (size_t i = 0; i < place.size(); ++i)
-        ls_stub_location_buf[i] = place[i];
+    static_location_on();
     gps_pos_data pos = {};
     EXPECT_EQ(gps_get_pos(&pos), 0);
     EXPECT_DOUBLE_EQ(pos.latitude, 51.5);
@@ -199,10 +170,7 @@ TEST_F(query, static_location_asks_nobody) {
 
 TEST_F(query, board_2_keeps_a_good_fix_for_its_buffer_time) {
     gps_board_type_g = 2;
-    stub_location_on_g = 1; // a fix without a TA
-    const std::string place = "5130.000,N,00007.500,W\n";
-    for (size_t i = 0; i < place.size(); ++i)
-        ls_stub_location_buf[i] = place[i];
+    static_location_on(); // a fix without a TA
     gps_pos_data pos = {};
     int32_t result = 7;
     EXPECT_EQ(gps_get_pos(&pos), 0);
@@ -222,12 +190,11 @@ TEST_F(query, board_2_keeps_a_good_fix_for_its_buffer_time) {
 
 // Whatever the receiver says, a query ends with a result and inside its buffers.
 TEST_F(query, hostile_answers_fail_the_query) {
-    raw = true;
     std::mt19937 random(4);
     std::string noise(205, '\0');
     for (char &c : noise)
         c = static_cast<char>(random() % 256);
-    const std::string answers[] = {
+    const std::string hostile[] = {
         std::string(64, '\0') + "$",
         "$GPGGA" + std::string(199, ','),
         nmea("GPGGA" + std::string(400, ',')),
@@ -238,15 +205,13 @@ TEST_F(query, hostile_answers_fail_the_query) {
         std::string(205, '$'),
         noise,
     };
-    for (const std::string &answer : answers) {
-        bodies["GPGPQ,GGA"] = bodies["GPGPQ,GSA"] = bodies["GPGPQ,ZDA"] = bodies["PUBX,04"] =
-            answer;
+    for (const std::string &text : hostile) {
+        for (const char *poll : {"GPGPQ,GGA", "GPGPQ,GSA", "GPGPQ,ZDA"})
+            answers[poll] = text;
         gps_pos_data pos = {};
-        EXPECT_EQ(gps_get_pos(&pos), 1) << answer;
-        drain_line();
+        EXPECT_EQ(gps_get_pos(&pos), 1) << text;
         gps_time_fields time = {};
-        EXPECT_EQ(gps_get_time(&time), 1) << answer;
-        drain_line();
+        EXPECT_EQ(gps_get_time(&time), 1) << text;
     }
 }
 

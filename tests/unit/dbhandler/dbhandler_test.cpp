@@ -41,6 +41,7 @@ class settings_db : public testing::Test {
         sqlite3 *db = nullptr;
         std::string result;
         sqlite3_open(file_.c_str(), &db);
+        sqlite3_busy_timeout(db, 2000);
         const auto keep = [](void *to, int, char **values, char **) {
             *static_cast<std::string *>(to) = values[0] != nullptr ? values[0] : "NULL";
             return 0;
@@ -263,8 +264,14 @@ TEST_F(settings_db, threads_see_both_history_values_of_one_change) {
                     failures++;
             }
         });
-    for (int i = 0; i < 40; i++)
+    for (int i = 0; i < 20; i++)
         EXPECT_EQ(db_set_location_history_settings(&changes[i % 2]), 0);
+    std::string fast = "PRAGMA synchronous=OFF;";
+    for (int i = 0; i < 1000; i++)
+        fast +=
+            "UPDATE settings SET value = iif(name LIKE '%status', 0, 10) WHERE name LIKE 'loc%';"
+            "UPDATE settings SET value = iif(name LIKE '%status', 1, 20) WHERE name LIKE 'loc%';";
+    EXPECT_EQ(sql(fast), "");
     stop = true;
     for (std::thread &reader : readers)
         reader.join();

@@ -137,6 +137,10 @@ class bus : public testing::Test {
     }
 };
 
+inline int64_t open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 // The bytes of a notification 1010 with transaction id 7.
 inline std::string datagram(int src, int dst, size_t claimed_length, size_t length) {
     std::string bytes("\x02\x00\x00\x00\xf2\x03\x00\x00\x07\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"

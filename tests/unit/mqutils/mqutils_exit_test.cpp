@@ -9,6 +9,7 @@ namespace {
 
 TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
     service self;
+    const int64_t descriptors = open_descriptors();
     for (int round = 0; round < 100; ++round) { // more than there are connections
         ASSERT_EQ(self.init(40), 0) << round << ": " << strerror(errno);
         ASSERT_EQ(scm_conn_exit(&self), 0);
@@ -16,6 +17,7 @@ TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
         ASSERT_EQ(scm_conn_exit(&self), -1);
         ASSERT_EQ(errno, ENOTCONN);
     }
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(bus, exit_leaves_a_socket_that_is_no_longer_its_own) {

@@ -9,6 +9,7 @@ namespace {
 using rig::ask;
 using rig::frame;
 using rig::from_hex;
+using rig::heard;
 using rig::sentence;
 
 const std::string zeros36 = [] {
@@ -51,18 +52,6 @@ TEST_F(fresh_receiver, AcknowledgesEachFrameOfPowerOn) {
         << "GPS only and main talker GP";
 }
 
-TEST_F(fresh_receiver, GivesBackWhatWasSet) {
-    for (const accepted_row &row : power_on_frames) {
-        const rig::bytes set = from_hex(row.frame);
-        const auto key = static_cast<uint16_t>(set[2] << 8 | set[3]);
-        if (key == sim::ubx_cfg_cfg)
-            continue;
-        tell(set);
-        const std::string poll_payload = key == sim::ubx_cfg_inf ? "01" : "";
-        EXPECT_EQ(tell(frame(key, poll_payload)), row.frame + "\n" + row.acknowledge) << row.name;
-    }
-}
-
 TEST_F(fresh_receiver, IsSilentOnAWrongChecksum) {
     rig::bytes wrong = from_hex(power_on_frames[1].frame);
     wrong.back() ^= 1;
@@ -74,78 +63,78 @@ TEST_F(fresh_receiver, IsSilentOnAWrongChecksum) {
 struct value_row {
     const char *name;
     uint16_t key;
-    std::string payload;
     bool accepted;
+    std::string payload;
 };
 
 const std::string gps_on = " 00 08 10 00 01 00 01 00", glonass_on = " 06 08 0e 00 01 00 01 00";
 
 const value_row value_rows[] = {
-    {"RATE 50 ms", sim::ubx_cfg_rate, "32 00 01 00 01 00", true},
-    {"RATE 49 ms", sim::ubx_cfg_rate, "31 00 01 00 01 00", false},
-    {"RATE 127 measurements", sim::ubx_cfg_rate, "64 00 7f 00 01 00", true},
-    {"RATE 128 measurements", sim::ubx_cfg_rate, "64 00 80 00 01 00", false},
-    {"RATE no measurement", sim::ubx_cfg_rate, "64 00 00 00 01 00", false},
-    {"RATE last reference", sim::ubx_cfg_rate, "64 00 01 00 04 00", true},
-    {"RATE unknown reference", sim::ubx_cfg_rate, "64 00 01 00 05 00", false},
-    {"RATE too short", sim::ubx_cfg_rate, "64 00 01 00 01", false},
-    {"RATE too long", sim::ubx_cfg_rate, "64 00 01 00 01 00 00", false},
-    {"PRT UART 1", sim::ubx_cfg_prt, "01 00 00 00 d0 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00",
-     true},
-    {"PRT another port", sim::ubx_cfg_prt,
-     "02 00 00 00 d0 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00", false},
-    {"PRT odd baud rate", sim::ubx_cfg_prt,
-     "01 00 00 00 d0 08 00 00 01 c2 01 00 07 00 03 00 00 00 00 00", false},
-    {"PRT seven bits", sim::ubx_cfg_prt,
-     "01 00 00 00 90 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00", false},
-    {"PRT poll of this port", sim::ubx_cfg_prt, "01", true},
-    {"PRT poll of another port", sim::ubx_cfg_prt, "03", false},
-    {"MSG on this port", sim::ubx_cfg_msg, "f0 00 05", true},
-    {"MSG on all ports", sim::ubx_cfg_msg, "f0 00 00 05 00 00 00 00", true},
-    {"MSG poll", sim::ubx_cfg_msg, "f0 00", true},
-    {"MSG unknown", sim::ubx_cfg_msg, "f0 77 05", false},
-    {"MSG poll of an unknown one", sim::ubx_cfg_msg, "f0 77", false},
-    {"MSG empty", sim::ubx_cfg_msg, "", false},
-    {"INF both protocols", sim::ubx_cfg_inf,
-     "00 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00", true},
-    {"INF unknown protocol", sim::ubx_cfg_inf, "02 00 00 00 00 00 00 00 00 00", false},
-    {"INF half a block", sim::ubx_cfg_inf, "01 00 00 00 00", false},
-    {"NMEA short form", sim::ubx_cfg_nmea, "00 23 08 00", true},
-    {"NMEA middle form", sim::ubx_cfg_nmea, "00 41 00 00 00 00 00 00 01 05 01 00", true},
-    {"NMEA middle form with the long one's number", sim::ubx_cfg_nmea,
-     "00 41 00 00 00 00 00 00 01 05 01 01", false},
-    {"NMEA version 2.2", sim::ubx_cfg_nmea, "00 22 00 00", false},
-    {"NMEA nine satellites", sim::ubx_cfg_nmea, "00 40 09 00", false},
-    {"NMEA talker 6", sim::ubx_cfg_nmea, "00 40 00 00 00 00 00 00 00 06 00 00", false},
-    {"NMEA five bytes", sim::ubx_cfg_nmea, "00 40 00 00 00", false},
-    {"PM2 long form", sim::ubx_cfg_pm2, "02 00 00 00 60 10 02 00" + zeros36 + " 00 00 00 00", true},
-    {"PM2 long form with the short one's number", sim::ubx_cfg_pm2,
-     "01 00 00 00 60 10 00 00" + zeros36 + " 00 00 00 00", false},
-    {"PM2 unknown mode", sim::ubx_cfg_pm2, "01 00 00 00 60 10 04 00" + zeros36, false},
-    {"GNSS two systems", sim::ubx_cfg_gnss, "00 00 20 02" + gps_on + glonass_on, true},
-    {"GNSS all channels", sim::ubx_cfg_gnss, "00 00 ff 01" + gps_on, true},
-    {"GNSS 33 channels", sim::ubx_cfg_gnss, "00 00 21 01" + gps_on, false},
-    {"GNSS fewer blocks than told", sim::ubx_cfg_gnss, "00 00 20 02" + gps_on, false},
-    {"GNSS one system twice", sim::ubx_cfg_gnss, "00 00 20 02" + gps_on + gps_on, false},
-    {"GNSS reserved as many as there are", sim::ubx_cfg_gnss, "00 00 08 01" + gps_on, true},
-    {"GNSS reserved over channels", sim::ubx_cfg_gnss, "00 00 07 01" + gps_on, false},
-    {"GNSS reserved over maximum", sim::ubx_cfg_gnss, "00 00 20 01 00 08 07 00 01 00 01 00", false},
-    {"GNSS three channels for GPS", sim::ubx_cfg_gnss, "00 00 20 01 00 03 03 00 01 00 01 00",
-     false},
-    {"GNSS nothing on", sim::ubx_cfg_gnss, "00 00 20 01 00 08 10 00 00 00 01 00", false},
-    {"GNSS unknown system", sim::ubx_cfg_gnss, "00 00 20 02" + gps_on + " 07 08 0e 00 01 00 01 00",
-     false},
-    {"PWR state as a number", sim::ubx_cfg_pwr, "01 00 00 00 20 4e 55 52", true},
-    {"PWR unknown state", sim::ubx_cfg_pwr, "01 00 00 00 52 55 4e 00", false},
-    {"PWR unknown version", sim::ubx_cfg_pwr, "00 00 00 00 52 55 4e 20", false},
-    {"CFG without device", sim::ubx_cfg_cfg, "00 00 00 00 00 00 00 00 00 00 00 00", true},
-    {"CFG to flash only", sim::ubx_cfg_cfg, "00 00 00 00 1f 00 00 00 00 00 00 00 02", false},
-    {"CFG short", sim::ubx_cfg_cfg, "00 00 00 00 1f 00 00 00", false},
-    {"RST unknown mode", sim::ubx_cfg_rst, "00 00 03 00", false},
-    {"RST satellites stop", sim::ubx_cfg_rst, "00 00 08 00", true},
-    {"unknown frame", 0x06ff, "", false},
-    {"unknown class", 0x4242, "01", false},
-    {"NAV poll with a payload", sim::ubx_nav_posecef, "00", false},
+    {"RATE 50 ms", sim::ubx_cfg_rate, true, "32 00 01 00 01 00"},
+    {"RATE 49 ms", sim::ubx_cfg_rate, false, "31 00 01 00 01 00"},
+    {"RATE 127 measurements", sim::ubx_cfg_rate, true, "64 00 7f 00 01 00"},
+    {"RATE 128 measurements", sim::ubx_cfg_rate, false, "64 00 80 00 01 00"},
+    {"RATE no measurement", sim::ubx_cfg_rate, false, "64 00 00 00 01 00"},
+    {"RATE last reference", sim::ubx_cfg_rate, true, "64 00 01 00 04 00"},
+    {"RATE unknown reference", sim::ubx_cfg_rate, false, "64 00 01 00 05 00"},
+    {"RATE too short", sim::ubx_cfg_rate, false, "64 00 01 00 01"},
+    {"RATE too long", sim::ubx_cfg_rate, false, "64 00 01 00 01 00 00"},
+    {"PRT UART 1", sim::ubx_cfg_prt, true,
+     "01 00 00 00 d0 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
+    {"PRT another port", sim::ubx_cfg_prt, false,
+     "02 00 00 00 d0 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
+    {"PRT odd baud rate", sim::ubx_cfg_prt, false,
+     "01 00 00 00 d0 08 00 00 01 c2 01 00 07 00 03 00 00 00 00 00"},
+    {"PRT seven bits", sim::ubx_cfg_prt, false,
+     "01 00 00 00 90 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
+    {"PRT poll of this port", sim::ubx_cfg_prt, true, "01"},
+    {"PRT poll of another port", sim::ubx_cfg_prt, false, "03"},
+    {"MSG on this port", sim::ubx_cfg_msg, true, "f0 00 05"},
+    {"MSG on all ports", sim::ubx_cfg_msg, true, "f0 00 00 05 00 00 00 00"},
+    {"MSG poll", sim::ubx_cfg_msg, true, "f0 00"},
+    {"MSG unknown", sim::ubx_cfg_msg, false, "f0 77 05"},
+    {"MSG poll of an unknown one", sim::ubx_cfg_msg, false, "f0 77"},
+    {"MSG empty", sim::ubx_cfg_msg, false, ""},
+    {"INF both protocols", sim::ubx_cfg_inf, true,
+     "00 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00"},
+    {"INF unknown protocol", sim::ubx_cfg_inf, false, "02 00 00 00 00 00 00 00 00 00"},
+    {"INF half a block", sim::ubx_cfg_inf, false, "01 00 00 00 00"},
+    {"NMEA short form", sim::ubx_cfg_nmea, true, "00 23 08 00"},
+    {"NMEA middle form", sim::ubx_cfg_nmea, true, "00 41 00 00 00 00 00 00 01 05 01 00"},
+    {"NMEA middle form with the long one's number", sim::ubx_cfg_nmea, false,
+     "00 41 00 00 00 00 00 00 01 05 01 01"},
+    {"NMEA version 2.2", sim::ubx_cfg_nmea, false, "00 22 00 00"},
+    {"NMEA nine satellites", sim::ubx_cfg_nmea, false, "00 40 09 00"},
+    {"NMEA talker 6", sim::ubx_cfg_nmea, false, "00 40 00 00 00 00 00 00 00 06 00 00"},
+    {"NMEA five bytes", sim::ubx_cfg_nmea, false, "00 40 00 00 00"},
+    {"PM2 long form", sim::ubx_cfg_pm2, true, "02 00 00 00 60 10 02 00" + zeros36 + " 00 00 00 00"},
+    {"PM2 long form with the short one's number", sim::ubx_cfg_pm2, false,
+     "01 00 00 00 60 10 00 00" + zeros36 + " 00 00 00 00"},
+    {"PM2 unknown mode", sim::ubx_cfg_pm2, false, "01 00 00 00 60 10 04 00" + zeros36},
+    {"GNSS two systems", sim::ubx_cfg_gnss, true, "00 00 20 02" + gps_on + glonass_on},
+    {"GNSS all channels", sim::ubx_cfg_gnss, true, "00 00 ff 01" + gps_on},
+    {"GNSS 33 channels", sim::ubx_cfg_gnss, false, "00 00 21 01" + gps_on},
+    {"GNSS fewer blocks than told", sim::ubx_cfg_gnss, false, "00 00 20 02" + gps_on},
+    {"GNSS one system twice", sim::ubx_cfg_gnss, false, "00 00 20 02" + gps_on + gps_on},
+    {"GNSS reserved as many as there are", sim::ubx_cfg_gnss, true, "00 00 08 01" + gps_on},
+    {"GNSS reserved over channels", sim::ubx_cfg_gnss, false, "00 00 07 01" + gps_on},
+    {"GNSS reserved over maximum", sim::ubx_cfg_gnss, false, "00 00 20 01 00 08 07 00 01 00 01 00"},
+    {"GNSS three channels for GPS", sim::ubx_cfg_gnss, false,
+     "00 00 20 01 00 03 03 00 01 00 01 00"},
+    {"GNSS nothing on", sim::ubx_cfg_gnss, false, "00 00 20 01 00 08 10 00 00 00 01 00"},
+    {"GNSS unknown system", sim::ubx_cfg_gnss, false,
+     "00 00 20 02" + gps_on + " 07 08 0e 00 01 00 01 00"},
+    {"PWR state as a number", sim::ubx_cfg_pwr, true, "01 00 00 00 20 4e 55 52"},
+    {"PWR unknown state", sim::ubx_cfg_pwr, false, "01 00 00 00 52 55 4e 00"},
+    {"PWR unknown version", sim::ubx_cfg_pwr, false, "00 00 00 00 52 55 4e 20"},
+    {"CFG without device", sim::ubx_cfg_cfg, true, "00 00 00 00 00 00 00 00 00 00 00 00"},
+    {"CFG to flash only", sim::ubx_cfg_cfg, false, "00 00 00 00 1f 00 00 00 00 00 00 00 02"},
+    {"CFG short", sim::ubx_cfg_cfg, false, "00 00 00 00 1f 00 00 00"},
+    {"RST unknown mode", sim::ubx_cfg_rst, false, "00 00 03 00"},
+    {"RST satellites stop", sim::ubx_cfg_rst, true, "00 00 08 00"},
+    {"unknown frame", 0x06ff, false, ""},
+    {"unknown class", 0x4242, false, "01"},
+    {"NAV poll with a payload", sim::ubx_nav_posecef, false, "00"},
 };
 
 TEST(ReceiverConfig, ChecksLengthsAndValues) {
@@ -240,6 +229,28 @@ TEST_F(with_battery, KeepsOnlyWhatWasSaved) {
     receiver.set_power(true, true, 2);
     EXPECT_EQ(ask(receiver, frame(sim::ubx_cfg_rate, ""), 2).substr(0, 35),
               "b5 62 06 08 06 00 64 00 01 00 01 00");
+}
+
+TEST_F(with_battery, KeepsAllOfPowerOn) {
+    sim::receiver first(options);
+    first.set_power(true, true, 0);
+    for (const char *type : {"GGA", "GLL", "GSA", "GSV", "RMC", "VTG"})
+        ask(first, sentence("PUBX,40," + std::string(type) + ",0,0,0,0,0,0"), 0);
+    for (const accepted_row &row : power_on_frames)
+        ask(first, from_hex(row.frame), 0);
+    sim::receiver next(options);
+    next.set_power(true, true, 0);
+    EXPECT_EQ(heard(next, 0), "") << "no start lines";
+    for (const accepted_row &row : power_on_frames) {
+        const rig::bytes set = from_hex(row.frame);
+        const auto key = static_cast<uint16_t>(set[2] << 8 | set[3]);
+        if (key == sim::ubx_cfg_cfg)
+            continue;
+        EXPECT_EQ(ask(next, frame(key, key == sim::ubx_cfg_inf ? "01" : ""), 0),
+                  row.frame + " " + row.acknowledge)
+            << row.name;
+    }
+    EXPECT_EQ(next.next_event(), std::nullopt) << "silent until asked";
 }
 
 TEST_F(with_battery, ClearsAndLoads) {

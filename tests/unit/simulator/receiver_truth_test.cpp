@@ -27,8 +27,8 @@ std::string answer(const sim::epoch &now, const char *type) {
 }
 
 constexpr const char *two_constellations =
-    R"($GNRMC,235958.99,A,4404.13387,S,12118.85628,W,0.029,,311216,,,A
-$GNVTG,,T,,M,0.029,N,0.053,K,A
+    R"($GNRMC,235958.99,A,4404.13387,S,12118.85628,W,0.108,,311216,,,A
+$GNVTG,,T,,M,0.108,N,0.199,K,A
 $GNGGA,235958.99,4404.13387,S,12118.85628,W,1,12,1.01,1144.8,M,-21.4,M,,
 $GNGSA,A,3,80,70,,,,,,,,,,,1.71,1.01,1.38
 $GNGSA,A,2,23,,16,,,,,,,,,,1.72,1.02,1.39
@@ -47,7 +47,7 @@ TEST(Recording, TellsWhatAGpsReceiverWouldHaveTold) {
     EXPECT_EQ(answer(now, "GSA"), sim::nmea_sentence("GPGSA,A,2,23,,16,,,,,,,,,,1.72,1.02,1.39"));
     EXPECT_EQ(answer(now, "GSV"), sim::nmea_sentence("GPGSV,1,1,04,02,05,307,,16,47,064,35,23,68,"
                                                      "103,28,30,12,249,17"));
-    EXPECT_EQ(answer(now, "VTG"), sim::nmea_sentence("GPVTG,,T,,M,0.029,N,0.053,K,A"));
+    EXPECT_EQ(answer(now, "VTG"), sim::nmea_sentence("GPVTG,,T,,M,0.108,N,0.199,K,A"));
     EXPECT_EQ(answer(now, "ZDA"), sim::nmea_sentence("GPZDA,235958.99,31,12,2016,00,00"));
 }
 
@@ -135,7 +135,8 @@ TEST(Route, MovesBetweenItsPoints) {
     EXPECT_EQ(source(15).altitude, 200.0) << "the last altitude holds";
     EXPECT_NEAR(*source(25).course, 270.0, 1e-6);
     EXPECT_NEAR(*source(35).latitude, 0.0045, 1e-9) << "begins again";
-    EXPECT_EQ(sim::unix_of(*source(35).date, *source(35).time), 1704110430.0) << "but time goes on, from the first epoch";
+    EXPECT_EQ(sim::unix_of(*source(35).date, *source(35).time), 1704110430.0)
+        << "but time goes on, from the first epoch";
 }
 
 TEST(Route, CrossesTheDateLineTheShortWay) {

@@ -224,16 +224,20 @@ TEST_F(zukhal_votes, threads_and_handlers_leave_the_kernel_in_the_state_of_the_c
     in_child([this] {
         signal(SIGUSR1, vote_in_handler);
         std::array<std::thread, 4> threads;
+        std::atomic<size_t> done{0};
         for (std::thread &thread : threads)
-            thread = std::thread([] {
-                for (int i = 0; i < 300; i++) {
+            thread = std::thread([&done] {
+                for (int i = 0; i < 2000; i++) {
                     pm_system_state_disable(3);
-                    raise(SIGUSR1); // the handler may interrupt a vote, too
                     pm_system_state_enable(3);
                 }
+                done++;
             });
-        for (int i = 0; i < 300; i++)
-            kill(getpid(), SIGUSR1);
+        while (done < threads.size()) // handlers interrupt votes, too
+            for (std::thread &thread : threads) {
+                std::this_thread::sleep_for(200us);
+                pthread_kill(thread.native_handle(), SIGUSR1);
+            }
         for (std::thread &thread : threads)
             thread.join();
         EXPECT_EQ(content("wake_lock"), content("wake_unlock"));

@@ -1,0 +1,218 @@
+// lsctl nmea and ubx: one command straight to the receiver, and its raw answer.
+#include "lsctl_engineering.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "lsctl_text.h"
+
+namespace {
+
+// Options.
+std::string nmea_body;
+std::vector<std::string> ubx_words;
+
+constexpr const char *SILENT_NOTE =
+    "the receiver did not answer (the service reports that as success)";
+
+std::span<const uint8_t> without_fill(std::span<const uint8_t> answer) {
+    size_t size = answer.size();
+    while (size != 0 && answer[size - 1] == 0) {
+        --size;
+    }
+    return answer.first(size);
+}
+
+bool is_text(std::span<const uint8_t> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) {
+        return (byte >= ' ' && byte <= '~') || byte == '\r' || byte == '\n' || byte == '\t';
+    });
+}
+
+// Lines end in CR LF on the wire.
+std::string lines_of(std::span<const uint8_t> bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        if (byte != '\r') {
+            text += static_cast<char>(byte);
+        }
+    }
+    if (!text.empty() && text.back() != '\n') {
+        text += '\n';
+    }
+    return text;
+}
+
+int usage(const lsctl_options &options, const std::string &problem) {
+    return lsctl_fail(options, location_result::bad_argument, problem);
+}
+
+int exec_failed(const lsctl_options &options, location_result result,
+                const location_client *client) {
+    return result == location_result::failed
+               ? lsctl_fail(options, result,
+                            "the location service could not exchange this with the receiver")
+               : lsctl_fail(options, result, client);
+}
+
+int show_silence(const lsctl_options &options, bool expected, const lsctl_json &object) {
+    if (!expected) {
+        return lsctl_show(options, object, "sent; the receiver does not answer this command\n");
+    }
+    return lsctl_fail(options, location_result::receiver_timeout, SILENT_NOTE);
+}
+
+} // namespace
+
+std::string nmea_problem(std::string_view body) {
+    if (body.empty()) {
+        return "the sentence is empty";
+    }
+    if (body.find_first_of("$*") != std::string_view::npos) {
+        return "give the sentence without $, * and checksum: the service adds them";
+    }
+    for (const char c : body) {
+        if (c < ' ' || c > '~') {
+            return "the sentence may hold printable ASCII characters only";
+        }
+    }
+    if (body.size() >= LS_ENGG_CMD_SIZE) {
+        return lsctl_format("the sentence has %zu characters; the request holds %zu", body.size(),
+                            LS_ENGG_CMD_SIZE - 1);
+    }
+    return {};
+}
+
+bool nmea_expects_answer(std::string_view body) {
+    // Rates and port settings are taken without an acknowledgement.
+    return !body.starts_with("PUBX,40") && !body.starts_with("PUBX,41");
+}
+
+std::string nmea_answer_text(std::span<const uint8_t> answer) {
+    const auto bytes = without_fill(answer);
+    return is_text(bytes) ? lines_of(bytes) : hex_dump(bytes);
+}
+
+lsctl_json nmea_answer_json(std::span<const uint8_t> answer) {
+    const auto bytes = without_fill(answer);
+    lsctl_json object = {{"answer_bytes", bytes.size()}};
+    if (is_text(bytes)) {
+        object["answer_text"] = lines_of(bytes);
+    } else {
+        object["answer_hex"] = hex_text(bytes);
+    }
+    return object;
+}
+
+std::string ubx_answer_text(std::span<const ubx_piece> pieces) {
+    std::string text;
+    for (const ubx_piece &piece : pieces) {
+        if (!piece.is_frame) {
+            text += lsctl_format("%zu bytes outside of frames\n", piece.bytes.size());
+        } else if (piece.complete) {
+            text += lsctl_format("%s, %zu payload bytes, checksum %s\n",
+                                 ubx_name(piece.msg_class, piece.id).c_str(), piece.bytes.size(),
+                                 piece.checksum_ok ? "good" : "WRONG");
+        } else {
+            text += lsctl_format("%s, cut after %zu payload bytes\n",
+                                 ubx_name(piece.msg_class, piece.id).c_str(), piece.bytes.size());
+        }
+        text += hex_dump(piece.bytes);
+    }
+    return text;
+}
+
+lsctl_json ubx_answer_json(std::span<const ubx_piece> pieces) {
+    lsctl_json list = lsctl_json::array();
+    for (const ubx_piece &piece : pieces) {
+        if (!piece.is_frame) {
+            list.push_back({{"other_hex", hex_text(piece.bytes)}});
+            continue;
+        }
+        lsctl_json object = {{"message", ubx_name(piece.msg_class, piece.id)},
+                             {"class", piece.msg_class},
+                             {"id", piece.id},
+                             {"complete", piece.complete}};
+        if (piece.complete) {
+            object["checksum_good"] = piece.checksum_ok;
+        }
+        object["payload_hex"] = hex_text(piece.bytes);
+        list.push_back(object);
+    }
+    return list;
+}
+
+void lsctl_add_nmea(CLI::App &app) {
+    nmea_body.clear();
+    app.add_option("body", nmea_body, "Sentence without $, * and checksum, such as PUBX,00")
+        ->option_text("BODY")
+        ->required();
+}
+
+int lsctl_run_nmea(const lsctl_options &options) {
+    const std::string problem = nmea_problem(nmea_body);
+    if (!problem.empty()) {
+        return usage(options, problem);
+    }
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    location_client_answer answer;
+    const location_result result =
+        location_client_exec_nmea(link.client, lsctl_timeout(options), nmea_body, &answer);
+    if (result != location_result::answered) {
+        return exec_failed(options, result, link.client);
+    }
+    lsctl_json object = {{"sent", nmea_body}};
+    object.update(nmea_answer_json(answer));
+    const std::string text = nmea_answer_text(answer);
+    return text.empty() ? show_silence(options, nmea_expects_answer(nmea_body), object)
+                        : lsctl_show(options, object, text);
+}
+
+void lsctl_add_ubx(CLI::App &app) {
+    ubx_words.clear();
+    app.add_option("hex", ubx_words,
+                   "A frame (B5 62 06 08 00 00), or class, id and payload (06 08); length and "
+                   "checksum are added where missing")
+        ->option_text("HEX ...")
+        ->required();
+}
+
+int lsctl_run_ubx(const lsctl_options &options) {
+    std::vector<uint8_t> frame;
+    const std::string problem = ubx_parse(ubx_words, frame);
+    if (!problem.empty()) {
+        return usage(options, problem);
+    }
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    location_client_answer answer;
+    const location_result result =
+        location_client_exec_ubx(link.client, lsctl_timeout(options), frame, &answer);
+    if (result != location_result::answered) {
+        return exec_failed(options, result, link.client);
+    }
+    const uint8_t msg_class = frame[2];
+    const uint8_t id = frame[3];
+    const std::vector<ubx_piece> pieces = ubx_split(answer);
+    const lsctl_json object = {{"sent", ubx_name(msg_class, id)},
+                               {"sent_hex", hex_text(frame)},
+                               {"answer", ubx_answer_json(pieces)}};
+    if (pieces.empty()) {
+        return show_silence(options, ubx_expects_answer(msg_class, id), object);
+    }
+    const int status = lsctl_show(options, object, ubx_answer_text(pieces));
+    if (std::any_of(pieces.begin(), pieces.end(),
+                    [&](const ubx_piece &piece) { return ubx_is_nak(piece, msg_class, id); })) {
+        lsctl_complain("the receiver refused " + ubx_name(msg_class, id));
+        return LSCTL_FAILED;
+    }
+    return status;
+}

@@ -1,0 +1,233 @@
+// lsctl watch: position updates until the count, a signal or a closed output ends them.
+#include "lsctl_text.h"
+#include "lsctl_watch_plan.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds UNREGISTER_TIMEOUT{2};
+constexpr uint32_t MAX_INTERVAL_S = 604800; // a week
+
+// Options.
+uint64_t count;
+uint32_t interval_s;
+bool reconnect;
+
+struct watch_totals {
+    uint64_t positions = 0;
+    uint64_t failures = 0; // updates without a position
+    bool output_gone = false;
+};
+
+std::string interval_problem(const std::string &text) {
+    uint32_t value = 0;
+    if (!CLI::detail::lexical_cast(text, value) || value > MAX_INTERVAL_S) {
+        return "the interval is a number of seconds up to " + std::to_string(MAX_INTERVAL_S);
+    }
+    return value < LOCATION_CLIENT_MIN_INTERVAL_S
+               ? "the service takes no interval below " +
+                     std::to_string(LOCATION_CLIENT_MIN_INTERVAL_S) + " s"
+               : "";
+}
+
+location_result status_result(uint32_t status) {
+    return status == LS_STATUS_OK               ? location_result::answered
+           : status == LS_STATUS_PASSED_THROUGH ? location_result::receiver_timeout
+                                                : location_result::failed;
+}
+
+// False: stdout takes no more.
+bool show_update(const lsctl_options &options, const ls_position_reply &update) {
+    const location_result result = status_result(update.status);
+    if (options.json) {
+        lsctl_json object = {{"status", lsctl_result_name(result)}};
+        if (result == location_result::answered) {
+            object.update(lsctl_position_json(update.pos));
+        }
+        return lsctl_print(object.dump() + "\n");
+    }
+    if (result == location_result::answered) {
+        return lsctl_print(lsctl_position_line(update.pos) + "\n");
+    }
+    return lsctl_print(result == location_result::receiver_timeout
+                           ? "no position: the receiver did not answer in time\n"
+                           : "no position: the receiver has no fix, or its answer was not valid\n");
+}
+
+bool is_tool_id(uint8_t serv_id) {
+    return serv_id >= LOCATION_CLIENT_TOOL_ID_FIRST && serv_id <= LOCATION_CLIENT_TOOL_ID_LAST;
+}
+
+// The first registration. A tool that was killed leaves its registration behind; whoever gets its
+// service id next has to clear it away.
+location_result register_first(const lsctl_options &options, location_client *client,
+                               const watch_plan &plan, std::string &why) {
+    const auto ask = [&] {
+        return location_client_register_periodic(client, lsctl_timeout(options), watch_wanted(plan),
+                                                 interval_s);
+    };
+    location_result result = ask();
+    if (result != location_result::failed) {
+        return result;
+    }
+    const uint8_t id = location_client_serv_id(client);
+    if (!is_tool_id(id)) {
+        why = lsctl_format("the registration was refused: service %u is registered already, or "
+                           "three others are",
+                           id);
+        return result;
+    }
+    why = "the registration was refused: three other services are registered already";
+    if (location_client_unregister_periodic(client, lsctl_timeout(options)) ==
+        location_result::answered) {
+        lsctl_complain(lsctl_format("replaced a registration left behind as service %u", id));
+        // What that registration sent so far is not part of this watch.
+        ls_position_reply stale;
+        while (location_client_next_update(client, milliseconds(0), &stale) ==
+               location_result::answered) {
+        }
+        result = ask();
+    }
+    return result;
+}
+
+// Ends the registration, also when a signal has ended the waits of the client.
+void unregister(location_client *client, const watch_plan &plan) {
+    if (plan.owed == 0) {
+        return;
+    }
+    location_client_resume(client);
+    const location_result result = location_client_unregister_periodic(client, UNREGISTER_TIMEOUT);
+    if (result != location_result::answered && result != location_result::failed) {
+        lsctl_complain(std::string("not unregistered: ") + location_client_error_text(result));
+    }
+}
+
+// Handles one registration attempt; false ends the watch with `status`.
+bool try_register(const lsctl_options &options, location_client *client, watch_plan &plan,
+                  int &status) {
+    std::string why;
+    const bool first = plan.phase == watch_phase::starting;
+    const milliseconds patience =
+        std::min(lsctl_timeout(options), std::chrono::duration_cast<milliseconds>(plan.interval));
+    const location_result result =
+        first ? register_first(options, client, plan, why)
+              : location_client_register_periodic(client, patience, watch_wanted(plan), interval_s);
+    if (result == location_result::cancelled) {
+        // It may have been taken; unregistering what is not there does no harm.
+        plan.owed = std::max(plan.owed, 1U);
+        return true;
+    }
+    if (why.empty()) {
+        why = result == location_result::failed
+                  ? "the service has no free place for this registration"
+                  : lsctl_sentence(options, result, client);
+    }
+    switch (watch_on_registration(plan, result, watch_clock::now())) {
+    case watch_verdict::give_up:
+        status = lsctl_fail(options, result, why);
+        return false;
+    case watch_verdict::say_again:
+        lsctl_complain("registered again");
+        break;
+    case watch_verdict::say_why:
+        lsctl_complain(why + "; watching on");
+        break;
+    case watch_verdict::go_on:
+        break;
+    }
+    return true;
+}
+
+void take_updates(const lsctl_options &options, location_client *client, watch_plan &plan,
+                  watch_totals &totals) {
+    const auto until_wake = std::chrono::ceil<milliseconds>(watch_wake(plan) - watch_clock::now());
+    const milliseconds timeout =
+        std::clamp<milliseconds>(until_wake, milliseconds(1), std::chrono::hours(1));
+    ls_position_reply update;
+    if (location_client_next_update(client, timeout, &update) != location_result::answered) {
+        return;
+    }
+    if (watch_on_update(plan, watch_clock::now())) {
+        lsctl_complain("updates come again");
+    }
+    ++(update.status == LS_STATUS_OK ? totals.positions : totals.failures);
+    errno = 0;
+    if (!show_update(options, update)) {
+        totals.output_gone = true;
+        if (errno != EPIPE) {
+            lsctl_complain("cannot write to the standard output");
+        }
+    }
+}
+
+int exit_of(const watch_totals &totals) {
+    return totals.positions != 0 ? LSCTL_OK : totals.failures != 0 ? LSCTL_FAILED : LSCTL_NO_ANSWER;
+}
+
+int watch(const lsctl_options &options, location_client *client, watch_plan &plan) {
+    watch_totals totals;
+    int status = LSCTL_OK;
+    while (lsctl_signals_last() == 0 && !totals.output_gone) {
+        switch (watch_next(plan, watch_clock::now())) {
+        case watch_step::finished:
+            return exit_of(totals);
+        case watch_step::try_register:
+            if (!try_register(options, client, plan, status)) {
+                return status;
+            }
+            break;
+        case watch_step::say_silent:
+            lsctl_complain(lsctl_format("no update for %lld s; watching on",
+                                        static_cast<long long>(2 * plan.interval.count())));
+            break;
+        case watch_step::give_up:
+            lsctl_complain(lsctl_format("no update for %lld s",
+                                        static_cast<long long>(2 * plan.interval.count())));
+            return LSCTL_NO_ANSWER;
+        case watch_step::wait:
+            take_updates(options, client, plan, totals);
+            break;
+        }
+    }
+    return exit_of(totals);
+}
+
+} // namespace
+
+void lsctl_add_watch(CLI::App &app) {
+    count = 0;
+    interval_s = 5;
+    reconnect = isatty(STDOUT_FILENO) == 1;
+    app.add_option("-n,--count", count, "End after this many updates (default: never)")
+        ->option_text("COUNT")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}));
+    app.add_option("-i,--interval", interval_s, "Time between updates, 4 or more")
+        ->option_text("SECONDS [5]")
+        ->check(interval_problem);
+    app.add_flag("--reconnect,!--no-reconnect", reconnect,
+                 "Register again after the service was restarted (default: on a terminal)");
+}
+
+int lsctl_run_watch(const lsctl_options &options) {
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    watch_plan plan = watch_start(seconds(interval_s), count, reconnect, watch_clock::now());
+    const int status = watch(options, link.client, plan);
+    unregister(link.client, plan);
+    const uint32_t lost = location_client_lost_updates(link.client);
+    if (lost != 0) {
+        lsctl_complain(lsctl_format("%u updates were lost", lost));
+    }
+    return status;
+}

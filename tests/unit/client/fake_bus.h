@@ -1,0 +1,60 @@
+// libmqutils for the unit tests: records what is sent and plays the location service.
+//
+// A test sets `fake.service`; it is called inside send_msg and answers, or not, with the functions
+// below, which call the client's callback on the calling thread.
+#ifndef FAKE_BUS_H
+#define FAKE_BUS_H
+
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "ls_messages.h"
+#include "mqutils.h"
+
+using bytes = std::vector<uint8_t>;
+
+struct sent_message {
+    msg_hdr hdr;
+    bytes payload;
+};
+
+struct fake_bus {
+    std::map<int, int> init_errno; // by service id; -1 = every other id
+    int send_errno = 0;
+    std::function<void(const sent_message &)> service;
+
+    std::mutex lock;
+    std::vector<sent_message> sent;
+    scm_conn *conn = nullptr; // null while nobody is connected
+    int serv_id = -1;
+};
+
+extern fake_bus fake;
+
+void fake_reset();
+std::vector<sent_message> fake_sent(uint32_t msg_id);
+
+// Messages from the location service.
+void fake_reply(const msg_hdr &request, const bytes &payload);
+void fake_notify(uint32_t msg_id, const bytes &payload);
+void fake_request(uint32_t msg_id, const bytes &payload);
+void fake_deliver(const msg_hdr &hdr, const bytes &payload);
+
+template <class record>
+bytes bytes_of(const record &value) {
+    bytes out(sizeof value);
+    std::memcpy(out.data(), &value, sizeof value);
+    return out;
+}
+
+inline bytes power_reply(uint32_t status, uint32_t mode) {
+    return bytes_of(ls_power_reply{status, mode});
+}
+
+// `size` zero bytes behind the given ones.
+bytes padded(bytes head, size_t size);
+
+#endif
