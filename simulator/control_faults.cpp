@@ -189,7 +189,7 @@ std::string state_of(const fault &entry, fault_targets targets) {
     for (const uint16_t frame : entry.frames(targets)) {
         std::array<char, 8> hex;
         std::snprintf(hex.data(), hex.size(), "%04X", frame);
-        text += (text.empty() ? "" : ",") + std::string(hex.data());
+        text.append(text.empty() ? "" : ",").append(hex.data());
     }
     return text;
 }
@@ -249,8 +249,8 @@ std::string fault_summary(fault_targets targets) {
     for (const fault &entry : FAULTS) {
         const std::string state = state_of(entry, targets);
         if (!state.empty()) {
-            text += (text.empty() ? "" : " ") + std::string(entry.name) +
-                    (state == "on" ? "" : "=" + state);
+            text.append(text.empty() ? "" : " ").append(entry.name);
+            text.append(state == "on" ? "" : "=" + state);
         }
     }
     return text.empty() ? "none" : text;

@@ -58,7 +58,7 @@ std::string alarm(std::span<const uint8_t> payload) {
     gmtime_r(&seconds, &utc);
     std::array<char, 32> when;
     std::strftime(when.data(), when.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return "\"" + said + "\" at " + when.data();
+    return std::string("\"").append(said).append("\" at ").append(when.data());
 }
 
 std::string power(std::span<const uint8_t> payload) {
@@ -95,7 +95,7 @@ std::string raw(std::span<const uint8_t> payload) {
     for (size_t i = 0; i < payload.size(); i++) {
         std::array<char, 4> hex;
         std::snprintf(hex.data(), hex.size(), " %02X", payload[i]);
-        text += (i == 0 ? ":" : "") + std::string(hex.data());
+        text.append(i == 0 ? ":" : "").append(hex.data());
     }
     return text;
 }
@@ -107,16 +107,17 @@ std::string services_decode(const msg_hdr &hdr, std::span<const uint8_t> payload
     std::string text = hdr.msg_type < std::size(kinds)
                            ? kinds[hdr.msg_type]
                            : "message of type " + std::to_string(hdr.msg_type);
-    text += " " + std::to_string(hdr.msg_id) + " from " + std::to_string(hdr.src_serv_id);
+    text.append(" ").append(std::to_string(hdr.msg_id));
+    text.append(" from ").append(std::to_string(hdr.src_serv_id));
     for (const known_message &known : KNOWN) {
         if (known.id == hdr.msg_id) {
-            text += std::string(", ") + known.name;
+            text.append(", ").append(known.name);
             if (known.size == payload.size()) {
-                return text + ": " + known.contents(payload);
+                return text.append(": ").append(known.contents(payload));
             }
         }
     }
-    return text + ": " + raw(payload);
+    return text.append(": ").append(raw(payload));
 }
 
 } // namespace sim
