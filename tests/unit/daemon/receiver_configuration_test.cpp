@@ -135,6 +135,7 @@ class bring_up : public receiver {
     void SetUp() override {
         receiver::SetUp();
         gps_p_g = nullptr;
+        std::filesystem::create_directories("user/location");
         for (const char *file : {"export", "unexport", "gpio102/direction", "gpio102/value",
                                  "gpio37/direction", "gpio37/value"})
             scratch_dir::write(std::string("sys/class/gpio/") + file, "");
