@@ -66,6 +66,10 @@ TEST(line, command_waits_for_the_one_before_it) {
     far_end end;
     end.send("aaaa\n", 0.0); // until 0.05
     end.send("b\n", 0.01);   // until 0.07, its answer until 0.14 (the first one's ends at 0.11)
+    EXPECT_EQ(end.at(0.065), "");
+    EXPECT_EQ(end.wire.command_bytes, 5U);
+    EXPECT_EQ(end.at(0.075), "");
+    EXPECT_EQ(end.wire.command_bytes, 7U);
     EXPECT_EQ(end.at(0.115), "<aaaa>");
     EXPECT_EQ(end.at(0.135), "");
     EXPECT_EQ(end.at(0.145), "<b>");
@@ -170,11 +174,12 @@ TEST(line_spoil, damage) {
 }
 
 TEST(line_spoil, checksum_of_frames) {
-    const std::vector<uint8_t> two{0xB5, 0x62, 0x05, 0x01, 0x02, 0x00, 0x06, 0x08, 0x16,
+    // The payload of the first reads like the checksum of a sentence.
+    const std::vector<uint8_t> two{0xB5, 0x62, 0x05, 0x01, 0x03, 0x00, '*',  '4',  '1', 0x3F,
                                    0x3F, 0xB5, 0x62, 0x0A, 0x04, 0x00, 0x00, 0x0E, 0x34};
     std::vector<uint8_t> wrong = two;
-    wrong[9] = 0xC0;
-    wrong[17] = 0xCB;
+    wrong[10] = 0xC0;
+    wrong[18] = 0xCB;
     std::mt19937 random(1);
     EXPECT_EQ(line_spoil(two, {.checksum = true}, random), wrong);
 }

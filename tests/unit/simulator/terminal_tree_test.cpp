@@ -248,7 +248,13 @@ TEST_F(processes, start_with_no_signal_blocked) {
     sigset_t before;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, &before);
-    const pid_t pid = start("grep -q '^SigBlk:[[:space:]]0*$' /proc/self/status");
+    // Not through a shell, which would clear its mask itself.
+    const pid_t pid =
+        process_start({.arguments = {"grep", "-q", "^SigBlk:[[:space:]]0*$", "/proc/self/status"},
+                       .directory = "",
+                       .output = "",
+                       .own_session = false},
+                      error);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     ASSERT_GT(pid, 0) << error;
     EXPECT_EQ(process_exit_code(wait_for_end(pid)), 0);
@@ -265,10 +271,13 @@ TEST(loop, timer_is_exact_and_deadline_ends_the_wait) {
     loop_close();
 }
 
-// A handler that forgets the next descriptor must not see it served in the same round.
-TEST(loop, forgotten_descriptor_is_not_served) {
+// A handler that forgets the next descriptor must not see it served in the same round; one with
+// nothing to read is not served at all.
+TEST(loop, forgotten_and_quiet_descriptors_are_not_served) {
     std::array<int, 2> one{};
     std::array<int, 2> two{};
+    std::array<int, 2> quiet{};
+    ASSERT_EQ(pipe(quiet.data()), 0);
     ASSERT_EQ(pipe(one.data()), 0);
     ASSERT_EQ(pipe(two.data()), 0);
     ASSERT_EQ(write(one[1], "x", 1), 1);
@@ -281,11 +290,14 @@ TEST(loop, forgotten_descriptor_is_not_served) {
         loop_forget(two[0]);
     });
     loop_watch(two[0], [&] { second++; });
+    int third = 0;
+    loop_watch(quiet[0], [&] { third++; });
     loop_until([] { return false; }, loop_now() + 0.02);
     EXPECT_EQ(first, 1);
     EXPECT_EQ(second, 0);
+    EXPECT_EQ(third, 0);
     loop_close();
-    for (const int fd : {one[0], one[1], two[0], two[1]}) {
+    for (const int fd : {one[0], one[1], two[0], two[1], quiet[0], quiet[1]}) {
         close(fd);
     }
 }
