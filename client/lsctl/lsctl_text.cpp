@@ -54,15 +54,20 @@ bool is_listed(const gps_sat_info &info, uint8_t prn) {
 } // namespace
 
 std::string lsctl_format(const char *format, ...) {
-    std::array<char, 256> text{};
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
-    if (length < 0) {
-        return {};
+    std::string text;
+    if (length > 0) {
+        text.resize(static_cast<size_t>(length) + 1); // with the NUL that vsnprintf writes
+        std::vsnprintf(text.data(), text.size(), format, again);
+        text.pop_back();
     }
-    return {text.data(), std::min(static_cast<size_t>(length), text.size() - 1)};
+    va_end(again);
+    return text;
 }
 
 std::string lsctl_utc(const gps_time_fields &time) {

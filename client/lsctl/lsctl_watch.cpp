@@ -186,12 +186,10 @@ int watch(const lsctl_options &options, location_client *client, watch_plan &pla
             }
             break;
         case watch_step::say_silent:
-            lsctl_complain(lsctl_format("no update for %lld s; watching on",
-                                        static_cast<long long>(2 * plan.interval.count())));
+            lsctl_complain(lsctl_format("no update for %u s; watching on", 2 * interval_s));
             break;
         case watch_step::give_up:
-            lsctl_complain(lsctl_format("no update for %lld s",
-                                        static_cast<long long>(2 * plan.interval.count())));
+            lsctl_complain(lsctl_format("no update for %u s", 2 * interval_s));
             return LSCTL_NO_ANSWER;
         case watch_step::wait:
             take_updates(options, client, plan, totals);

@@ -50,7 +50,7 @@ TEST_F(client_updates, come_in_order_and_the_oldest_gives_way) {
     ls_position_reply got;
     EXPECT_EQ(location_client_next_update(client, milliseconds(0), &got), is::no_reply);
     for (uint8_t i = 1; i <= 66; ++i) {
-        fake_notify(1010, update(i));
+        fake_send(LS_MSG_NOTIFICATION, 1010, update(i));
     }
     for (uint8_t i = 3; i <= 66; ++i) {
         ASSERT_EQ(location_client_next_update(client, milliseconds(0), &got), is::answered);
@@ -63,10 +63,10 @@ TEST_F(client_updates, come_in_order_and_the_oldest_gives_way) {
 TEST_F(client_updates, only_whole_updates_of_the_service_count) {
     open(40);
     ls_position_reply got;
-    fake_notify(1010, bytes(79));
-    fake_notify(1010, bytes(81));
-    fake_notify(1014, update(1));
-    fake_request(1010, update(1));
+    fake_send(LS_MSG_NOTIFICATION, 1010, bytes(79));
+    fake_send(LS_MSG_NOTIFICATION, 1010, bytes(81));
+    fake_send(LS_MSG_NOTIFICATION, 1014, update(1));
+    fake_send(LS_MSG_REQUEST, 1010, update(1));
     msg_hdr stranger{};
     stranger.msg_type = LS_MSG_NOTIFICATION;
     stranger.src_serv_id = 6;
@@ -80,13 +80,13 @@ TEST_F(client_updates, only_whole_updates_of_the_service_count) {
 TEST_F(client_updates, lpp_is_asked_by_notification_and_answered_by_request) {
     open(LS_SERV_SAL);
     bytes record(24);
-    record[0] = 1;               // south
-    record[11] = 70;             // confidence
-    record[16] = 0x05;           // latitude
-    fake_request(19, bytes(24)); // nobody asked yet
+    record[0] = 1;                            // south
+    record[11] = 70;                          // confidence
+    record[16] = 0x05;                        // latitude
+    fake_send(LS_MSG_REQUEST, 19, bytes(24)); // nobody asked yet
     fake.service = [&record](const sent_message &) {
-        fake_request(19, bytes(23)); // not a record
-        fake_request(19, record);
+        fake_send(LS_MSG_REQUEST, 19, bytes(23)); // not a record
+        fake_send(LS_MSG_REQUEST, 19, record);
     };
     gps_lpp_location lpp;
     ASSERT_EQ(location_client_get_lpp(client, LONG, &lpp), is::answered);

@@ -20,15 +20,6 @@ int fill(msg_hdr *hdr, uint8_t type, uint32_t pld_len, uint32_t msg_id, uint8_t 
     return 0;
 }
 
-void from_service(uint8_t type, uint32_t msg_id, const bytes &payload) {
-    msg_hdr hdr{};
-    hdr.msg_type = type;
-    hdr.src_serv_id = LS_OWN_SERV_ID;
-    hdr.msg_id = msg_id;
-    hdr.pld_len = static_cast<uint32_t>(payload.size());
-    fake_deliver(hdr, payload);
-}
-
 } // namespace
 
 void fake_reset() {
@@ -65,12 +56,13 @@ void fake_reply(const msg_hdr &request, const bytes &payload) {
     fake_deliver(hdr, payload);
 }
 
-void fake_notify(uint32_t msg_id, const bytes &payload) {
-    from_service(LS_MSG_NOTIFICATION, msg_id, payload);
-}
-
-void fake_request(uint32_t msg_id, const bytes &payload) {
-    from_service(LS_MSG_REQUEST, msg_id, payload);
+void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload) {
+    msg_hdr hdr{};
+    hdr.msg_type = type;
+    hdr.src_serv_id = LS_OWN_SERV_ID;
+    hdr.msg_id = msg_id;
+    hdr.pld_len = static_cast<uint32_t>(payload.size());
+    fake_deliver(hdr, payload);
 }
 
 bytes padded(bytes head, size_t size) {

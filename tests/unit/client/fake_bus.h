@@ -39,8 +39,7 @@ std::vector<sent_message> fake_sent(uint32_t msg_id);
 
 // Messages from the location service.
 void fake_reply(const msg_hdr &request, const bytes &payload);
-void fake_notify(uint32_t msg_id, const bytes &payload);
-void fake_request(uint32_t msg_id, const bytes &payload);
+void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload);
 void fake_deliver(const msg_hdr &hdr, const bytes &payload);
 
 template <class record>

