@@ -6,9 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -76,10 +74,13 @@ background::background(const words &command, const std::string &where) {
 }
 
 background::~background() {
-    if (pid <= 0)
-        return;
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    std::error_code gone_with_their_directory;
+    std::filesystem::remove(out_file, gone_with_their_directory);
+    std::filesystem::remove(err_file, gone_with_their_directory);
 }
 
 process_result background::wait(milliseconds limit) {
