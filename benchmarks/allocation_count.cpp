@@ -4,16 +4,13 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdlib>
 
 // The C library's own allocator under its other names.
 extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *block, size_t size);
-
-void *malloc(size_t size);
-void *calloc(size_t count, size_t size);
-void *realloc(void *block, size_t size);
 }
 
 namespace {

@@ -47,6 +47,7 @@ bench_dir::~bench_dir() {
 bench_process::bench_process(const std::vector<std::string> &words, const std::string &dir,
                              const std::string &output) {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);

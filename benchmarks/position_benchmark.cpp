@@ -26,18 +26,22 @@ constexpr double baud = 9600;
 constexpr double bits_per_byte = 10;
 constexpr double start_patience_s = 30;
 
+// The number in front of the first `words` in a text; -1 when it is not there.
+double number_before(const std::string &text, const char *words) {
+    const size_t end = text.find(words);
+    if (end == std::string::npos || end == 0)
+        return -1;
+    const size_t start = text.find_last_not_of("0123456789", end - 1) + 1;
+    return start == end ? -1 : strtod(text.c_str() + start, nullptr);
+}
+
 // Bytes that went over the line so far, both ways; negative when the terminal does not say.
 double line_bytes(const std::string &dir) {
     const std::string status =
         bench_output_of(std::string(BENCH_SIMTERM) + " ctl " + dir + " status");
-    const size_t line = status.find("\nline");
-    unsigned long long to = 0;
-    unsigned long long from = 0;
-    if (line == std::string::npos ||
-        sscanf(status.c_str() + line, "\nline %*[^;]; %llu bytes to the receiver, %llu from it",
-               &to, &from) != 2)
-        return -1;
-    return static_cast<double>(to + from);
+    const double to = number_before(status, " bytes to the receiver");
+    const double from = number_before(status, " from it");
+    return to < 0 || from < 0 ? -1 : to + from;
 }
 
 // The terminal configures its receiver first, which takes seconds.

@@ -30,7 +30,7 @@
 
 namespace {
 
-constexpr size_t bare_stack = 64 * 1024; // the daemon's workers have the same
+constexpr size_t bare_stack = size_t{64} * 1024; // the daemon's workers have the same
 constexpr size_t bare_reply_size = 100;
 constexpr uint8_t first_client_id = 64;
 constexpr int clients = 8;
@@ -167,6 +167,7 @@ bool throughput(side &server, const std::string &bus, double duration) {
     std::atomic<bool> good{true};
     const double start = bench_now();
     std::vector<std::thread> threads;
+    threads.reserve(clients);
     for (int i = 0; i < clients; ++i) {
         threads.emplace_back([&, i] {
             bare_client client(bus, static_cast<uint8_t>(first_client_id + i), server.socket,
