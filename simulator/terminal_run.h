@@ -10,7 +10,9 @@
 namespace sim {
 
 // Brings the terminal up, runs what is to run in it, takes everything down. Returns the exit
-// status: the command's, else 0 after an orderly end and 1 after a failure.
+// status: that of the command, 0 after an orderly end without one, 1 after a failure. A success
+// turns into 1 when the daemon or the command had to be killed or the daemon stopped with a
+// failure.
 int terminal_run(const terminal_options &options);
 
 // Sends `words` to the terminal in `directory` and prints the answer. Returns the exit status: 0
