@@ -175,6 +175,7 @@ bool exchange(const configuration_step &step, std::array<uint8_t, ANSWER_SIZE> &
         wait_us(FRAME_WAIT_US);
         answer.fill(0);
         ls_hal_clear_rx_buffer();
+        ls_hal_tty_discard(); // a fresh receiver talked until it was silenced
         gps_ubx_cmd_pending_g = 1;
         if (write_frame(wire) == 1) {
             log_error("%s", step.write_failed);
