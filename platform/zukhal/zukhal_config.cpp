@@ -98,8 +98,9 @@ int choose(reader &from, const char *group, const char *key, std::span<const cho
     return fallback;
 }
 
-// An absolute path that is never freed; null when the key is not there.
-const char *path_of(const reader &from, const char *group, const char *key) {
+// An absolute path, the caller's; null when the key is not there. What goes into the configuration
+// is kept for good.
+char *path_of(const reader &from, const char *group, const char *key) {
     const std::string value = value_of(from, group, key);
     return value.empty() ? nullptr : g_canonicalize_filename(value.c_str(), nullptr);
 }
@@ -114,15 +115,16 @@ void load_values(reader &from) {
         complain(from, "log", "file", "is missing, using syslog");
         g_config.target = log_target::syslog;
     }
-    if (const char *path = path_of(from, "log", "socket"); path != nullptr) {
-        if (strlen(path) < sizeof sockaddr_un{}.sun_path)
-            g_config.log_socket = path;
+    if (std::unique_ptr<char, free_text> path(path_of(from, "log", "socket")); path != nullptr) {
+        if (strlen(path.get()) < sizeof sockaddr_un{}.sun_path)
+            g_config.log_socket = path.release();
         else
             complain(from, "log", "socket", "is too long for a socket");
     }
-    if (const char *path = path_of(from, "power", "directory"); path != nullptr) {
-        g_config.wake_lock = g_build_filename(path, "wake_lock", nullptr);
-        g_config.wake_unlock = g_build_filename(path, "wake_unlock", nullptr);
+    const std::unique_ptr<char, free_text> power(path_of(from, "power", "directory"));
+    if (power != nullptr) {
+        g_config.wake_lock = g_build_filename(power.get(), "wake_lock", nullptr);
+        g_config.wake_unlock = g_build_filename(power.get(), "wake_unlock", nullptr);
     }
 }
 

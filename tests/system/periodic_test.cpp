@@ -67,16 +67,3 @@ TEST(watch, goes_on_with_a_restarted_daemon) {
     EXPECT_NE(ended.err.find("lsctl: registered again\n"), std::string::npos) << ended.err;
     EXPECT_EQ(term.stop(), 0);
 }
-
-TEST(registration, limits_of_count_and_interval) {
-    const terminal term;
-    bus_client client(40);
-    EXPECT_EQ(register_for(client, 0, 4), 0U) << "no updates";
-    EXPECT_EQ(register_for(client, 2, 3), 0U) << "interval 3";
-    EXPECT_EQ(register_for(client, 2, 4), 1U) << "interval 4";
-    EXPECT_EQ(register_for(client, 2, 4), 0U) << "registered already";
-    const auto update = client.take(LS_NOTIFY_PERIODIC_UPDATE);
-    ASSERT_TRUE(update);
-    EXPECT_EQ(update->hdr.msg_type, LS_MSG_NOTIFICATION);
-    EXPECT_EQ(record_in<ls_position_reply>(update).status, LS_STATUS_OK);
-}

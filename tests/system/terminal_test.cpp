@@ -226,11 +226,3 @@ TEST(power, a_change_by_voip_reaches_the_lines_the_settings_and_voip) {
         EXPECT_EQ(record_in<uint32_t>(voip.take(LS_NOTIFY_POWER_MODE)), mode);
     }
 }
-
-TEST(power, others_may_not_switch_off_what_is_to_stay_on) {
-    const terminal term;
-    const process_result refused = lsctl({"power", "off"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(term.file("sys/class/gpio/gpio102/value").substr(0, 1), "1");
-    EXPECT_EQ(lsctl({"position"}).status, 0);
-}
