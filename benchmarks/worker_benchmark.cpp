@@ -1,6 +1,8 @@
 // What it costs to start one detached thread and hand it a message, as the daemon does for every
-// request: with the daemon's stack, with the default stack, and with stacks between. No reach: this
+// request: with the daemon's stack, with the default stack, and with one between. No reach: this
 // is the floor under every buffered reply.
+#include "bench_settings.h"
+
 #include <atomic>
 #include <benchmark/benchmark.h>
 #include <pthread.h>
@@ -48,7 +50,8 @@ BENCHMARK(start_worker)
     ->Arg(daemon_stack_kib)
     ->Arg(512)
     ->Arg(default_stack)
-    ->UseRealTime();
+    ->UseRealTime()
+    ->Apply(bench_repeat);
 
 // The thread's part left out: the hand-over alone, between two threads that are there already,
 // would be the least a pool could cost.
@@ -78,7 +81,7 @@ void wake_a_thread_that_waits(benchmark::State &state) {
     sem_post(&wanted);
     pthread_join(thread, nullptr);
 }
-BENCHMARK(wake_a_thread_that_waits)->UseRealTime();
+BENCHMARK(wake_a_thread_that_waits)->UseRealTime()->Apply(bench_repeat);
 
 } // namespace
 

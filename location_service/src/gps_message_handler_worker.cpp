@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
-#include <sched.h>
 
 static constexpr char log_module[] = "gps_message_handler";
 
@@ -35,8 +34,6 @@ constexpr size_t WORKER_STACK_SIZE = 512 * 1024;
 #else
 constexpr size_t WORKER_STACK_SIZE = 64 * 1024;
 #endif
-
-constexpr int HAND_OVER_LOOKS = 100; // some tens of microseconds
 
 constexpr int LPP_ATTEMPTS = 3;
 
@@ -103,18 +100,6 @@ const request_handler *find_handler(uint32_t msg_id) {
     return nullptr;
 }
 
-// Until the new worker has its copy, which takes it a few microseconds. Giving it the processor, or
-// watching it on another one, is cheaper than sleeping; the sleep is for a machine that is busy.
-void wait_for_hand_over() {
-    for (int look = 0; look < HAND_OVER_LOOKS; ++look) {
-        if (sem_trywait(&ls_thread_sem) == 0)
-            return;
-        sched_yield();
-    }
-    while (sem_wait(&ls_thread_sem) == -1 && errno == EINTR) {
-    }
-}
-
 int create_worker() {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -130,7 +115,8 @@ int create_worker() {
         pthread_attr_destroy(&attributes);
         return -1;
     }
-    wait_for_hand_over();
+    while (sem_wait(&ls_thread_sem) == -1 && errno == EINTR) {
+    }
     pthread_attr_destroy(&attributes);
     return 0;
 }

@@ -29,7 +29,7 @@ bool is_sentence(std::string_view text) {
 bool is_frame(const std::vector<uint8_t> &bytes) {
     constexpr size_t overhead = 8;
     if (bytes.size() < overhead || bytes[0] != 0xB5 || bytes[1] != 0x62 ||
-        bytes.size() != overhead + bytes[4] + bytes[5] * 256u)
+        bytes.size() != overhead + bytes[4] + size_t{bytes[5]} * 256)
         return false;
     uint8_t a = 0;
     uint8_t b = 0;
