@@ -1,18 +1,16 @@
-// A receiver on a table: a world that stands still, a clock that is stepped, bytes as hex text.
+// A receiver on a table: a world that stands still, a clock that is stepped, bytes as text.
 #ifndef TESTS_RECEIVER_RIG_H
 #define TESTS_RECEIVER_RIG_H
 
 #include "receiver.h"
 #include "receiver_nmea.h"
 #include "receiver_ubx.h"
+#include "scratch_dir.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace rig {
@@ -44,6 +42,10 @@ inline sim::epoch known_epoch() {
     return now;
 }
 
+inline bytes as_bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
 inline bytes from_hex(const std::string &text) {
     std::istringstream in(text);
     bytes out;
@@ -62,13 +64,12 @@ inline std::string to_hex(const bytes &data) {
     return out.substr(0, out.empty() ? 0 : out.size() - 1);
 }
 
-inline bytes sentence(const std::string &body) {
-    const std::string text = sim::nmea_sentence(body);
-    return {text.begin(), text.end()};
-}
-
-inline bytes frame(uint16_t key, const std::string &payload_hex) {
-    return sim::ubx_frame(key, from_hex(payload_hex));
+// "GPGPQ,ZDA" as a sentence, "0608 64 00 01 00 01 00" (class and id, payload) as a frame.
+inline bytes command(const std::string &text) {
+    if (text[0] != '0')
+        return as_bytes(sim::nmea_sentence(text));
+    return sim::ubx_frame(static_cast<uint16_t>(std::stoul(text.substr(0, 4), nullptr, 16)),
+                          from_hex(text.substr(4)));
 }
 
 // All messages of `receiver`, sentences as text, frames as hex, one a line.
@@ -85,7 +86,14 @@ inline std::string ask(sim::receiver &receiver, const bytes &data, double now) {
     return heard(receiver, now);
 }
 
-inline sim::receiver_options instant() {
+inline std::string ask(sim::receiver &receiver, const std::string &text, double now) {
+    return ask(receiver, command(text), now);
+}
+
+constexpr const char *zda_poll = "GPGPQ,ZDA";
+constexpr const char *known_zda = "$GPZDA,120000.00,01,01,2024,00,00*61\r\n";
+
+inline sim::receiver_options fresh() {
     sim::receiver_options options;
     options.truth = [](double) { return known_epoch(); };
     options.instant_fix = true;
@@ -93,37 +101,19 @@ inline sim::receiver_options instant() {
     return options;
 }
 
-// Powered since 0 s and quiet until asked, talker GP.
+// Quiet until asked, talker GP.
 inline sim::receiver_options polled() {
-    sim::receiver_options options = instant();
+    sim::receiver_options options = fresh();
     options.preconfigured = true;
     return options;
 }
 
-// A file that is gone at the end of the test.
-struct temporary_file {
-    std::string path;
-    explicit temporary_file(const std::string &text = "", const char *name = "file") {
-        std::string folder = (std::filesystem::temp_directory_path() / "receiver-XXXXXX").string();
-        if (mkdtemp(folder.data()) != nullptr)
-            path = folder + "/" + name;
-        if (!text.empty())
-            std::ofstream(path, std::ios::binary) << text;
+// Powered since 0 s.
+struct powered : sim::receiver {
+    explicit powered(const sim::receiver_options &options) : sim::receiver(options) {
+        set_power(true, true, 0);
     }
-    ~temporary_file() {
-        std::error_code ignored;
-        std::filesystem::remove_all(std::filesystem::path(path).parent_path(), ignored);
-    }
-    temporary_file(const temporary_file &) = delete;
-    temporary_file &operator=(const temporary_file &) = delete;
 };
-
-inline std::string content_of(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 } // namespace rig
 

@@ -1,191 +1,126 @@
 // The serial line: when bytes arrive, what faults do to them, and the pty at its end.
 #include "line.h"
 #include "line_pty.h"
-#include "terminal_fake_receiver.h"
+#include "receiver_rig.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <termios.h>
 #include <unistd.h>
 
 namespace sim {
 namespace {
 
-// A receiver that is on, at the far end of a line at 1000 baud: a byte takes 10 ms.
-struct far_end {
-    receiver module{receiver_options{}};
+using rig::as_bytes;
+
+std::string as_text(std::span<const uint8_t> bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+// A receiver at the far end of a line at 1000 baud, where a byte takes 10 ms: the 15 bytes of a
+// poll for the time 0.15 s, the 38 of its answer 0.38 s.
+struct far_end : testing::Test {
+    rig::powered module{rig::polled()};
     line wire;
 
-    far_end() {
-        fake_receiver_delay_s = 0;
-        wire.baud = 1000;
-        module.set_power(true, true, 0);
+    far_end() { wire.baud = 1000; }
+    void send(double now) { line_send(wire, rig::command(rig::zda_poll), now); }
+    // How many whole answers have arrived at `now`.
+    size_t at(double now) {
+        const std::vector<std::vector<uint8_t>> answers = line_step(wire, module, now);
+        for (const std::vector<uint8_t> &one : answers)
+            EXPECT_EQ(as_text(one), rig::known_zda);
+        return answers.size();
     }
-
-    // What has arrived at `now`, joined with "|".
-    std::string at(double now) {
-        std::string text;
-        for (const std::vector<uint8_t> &answer : line_step(wire, module, now)) {
-            text += (text.empty() ? "" : "|") + as_text(answer);
-        }
-        return text;
-    }
-    void send(const char *text, double now) { line_send(wire, as_bytes(text), now); }
+    double next() { return line_next_event(wire, module).value_or(-1); }
 };
 
 // Time stands in the middle between two bytes, so rounding of the sums does not matter.
-TEST(line, exchange_takes_the_time_of_both_directions) {
-    far_end end;
-    end.send("ab\n", 1.0);        // 3 bytes: at the receiver at 1.03
-    EXPECT_EQ(end.at(1.065), ""); // "<ab>" is 4 bytes: 1.07
-    EXPECT_EQ(end.at(1.075), "<ab>");
+TEST_F(far_end, exchange_takes_the_time_of_both_directions) {
+    EXPECT_EQ(next(), -1);
+    send(1.0);
+    EXPECT_NEAR(next(), 1.15, 1e-9);
+    EXPECT_EQ(at(1.155), 0U);
+    EXPECT_NEAR(next(), 1.53, 1e-9);
+    EXPECT_EQ(at(1.525), 0U);
+    EXPECT_EQ(at(1.535), 1U);
+    send(2.0);
+    EXPECT_EQ(at(2.535), 1U) << "nobody looked in between";
 }
 
-TEST(line, late_step_does_not_move_events) {
-    far_end end;
-    fake_receiver_delay_s = 0.5;
-    end.send("a\n", 1.0);
-    // Nobody looked in between: command at 1.02, answer from 1.52 to 1.55, all taken in one call.
-    EXPECT_EQ(end.at(1.555), "<a>");
+TEST_F(far_end, each_direction_is_a_queue_of_its_own) {
+    send(0.0);
+    send(0.01); // at the receiver at 0.30, its answer behind the first one's, 0.53 to 0.91
+    EXPECT_EQ(at(0.295), 0U);
+    EXPECT_EQ(wire.command_bytes, 15U);
+    EXPECT_EQ(at(0.305), 0U);
+    EXPECT_EQ(wire.command_bytes, 30U);
+    EXPECT_EQ(at(0.535), 1U);
+    send(0.535); // not behind an answer: there at 0.685
+    EXPECT_EQ(at(0.69), 0U);
+    EXPECT_EQ(wire.command_bytes, 45U);
+    EXPECT_EQ(at(0.905), 0U);
+    EXPECT_EQ(at(0.915), 1U);
+    EXPECT_EQ(at(1.295), 1U);
 }
 
-TEST(line, answers_queue_behind_each_other) {
-    far_end end;
-    end.send("a\nb\n", 0.0); // both answers start at 0.04
-    EXPECT_EQ(end.at(0.065), "");
-    EXPECT_EQ(end.at(0.075), "<a>"); // 3 bytes
-    EXPECT_EQ(end.at(0.095), "");
-    EXPECT_EQ(end.at(0.105), "<b>");
+TEST_F(far_end, without_baud_rate_nothing_takes_time) {
+    wire.baud = 0;
+    send(5.0);
+    send(5.0);
+    EXPECT_EQ(at(5.0), 2U);
+    EXPECT_EQ(next(), -1);
 }
 
-TEST(line, command_waits_for_the_one_before_it) {
-    far_end end;
-    end.send("aaaa\n", 0.0); // until 0.05
-    end.send("b\n", 0.01);   // until 0.07, its answer until 0.14 (the first one's ends at 0.11)
-    EXPECT_EQ(end.at(0.065), "");
-    EXPECT_EQ(end.wire.command_bytes, 5U);
-    EXPECT_EQ(end.at(0.075), "");
-    EXPECT_EQ(end.wire.command_bytes, 7U);
-    EXPECT_EQ(end.at(0.115), "<aaaa>");
-    EXPECT_EQ(end.at(0.135), "");
-    EXPECT_EQ(end.at(0.145), "<b>");
+TEST_F(far_end, what_is_under_way_is_lost_with_power_or_plug) {
+    module.set_power(false, true, 0);
+    send(0.0);
+    EXPECT_EQ(at(1.0), 0U);
+    EXPECT_EQ(wire.lost_bytes, 15U);
+    module.set_power(true, true, 1.0);
+    send(1.0);
+    EXPECT_EQ(at(1.2), 0U);
+    line_drop_answers(wire);
+    EXPECT_EQ(at(2.0), 0U);
+    EXPECT_EQ(wire.lost_bytes, 15U + 38);
+    wire.faults.unplugged = true;
+    send(2.0);
+    EXPECT_EQ(at(3.0), 0U);
+    EXPECT_EQ(wire.lost_bytes, 15U + 38 + 15);
 }
 
-TEST(line, directions_do_not_wait_for_each_other) {
-    far_end end;
-    end.send("a\n", 0.0); // answer from 0.02 to 0.05
-    EXPECT_EQ(end.at(0.03), "");
-    end.send("b\n", 0.03); // at the receiver at 0.05, answer until 0.08
-    EXPECT_EQ(end.at(0.055), "<a>");
-    EXPECT_EQ(end.at(0.085), "<b>");
+TEST_F(far_end, late_answer_starts_later) {
+    wire.faults.late_ms = 200;
+    send(0.0);
+    EXPECT_EQ(at(0.725), 0U);
+    EXPECT_EQ(at(0.735), 1U);
 }
-
-TEST(line, without_baud_rate_nothing_takes_time) {
-    far_end end;
-    end.wire.baud = 0;
-    end.send("a\nb\n", 5.0);
-    EXPECT_EQ(end.at(5.0), "<a>|<b>");
-    EXPECT_FALSE(line_next_event(end.wire, end.module).has_value());
-}
-
-TEST(line, says_when_to_come_back) {
-    far_end end;
-    fake_receiver_delay_s = 1;
-    EXPECT_FALSE(line_next_event(end.wire, end.module).has_value());
-    end.send("a\n", 2.0);
-    EXPECT_DOUBLE_EQ(line_next_event(end.wire, end.module).value(), 2.02);
-    EXPECT_EQ(end.at(2.03), "");
-    EXPECT_DOUBLE_EQ(line_next_event(end.wire, end.module).value(), 3.02);
-    EXPECT_EQ(end.at(3.03), "");
-    EXPECT_NEAR(line_next_event(end.wire, end.module).value(), 3.05, 1e-9);
-}
-
-TEST(line, command_to_a_receiver_without_power_is_lost) {
-    far_end end;
-    end.module.set_power(false, true, 0);
-    end.send("abc\n", 0.0);
-    EXPECT_EQ(end.at(1.0), "");
-    EXPECT_EQ(end.wire.lost_bytes, 4U);
-    end.module.set_power(true, true, 1.0);
-    end.send("b\n", 1.0);
-    EXPECT_EQ(end.at(2.0), "<b>");
-}
-
-TEST(line, answer_on_its_way_is_lost_with_the_power) {
-    far_end end;
-    end.send("a\n", 0.0);
-    EXPECT_EQ(end.at(0.03), "");
-    line_drop_answers(end.wire);
-    EXPECT_EQ(end.at(1.0), "");
-    EXPECT_EQ(end.wire.lost_bytes, 3U);
-}
-
-TEST(line, late_answer_starts_later) {
-    far_end end;
-    end.wire.faults.late_ms = 200;
-    end.send("a\n", 0.0); // 0.02, then 0.2, then 0.03
-    EXPECT_EQ(end.at(0.245), "");
-    EXPECT_EQ(end.at(0.255), "<a>");
-}
-
-TEST(line, unplugged_line_carries_nothing) {
-    far_end end;
-    end.wire.faults.unplugged = true;
-    end.send("a\n", 0.0);
-    EXPECT_EQ(end.at(1.0), "");
-    EXPECT_EQ(end.wire.lost_bytes, 2U);
-}
-
-struct spoil_case {
-    const char *name;
-    line_faults faults;
-    std::string before;
-    std::string after;
-};
-
-const spoil_case SPOIL_CASES[] = {
-    {"nothing", {}, "$GPGGA,1*5A\r\n", "$GPGGA,1*5A\r\n"},
-    {"cut_half", {.cut = true}, "123456", "123"},
-    {"cut_half_of_odd", {.cut = true}, "12345", "12"},
-    {"cut_shorter", {.cut = true, .cut_bytes = 5}, "123456", "12345"},
-    {"cut_as_long", {.cut = true, .cut_bytes = 6}, "123456", "123456"},
-    {"cut_longer", {.cut = true, .cut_bytes = 7}, "123456", "123456"},
-    {"checksum_digit", {.checksum = true}, "$A*48\r\n", "$A*49\r\n"},
-    {"checksum_nine", {.checksum = true}, "$A*49\r\n", "$A*4A\r\n"},
-    {"checksum_wraps", {.checksum = true}, "$A*4F\r\n", "$A*40\r\n"},
-    {"checksum_of_each", {.checksum = true}, "$A*41\r\n$B*42\r\n", "$A*42\r\n$B*43\r\n"},
-    {"checksum_missing", {.checksum = true}, "$A*4", "$A*4"},
-    {"checksum_frame",
-     {.checksum = true},
-     "\xB5\x62\x05\x01\x02*4\x33\x44\x55",
-     "\xB5\x62\x05\x01\x02*4\x33\x44\x55"}, // length 0x342A: not all there, left alone
-};
 
 TEST(line_spoil, damage) {
-    for (const spoil_case &row : SPOIL_CASES) {
-        std::mt19937 random(1);
-        EXPECT_EQ(as_text(line_spoil(as_bytes(row.before), row.faults, random)), row.after)
-            << row.name;
-    }
-}
-
-TEST(line_spoil, checksum_of_frames) {
-    // The payload of the first reads like the checksum of a sentence.
-    const std::vector<uint8_t> two{0xB5, 0x62, 0x05, 0x01, 0x03, 0x00, '*',  '4',  '1', 0x3F,
-                                   0x3F, 0xB5, 0x62, 0x0A, 0x04, 0x00, 0x00, 0x0E, 0x34};
-    std::vector<uint8_t> wrong = two;
-    wrong[10] = 0xC0;
-    wrong[18] = 0xCB;
+    const struct {
+        line_faults faults;
+        std::string before, after;
+    } rows[] = {
+        {{}, "$GPGGA,1*5A\r\n", "$GPGGA,1*5A\r\n"},
+        {{.cut = true}, "12345", "12"},
+        {{.cut = true, .cut_bytes = 5}, "123456", "12345"},
+        {{.cut = true, .cut_bytes = 7}, "123456", "123456"},
+        {{.checksum = true}, "$A*49\r\n", "$A*4A\r\n"},
+        {{.checksum = true}, "$A*4F\r\n", "$A*40\r\n"},
+        {{.checksum = true}, "$A*41\r\n$B*42\r\n", "$A*42\r\n$B*43\r\n"},
+        {{.checksum = true}, "$A*4", "$A*4"},
+        // A frame of 0x3434 bytes: not all there, left alone.
+        {{.checksum = true}, "\xB5\x62*44\1\xAA\xBB", "\xB5\x62*44\1\xAA\xBB"},
+    };
     std::mt19937 random(1);
-    EXPECT_EQ(line_spoil(two, {.checksum = true}, random), wrong);
-}
-
-TEST(line_spoil, garbage_stands_around_the_answer) {
-    std::mt19937 random(1);
+    for (const auto &row : rows)
+        EXPECT_EQ(as_text(line_spoil(as_bytes(row.before), row.faults, random)), row.after);
+    // Two frames; the payload of the first reads like the checksum of a sentence.
+    const std::vector<uint8_t> two =
+        rig::from_hex("b5 62 05 01 03 00 2a 34 31 3f 3f b5 62 0a 04 00 00 0e 34");
+    EXPECT_EQ(rig::to_hex(line_spoil(two, {.checksum = true}, random)),
+              "b5 62 05 01 03 00 2a 34 31 3f c0 b5 62 0a 04 00 00 0e cb");
     const std::string text =
         as_text(line_spoil(as_bytes("answer"), {.garbage_before = 3, .garbage_after = 2}, random));
     ASSERT_EQ(text.size(), 11U);
@@ -196,99 +131,50 @@ TEST(line_spoil, garbage_stands_around_the_answer) {
 TEST(line_spoil, noise_is_as_frequent_as_asked_and_repeatable) {
     const std::vector<uint8_t> clean(10000, 0x55);
     std::mt19937 random(7);
+    std::mt19937 again(7);
     const std::vector<uint8_t> once = line_spoil(clean, {.noise = 20}, random);
     int wrong_bits = 0;
-    for (const uint8_t byte : once) {
+    for (const uint8_t byte : once)
         wrong_bits += __builtin_popcount(byte ^ 0x55U);
-    }
-    EXPECT_GT(wrong_bits, 140);
-    EXPECT_LT(wrong_bits, 260);
-    std::mt19937 again(7);
+    EXPECT_TRUE(wrong_bits > 140 && wrong_bits < 260) << wrong_bits;
     EXPECT_EQ(line_spoil(clean, {.noise = 20}, again), once);
 }
 
-// A plugged pty in a directory of its own.
-struct line_pty_on_disk : testing::Test {
-    std::string directory;
-    std::string link;
+// The kernel moves bytes between the two ends on a thread of its own.
+std::string read_soon(int fd) {
+    pollfd polled{fd, POLLIN, 0};
+    char text[64];
+    const ssize_t count = poll(&polled, 1, 2000) <= 0 ? -1 : read(fd, text, sizeof text);
+    return count < 0 ? "nothing" : std::string(text, static_cast<size_t>(count));
+}
+
+TEST(line_pty, carries_bytes_untouched_to_who_listens_until_unplugged) {
+    const scratch_dir scratch;
     line_pty port;
-
-    void SetUp() override {
-        std::string name = testing::TempDir() + "/line_pty_XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        link = directory + "/tty";
-        std::string error;
-        ASSERT_TRUE(line_pty_plug(port, link, error)) << error;
-    }
-    void TearDown() override {
-        line_pty_unplug(port);
-        std::filesystem::remove_all(directory);
-    }
-    int open_device() const { return open(link.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC); }
-
-    // The kernel moves bytes between the two ends on a thread of its own.
-    static std::string read_soon(int fd) {
-        pollfd polled{fd, POLLIN, 0};
-        std::array<char, 512> text;
-        if (poll(&polled, 1, 2000) <= 0) {
-            return "nothing";
-        }
-        const ssize_t count = read(fd, text.data(), text.size());
-        return count < 0 ? "error" : std::string(text.data(), static_cast<size_t>(count));
-    }
-};
-
-TEST_F(line_pty_on_disk, carries_bytes_untouched) {
-    const int device = open_device();
-    ASSERT_GE(device, 0);
-    ASSERT_TRUE(line_pty_check(port));
+    std::string error;
     // Line ends, a tab, flow control, end of file: nothing of it is interpreted, both ways.
     const std::string odd = "a\r\n\t\x04\x03\x11\x13\xB5z";
-    ASSERT_EQ(write(device, odd.data(), odd.size()), static_cast<ssize_t>(odd.size()));
-    pollfd master{port.master, POLLIN, 0};
-    ASSERT_EQ(poll(&master, 1, 2000), 1);
-    EXPECT_EQ(as_text(line_pty_read(port)), odd);
-    ASSERT_TRUE(line_pty_write(port, as_bytes(odd)));
-    EXPECT_EQ(read_soon(device), odd);
-    close(device);
-}
-
-TEST_F(line_pty_on_disk, what_nobody_listens_to_is_lost) {
-    EXPECT_FALSE(line_pty_check(port));
-    EXPECT_FALSE(line_pty_write(port, as_bytes("before")));
-    const int device = open_device();
-    ASSERT_GE(device, 0);
-    EXPECT_TRUE(line_pty_write(port, as_bytes("now")));
-    EXPECT_EQ(read_soon(device), "now");
-    close(device);
-    EXPECT_FALSE(line_pty_write(port, as_bytes("after")));
-}
-
-TEST_F(line_pty_on_disk, unplugging_hangs_up_and_plugging_brings_the_path_back) {
-    const int device = open_device();
-    ASSERT_GE(device, 0);
-    line_pty_unplug(port);
-    EXPECT_EQ(write(device, "x", 1), -1);
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(read_soon(device), "");
-    EXPECT_EQ(open_device(), -1);
-    close(device);
-    std::string error;
-    ASSERT_TRUE(line_pty_plug(port, link, error)) << error;
-    const int again = open_device();
-    ASSERT_GE(again, 0);
-    EXPECT_TRUE(line_pty_write(port, as_bytes("back")));
-    EXPECT_EQ(read_soon(again), "back");
-    close(again);
-}
-
-TEST_F(line_pty_on_disk, plugging_where_no_link_can_be_made_fails) {
-    line_pty other;
-    std::string error;
-    EXPECT_FALSE(line_pty_plug(other, directory + "/missing/tty", error));
+    for (const char *round : {"first", "plugged again"}) {
+        ASSERT_TRUE(line_pty_plug(port, scratch.path() / "tty", error)) << error;
+        EXPECT_FALSE(line_pty_write(port, as_bytes("before"))) << round;
+        const int device = open("tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+        ASSERT_TRUE(line_pty_check(port)) << round;
+        ASSERT_EQ(write(device, odd.data(), odd.size()), static_cast<ssize_t>(odd.size()));
+        pollfd master{port.master, POLLIN, 0};
+        ASSERT_EQ(poll(&master, 1, 2000), 1);
+        EXPECT_EQ(as_text(line_pty_read(port)), odd);
+        ASSERT_TRUE(line_pty_write(port, as_bytes(odd)));
+        EXPECT_EQ(read_soon(device), odd) << round;
+        line_pty_unplug(port);
+        EXPECT_EQ(write(device, "x", 1), -1);
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(read_soon(device), "") << round;
+        EXPECT_EQ(access("tty", F_OK), -1);
+        close(device);
+    }
+    EXPECT_FALSE(line_pty_plug(port, scratch.path() / "missing/tty", error));
     EXPECT_NE(error.find("creating the link"), std::string::npos) << error;
-    EXPECT_EQ(other.master, -1);
+    EXPECT_EQ(port.master, -1);
 }
 
 } // namespace
