@@ -54,5 +54,5 @@ function(ls_unit_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest GTest::gtest_main ls_warnings)
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120 LABELS unit)
+    PROPERTIES TIMEOUT 120 LABELS unit ENVIRONMENT "${LS_TEST_ENVIRONMENT}")
 endfunction()

@@ -27,8 +27,8 @@ int ls_watch_stub_location_dir(int signal);
 // all threads it starts later. Must come before any other thread. 0, or -1.
 int ls_start_signal_thread();
 
-// First statement of every handler: no other signal of the daemon interrupts this one, and nothing
-// runs in a handler once shutdown has begun. False: return at once.
+// First statement of every handler: no other signal of the daemon interrupts this one, errno is
+// kept, and nothing runs in a handler once shutdown has begun. False: return at once.
 class ls_signal_scope {
   public:
     ls_signal_scope();
@@ -38,6 +38,7 @@ class ls_signal_scope {
     explicit operator bool() const { return entered; }
 
   private:
+    int kept_errno;
     bool entered;
 };
 

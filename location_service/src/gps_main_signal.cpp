@@ -77,7 +77,7 @@ int ls_start_signal_thread() {
     return 0;
 }
 
-ls_signal_scope::ls_signal_scope() : entered(false) {
+ls_signal_scope::ls_signal_scope() : kept_errno(errno), entered(false) {
     // The kernel puts the mask back when the handler returns.
     const sigset_t set = daemon_signals(true);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
@@ -87,6 +87,7 @@ ls_signal_scope::ls_signal_scope() : entered(false) {
 
 ls_signal_scope::~ls_signal_scope() {
     --handlers_running;
+    errno = kept_errno;
 }
 
 void ls_stop_signal_handlers() {

@@ -1,11 +1,13 @@
 #include "fake_platform.h"
 
+#include "gps_message_handler.h"
 #include "ls_state.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -113,9 +115,14 @@ votes system_state_votes() {
 
 bool wait_for_votes_returned() {
     std::unique_lock guard(lock);
-    return changed.wait_for(guard, patience, [] {
+    const bool returned = changed.wait_for(guard, patience, [] {
         return vote_count.disabled > 0 && vote_count.disabled <= vote_count.enabled;
     });
+    guard.unlock();
+    // The vote is the last but one thing a worker does.
+    while (ls_active_workers() != 0)
+        std::this_thread::yield();
+    return returned;
 }
 
 settings &database() {

@@ -62,7 +62,7 @@ struct votes {
     int other;
 };
 votes system_state_votes();
-// Waits until as many votes were given back as taken, 5 s at most.
+// Waits until as many votes were given back as taken, 5 s at most, and the workers are done.
 bool wait_for_votes_returned();
 
 // Settings database. Any write is recorded as the stored value; -1 = reads fail.
