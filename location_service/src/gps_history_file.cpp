@@ -26,7 +26,7 @@ struct history_metadata {
 static_assert(sizeof(history_metadata) == 8);
 
 constexpr mode_t FILE_MODE = 0644;
-constexpr size_t COPY_CHUNK = 64 * 1024;
+constexpr size_t COPY_CHUNK = size_t{64} * 1024;
 
 // All under ls_history_file_lock.
 int history_fd = -1; // -1 = closed

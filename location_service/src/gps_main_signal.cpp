@@ -17,9 +17,9 @@ namespace {
 
 // The handlers log one line and read one small file.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t SIGNAL_STACK_SIZE = 512 * 1024;
+constexpr size_t SIGNAL_STACK_SIZE = size_t{512} * 1024;
 #else
-constexpr size_t SIGNAL_STACK_SIZE = 64 * 1024;
+constexpr size_t SIGNAL_STACK_SIZE = size_t{64} * 1024;
 #endif
 
 std::atomic<bool> stopping;        // no handler body runs any more

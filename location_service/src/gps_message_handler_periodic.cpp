@@ -39,10 +39,10 @@ bool same_service(uint32_t a, uint32_t b) {
 
 uint32_t store(const ls_periodic_req *req, uint8_t *slot_out) {
     uint8_t free_slot = NO_SLOT;
-    for (uint8_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
+    for (size_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
         registry_slot &slot = ls_periodic_req_queue[i];
         if (slot.in_use != 1) {
-            free_slot = i;
+            free_slot = static_cast<uint8_t>(i);
             continue;
         }
         if (!same_service(slot.req.serv_id, req->serv_id))
@@ -51,7 +51,7 @@ uint32_t store(const ls_periodic_req *req, uint8_t *slot_out) {
             return 1; // registered already
         slot.req = *req;
         slot.conn = req->conn;
-        *slot_out = i;
+        *slot_out = static_cast<uint8_t>(i);
         return 0;
     }
     if (req->msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB)

@@ -30,9 +30,9 @@ std::atomic<int> active_workers;
 // A worker needs room for its query's buffers and one log line. The default of 8 MB would use up a
 // 32-bit address space with a few hundred requests waiting for the receiver.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t WORKER_STACK_SIZE = 512 * 1024;
+constexpr size_t WORKER_STACK_SIZE = size_t{512} * 1024;
 #else
-constexpr size_t WORKER_STACK_SIZE = 64 * 1024;
+constexpr size_t WORKER_STACK_SIZE = size_t{64} * 1024;
 #endif
 
 constexpr int LPP_ATTEMPTS = 3;
@@ -181,7 +181,8 @@ void *ls_process_thread_req(void *param) {
         log_error("%s, Invalid Message Id", __func__);
         pm_system_state_enable(LS_SYSTEM_STATE_ID);
         --active_workers;
-        return reinterpret_cast<void *>(-1);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a status, nobody dereferences it
+        return reinterpret_cast<void *>(intptr_t{-1});
     }
     log_debug("%s", handler->log_text);
     handler->serve(own.conn, &own.msg);

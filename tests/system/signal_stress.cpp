@@ -232,7 +232,7 @@ TEST(signal_stress, everything_is_answered) {
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     if (argc == 3 && std::string_view(argv[1]) == "--seconds")
-        stress_time = seconds(std::atoi(argv[2])); // NOLINT(cert-err34-c)
+        stress_time = seconds(std::atoi(argv[2]));
     if (argc != 1 && (argc != 3 || stress_time < 1s)) {
         std::fprintf(stderr, "usage: signal_stress [--seconds N]\n");
         return 2;
