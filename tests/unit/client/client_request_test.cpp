@@ -291,17 +291,22 @@ TEST_F(client_request, a_silent_service_is_asked_for_its_power_mode) {
 
 TEST_F(client_request, a_reply_after_the_word_of_an_off_receiver_still_counts) {
     msg_hdr asked{};
-    fake.service = [&asked](const sent_message &m) {
+    std::thread late;
+    fake.service = [&](const sent_message &m) {
         if (m.hdr.msg_id == LS_REQUEST_GET_POSITION) {
             asked = m.hdr;
-        } else {
-            fake_reply(m.hdr, power_reply(1, 0));
-            fake_reply(asked, position_reply());
+            return;
         }
+        fake_reply(m.hdr, power_reply(1, 0));
+        late = std::thread([&asked] {
+            std::this_thread::sleep_for(milliseconds(50));
+            fake_reply(asked, position_reply());
+        });
     };
     const client_ptr client(40);
     gps_pos_data position;
     EXPECT_EQ(location_client_get_position(client, LONG, &position), is::answered);
+    late.join();
 }
 
 TEST_F(client_request, as_voip_the_power_mode_is_not_asked) {

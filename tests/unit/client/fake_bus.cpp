@@ -44,7 +44,10 @@ std::vector<sent_message> fake_sent(uint32_t msg_id) {
 void fake_deliver(const msg_hdr &hdr, const bytes &payload) {
     bytes copy = payload;
     bus_msg msg{hdr, copy.empty() ? nullptr : copy.data()};
-    fake.conn->on_message(fake.conn, &msg);
+    const std::lock_guard guard(fake.delivery);
+    if (fake.conn != nullptr) { // a late reply may find nobody
+        fake.conn->on_message(fake.conn, &msg);
+    }
 }
 
 void fake_reply(const msg_hdr &request, const bytes &payload) {
@@ -76,12 +79,14 @@ int scm_conn_init(scm_conn *conn, uint8_t serv_id) {
         errno = fake.init_errno[key];
         return -1;
     }
+    const std::lock_guard guard(fake.delivery);
     fake.conn = conn;
     fake.serv_id = serv_id;
     return 0;
 }
 
 int scm_conn_exit(scm_conn *) {
+    const std::lock_guard guard(fake.delivery); // no callback runs after this
     fake.conn = nullptr;
     fake.serv_id = -1;
     return 0;

@@ -28,6 +28,7 @@ struct fake_bus {
 
     std::mutex lock;
     std::vector<sent_message> sent;
+    std::mutex delivery;      // one message at a time; guards conn
     scm_conn *conn = nullptr; // null while nobody is connected
     int serv_id = -1;
 };

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <iterator>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -273,13 +274,20 @@ TEST_F(lsctl_command_line, watch_replaces_what_a_killed_watch_left_behind) {
 TEST_F(lsctl_command_line, watch_unregisters_when_a_signal_ends_it) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         fake_reset();
-        fake.service = [signal](const sent_message &m) {
-            fake_reply(m.hdr, {1, 0, 0, 0});
+        std::thread late; // the end of the registration is worth a wait
+        fake.service = [signal, &late](const sent_message &m) {
             if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
+                fake_reply(m.hdr, {1, 0, 0, 0});
                 kill(getpid(), signal);
+                return;
             }
+            late = std::thread([m] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                fake_reply(m.hdr, {1, 0, 0, 0});
+            });
         };
         const outcome got = run("watch");
+        late.join();
         EXPECT_EQ(got.status, 3);
         EXPECT_EQ(got.err, "");
         EXPECT_EQ(fake_sent(1009).size(), 1U) << signal;
