@@ -1,0 +1,251 @@
+#include "system_fixture.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t SHOWN_LOG_LINES = 40;
+std::atomic<int> children_started; // numbers their output files
+
+int exit_status(int wait_status) {
+    return WIFSIGNALED(wait_status) ? 128 + WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
+}
+
+std::string last_lines(const std::string &text) {
+    size_t at = text.size();
+    for (size_t lines = 0; at != 0 && lines <= SHOWN_LOG_LINES; --at)
+        lines += text[at - 1] == '\n' ? 1 : 0;
+    return text.substr(at);
+}
+
+// Between fork and exec: nothing that takes a lock.
+[[noreturn]] void become(char *const *arguments, const char *where, int out, int err,
+                         pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (getppid() == parent && chdir(where) == 0 && dup2(in, STDIN_FILENO) >= 0 &&
+        dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0)
+        execv(arguments[0], arguments);
+    _exit(127);
+}
+
+} // namespace
+
+bool wait_until(const std::function<bool()> &done, milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+background::background(const words &command, const std::string &where) {
+    const std::string name = "child-" + std::to_string(++children_started);
+    out_file = std::filesystem::absolute(name + ".out");
+    err_file = std::filesystem::absolute(name + ".err");
+    const int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    const pid_t parent = getpid();
+    pid = fork();
+    if (pid == 0)
+        become(arguments.data(), where.c_str(), out, err, parent);
+    close(out);
+    close(err);
+    if (pid < 0)
+        ADD_FAILURE() << "fork: " << std::strerror(errno);
+}
+
+background::~background() {
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    std::error_code gone_with_their_directory;
+    std::filesystem::remove(out_file, gone_with_their_directory);
+    std::filesystem::remove(err_file, gone_with_their_directory);
+}
+
+process_result background::wait(milliseconds limit) {
+    process_result result;
+    int status = 0;
+    if (pid > 0 && wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) {
+        result.status = exit_status(status);
+    } else if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    pid = -1;
+    result.out = out();
+    result.err = err();
+    return result;
+}
+
+process_result run(const words &command, milliseconds limit) {
+    return background(command).wait(limit);
+}
+
+process_result lsctl(words arguments) {
+    arguments.insert(arguments.begin(), LSCTL_PROGRAM);
+    return run(arguments);
+}
+
+bool handles_signals(pid_t pid) {
+    const std::string status = scratch_dir::read("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find("SigCgt:");
+    return at != std::string::npos &&
+           (std::stoull(status.substr(at + 7), nullptr, 16) >> SIGRTMIN & 1) != 0;
+}
+
+terminal::terminal(const words &options, bool until_up)
+    : root(std::filesystem::current_path() / "t") {
+    setenv("MQUTILS_DIR", (root / "bus").c_str(), 1);
+    start(options, until_up);
+}
+
+void terminal::start(const words &options, bool until_up) {
+    words command = {SIMTERM_PROGRAM, "run",    root.string(), "--daemon",
+                     DAEMON_PROGRAM,  "--baud", "0",           "--instant-fix"};
+    // The tests own the ids of the other services themselves.
+    if (run({SIMTERM_PROGRAM, "run", "--help"}).out.find("--no-services") != std::string::npos)
+        command.emplace_back("--no-services");
+    command.insert(command.end(), options.begin(), options.end());
+    simterm.emplace(command);
+    const auto ready = [&] { return until_up ? handles_signals(daemon()) : daemon() > 0; };
+    if (!wait_until([&] { return ready() || simterm->err().find("simterm:") == 0; }) || !ready())
+        ADD_FAILURE() << "the daemon is not up\n" << simterm->out() << simterm->err();
+}
+
+terminal::~terminal() {
+    if (!testing::Test::HasFailure())
+        return;
+    std::cerr << "---- simterm\n"
+              << simterm->out() << simterm->err() << "---- log/terminal.log, its end\n"
+              << last_lines(log()) << "---- log/daemon.out\n"
+              << file("log/daemon.out") << "----\n";
+}
+
+pid_t terminal::daemon() const {
+    constexpr std::string_view before = "daemon started, process ";
+    const std::string text = simterm->out();
+    const size_t at = text.rfind(before);
+    return at == std::string::npos ? -1 : std::stoi(text.substr(at + before.size()));
+}
+
+bool terminal::daemon_lives() const {
+    return kill(daemon(), 0) == 0 && simterm->err().find("the daemon died") == std::string::npos;
+}
+
+std::string terminal::daemon_end() {
+    const process_result ended = simterm->wait();
+    const std::string text = ended.out + ended.err;
+    for (const std::string_view before : {"the daemon died: ", "daemon stopped: "}) {
+        const size_t at = text.find(before);
+        if (at != std::string::npos)
+            return text.substr(at + before.size(), text.find('\n', at) - at - before.size());
+    }
+    return "unknown: " + text;
+}
+
+void terminal::ctl(words request) {
+    request.insert(request.begin(), {SIMTERM_PROGRAM, "ctl", root.string()});
+    const process_result answer = run(request, 2 * PATIENCE);
+    EXPECT_EQ(answer.status, 0) << answer.err;
+}
+
+void terminal::write_static_location(bool on, const std::string &place) const {
+    scratch_dir::write(root / "user/stub_location/stub_loc.gps",
+                       (on ? "STATIC_LOCATION = ON\n" : "STATIC_LOCATION = OF\n") + place + "\n");
+}
+
+int terminal::stop() {
+    simterm->signal(SIGTERM);
+    const process_result ended = simterm->wait();
+    if (ended.status != 0)
+        std::cerr << ended.err;
+    return ended.status;
+}
+
+void terminal::restart(const words &options) {
+    EXPECT_EQ(stop(), 0);
+    start(options, true);
+}
+
+bus_client::bus_client(uint8_t serv_id) {
+    link.conn.on_message = on_message;
+    link.owner = this;
+    if (scm_conn_init(&link.conn, serv_id) != 0)
+        ADD_FAILURE() << "service " << int{serv_id} << ": " << std::strerror(errno);
+}
+
+bus_client::~bus_client() {
+    scm_conn_exit(&link.conn);
+}
+
+int bus_client::on_message(scm_conn *conn, bus_msg *msg) {
+    bus_client &self = *reinterpret_cast<connection *>(conn)->owner;
+    const auto *payload = static_cast<const uint8_t *>(msg->pld);
+    const std::lock_guard guard(self.lock);
+    self.inbox.push_back({msg->hdr, bytes(payload, payload + msg->hdr.pld_len)});
+    self.arrived.notify_all();
+    return 0;
+}
+
+uint32_t bus_client::send(uint32_t msg_id, std::span<const uint8_t> payload, uint8_t msg_type) {
+    msg_hdr hdr = {};
+    if (fill_request_hdr(&link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
+                         LS_OWN_SERV_ID) != 0)
+        return 0;
+    hdr.msg_type = msg_type;
+    return send_msg(&link.conn, &hdr, payload.data()) == 0 ? hdr.txn_id : 0;
+}
+
+std::optional<bus_message> bus_client::take(const std::function<bool(const bus_message &)> &wanted,
+                                            milliseconds limit) {
+    std::unique_lock guard(lock);
+    auto found = inbox.end();
+    const bool there = arrived.wait_for(guard, limit, [&] {
+        found = std::find_if(inbox.begin(), inbox.end(), wanted);
+        return found != inbox.end();
+    });
+    if (!there)
+        return std::nullopt;
+    bus_message message = std::move(*found);
+    inbox.erase(found);
+    return message;
+}
+
+std::optional<bus_message> bus_client::take(uint32_t msg_id, milliseconds limit) {
+    return take([msg_id](const bus_message &message) { return message.hdr.msg_id == msg_id; },
+                limit);
+}
+
+std::optional<bus_message> bus_client::ask(uint32_t msg_id, std::span<const uint8_t> payload,
+                                           milliseconds limit) {
+    const uint32_t txn = send(msg_id, payload);
+    if (txn == 0)
+        return std::nullopt;
+    return take(
+        [&](const bus_message &message) {
+            return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.msg_id == msg_id &&
+                   message.hdr.txn_id == txn;
+        },
+        limit);
+}

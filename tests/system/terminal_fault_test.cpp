@@ -1,0 +1,149 @@
+// The daemon under a bad receiver, a lost line, hostile messages and many clients at once.
+#include "system_fixture.h"
+
+#include <array>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <thread>
+
+namespace {
+
+constexpr uint8_t TOOL = 40; // service id of a client without privileges
+
+uint32_t position_status(bus_client &client) {
+    const auto answer = client.ask(LS_REQUEST_GET_POSITION);
+    EXPECT_TRUE(answer);
+    const auto reply = record_in<ls_position_reply>(answer);
+    if (reply.status != LS_STATUS_OK) {
+        const gps_pos_data none = {};
+        EXPECT_EQ(std::memcmp(&reply.pos, &none, sizeof(none)), 0) << "no position, no bytes of it";
+    }
+    return answer ? reply.status : 99;
+}
+
+} // namespace
+
+TEST(receiver_fault, fails_its_request_and_not_the_next) {
+    terminal term;
+    bus_client client(TOOL);
+    struct fault {
+        words name;
+        uint32_t status;
+        bool answer_under_way; // the fault leaves one behind that spoils one more request
+    };
+    const std::array faults = {
+        fault{{"silent"}, LS_STATUS_PASSED_THROUGH, false},
+        fault{{"late"}, LS_STATUS_PASSED_THROUGH, true},
+        fault{{"cut"}, LS_STATUS_FAILED, false},
+        fault{{"cut", "1"}, LS_STATUS_FAILED, false},
+        fault{{"checksum"}, LS_STATUS_FAILED, false},
+        fault{{"garbage-before"}, LS_STATUS_FAILED, false},
+        fault{{"empty-fields"}, LS_STATUS_FAILED, false},
+    };
+    for (const auto &[name, status, answer_under_way] : faults) {
+        words request = {"fault"};
+        request.insert(request.end(), name.begin(), name.end());
+        request.emplace_back("on");
+        term.ctl(request);
+        EXPECT_EQ(position_status(client), status) << request[1];
+        request.back() = "off";
+        term.ctl(request);
+        if (answer_under_way)
+            position_status(client);
+        EXPECT_EQ(position_status(client), LS_STATUS_OK) << "after " << request[1];
+    }
+    EXPECT_EQ(term.stop(), 0);
+}
+
+TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
+    terminal term;
+    bus_client ws(LS_SERV_WS);
+    bus_client client(TOOL);
+    term.ctl({"fault", "unplugged", "on"});
+    EXPECT_EQ(position_status(client), LS_STATUS_FAILED);
+    const auto alarm = ws.take(WS_NOTIFY_ALARM_UPDATE);
+    ASSERT_TRUE(alarm);
+    EXPECT_EQ(alarm->hdr.msg_type, LS_MSG_NOTIFICATION);
+    const auto told = record_in<ws_alarm_pld>(alarm);
+    EXPECT_STREQ(told.text, "GPS Communication (RX/TX) error");
+    EXPECT_NEAR(static_cast<double>(told.time), static_cast<double>(time(nullptr)), 30);
+    EXPECT_EQ(record_in<ls_power_reply>(client.ask(LS_REQUEST_GET_POWER_MODE)).status,
+              LS_STATUS_OK);
+    EXPECT_EQ(lsctl({"position"}).status, 1);
+    // The line is opened once, at the start: a new daemon finds it again.
+    term.ctl({"fault", "unplugged", "off"});
+    term.ctl({"restart-daemon"});
+    EXPECT_TRUE(wait_until([&] { return handles_signals(term.daemon()); }));
+    EXPECT_EQ(position_status(client), LS_STATUS_OK);
+    EXPECT_EQ(term.stop(), 0);
+}
+
+// Board type 2 without a TA: the receiver is out of reach at once, so thousands of requests need no
+// waits; the static location still tells whether requests are served.
+TEST(hostile_messages, are_refused_or_answered_and_it_serves_on) {
+    terminal term({"--board", "2", "--log-level", "error"});
+    term.write_static_location(true);
+    bus_client client(TOOL);
+    const auto serves = [&] { return position_status(client) == LS_STATUS_OK; };
+    ASSERT_TRUE(wait_until(serves));
+    std::mt19937 random(20240514); // the same messages in every run
+    const auto noise = [&](size_t size) {
+        bytes out(size);
+        for (uint8_t &byte : out)
+            byte = static_cast<uint8_t>(random());
+        return out;
+    };
+    std::vector<uint32_t> ids = {0, 18, 19, 201, 208, 407, 808, 810, 1416, 1418, UINT32_MAX};
+    for (uint32_t id = 1000; id <= 1015; ++id)
+        ids.push_back(id);
+    constexpr std::array<size_t, 10> sizes = {0, 1, 3, 4, 7, 24, 283, 285, 413, 65516};
+    for (const uint8_t type : std::array<uint8_t, 6>{0, 1, 2, 3, 128, 255}) {
+        for (const uint32_t id : ids) {
+            for (const size_t size : sizes)
+                EXPECT_NE(client.send(id, noise(size), type), 0U) << id << ", " << size << " bytes";
+        }
+        EXPECT_TRUE(serves()) << "after messages of type " << int{type};
+    }
+    for (int count = 0; count < 500; ++count)
+        client.send(static_cast<uint32_t>(random() % 2000), noise(random() % 600),
+                    static_cast<uint8_t>(random() % 4));
+    EXPECT_TRUE(serves());
+    EXPECT_TRUE(term.daemon_lives());
+    EXPECT_EQ(term.stop(), 0);
+}
+
+TEST(clients, eight_at_once_get_their_own_replies) {
+    terminal term({"--log-level", "error"});
+    constexpr std::array<uint32_t, 5> ids = {LS_REQUEST_GET_POWER_MODE, LS_REQUEST_GET_POSITION,
+                                             LS_REQUEST_GET_SPEED, LS_REQUEST_GET_SAT_INFO,
+                                             LS_REQUEST_GET_TIME};
+    const auto be_client = [&](uint8_t id) {
+        bus_client client(id);
+        for (int round = 0; round < 5; ++round) {
+            std::map<uint32_t, uint32_t> asked; // transaction: message
+            for (const uint32_t request : ids)
+                asked[client.send(request)] = request;
+            EXPECT_EQ(asked.size(), ids.size());
+            while (!asked.empty()) {
+                const auto reply = client.take([](const bus_message &message) {
+                    return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.src_serv_id != 0;
+                });
+                ASSERT_TRUE(reply) << asked.size() << " replies are missing";
+                const auto of = asked.find(reply->hdr.txn_id);
+                ASSERT_NE(of, asked.end()) << "a reply to nobody's request";
+                EXPECT_EQ(reply->hdr.msg_id, of->second);
+                EXPECT_EQ(reply->hdr.dst_serv_id, id);
+                EXPECT_EQ(reply->payload.at(0), LS_STATUS_OK) << of->second;
+                asked.erase(of);
+            }
+        }
+    };
+    std::vector<std::thread> threads;
+    for (uint8_t id = TOOL; id < TOOL + 8; ++id)
+        threads.emplace_back(be_client, id);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(term.stop(), 0);
+}
