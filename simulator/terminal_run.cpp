@@ -37,7 +37,8 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     // runs yet.
     if (setenv("MQUTILS_DIR", paths.bus.c_str(), 1) != 0 ||
         setenv("DBHANDLER_FILE", paths.settings.c_str(), 1) != 0 ||
-        setenv("ZUKHAL_CONF", paths.hal.c_str(), 1) != 0) {
+        setenv("ZUKHAL_CONF", paths.hal.c_str(), 1) != 0 ||
+        setenv("LSCTL_ROOT", paths.root.c_str(), 1) != 0) {
         error = "setting the environment failed";
         return false;
     }

@@ -2,7 +2,7 @@
 # What ./run shows, inside a terminal that simterm has brought up (its environment is set, the commands
 # are in PATH). Usage: tour.sh DIR live|short
 #   live   the position once a second, until interrupted
-#   short  one look at each thing the service does, then the end
+#   short  one look at each thing the service does, then the end; leaves DIR/drive.svg and drive.gpx
 set -uo pipefail
 dir=$1
 mode=$2
@@ -33,6 +33,14 @@ show_service_line() {
     fail "no line with '$1' in log/services.log"
 }
 
+# On board type 2 the service leaves its first two minutes out of the location history.
+if [ "$mode" = short ] && grep -q '^type *= *2' "$dir/etc/terminal.conf"; then
+    echo 'LOCATION_HISTORY_BOOT_TIME_OFFSET 0.0' >>"$dir/user/gps_control_prm.txt"
+    sed -i 's/^LOCATION_HISTORY_BOOT_TIME_OFFSET .*/LOCATION_HISTORY_BOOT_TIME_OFFSET 0.0/' \
+        "$dir/user/gps_control_prm.txt"
+    simterm ctl "$dir" restart-daemon || fail "restart of the daemon"
+fi
+
 # The daemon configures the receiver first, and the receiver looks for its satellites.
 printf '\nWaiting for the first fix '
 for ((second = 0; ; ++second)); do
@@ -51,6 +59,9 @@ if [ "$mode" = live ]; then
     done
 fi
 
+echo
+echo "A location history of this drive, a line a second:"
+step 0 lsctl settings --history on --interval 1
 step 0 lsctl power
 step 0 lsctl time
 step 0 lsctl position
@@ -69,5 +80,18 @@ step 0 simterm ctl "$dir" fault checksum on
 step 1 lsctl time
 step 0 simterm ctl "$dir" fault checksum off
 step 0 lsctl time
+echo
+echo "Driving on for a while, then the history as lines and as files:"
+for ((second = 0; second < 30; ++second)); do
+    lines=$(lsctl history | wc -l)
+    [ "$lines" -lt 30 ] || break
+    sleep 1
+done
+[ "$lines" -ge 30 ] || fail "only $lines lines of history"
+step 0 lsctl settings --history off
+step 0 lsctl history --since 3s
+step 0 lsctl history --format svg --output "$dir/drive.svg"
+step 0 lsctl history --format gpx --output "$dir/drive.gpx"
+echo "$lines lines of history, drawn in $dir/drive.svg"
 echo
 echo "Everything answered."

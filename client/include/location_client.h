@@ -130,6 +130,11 @@ LOCATION_CLIENT_API location_result
 location_client_get_history_path(location_client *client, std::chrono::milliseconds timeout,
                                  ls_history_path_reply *reply) noexcept;
 
+// Tells the service that the history settings in the settings database have changed. It says
+// nothing back: `answered` means that the service has the message.
+LOCATION_CLIENT_API location_result
+location_client_notify_history_settings(location_client *client) noexcept;
+
 // Asks, as SAL, for the LPP location parameters; a bad argument from any other service id. The
 // service tries three times and says nothing when it fails.
 LOCATION_CLIENT_API location_result location_client_get_lpp(location_client *client,

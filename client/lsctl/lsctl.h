@@ -110,5 +110,9 @@ int lsctl_run_nmea(const lsctl_options &options);
 void lsctl_add_ubx(CLI::App &app);
 int lsctl_run_ubx(const lsctl_options &options);
 int lsctl_run_lpp(const lsctl_options &options);
+void lsctl_add_history(CLI::App &app);
+int lsctl_run_history(const lsctl_options &options);
+void lsctl_add_settings(CLI::App &app);
+int lsctl_run_settings(const lsctl_options &options);
 
 #endif

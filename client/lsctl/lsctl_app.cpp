@@ -21,6 +21,10 @@ constexpr std::array COMMANDS = {
     lsctl_command{"nmea", "Send an NMEA sentence to the receiver", lsctl_add_nmea, lsctl_run_nmea},
     lsctl_command{"ubx", "Send a UBX frame to the receiver", lsctl_add_ubx, lsctl_run_ubx},
     lsctl_command{"lpp", "LPP location parameters, asked as SAL", nullptr, lsctl_run_lpp},
+    lsctl_command{"history", "The location history, as lines, table, map file or drawing",
+                  lsctl_add_history, lsctl_run_history},
+    lsctl_command{"settings", "Show or change the stored settings", lsctl_add_settings,
+                  lsctl_run_settings},
 };
 
 constexpr const char *FOOTER =

@@ -251,6 +251,14 @@ location_result location_client_get_history_path(location_client *client, millis
     return result;
 }
 
+location_result location_client_notify_history_settings(location_client *client) noexcept {
+    if (client == nullptr) {
+        return location_result::bad_argument;
+    }
+    return client_send_notification(*client, WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE,
+                                    {});
+}
+
 location_result location_client_get_lpp(location_client *client, milliseconds timeout,
                                         gps_lpp_location *lpp) noexcept {
     if (lpp == nullptr) {

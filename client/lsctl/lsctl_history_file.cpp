@@ -1,0 +1,190 @@
+// lsctl history: files and progress.
+#include "lsctl_history_file.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr size_t LARGE = 256 * 1024; // bytes from which on progress is shown
+
+// A writer shows in the file's time, which moves in steps of the kernel's tick: a file that has
+// been left alone for some ticks is complete.
+constexpr milliseconds SETTLED{30};
+constexpr milliseconds LOOK_AGAIN{10};
+
+struct file_closer {
+    void operator()(FILE *file) const { std::fclose(file); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+struct fd_guard {
+    int fd;
+    ~fd_guard() {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+};
+
+std::string reason(const std::string &step) {
+    return step + ": " + std::strerror(errno);
+}
+
+bool same(const struct stat &a, const struct stat &b) {
+    return a.st_size == b.st_size && a.st_ino == b.st_ino && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+bool is_settled(const struct stat &status) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t age_ms = (int64_t{now.tv_sec} - status.st_mtim.tv_sec) * 1000 +
+                           (now.tv_nsec - status.st_mtim.tv_nsec) / 1'000'000;
+    // A clock that was set back says nothing about the age.
+    return age_ms >= SETTLED.count() || age_ms < 0;
+}
+
+enum class attempt : uint8_t { whole, again, failed };
+
+attempt read_once(int fd, std::string *text) {
+    struct stat before = {};
+    struct stat after = {};
+    if (fstat(fd, &before) != 0) {
+        return attempt::failed;
+    }
+    if (S_ISREG(before.st_mode) && !is_settled(before)) {
+        return attempt::again;
+    }
+    text->clear();
+    text->reserve(static_cast<size_t>(before.st_size));
+    std::array<char, 65536> chunk;
+    ssize_t count = 0;
+    while ((count = read(fd, chunk.data(), chunk.size())) > 0) {
+        text->append(chunk.data(), static_cast<size_t>(count));
+    }
+    if (count < 0 || fstat(fd, &after) != 0) {
+        return attempt::failed;
+    }
+    return !S_ISREG(after.st_mode) ||
+                   (same(before, after) && text->size() == static_cast<size_t>(after.st_size))
+               ? attempt::whole
+               : attempt::again;
+}
+
+// Writes by way of a stream and says what went wrong.
+std::string fill(int fd, const std::function<void(FILE *)> &write, int *error) {
+    *error = 0;
+    file_ptr stream(fdopen(fd, "we"));
+    if (stream == nullptr) {
+        *error = errno;
+        close(fd);
+        return std::strerror(*error);
+    }
+    write(stream.get());
+    const bool written = std::ferror(stream.get()) == 0;
+    *error = written ? 0 : errno;
+    if (std::fclose(stream.release()) != 0 && *error == 0) {
+        *error = errno;
+    }
+    return *error == 0 && written ? std::string() : std::strerror(*error);
+}
+
+std::string write_in_place(int fd, const std::string &name,
+                           const std::function<void(FILE *)> &write) {
+    if (fd < 0) {
+        return reason(name);
+    }
+    int error = 0;
+    const std::string failed = fill(fd, write, &error);
+    return failed.empty() || error == EPIPE ? std::string() : name + ": " + failed;
+}
+
+bool is_special(const std::string &path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+} // namespace
+
+std::string history_read(const std::string &path, milliseconds limit,
+                         const std::function<bool()> &ended, std::string *text) {
+    const auto deadline = steady_clock::now() + limit;
+    for (;;) {
+        // Not blocked by a pipe that nobody writes to.
+        const fd_guard file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+        if (file.fd < 0) {
+            return reason(path);
+        }
+        switch (read_once(file.fd, text)) {
+        case attempt::whole:
+            return {};
+        case attempt::failed:
+            return reason(path);
+        case attempt::again:
+            break;
+        }
+        if (steady_clock::now() >= deadline || ended()) {
+            return path + ": others have it written anew all the time";
+        }
+        std::this_thread::sleep_for(LOOK_AGAIN);
+    }
+}
+
+std::string history_write(const std::string &path, const std::function<void(FILE *)> &write) {
+    if (path.empty()) {
+        // A stream of its own: that of the process is flushed with each line.
+        return write_in_place(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "standard output", write);
+    }
+    if (is_special(path)) {
+        return write_in_place(open(path.c_str(), O_WRONLY | O_CLOEXEC), path, write);
+    }
+    // What stands under the name now stays there until there is something better.
+    std::string part = path + ".XXXXXX";
+    const int fd = mkostemp(part.data(), O_CLOEXEC);
+    if (fd < 0) {
+        return reason(path);
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(fd, 0666 & ~mask);
+    int error = 0;
+    std::string failed = fill(fd, write, &error);
+    if (failed.empty() && std::rename(part.c_str(), path.c_str()) != 0) {
+        failed = std::strerror(errno);
+    }
+    if (!failed.empty()) {
+        unlink(part.c_str());
+        return path + ": " + failed;
+    }
+    return {};
+}
+
+history_progress::history_progress(size_t size)
+    : wanted(size >= LARGE && isatty(STDERR_FILENO) == 1) {}
+
+history_progress::~history_progress() {
+    if (shown >= 0) {
+        std::fputs("\r\033[K", stderr);
+    }
+}
+
+void history_progress::show(const char *what, double part) {
+    const int percent = static_cast<int>(part * 100);
+    if (wanted && percent != shown) {
+        shown = percent;
+        std::fprintf(stderr, "\r%s %3d %%\033[K", what, percent);
+    }
+}

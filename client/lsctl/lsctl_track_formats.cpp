@@ -1,0 +1,215 @@
+// lsctl: a track as lines, CSV, JSON, GPX 1.1, KML 2.2 and GeoJSON (RFC 7946).
+//
+// Nothing in a history is free text: only numbers and times go into the documents, which therefore
+// need no escaping.
+#include "lsctl_track.h"
+
+#include <cinttypes>
+
+namespace {
+
+constexpr size_t PROGRESS_EVERY = 512; // points
+
+void tell(const track_progress &progress, size_t done, size_t of) {
+    if (done % PROGRESS_EVERY == 0) {
+        progress(static_cast<double>(done) / static_cast<double>(of));
+    }
+}
+
+// Without quotes; null in JSON, empty in CSV.
+const char *fix_name(track_fix fix) {
+    switch (fix) {
+    case track_fix::fix_2d:
+        return "2D";
+    case track_fix::none:
+        return "none";
+    case track_fix::missing:
+        break;
+    }
+    return nullptr;
+}
+
+std::string local_text(const track_point &point) {
+    return std::string(point.line.substr(0, 19));
+}
+
+void put(std::string_view text, FILE *out) {
+    std::fwrite(text.data(), 1, text.size(), out);
+}
+
+// Calls `write` with each stretch and counts the points behind it as done.
+template <class write_fn>
+void for_each_stretch(const track &all, int64_t gap_s, const track_progress &progress,
+                      write_fn write) {
+    for (const track_stretch &stretch : track_stretches(all, gap_s)) {
+        write(stretch);
+        progress(static_cast<double>(stretch.back()) / static_cast<double>(all.points.size()));
+    }
+}
+
+void write_kml_point(const track_vertex &at, FILE *out) {
+    std::fprintf(out, "<Point><coordinates>%.6f,%.6f</coordinates></Point>\n", at.longitude,
+                 at.latitude);
+}
+
+void write_kml_mark(const char *name, const track_point &at, FILE *out) {
+    std::fprintf(out,
+                 "<Placemark>\n<name>%s</name>\n<TimeStamp><when>%s</when></TimeStamp>\n"
+                 "<styleUrl>#mark</styleUrl>\n",
+                 name, track_utc_text(at.utc).c_str());
+    write_kml_point({at.latitude, at.longitude, at.utc}, out);
+    put("</Placemark>\n", out);
+}
+
+void write_kml_piece(const track_piece &piece, FILE *out) {
+    if (piece.size() == 1) {
+        write_kml_point(piece.front(), out);
+        return;
+    }
+    put("<LineString>\n<tessellate>1</tessellate>\n<coordinates>\n", out);
+    for (const track_vertex &at : piece) {
+        std::fprintf(out, "%.6f,%.6f\n", at.longitude, at.latitude);
+    }
+    put("</coordinates>\n</LineString>\n", out);
+}
+
+// A line of two points or more, or a single point.
+void write_geojson_feature(const track_piece &piece, FILE *out) {
+    const bool line = piece.size() > 1;
+    std::fprintf(out, R"({"type":"Feature","geometry":{"type":"%s","coordinates":)",
+                 line ? "LineString" : "Point");
+    put(line ? "[\n" : "", out);
+    for (size_t i = 0; i < piece.size(); ++i) {
+        std::fprintf(out, "%s[%.6f,%.6f]", i == 0 ? "" : ",\n", piece[i].longitude,
+                     piece[i].latitude);
+    }
+    put(line ? "\n]" : "", out);
+    std::fprintf(out, R"(},"properties":{"start":"%s","end":"%s","times":[)",
+                 track_utc_text(piece.front().utc).c_str(),
+                 track_utc_text(piece.back().utc).c_str());
+    for (size_t i = 0; i < piece.size(); ++i) {
+        std::fprintf(out, "%s\"%s\"", i == 0 ? "" : ",\n", track_utc_text(piece[i].utc).c_str());
+    }
+    put("]}}", out);
+}
+
+} // namespace
+
+void track_write_lines(const track &all, int64_t, FILE *out, const track_progress &progress) {
+    for (size_t i = 0; i < all.points.size(); ++i) {
+        put(all.points[i].line, out);
+        std::fputc('\n', out);
+        tell(progress, i, all.points.size());
+    }
+}
+
+void track_write_csv(const track &all, int64_t, FILE *out, const track_progress &progress) {
+    put("time_utc,time_local,fix_type,latitude_deg,longitude_deg,horizontal_accuracy_m,"
+        "satellites_used\n",
+        out);
+    for (size_t i = 0; i < all.points.size(); ++i) {
+        const track_point &at = all.points[i];
+        const char *fix = fix_name(at.fix);
+        std::fprintf(out, "%s,%s,%s,", track_utc_text(at.utc).c_str(), local_text(at).c_str(),
+                     fix == nullptr ? "" : fix);
+        if (at.placed) {
+            std::fprintf(out, "%.6f,%.6f", at.latitude, at.longitude);
+        } else {
+            std::fputc(',', out);
+        }
+        std::fprintf(out, ",%.2f,%" PRIu32 "\n", at.accuracy_m, at.satellites);
+        tell(progress, i, all.points.size());
+    }
+}
+
+void track_write_json(const track &all, int64_t, FILE *out, const track_progress &progress) {
+    put("{\"positions\":[", out);
+    for (size_t i = 0; i < all.points.size(); ++i) {
+        const track_point &at = all.points[i];
+        const char *fix = fix_name(at.fix);
+        const char *quote = fix == nullptr ? "" : "\"";
+        std::fprintf(out, R"(%s{"time_utc":"%s","time_local":"%s","fix_type":%s%s%s,)",
+                     i == 0 ? "\n" : ",\n", track_utc_text(at.utc).c_str(), local_text(at).c_str(),
+                     quote, fix == nullptr ? "null" : fix, quote);
+        if (at.placed) {
+            std::fprintf(out, R"("latitude_deg":%.6f,"longitude_deg":%.6f,)", at.latitude,
+                         at.longitude);
+        } else {
+            put(R"("latitude_deg":null,"longitude_deg":null,)", out);
+        }
+        std::fprintf(out, R"("horizontal_accuracy_m":%.2f,"satellites_used":%)" PRIu32 "}",
+                     at.accuracy_m, at.satellites);
+        tell(progress, i, all.points.size());
+    }
+    std::fprintf(out, "\n],\"skipped_lines\":%zu}\n", all.bad_lines);
+}
+
+void track_write_gpx(const track &all, int64_t gap_s, FILE *out, const track_progress &progress) {
+    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<gpx version=\"1.1\" creator=\"lsctl\" xmlns=\"http://www.topografix.com/GPX/1/1\"\n"
+        "  xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"\n"
+        "  xsi:schemaLocation=\"http://www.topografix.com/GPX/1/1 "
+        "http://www.topografix.com/GPX/1/1/gpx.xsd\">\n"
+        "<metadata><name>Location history</name></metadata>\n"
+        "<trk>\n<name>Location history</name>\n",
+        out);
+    for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
+        put("<trkseg>\n", out);
+        for (const size_t index : stretch) {
+            const track_point &at = all.points[index];
+            // GPX knows the antimeridian as -180 only.
+            std::fprintf(out,
+                         "<trkpt lat=\"%.6f\" lon=\"%.6f\"><time>%s</time>"
+                         "<cmt>accuracy %.2f m</cmt><sat>%" PRIu32 "</sat></trkpt>\n",
+                         at.latitude, at.longitude >= 180 ? -180.0 : at.longitude,
+                         track_utc_text(at.utc).c_str(), at.accuracy_m, at.satellites);
+        }
+        put("</trkseg>\n", out);
+    });
+    put("</trk>\n</gpx>\n", out);
+}
+
+void track_write_kml(const track &all, int64_t gap_s, FILE *out, const track_progress &progress) {
+    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<kml xmlns=\"http://www.opengis.net/kml/2.2\">\n<Document>\n"
+        "<name>Location history</name>\n"
+        "<Style id=\"track\"><LineStyle><color>ffb4501e</color><width>3</width></LineStyle>"
+        "</Style>\n"
+        "<Style id=\"mark\"><IconStyle><scale>1</scale></IconStyle></Style>\n",
+        out);
+    const track_point *first = nullptr;
+    const track_point *last = nullptr;
+    for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
+        first = first == nullptr ? &all.points[stretch.front()] : first;
+        last = &all.points[stretch.back()];
+        const std::string begin = track_utc_text(all.points[stretch.front()].utc);
+        std::fprintf(out,
+                     "<Placemark>\n<name>From %s</name>\n"
+                     "<TimeSpan><begin>%s</begin><end>%s</end></TimeSpan>\n"
+                     "<styleUrl>#track</styleUrl>\n<MultiGeometry>\n",
+                     begin.c_str(), begin.c_str(), track_utc_text(last->utc).c_str());
+        for (const track_piece &piece : track_pieces(all, stretch)) {
+            write_kml_piece(piece, out);
+        }
+        put("</MultiGeometry>\n</Placemark>\n", out);
+    });
+    if (first != nullptr) {
+        write_kml_mark("Start", *first, out);
+        write_kml_mark("End", *last, out);
+    }
+    put("</Document>\n</kml>\n", out);
+}
+
+void track_write_geojson(const track &all, int64_t gap_s, FILE *out,
+                         const track_progress &progress) {
+    put("{\"type\":\"FeatureCollection\",\"features\":[", out);
+    const char *before = "\n";
+    for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
+        for (const track_piece &piece : track_pieces(all, stretch)) {
+            put(before, out);
+            write_geojson_feature(piece, out);
+            before = ",\n";
+        }
+    });
+    put("\n]}\n", out);
+}
