@@ -32,7 +32,6 @@ constexpr answer_row with_fix[] = {
     {"PUBX,04", "$PUBX,04,120000.00,010124,129600.00,2295,18,0,0.000,21,*0A\r\n"},
     {"GPGPQ,XYZ", ""},
     {"PUBX,05", ""},
-    {"GPGPQ", ""},
     {"GPGGA,GGA", ""},
 };
 
@@ -70,7 +69,6 @@ TEST(ReceiverSentences, RoundAnglesAndSecondsWithoutSixties) {
     } rows[] = {
         {"minutes carry", 47.99999999, 8.99999999, 0.0, "120000.00,4800.00000,N,00900.00000,E,"},
         {"just below", 47.9999998, 8.9999998, 0.0, "120000.00,4759.99999,N,00859.99999,E,"},
-        {"south and west", -33.5, -70.25, 0.0, "120000.00,3330.00000,S,07015.00000,W,"},
         {"poles and date line", 90.0, 180.0, 0.0, "120000.00,9000.00000,N,18000.00000,E,"},
         {"seconds do not carry", 0, 0, 59.999, "120059.99,0000.00000,N,00000.00000,E,"},
         {"leap second", 0, 0, 60.5, "120060.50,0000.00000,N,00000.00000,E,"},
@@ -102,23 +100,6 @@ TEST(ReceiverSentences, ListSatellitesByFours) {
     }
 }
 
-TEST(ReceiverSentences, FollowTheVersion) {
-    constexpr struct {
-        const char *type;
-        uint8_t version;
-        const char *end;
-    } rows[] = {{"VTG", 0x21, ",K*"},          {"VTG", 0x23, ",K,A*"},
-                {"GLL", 0x21, ".00,A*"},       {"GSA", 0x40, ",2.10*"},
-                {"GSA", 0x41, ",2.10,1*"},     {"GSV", 0x41, ",010,35,1*"},
-                {"RMC", 0x41, "010124,,,A,V*"}};
-    for (const auto &row : rows) {
-        sim::nmea_style style;
-        style.version = row.version;
-        const std::string answer = sim::nmea_answer(row.type, {rig::known_epoch(), 18}, style);
-        EXPECT_TRUE(answer.substr(0, answer.size() - 4).ends_with(row.end)) << answer;
-    }
-}
-
 TEST(ReceiverFrames, TellTheSameMoment) {
     sim::nav_report report{rig::known_epoch(), 18};
     const auto part = [&](uint16_t key, size_t at) {
@@ -127,7 +108,6 @@ TEST(ReceiverFrames, TellTheSameMoment) {
     EXPECT_EQ(part(sim::ubx_nav_sat, 14 + 24), "00 09 2c 5a 67 01 00 00 1f 19 00 00") << "PRN 9";
     EXPECT_EQ(part(sim::ubx_nav_sat, 14 + 36), "00 0c 00 a5 00 00 00 00 11 00 00 00")
         << "not heard";
-    EXPECT_EQ(part(sim::ubx_nav_svinfo, 14 + 24), "02 09 0d 07 2c 5a 67 01 00 00 00 00");
     EXPECT_EQ(part(sim::ubx_mon_ver, 46), "50 52 4f 54 56 45 52 3d 31 38 2e 30") << "PROTVER=18.0";
     report.now.latitude = 0.0;
     report.now.longitude = 90.0;
