@@ -20,9 +20,10 @@ using std::chrono::steady_clock;
 
 constexpr size_t LARGE = 256 * 1024; // bytes from which on progress is shown
 
-// A writer shows in the file's time, which moves in steps of the kernel's tick: a file that has
-// been left alone for some ticks is complete.
-constexpr milliseconds SETTLED{30};
+// A writer shows in the file's time: a file that has been left alone for a while is complete. One
+// that ends in the middle of a line, or is empty, is more likely that of a writer that was held up.
+constexpr milliseconds SETTLED{50};
+constexpr milliseconds SETTLED_ODDLY{1000};
 constexpr milliseconds LOOK_AGAIN{10};
 
 struct file_closer {
@@ -48,13 +49,13 @@ bool same(const struct stat &a, const struct stat &b) {
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-bool is_settled(const struct stat &status) {
+bool is_settled(const struct stat &status, milliseconds long_enough) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     const int64_t age_ms = (int64_t{now.tv_sec} - status.st_mtim.tv_sec) * 1000 +
                            (now.tv_nsec - status.st_mtim.tv_nsec) / 1'000'000;
     // A clock that was set back says nothing about the age.
-    return age_ms >= SETTLED.count() || age_ms < 0;
+    return age_ms >= long_enough.count() || age_ms < 0;
 }
 
 enum class attempt : uint8_t { whole, again, failed };
@@ -65,7 +66,7 @@ attempt read_once(int fd, std::string *text) {
     if (fstat(fd, &before) != 0) {
         return attempt::failed;
     }
-    if (S_ISREG(before.st_mode) && !is_settled(before)) {
+    if (S_ISREG(before.st_mode) && !is_settled(before, SETTLED)) {
         return attempt::again;
     }
     text->clear();
@@ -78,8 +79,12 @@ attempt read_once(int fd, std::string *text) {
     if (count < 0 || fstat(fd, &after) != 0) {
         return attempt::failed;
     }
-    return !S_ISREG(after.st_mode) ||
-                   (same(before, after) && text->size() == static_cast<size_t>(after.st_size))
+    if (!S_ISREG(after.st_mode)) {
+        return attempt::whole;
+    }
+    const bool odd = text->empty() || text->back() != '\n';
+    return same(before, after) && text->size() == static_cast<size_t>(after.st_size) &&
+                   (!odd || is_settled(after, SETTLED_ODDLY))
                ? attempt::whole
                : attempt::again;
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,6 +56,37 @@ __attribute__((format(printf, 2, 3))) void append(ls_history_line *line, const c
     vsnprintf(line->data() + used, line->size() - used, format, args);
 #pragma GCC diagnostic pop
     va_end(args);
+}
+
+constexpr size_t DATE_SIZE = 19;
+
+// The line that ends at `end`, with its line end; empty when there is none.
+std::string_view line_before(off_t end, ls_history_line *buffer) {
+    const off_t from = std::max<off_t>(end - static_cast<off_t>(buffer->size()), metadata_size);
+    const auto size = static_cast<size_t>(end - from);
+    if (size == 0 || pread(history_fd, buffer->data(), size, from) != static_cast<ssize_t>(size))
+        return {};
+    const std::string_view text(buffer->data(), size);
+    return text.substr(text.find_last_of('\n', size - 2) + 1);
+}
+
+// A power loss between a line and its header leaves a line that the header does not know: newer
+// than the newest. The line that now replaces it from `start` to `end` may be shorter; then the
+// rest of it is zeroed, which the export leaves out.
+void clear_rest_of_unknown_line(off_t start, off_t end) {
+    ls_history_line known = {};
+    ls_history_line found = {};
+    const ssize_t size = pread(history_fd, found.data(), found.size(), start);
+    const std::string_view unknown(found.data(), size > 0 ? static_cast<size_t>(size) : 0);
+    const std::string_view newest = line_before(metadata.write_offset, &known);
+    const size_t line_end = unknown.find('\n');
+    if (line_end == std::string_view::npos || line_end < DATE_SIZE || unknown[10] != ' ' ||
+        unknown.substr(0, DATE_SIZE) <= newest.substr(0, DATE_SIZE))
+        return;
+    const off_t rest = start + static_cast<off_t>(line_end) + 1 - end;
+    const ls_history_line zeros = {};
+    if (rest > 0 && pwrite(history_fd, zeros.data(), static_cast<size_t>(rest), end) != rest)
+        log_error("LH: %s, file write error: %d\n", "ls_write_to_file", errno);
 }
 
 // Copies the history's bytes from `from` to `to` (or to the end of the file). Bytes that no line
@@ -174,6 +206,7 @@ int ls_write_to_file(const char *line) {
         metadata.wrap_offset = metadata_size + size;
     }
     const uint32_t end = start + size;
+    clear_rest_of_unknown_line(start, end);
     lseek(history_fd, start, SEEK_SET);
     log_debug("LH: ls_history_file_size %d.\n", end);
     log_debug("LH: Writing in file %s\n", LS_PATH_HISTORY);

@@ -155,7 +155,8 @@ TEST_F(lsctl_files, a_file_that_is_being_written_is_read_when_it_is_whole) {
     scratch_dir::write("export.txt", "");
     std::thread writer([] {
         for (int piece = 1; piece <= 10; ++piece) {
-            scratch_dir::write("export.txt", std::string(static_cast<size_t>(piece) * 1000, 'x'));
+            scratch_dir::write("export.txt",
+                               std::string(static_cast<size_t>(piece) * 1000, 'x') + '\n');
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     });
@@ -164,11 +165,11 @@ TEST_F(lsctl_files, a_file_that_is_being_written_is_read_when_it_is_whole) {
                   "export.txt", std::chrono::seconds(20), [] { return false; }, &text),
               "");
     writer.join();
-    EXPECT_EQ(text.size(), 10000U);
-    // Read again right after it was written, with no time to wait.
+    EXPECT_EQ(text.size(), 10001U);
+    // One that ends in the middle of a line is waited for longer.
     scratch_dir::write("export.txt", "new");
     EXPECT_NE(history_read(
-                  "export.txt", std::chrono::milliseconds(0), [] { return false; }, &text),
+                  "export.txt", std::chrono::milliseconds(200), [] { return false; }, &text),
               "");
 }
 

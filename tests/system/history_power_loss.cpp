@@ -1,0 +1,303 @@
+// Power loss: a writer of the location history is killed again and again at random moments, before
+// and after the file has wrapped, and what is left is read by this program's own arithmetic.
+//
+// usage: history_power_loss [--kills N] [--seed N]
+//
+// The writer is a child: the daemon's own modules. It counts in shared memory how many lines it has
+// begun and how many of these calls have returned. Each line carries its number in its place
+// field, and lines differ in length, as real ones do.
+#include "fake_platform.h"
+#include "gps_history.h"
+#include "ls_paths.h"
+#include "scratch_dir.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t HEADER_SIZE = 8;
+constexpr std::chrono::seconds PATIENCE{30};
+
+struct counters {
+    std::atomic<uint32_t> begun;    // number of the last line handed to the daemon's code
+    std::atomic<uint32_t> returned; // number of the last line whose write returned success
+    std::atomic<uint32_t> failed;   // writes that returned failure
+};
+static_assert(std::atomic<uint32_t>::is_always_lock_free);
+
+counters *shared = nullptr;
+std::set<uint32_t> unsure; // lines whose write had not returned when the writer was killed
+int faults = 0;
+
+void fault(const std::string &what) {
+    std::fprintf(stderr, "FAULT: %s\n", what.c_str());
+    ++faults;
+}
+
+// A line with its number as time of day and as latitude, and a length out of three.
+std::string line_of(uint32_t number) {
+    static constexpr std::array<const char *, 3> REST = {
+        "1.516667E,+2.25m,08", "11.516667E,+2.25m,08", "111.516667E,+12.25m,08"};
+    char line[LS_HISTORY_LINE_SIZE];
+    std::snprintf(line, sizeof line, "2019-02-05 %02u:%02u:%02u,2D,%02u.%06uN,%s\n",
+                  number / 3600 % 24, number / 60 % 60, number % 60, number / 1'000'000 % 90,
+                  number % 1'000'000, REST.at(number * 2 % 3));
+    return line;
+}
+
+// The number of a whole line.
+std::optional<uint32_t> number_of(const std::string &line) {
+    unsigned whole = 0;
+    unsigned part = 0;
+    if (std::sscanf(line.c_str(), "2019-02-05 %*2u:%*2u:%*2u,2D,%2u.%6uN,", &whole, &part) != 2) {
+        return std::nullopt;
+    }
+    const uint32_t number = whole * 1'000'000 + part;
+    return line + "\n" == line_of(number) ? std::optional(number) : std::nullopt;
+}
+
+[[noreturn]] void write_until_killed() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // What start-up does: a file without a good header gets one.
+    if (ls_hal_init_gps_history() != 0) {
+        ++shared->failed;
+    }
+    for (uint32_t number = shared->begun + 1;; ++number) {
+        shared->begun = number;
+        const std::string line = line_of(number);
+        bool written = false;
+        {
+            const std::lock_guard guard(ls_history_file_lock);
+            written = ls_write_to_file(line.c_str()) == 0;
+        }
+        if (!written) {
+            ++shared->failed;
+        } else {
+            shared->returned = number;
+        }
+        if (number % 256 == 0) {
+            fake::reset_log();
+        }
+    }
+}
+
+// Starts a writer, kills it `pause` after its first returned line.
+bool run_writer(std::chrono::microseconds pause) {
+    const uint32_t before = shared->returned;
+    const pid_t child = fork();
+    if (child == 0) {
+        write_until_killed();
+    }
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    while (shared->returned == before && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    std::this_thread::sleep_for(pause);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return shared->returned != before;
+}
+
+std::pair<uint32_t, uint32_t> header() {
+    const std::string file = scratch_dir::read(LS_PATH_HISTORY);
+    std::pair<uint32_t, uint32_t> offsets{0, 0};
+    if (file.size() >= HEADER_SIZE) {
+        memcpy(&offsets.first, file.data(), 4);
+        memcpy(&offsets.second, file.data() + 4, 4);
+    }
+    return offsets;
+}
+
+// Everything the history must still be, `round` kills after its beginning.
+void check(int round) {
+    const std::string at = "after kill " + std::to_string(round) + ": ";
+    const auto [wrap, write] = header();
+    const auto size = std::filesystem::file_size(LS_PATH_HISTORY);
+    const bool wrapped = wrap != HEADER_SIZE;
+    if (write < HEADER_SIZE || write > size || size > LS_HISTORY_FILE_SIZE ||
+        (wrapped && wrap != write)) {
+        fault(at + "header " + std::to_string(wrap) + " " + std::to_string(write));
+    }
+    fake::reset_log();
+    if (ls_hal_read_history_data() != 0) {
+        fault(at + "the file does not open again");
+        return;
+    }
+    const uint32_t returned = shared->returned;
+    const uint32_t begun = shared->begun;
+    if (begun != returned) {
+        unsure.insert(begun);
+    }
+    std::istringstream text(scratch_dir::read(LS_PATH_HISTORY_EXPORT));
+    std::string line;
+    uint32_t previous = 0;
+    uint32_t last = 0;
+    size_t whole = 0;
+    size_t partial = 0;
+    size_t count = 0;
+    bool begun_seen = false;
+    for (; std::getline(text, line); ++count) {
+        const std::optional<uint32_t> number = number_of(line);
+        if (!number.has_value()) {
+            ++partial;
+            // The oldest line may be what a newer one has left of it, also a newer one that the
+            // header does not know yet and that therefore comes before it.
+            if (!(wrapped && count == 0) && !(begun_seen && count == 1)) {
+                fault(at + "line " + std::to_string(count) + " is not whole: " + line);
+            }
+            continue;
+        }
+        ++whole;
+        if (*number == begun && begun != returned) {
+            begun_seen = true; // in its place, or over the oldest
+            continue;
+        }
+        for (uint32_t lost = previous + 1; previous != 0 && lost < *number; ++lost) {
+            if (!unsure.contains(lost)) {
+                fault(at + "line " + std::to_string(lost) + " is lost");
+            }
+        }
+        if (*number <= previous) {
+            fault(at + "line " + std::to_string(*number) + " follows " + std::to_string(previous));
+        }
+        previous = *number;
+        last = *number;
+    }
+    if (partial > 1 && faults == 0) {
+        fault(at + std::to_string(partial) + " partial lines");
+    }
+    if (last != returned) {
+        fault(at + "the last line is " + std::to_string(last) + ", " + std::to_string(returned) +
+              " had returned");
+    }
+    if (!wrapped && whole + unsure.size() < returned) {
+        fault(at + std::to_string(whole) + " lines of " + std::to_string(returned));
+    }
+}
+
+// Lines up to a kibibyte before the end of the file: the next few wrap.
+void fill_to_the_end() {
+    const std::lock_guard guard(ls_history_file_lock);
+    std::string file(HEADER_SIZE, '\0');
+    uint32_t number = 0;
+    while (file.size() < LS_HISTORY_FILE_SIZE - 1024) {
+        file += line_of(++number);
+    }
+    const auto end = static_cast<uint32_t>(file.size());
+    const uint32_t start = HEADER_SIZE;
+    memcpy(file.data(), &start, 4);
+    memcpy(file.data() + 4, &end, 4);
+    scratch_dir::write(LS_PATH_HISTORY, file);
+    shared->begun = shared->returned = number;
+    unsure.clear();
+}
+
+// The same without chance: the loss comes between a line and its header, and the line that takes
+// its place is shorter. What is exported then.
+std::string staged(const std::string &file, const std::string &lost, const std::string &next) {
+    scratch_dir::write(LS_PATH_HISTORY, file);
+    const std::lock_guard guard(ls_history_file_lock);
+    ls_write_to_file(lost.c_str());
+    std::string left = scratch_dir::read(LS_PATH_HISTORY);
+    scratch_dir::write(LS_PATH_HISTORY, file.substr(0, HEADER_SIZE) + left.substr(HEADER_SIZE));
+    ls_write_to_file(next.c_str());
+    ls_hal_read_history_data();
+    return scratch_dir::read(LS_PATH_HISTORY_EXPORT);
+}
+
+std::string with_header(uint32_t wrap, uint32_t write, const std::string &lines) {
+    std::string bytes(HEADER_SIZE, '\0');
+    memcpy(bytes.data(), &wrap, 4);
+    memcpy(bytes.data() + 4, &write, 4);
+    return bytes + lines;
+}
+
+void check_staged() {
+    // The lengths of the lines turn in a circle of three; the lost one is the longest.
+    const std::string first = line_of(3);
+    const std::string lost = line_of(4);
+    const std::string next = line_of(6);
+    if (lost.size() <= next.size()) {
+        fault("the lines of the staged losses have the wrong lengths");
+    }
+    const auto end = static_cast<uint32_t>(HEADER_SIZE + first.size());
+    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next) {
+        fault("staged loss before the wrap");
+    }
+    // The oldest line is half overwritten by the first one.
+    const std::string old = "6N,11.516667E,+2.25m,08\n";
+    const std::string older = line_of(1);
+    const std::string text = staged(with_header(end, end, first + old + older + older), lost, next);
+    const std::string wanted_end = older + first + next;
+    if (text.size() < wanted_end.size() || !text.ends_with(wanted_end) ||
+        std::count(text.begin(), text.end() - static_cast<ptrdiff_t>(wanted_end.size()), '\n') >
+            1) {
+        fault("staged loss after the wrap: " + text);
+    }
+}
+
+uint32_t option(int argc, char **argv, std::string_view name, uint32_t otherwise) {
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (argv[i] == name) {
+            return static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+        }
+    }
+    return otherwise;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const uint32_t kills = option(argc, argv, "--kills", 40);
+    const uint32_t seed = option(argc, argv, "--seed", std::random_device()());
+    std::printf("%u kills, seed %u\n", kills, seed);
+    std::mt19937 random(seed);
+    const scratch_dir dir;
+    std::filesystem::create_directories("user/location");
+    shared = static_cast<counters *>(
+        mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    if (shared == MAP_FAILED) {
+        std::perror("mmap");
+        return 1;
+    }
+    fake::reset();
+    check_staged();
+    std::filesystem::remove(LS_PATH_HISTORY);
+    bool wrapped = false;
+    for (uint32_t i = 0; i < kills && faults == 0; ++i) {
+        if (i == kills / 2) {
+            fill_to_the_end();
+        }
+        // Some right after the first line, most within some hundred of them.
+        const auto pause = std::chrono::microseconds(random() % 4 == 0 ? 0 : random() % 20'000);
+        if (!run_writer(pause)) {
+            fault("the writer wrote nothing");
+        }
+        check(static_cast<int>(i + 1));
+        wrapped = header().first != HEADER_SIZE;
+    }
+    if (!wrapped) {
+        fault("the file never wrapped");
+    }
+    if (shared->failed != 0) {
+        fault(std::to_string(shared->failed.load()) + " writes failed");
+    }
+    std::printf("%u lines, %d faults\n", shared->returned.load(), faults);
+    return faults == 0 ? 0 : 1;
+}
