@@ -119,6 +119,27 @@ TEST_F(bus, full_peer_is_waited_for_within_the_bound_whatever_signals_arrive) {
     close(deaf);
 }
 
+TEST_F(bus, clients_that_do_not_read_leave_the_others_reachable) {
+    service self;
+    service other;
+    setenv("MQUTILS_SEND_TIMEOUT_MS", "1", 1); // clamped to 10
+    ASSERT_EQ(self.init(40), 0);
+    ASSERT_EQ(other.init(41), 0);
+    std::vector<int> deaf;
+    const auto start = steady_clock::now();
+    for (uint8_t id = 100; id < 112; ++id) {
+        deaf.push_back(raw_owner(id));
+        while (self.notify(id, std::string(1024, 'm')) == 0) {
+        }
+    }
+    EXPECT_GE(elapsed_ms(start), 12 * 9);
+    EXPECT_EQ(self.notify(41, "m"), 0) << strerror(errno);
+    EXPECT_TRUE(other.wait_for(2));
+    for (const int fd : deaf) {
+        close(fd);
+    }
+}
+
 // The first callback fills the service's own queue: were it to wait there, nobody could empty it.
 TEST_F(bus, receive_thread_never_waits_not_even_for_itself) {
     service self;

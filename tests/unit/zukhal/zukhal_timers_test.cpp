@@ -99,6 +99,21 @@ TEST_F(zukhal_timers, deletion_and_exit_wait_for_the_running_callback) {
         });
 }
 
+TEST_F(zukhal_timers, expirations_missed_by_a_late_callback_count_as_one) {
+    in_child([] {
+        ASSERT_EQ(rtc_init_timers(), 0);
+        ASSERT_GT(rtc_start_timer(1, wait_to_go_on, nullptr), 0);
+        ASSERT_TRUE(reached([] { return g_begun.load(); }, 3s));
+        ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
+        std::this_thread::sleep_for(2300ms); // two expirations of the second timer
+        EXPECT_EQ(g_calls, 0);
+        g_go_on = true;
+        EXPECT_TRUE(reached([] { return g_calls > 0; }, 1s));
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(g_calls, 1);
+    });
+}
+
 int exit_from_callback(void *) {
     EXPECT_EQ(rtc_exit(), -1);
     EXPECT_EQ(errno, EDEADLK);
