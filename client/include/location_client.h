@@ -119,6 +119,9 @@ LOCATION_CLIENT_API location_result
 location_client_exec_ubx(location_client *client, std::chrono::milliseconds timeout,
                          std::span<const uint8_t> frame, location_client_answer *answer) noexcept;
 
+// Bytes of an answer to a UBX frame that the service hands on; what is behind them is lost.
+constexpr size_t LOCATION_CLIENT_UBX_ANSWER_SIZE = 80;
+
 // The text in which a frame travels: hexadecimal bytes between commas, two digits each, or as few
 // as possible when it would not fit otherwise. Returns its length, at most 79; 0 = does not fit.
 LOCATION_CLIENT_API size_t location_client_ubx_text(

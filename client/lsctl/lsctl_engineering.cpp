@@ -201,7 +201,9 @@ int lsctl_run_ubx(const lsctl_options &options) {
     }
     const uint8_t msg_class = frame[2];
     const uint8_t id = frame[3];
-    const std::vector<ubx_piece> pieces = ubx_split(answer);
+    const std::vector<ubx_piece> pieces =
+        // The zeros behind are no part of a frame that was cut.
+        ubx_split(std::span(answer).first(LOCATION_CLIENT_UBX_ANSWER_SIZE));
     const lsctl_json object = {{"sent", ubx_name(msg_class, id)},
                                {"sent_hex", hex_text(frame)},
                                {"answer", ubx_answer_json(pieces)}};

@@ -167,6 +167,16 @@ TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
     EXPECT_EQ(run("ubx 06 04 00 00 02 00").status, 0);
 }
 
+TEST_F(lsctl_command_line, a_long_frame_is_cut_where_the_service_cuts_it) {
+    bytes reply = padded({1}, 284);
+    const bytes head = {0xB5, 0x62, 0x0A, 0x04, 0x64, 0x00, 'S'}; // 108 bytes, 80 of them here
+    std::copy(head.begin(), head.end(), reply.begin() + 84);
+    fake.service = always(reply);
+    const outcome got = run("ubx 0A 04");
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(got.out.substr(0, 44), "MON-VER (0A 04), cut after 74 payload bytes\n");
+}
+
 // Accepts a registration and sends `statuses` as updates at once.
 play registering(bytes statuses) {
     return [statuses = std::move(statuses)](const sent_message &m) {
