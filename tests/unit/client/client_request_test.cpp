@@ -231,14 +231,8 @@ TEST_F(client_request, a_silent_service_is_asked_for_its_power_mode) {
         } else {
             asked = m.hdr;
         }
-        fake_reply(m.hdr, power_reply(1, 0));
-        late = std::thread([&asked] {
-            std::this_thread::sleep_for(milliseconds(50));
-            fake_reply(asked, position_reply());
-        });
     };
     EXPECT_EQ(location_client_get_position(client, LONG, &position), is::answered);
-    late.join();
 }
 
 TEST_F(client_request, as_voip_the_power_mode_is_not_asked) {
