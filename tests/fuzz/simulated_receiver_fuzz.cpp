@@ -7,6 +7,7 @@
 #include "receiver.h"
 
 #include <algorithm>
+#include <span>
 #include <string_view>
 
 namespace {
@@ -26,7 +27,7 @@ bool is_sentence(std::string_view text) {
     return text.substr(star) == tail;
 }
 
-bool is_frame(const std::vector<uint8_t> &bytes) {
+bool is_frame(std::span<const uint8_t> bytes) {
     constexpr size_t overhead = 8;
     if (bytes.size() < overhead || bytes[0] != 0xB5 || bytes[1] != 0x62 ||
         bytes.size() != overhead + bytes[4] + size_t{bytes[5]} * 256)
@@ -40,16 +41,20 @@ bool is_frame(const std::vector<uint8_t> &bytes) {
     return bytes[bytes.size() - 2] == a && bytes[bytes.size() - 1] == b;
 }
 
-// One sentence, one frame, or the sentences of a GSV answer.
-void expect_whole(const std::vector<uint8_t> &message) {
-    if (is_frame(message))
-        return;
-    std::string_view rest(reinterpret_cast<const char *>(message.data()), message.size());
+// Sentences and frames, whole, and nothing between them.
+void expect_whole(std::span<const uint8_t> rest) {
+    constexpr size_t overhead = 8;
     fuzz_expect(!rest.empty(), "a message has bytes");
     while (!rest.empty()) {
-        const size_t end = std::min(rest.find('\n'), rest.size() - 1) + 1;
-        fuzz_expect(is_sentence(rest.substr(0, end)), "a message is whole");
-        rest.remove_prefix(end);
+        const std::string_view text(reinterpret_cast<const char *>(rest.data()), rest.size());
+        size_t size = std::min(text.find('\n'), text.size() - 1) + 1;
+        if (rest[0] == 0xB5 && rest.size() >= overhead) {
+            size = std::min(overhead + rest[4] + size_t{rest[5]} * 256, rest.size());
+            fuzz_expect(is_frame(rest.first(size)), "a frame is whole");
+        } else {
+            fuzz_expect(is_sentence(text.substr(0, size)), "a sentence is whole");
+        }
+        rest = rest.subspan(size);
     }
 }
 
