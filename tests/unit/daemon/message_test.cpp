@@ -14,6 +14,7 @@ using fake::count_logged;
 class message : public testing::Test {
   protected:
     void SetUp() override { fake::reset(); }
+    void TearDown() override { fake::reset(); } // frees what failed sends kept
 
     // Delivers a message and waits until all votes are returned.
     static int deliver(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> payload = {}) {
