@@ -33,18 +33,13 @@ line_peer::line_peer(responder answer_with) : answer(std::move(answer_with)) {
 }
 
 line_peer::~line_peer() {
-    unplug();
-    close(wake[0]);
-    close(wake[1]);
-}
-
-void line_peer::unplug() {
-    if (!thread.joinable())
-        return;
     if (::write(wake[1], "x", 1) != 1)
         std::abort();
     thread.join();
-    close(master);
+    if (!hung_up)
+        close(master);
+    close(wake[0]);
+    close(wake[1]);
 }
 
 void line_peer::send(const std::string &bytes) {
@@ -86,6 +81,10 @@ void line_peer::serve() {
                 received.push_back(command);
             }
             const std::string reply = answer ? answer(command) : "";
+            if (hung_up) {
+                close(master);
+                return;
+            }
             if (!reply.empty())
                 send(reply);
         }

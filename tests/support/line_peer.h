@@ -24,8 +24,9 @@ class line_peer {
     line_peer(const line_peer &) = delete;
     line_peer &operator=(const line_peer &) = delete;
 
-    // Closes the pty: the daemon's reads and writes fail from now on.
-    void unplug();
+    // For the responder: closes the pty behind this command. The daemon's reads and writes fail
+    // then.
+    void hang_up() { hung_up = true; }
     void send(const std::string &bytes);
     std::vector<std::string> commands();
 
@@ -33,6 +34,7 @@ class line_peer {
     void serve();
 
     responder answer;
+    bool hung_up = false; // the serving thread's
     int master = -1;
     int wake[2] = {-1, -1};
     std::mutex lock;

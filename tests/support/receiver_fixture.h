@@ -19,6 +19,7 @@ class receiver_fixture : public testing::Test {
         peer = std::make_unique<line_peer>([this](const std::string &command) {
             const std::string body =
                 command[0] == '$' ? command.substr(1, command.find('*') - 1) : command;
+            const std::lock_guard guard(answers_lock);
             const auto found = answers.find(body);
             return found == answers.end() ? std::string() : found->second;
         });
@@ -27,7 +28,13 @@ class receiver_fixture : public testing::Test {
     void TearDown() override { ls_hal_uart_close(); }
 
     // Sets the answer to a poll, as a sentence with its checksum.
-    void answer(const std::string &poll, const std::string &body) { answers[poll] = nmea(body); }
+    void answer(const std::string &poll, const std::string &body) { answer_raw(poll, nmea(body)); }
+
+    // The same by the poll's body, or by the bytes of a frame, as it stands.
+    void answer_raw(const std::string &poll, const std::string &bytes) {
+        const std::lock_guard guard(answers_lock);
+        answers[poll] = bytes;
+    }
 
     static void static_location_on() {
         stub_location_on_g = 1;
@@ -37,8 +44,13 @@ class receiver_fixture : public testing::Test {
     }
 
     scratch_dir dir;
-    std::map<std::string, std::string> answers; // by poll body, or by the bytes of a frame
-    std::unique_ptr<line_peer> peer;
+
+  private:
+    std::mutex answers_lock;
+    std::map<std::string, std::string> answers; // under answers_lock; read by the peer's thread
+
+  protected:
+    std::unique_ptr<line_peer> peer; // last: it goes first
 };
 
 #endif

@@ -26,7 +26,7 @@ class lpp : public receiver_fixture {
         answer("GPGPQ,GSA", "GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1");
         answer("GPGPQ,ZDA", "GPZDA,235959.00,31,12,2019,00,00");
         answer("PUBX,00", "PUBX,00,081350.00,4717.1,N,00833.9,E,546.589,G3,2.1,65538.9,0.007");
-        answers[ecef_poll] = posecef(1, 2, 3);
+        answer_raw(ecef_poll, posecef(1, 2, 3));
     }
 
     static void request_208(uint8_t type) {
@@ -110,7 +110,7 @@ TEST_F(lpp, each_failure_ends_it) {
     answer("PUBX,00", "PUBX,00,081350.00");
     EXPECT_EQ(gps_get_lpp_paramas(&location), 1);
     EXPECT_EQ(fake::count_logged(3, "gps_get_lpp_paramas failed to get token"), 1u);
-    answers["PUBX,00"] = "PUBX,00";
+    answer_raw("PUBX,00", "PUBX,00");
     EXPECT_EQ(gps_get_lpp_paramas(&location), 1);
     EXPECT_EQ(fake::count_logged(3, "gps_get_lpp_paramas, failed to extract nmea_msg"), 1u);
     answer("GPGPQ,GGA", "GPGGA,1,,,,,0,00,99.99,,,,,,");

@@ -207,7 +207,7 @@ TEST_F(query, hostile_answers_fail_the_query) {
     };
     for (const std::string &text : hostile) {
         for (const char *poll : {"GPGPQ,GGA", "GPGPQ,GSA", "GPGPQ,ZDA"})
-            answers[poll] = text;
+            answer_raw(poll, text);
         gps_pos_data pos = {};
         EXPECT_EQ(gps_get_pos(&pos), 1) << text;
         gps_time_fields time = {};

@@ -119,9 +119,9 @@ TEST_F(receiver, an_empty_answer_differs_in_nine_bytes) {
 }
 
 TEST_F(receiver, a_line_that_dies_ends_the_configuration) {
-    line_peer peer([&](const bytes &command) {
+    line_peer peer([&peer](const bytes &command) {
         if (command.find("GSA") != bytes::npos)
-            ls_hal_uart_close();
+            peer.hang_up();
         return "";
     });
     ASSERT_EQ(ls_hal_uart_init(), 0);
@@ -196,8 +196,8 @@ TEST_F(bring_up, without_a_serial_device_it_ends_before_the_lines) {
 TEST_F(bring_up, a_receiver_that_cannot_be_configured_is_switched_off_if_it_was) {
     mt_gps_status = 0;
     gps_current_power_mode_g = 0;
-    line_peer peer([](const bytes &) {
-        ls_hal_uart_close();
+    line_peer peer([&peer](const bytes &) {
+        peer.hang_up();
         return bytes();
     });
     EXPECT_EQ(ls_hal_init_device(1), -1);
