@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Formatting and static analysis of the whole tree; needs clang-format, clang-tidy and a configured build
-# directory (build/asan unless another one is given). Ends with 1 when anything is found.
+# directory (build/sim unless another one is given). Ends with 1 when anything is found.
 set -uo pipefail
 cd "$(dirname "$0")/.."
-build=${1:-build/asan}
+build=${1:-build/sim}
 found=0
 git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run -Werror || found=1
 # One file a call: with several, clang-tidy 14 takes every later va_list for an uninitialized one. The
