@@ -31,7 +31,7 @@ void report_heap(benchmark::State &state, uint64_t before) {
 void create_poll(benchmark::State &state) {
     buffer sentence = {};
     const uint64_t before = allocation_count();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (ls_hal_create_nmea_sentence(poll, sentence.data()) != 0)
             state.SkipWithError("not built");
         benchmark::DoNotOptimize(sentence);
@@ -46,7 +46,7 @@ void extract_gga(benchmark::State &state) {
     memcpy(answer.data(), gga, sizeof(gga));
     buffer body = {};
     const uint64_t before = allocation_count();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (ls_hal_extract_nmea_msg(answer.data(), body.data()) != 0)
             state.SkipWithError("not extracted");
         benchmark::DoNotOptimize(body);
@@ -61,7 +61,7 @@ void get_token(benchmark::State &state) {
     std::array<char, NMEA_TOKEN_SIZE> token = {};
     const auto n = static_cast<int32_t>(state.range(0));
     const uint64_t before = allocation_count();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (ls_hal_get_token(gga_body, token.data(), n) != 0)
             state.SkipWithError("no such field");
         benchmark::DoNotOptimize(token);

@@ -103,7 +103,7 @@ void append_line(benchmark::State &state) {
     write_empty_ring(LS_PATH_HISTORY);
     write_empty_ring(by_hand);
     sides times;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         bool good = true;
         times.other.push_back(seconds([&] { good = append_by_hand(by_hand); }));
         times.module.push_back(seconds([&] { good = ls_write_to_file(line) == 0 && good; }));
@@ -128,7 +128,7 @@ void export_full_ring(benchmark::State &state) {
     constexpr char copy[] = LS_PATH_HISTORY ".copy";
     write_full_ring(LS_PATH_HISTORY);
     sides times;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         bool good = true;
         times.other.push_back(seconds([&] { good = copy_with_cp(LS_PATH_HISTORY, copy); }));
         times.module.push_back(seconds([&] { good = ls_hal_read_history_data() == 0 && good; }));

@@ -16,7 +16,7 @@ namespace {
 
 void log_switched_off(benchmark::State &state) {
     int value = 42;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(value);
         log_debug("%s: Bytes read = %d\n", __func__, value);
     }
@@ -26,7 +26,7 @@ BENCHMARK(log_switched_off)->Apply(bench_repeat);
 // A floating-point argument: the call says that vector registers are in use.
 void log_switched_off_double(benchmark::State &state) {
     double value = 51.5;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(value);
         log_debug("%s: latitude = %f\n", __func__, value);
     }
@@ -35,7 +35,7 @@ BENCHMARK(log_switched_off_double)->Apply(bench_repeat);
 
 // A call across a library boundary that does next to nothing: no log call can cost less.
 void call_across_the_boundary(benchmark::State &state) {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(get_zuk_type());
 }
 BENCHMARK(call_across_the_boundary)->Apply(bench_repeat);

@@ -26,7 +26,7 @@ void *take_over(void *) {
 // Argument: KiB of stack, 0 = what the system gives.
 void start_worker(benchmark::State &state) {
     const int64_t stack_kib = state.range(0);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
         pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -73,7 +73,7 @@ void wake_a_thread_that_waits(benchmark::State &state) {
         state.SkipWithError("no thread");
         return;
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         sem_post(&wanted);
         sem_wait(&handed_over);
     }

@@ -124,6 +124,7 @@ void lsctl_add_history(CLI::App &app) {
     input.clear();
     gap_s = 0;
     std::vector<std::string> names;
+    names.reserve(std::size(FORMATS));
     for (const format &each : FORMATS) {
         names.emplace_back(each.name);
     }

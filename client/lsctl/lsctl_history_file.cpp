@@ -18,7 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr size_t LARGE = 256 * 1024; // bytes from which on progress is shown
+constexpr size_t LARGE = size_t{256} * 1024; // bytes from which on progress is shown
 
 // A writer shows in the file's time: a file that has been left alone for a while is complete. One
 // that ends in the middle of a line, or is empty, is more likely that of a writer that was held up.

@@ -113,11 +113,14 @@ void write_time_dot(page_point at, FILE *out) {
 void write_grid(const page_layout &layout, double square_mm, FILE *out) {
     const page_box &frame = layout.frame;
     std::fprintf(out, "<path fill=\"none\" stroke=\"#e4e4e4\" stroke-width=\"0.2\" d=\"");
-    for (double x = frame.left + square_mm; x < frame.right; x += square_mm) {
-        std::fprintf(out, "M%.2f %.2fV%.2f", x, frame.top, frame.bottom);
+    const auto lines = [square_mm](double length) {
+        return static_cast<int>(std::ceil(length / square_mm)) - 1;
+    };
+    for (int i = 1; i <= lines(frame.right - frame.left); ++i) {
+        std::fprintf(out, "M%.2f %.2fV%.2f", frame.left + i * square_mm, frame.top, frame.bottom);
     }
-    for (double y = frame.bottom - square_mm; y > frame.top; y -= square_mm) {
-        std::fprintf(out, "M%.2f %.2fH%.2f", frame.left, y, frame.right);
+    for (int i = 1; i <= lines(frame.bottom - frame.top); ++i) {
+        std::fprintf(out, "M%.2f %.2fH%.2f", frame.left, frame.bottom - i * square_mm, frame.right);
     }
     std::fprintf(out,
                  "\"/>\n<rect x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" fill=\"none\" "
