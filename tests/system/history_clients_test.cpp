@@ -48,7 +48,7 @@ std::string read_export(int client) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     std::string text;
-    const std::string error = history_read(
+    std::string error = history_read(
         "user/location/location_history.txt", PATIENCE, [] { return false; }, &text);
     if (!error.empty()) {
         return error;
@@ -90,6 +90,7 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
         }
     });
     std::vector<std::thread> clients;
+    clients.reserve(CLIENTS);
     for (int client = 0; client < CLIENTS; ++client) {
         clients.emplace_back([client] {
             for (int round = 0; round < ROUNDS; ++round) {

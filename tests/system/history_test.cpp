@@ -39,7 +39,7 @@ std::string read_by_gpsbabel(const std::string &format, const std::string &file)
 
 std::string exported_as(const std::string &format, const std::string &from) {
     scratch_dir::write("export.txt", from);
-    const std::string file = "out." + format;
+    std::string file = "out." + format;
     const process_result done =
         run({LSCTL_PROGRAM, "history", "--input", "export.txt", "--format", format, "-o", file});
     EXPECT_EQ(done.status, 0) << done.err;

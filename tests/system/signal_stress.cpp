@@ -39,7 +39,7 @@ constexpr long MOST_THREADS = 100;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr long RSS_BOUND_KIB = 512L * 1024;
 #else
-constexpr long RSS_BOUND_KIB = 12L * 1024;
+constexpr long RSS_BOUND_KIB = 24L * 1024;
 #endif
 
 struct counts {
