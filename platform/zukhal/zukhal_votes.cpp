@@ -75,8 +75,10 @@ ZUK_EXPORT int pm_system_state_disable(int state_id) {
     if (state_id < 0)
         return 0;
     const int error = errno;
-    const zukhal_config &config = zukhal_configuration();
+    // Before the first use reads the configuration: a handler that votes would wait for that for
+    // ever.
     const signals_blocked blocked;
+    const zukhal_config &config = zukhal_configuration();
     const std::lock_guard guard(g_lock);
     votes *slot = find_votes(state_id);
     if (slot == nullptr || slot->count == UINT_MAX)
@@ -93,8 +95,10 @@ ZUK_EXPORT int pm_system_state_enable(int state_id) {
     if (state_id < 0)
         return 0;
     const int error = errno;
-    const zukhal_config &config = zukhal_configuration();
+    // Before the first use reads the configuration: a handler that votes would wait for that for
+    // ever.
     const signals_blocked blocked;
+    const zukhal_config &config = zukhal_configuration();
     const std::lock_guard guard(g_lock);
     votes *slot = find_votes(state_id);
     if (slot != nullptr && slot->count > 0 && --slot->count == 0)
