@@ -53,56 +53,82 @@ votes *find_votes(int state_id) {
     return free_slot;
 }
 
-// A kernel without wake locks has no such file; that is no fault.
-void tell_kernel(const char *path, int state_id) {
+// One of the kernel's two files, opened with the first vote and kept: each request of a client is
+// a first and a last vote. -1: a kernel without wake locks has none; that is no fault.
+struct kernel_file {
+    const char *path;
+    int fd;
+};
+
+kernel_file open_kernel_file(const char *path) {
     const int fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        if (errno != ENOENT)
-            ZUK_LOG(4, "%s: %m", path);
+    if (fd < 0 && errno != ENOENT)
+        ZUK_LOG(4, "%s: %m", path);
+    return {path, fd};
+}
+
+struct kernel_files {
+    kernel_file lock;
+    kernel_file unlock;
+};
+
+// Under g_lock.
+const kernel_files &kernel() {
+    static const kernel_files files = {open_kernel_file(zukhal_configuration().wake_lock),
+                                       open_kernel_file(zukhal_configuration().wake_unlock)};
+    return files;
+}
+
+void tell_kernel(const kernel_file &file, int state_id) {
+    if (file.fd < 0)
         return;
-    }
     std::array<char, 32> name;
     const int length = snprintf(name.data(), name.size(), "zukhal.%d\n", state_id);
-    if (write(fd, name.data(), static_cast<size_t>(length)) != length)
-        ZUK_LOG(4, "%s: %m", path);
-    close(fd);
+    if (write(file.fd, name.data(), static_cast<size_t>(length)) != length)
+        ZUK_LOG(4, "%s: %m", file.path);
+}
+
+// False: neither a slot nor a free one, or as many votes as can be counted.
+bool take(int state_id) {
+    votes *slot = find_votes(state_id);
+    if (slot == nullptr || slot->count == UINT_MAX)
+        return false;
+    slot->state_id = state_id;
+    if (slot->count++ == 0)
+        tell_kernel(kernel().lock, state_id);
+    return true;
+}
+
+// Without a vote there is nothing to give back, and that is fine.
+bool give_back(int state_id) {
+    votes *slot = find_votes(state_id);
+    if (slot != nullptr && slot->count > 0 && --slot->count == 0)
+        tell_kernel(kernel().unlock, state_id);
+    return true;
+}
+
+int change_votes(int state_id, bool (*change)(int)) {
+    if (state_id < 0)
+        return 0;
+    const int error = errno;
+    // Before the first use reads the configuration: a handler that votes would wait for that for
+    // ever.
+    const signals_blocked blocked;
+    zukhal_configuration();
+    const std::lock_guard guard(g_lock);
+    const bool changed = change(state_id);
+    errno = error;
+    return changed ? 1 : 0;
 }
 
 } // namespace
 
 // 1 = taken. 0: the id is negative, or 64 other ids hold votes at this moment.
 ZUK_EXPORT int pm_system_state_disable(int state_id) {
-    if (state_id < 0)
-        return 0;
-    const int error = errno;
-    // Before the first use reads the configuration: a handler that votes would wait for that for
-    // ever.
-    const signals_blocked blocked;
-    const zukhal_config &config = zukhal_configuration();
-    const std::lock_guard guard(g_lock);
-    votes *slot = find_votes(state_id);
-    if (slot == nullptr || slot->count == UINT_MAX)
-        return 0;
-    slot->state_id = state_id;
-    if (slot->count++ == 0)
-        tell_kernel(config.wake_lock, state_id);
-    errno = error;
-    return 1;
+    return change_votes(state_id, take);
 }
 
 // 1 = taken, also when there was no vote to take back. 0: the id is negative.
 ZUK_EXPORT int pm_system_state_enable(int state_id) {
-    if (state_id < 0)
-        return 0;
-    const int error = errno;
-    // Before the first use reads the configuration: a handler that votes would wait for that for
-    // ever.
-    const signals_blocked blocked;
-    const zukhal_config &config = zukhal_configuration();
-    const std::lock_guard guard(g_lock);
-    votes *slot = find_votes(state_id);
-    if (slot != nullptr && slot->count > 0 && --slot->count == 0)
-        tell_kernel(config.wake_unlock, state_id);
-    errno = error;
-    return 1;
+    return change_votes(state_id, give_back);
 }
