@@ -39,7 +39,7 @@ extern std::atomic<double> loc_hist_offset_time;    // seconds after start witho
 // CLOCK_MONOTONIC at start-up; written before any other thread runs.
 extern timespec ls_start_time;
 
-// Hand-off of a message to a new worker: the starter waits until the worker has its copy.
+// Hand-off of a message to a new worker: posted by each worker when it has its copy.
 extern sem_t ls_thread_sem;
 
 // Hand-off of the TA's answer from the bus callback to the waiting receiver request.

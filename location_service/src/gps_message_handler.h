@@ -31,8 +31,8 @@ bool ls_payload_word(const bus_msg &msg, uint32_t *word);
 // Power check and start of a worker. -1 when the request is refused (no reply is sent then).
 int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg);
 
-// Copies the message and serves it on a detached thread. Returns when the copy is taken; 0 when a
-// worker runs.
+// Copies the message and serves it on a detached thread; 0 when a worker runs. The message is the
+// caller's again on return.
 int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg);
 
 // Thread body; `param` is the hand-off record.

@@ -15,15 +15,25 @@ static constexpr char log_module[] = "gps_message_handler";
 
 namespace {
 
-// Hand-off record from the starter to a new worker, reused for every request.
+// What a new worker copies onto its own stack first of all.
 struct ls_thread_param_s {
     scm_conn *conn;
     bus_msg msg;   // pld points to the payload copy when there is one
     void *payload; // heap copy, owned by the worker from the hand-off on
 };
 
-std::mutex start_lock; // one start at a time: guards ls_thread_param until the copy is taken
-ls_thread_param_s ls_thread_param; // under start_lock; read by the new worker before it posts
+// Hand-off record from the starter to a new worker, reused as soon as the worker has its copy.
+// There are several because a starter that waits for each new worker has the two take turns on a
+// processor for every request, which costs a third of the throughput; with these it waits only
+// when that many workers have not had their first moment yet.
+struct handoff {
+    ls_thread_param_s param; // the starter's while free, else the new worker's
+    std::atomic<bool> taken; // set by the starter, cleared by the worker behind its copy
+};
+
+std::mutex start_lock;           // one start at a time
+std::array<handoff, 8> handoffs; // claimed under start_lock
+size_t posts_due;                // under start_lock; workers started less ls_thread_sem waited for
 
 std::atomic<int> active_workers;
 
@@ -100,23 +110,37 @@ const request_handler *find_handler(uint32_t msg_id) {
     return nullptr;
 }
 
-int create_worker() {
+// A free record; waits when there is none. Each worker posts once, behind clearing its record, so
+// that a post waited for leaves at least one record free.
+handoff &claim_handoff() {
+    while (posts_due == handoffs.size()) {
+        if (sem_wait(&ls_thread_sem) == 0)
+            --posts_due;
+    }
+    size_t i = 0;
+    while (handoffs[i].taken)
+        ++i;
+    return handoffs[i];
+}
+
+int create_worker(handoff &record) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE);
     log_info("%s", "ls_msg_req_handler_thread");
     ++active_workers;
+    record.taken = true;
     pthread_t thread_id = {};
-    errno = pthread_create(&thread_id, &attributes, ls_process_thread_req, &ls_thread_param);
+    errno = pthread_create(&thread_id, &attributes, ls_process_thread_req, &record);
     if (errno != 0) {
         log_error("Error while creating the ta_sm_thread. error = %d(%m)", errno);
+        record.taken = false;
         --active_workers;
         pthread_attr_destroy(&attributes);
         return -1;
     }
-    while (sem_wait(&ls_thread_sem) == -1 && errno == EINTR) {
-    }
+    ++posts_due;
     pthread_attr_destroy(&attributes);
     return 0;
 }
@@ -152,27 +176,30 @@ int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {
 
 int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg) {
     const std::lock_guard guard(start_lock);
-    ls_thread_param = {.conn = conn, .msg = *msg, .payload = nullptr};
-    bus_msg &copy = ls_thread_param.msg;
+    handoff &record = claim_handoff();
+    ls_thread_param_s &param = record.param;
+    param = {.conn = conn, .msg = *msg, .payload = nullptr};
+    bus_msg &copy = param.msg;
     if (copy.pld == nullptr)
         copy.hdr.pld_len = 0; // a length without bytes is no payload
     if (copy.hdr.pld_len != 0) {
-        ls_thread_param.payload = calloc(copy.hdr.pld_len, 1);
-        if (ls_thread_param.payload == nullptr) {
+        param.payload = calloc(copy.hdr.pld_len, 1);
+        if (param.payload == nullptr) {
             log_error("%s is a NULL POINTER!", "ls_thread_param.pld");
             return -1;
         }
-        memcpy(ls_thread_param.payload, msg->pld, copy.hdr.pld_len);
-        copy.pld = ls_thread_param.payload;
+        memcpy(param.payload, msg->pld, copy.hdr.pld_len);
+        copy.pld = param.payload;
     } else {
         copy.pld = nullptr; // may dangle
     }
-    return create_worker();
+    return create_worker(record);
 }
 
 void *ls_process_thread_req(void *param) {
-    ls_thread_param_s own = {};
-    memcpy(&own, param, sizeof(own));
+    auto *record = static_cast<handoff *>(param);
+    const ls_thread_param_s own = record->param;
+    record->taken = false;
     sem_post(&ls_thread_sem);
     log_info("LS thread unlocked done");
 
