@@ -71,8 +71,9 @@ class terminal {
   public:
     // `options`: of simterm run, besides a line that takes no time. Returns when the daemon has its
     // signal handlers, or for `until_up` false when it has been started. A second terminal in the
-    // same directory would be refused: use restart.
-    explicit terminal(const words &options = {}, bool until_up = true);
+    // same directory would be refused: use restart. The test owns the ids of TA, SAL, VoIP and WS,
+    // unless it wants the terminal's stand-ins for them.
+    explicit terminal(const words &options = {}, bool until_up = true, bool stand_ins = false);
     ~terminal(); // shows the end of the logs when the test has failed
     terminal(const terminal &) = delete;
     terminal &operator=(const terminal &) = delete;
@@ -97,6 +98,7 @@ class terminal {
 
     scratch_dir scratch;
     std::filesystem::path root;
+    bool has_stand_ins;
     std::optional<background> simterm;
 };
 
