@@ -1,0 +1,57 @@
+"""docs/architecture.md against the code: locks and where they are, threads, modules, names.
+
+Usage: architecture_test.py SOURCE_DIR
+"""
+
+import pathlib
+import re
+import sys
+
+root = pathlib.Path(sys.argv[1])
+page = (root / "docs/architecture.md").read_text(encoding="utf-8")
+diagram = page.split("```")[1]
+daemon = {path.name: path.read_text(encoding="utf-8") for path in sorted(root.glob("location_service/*/*.*"))}
+code = "\n".join(daemon.values())
+platform = "\n".join(path.read_text(encoding="utf-8") for path in root.glob("platform/**/*.*"))
+wrong = 0
+
+
+def check(right, complaint):
+    global wrong
+    if not right:
+        wrong += 1
+        print(complaint)
+
+
+# Every lock has its row, with the file that defines it; every semaphore is named.
+rows = dict(re.findall(r"^\| `(\w+)` \| `([\w.]+)` \|", page, re.M))
+locks = {name: file for file, text in daemon.items() for name in re.findall(r"^std::mutex (\w+)", text, re.M)}
+check(rows == locks, f"locks: the page has {rows}, the code {locks}")
+for name in re.findall(r"^(?:extern )?sem_t (\w+)", code, re.M):
+    check(f"`{name}`" in page, f"semaphore {name} is not on the page")
+
+# Every thread: what the daemon starts by its function, named ones by their name.
+for function in re.findall(r"pthread_create\([^,]+,[^,]+,\s*(\w+)", code):
+    check(function in diagram, f"thread {function} is not in the diagram")
+for name in re.findall(r'pthread_setname_np\([^;]*"(\w[\w-]*)"', code):
+    check(f'"{name}"' in diagram, f"thread {name} is not in the diagram")
+for name in re.findall(r'"([\w-]+)"', diagram):
+    check(f'"{re.sub("-8$", "-%u", name)}"' in code + platform, f"thread {name} of the diagram does not exist")
+
+# Every module has one header, and its name is the prefix of its sources.
+told = set(re.findall(r"`(gps_\w+)`", page.partition("**Modules.**")[2]))
+modules = {path.stem for path in root.glob("location_service/src/gps_*.h")}
+check(modules == told, f"modules: the page has {sorted(told)}, the code {sorted(modules)}")
+for path in root.glob("location_service/src/*.cpp"):
+    check(any(f"{path.stem}_".startswith(f"{module}_") for module in told), f"{path.name}: of no module")
+
+# Every name in the diagram and in backticks is one of the code, a file, or a prefix of files.
+names = set(re.findall(r"\b[a-z]+(?:_[a-z]+)+\b", diagram)) | set(re.findall(r"`(\w+_\w+)`", page))
+for name in sorted(names):
+    known = re.search(rf"\b{name}\b", code + platform) or list(root.glob(f"location_service/src/{name}*"))
+    check(known or name == "location_service", f"{name}: no such name")
+for path in re.findall(r"`([\w/]+(?:/|\.\w+))`", page):
+    check((root / path).exists() or path in daemon, f"{path}: no such file")
+
+print(f"{len(locks)} locks, {len(names)} names, {wrong} wrong")
+sys.exit(1 if wrong or not locks or not names else 0)

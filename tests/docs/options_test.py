@@ -1,0 +1,143 @@
+"""Completion and man pages of lsctl and simterm against what the programs themselves say.
+
+Usage: options_test.py SOURCE_DIR LSCTL SIMTERM [ZSH]. Runs every --help and the lists of a simulated
+terminal, asks bash (and zsh, in a pseudo-terminal) what they offer, and reads the pages' sources.
+"""
+
+import os
+import pty
+import re
+import select
+import subprocess
+import sys
+import tempfile
+import time
+
+source, lsctl, simterm = sys.argv[1:4]
+zsh = sys.argv[4] if len(sys.argv) > 4 else ""
+faults_found = 0
+
+
+def expect_equal(what, found, wanted):
+    global faults_found
+    if set(found) != set(wanted):
+        faults_found += 1
+        print(f"{what}: missing {sorted(set(wanted) - set(found))}, unknown {sorted(set(found) - set(wanted))}")
+
+
+def run(*command):
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True, timeout=60).stdout
+
+
+class Help:
+    """What --help of one command tells: its sub-commands, options, and the values of those with a fixed set."""
+
+    def __init__(self, *command):
+        text = run(*command, "--help")
+        self.commands = re.findall(r"^  (\w+)", text.partition("Subcommands:\n")[2].partition("\n\n")[0], re.M)
+        self.options, self.values = [], {}
+        for names, rest in re.findall(r"^ +(-[\w,{}-]+) ?(.*)$", text, re.M):
+            options = re.sub(r"\{\w+\}", "", names).split(",")
+            self.options += options
+            fixed = re.match(r"(?:\S*:)?\{([\w,]+)\}|(\w+(?:\|\w+)+)", rest)
+            for option in options if fixed else []:
+                self.values[option] = re.split(r"[,|]", fixed[1] or fixed[2])
+        positional = re.search(r"^  \w+ \[(\w+(?:\|\w+)+)\]", text, re.M)
+        self.positional = positional[1].split("|") if positional else None
+
+
+def bash_offers(line):
+    words = line.split(" ")
+    script = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1; printf "%s\\n" "${COMPREPLY[@]}"'
+    return run("bash", "-c", script, f"{source}/packaging/completion/bash/{words[0]}", *words).split()
+
+
+def zsh_offers(lines):
+    with tempfile.TemporaryDirectory() as scratch:
+        lines_file, out_file = f"{scratch}/lines", f"{scratch}/out"
+        with open(lines_file, "w", encoding="ascii") as file:
+            file.write("\n".join(lines) + "\n")
+        pid, terminal = pty.fork()
+        if pid == 0:
+            os.environ.update(COMPLETIONS=f"{source}/packaging/completion/zsh", TERM="xterm", LANG="C",
+                              LINES_FILE=lines_file, OUT_FILE=out_file)
+            os.execl(zsh, "zsh", "-f", "-i")
+        os.write(terminal, f"source {source}/tests/docs/completions.zsh\n".encode())
+        deadline = time.monotonic() + 60
+        try:
+            while time.monotonic() < deadline:
+                if select.select([terminal], [], [], 1)[0]:
+                    os.read(terminal, 4096)
+        except OSError:  # it has ended
+            pass
+        os.close(terminal)
+        os.waitpid(pid, 0)
+        with open(out_file, encoding="ascii") as file:
+            out = file.read().splitlines()
+    offers = {line: [] for line in lines}
+    for line, _, offered in (row.partition("\t") for row in out if "\t" in row):
+        offers[line].append(offered)
+    return offers
+
+
+def page(name):
+    with open(f"{source}/packaging/man/{name}.1.adoc", encoding="utf-8") as file:
+        return file.read()
+
+
+def section(text, title):
+    found = re.search(rf"^==+ {title}\b.*\n((?:(?!==).*\n)*)", text + "\n", re.M)
+    expect_equal(f"section '{title}'", [title] if found else [], [title])
+    return found[1] if found else ""
+
+
+def options_in(text):
+    return re.findall(r"\*(--?[\w-]+)\*", " ".join(re.findall(r"^\*-.*?::", text, re.M)))
+
+
+def entries_in(text):
+    return [name for row in re.findall(r"^\*[a-z].*?::", text, re.M) for name in re.findall(r"(?:^|, )\*([a-z-]+)", row)]
+
+
+def first_words(text):
+    return re.findall(r"^([a-z-]+)", text, re.M)
+
+
+with tempfile.TemporaryDirectory() as root:
+    terminal = f"{root}/terminal"
+    verbs = first_words(run(simterm, "run", terminal, "--no-services", "--", simterm, "ctl", terminal, "help"))
+    faults = first_words(run(simterm, "run", terminal, "--no-services", "--", simterm, "ctl", terminal, "faults"))
+
+# What has to be offered for which command line.
+wanted = {}
+for name, program in (("lsctl", lsctl), ("simterm", simterm)):
+    top = Help(program)
+    wanted[f"{name} "] = top.commands
+    wanted[f"{name} -"] = top.options
+    text = page(name)
+    shared = options_in(section(text, "OPTIONS"))
+    for command in top.commands:
+        sub = Help(program, command)
+        wanted[f"{name} {command} -"] = sub.options
+        for option, values in sub.values.items():
+            wanted[f"{name} {command} {option} "] = values
+        if sub.positional:
+            wanted[f"{name} {command} "] = sub.positional
+        told = options_in(section(text, command if name == "lsctl" else f"simterm {command}"))
+        expect_equal(f"{name}(1), {command}", {*told, *shared, *top.options}, {*sub.options, *top.options})
+    expect_equal(f"{name}(1)", {*top.options} & {*options_in(text)}, top.options)
+expect_equal("simterm(1), requests", entries_in(section(page("simterm"), "simterm ctl")), verbs)
+expect_equal("simterm(1), faults", entries_in(section(page("simterm"), "FAULTS")), faults)
+wanted["simterm ctl . "] = verbs
+wanted["simterm ctl . fault "] = faults
+wanted["simterm ctl . fault silent "] = ["on", "off"]
+wanted["simterm run --fault "] = faults
+
+for line, offers in wanted.items():
+    expect_equal(f"bash, '{line}'", bash_offers(line), offers)
+if zsh:
+    offered = zsh_offers(list(wanted))
+    for line, offers in wanted.items():
+        expect_equal(f"zsh, '{line}'", offered[line], offers)
+print(f"{len(wanted)} command lines in bash{' and zsh' if zsh else '; no zsh here'}, {faults_found} wrong")
+sys.exit(1 if faults_found or len(wanted) < 25 else 0)
