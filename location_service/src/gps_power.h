@@ -8,7 +8,8 @@
 // The receiver's two power lines, always driven in this order.
 inline constexpr std::array GPS_POWER_GPIOS = {102, 37};
 
-// --- gps_power.cpp: power modes. Callers serialise (gps_access_lock), or run alone at start-up.
+// --- gps_power.cpp: power modes. Request handlers call them under gps_access_lock; the wake-up for
+// service 9 (bus thread) and the power-down behind a reply (worker) do not wait for it.
 
 // The mode in force. Always 0.
 int32_t gps_get_power_mode(uint32_t *mode);
