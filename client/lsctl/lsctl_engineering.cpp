@@ -2,6 +2,7 @@
 #include "lsctl_engineering.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,16 +47,29 @@ std::string lines_of(std::span<const uint8_t> bytes) {
     return text;
 }
 
-int usage(const lsctl_options &options, const std::string &problem) {
-    return lsctl_fail(options, location_result::bad_argument, problem);
-}
-
-int exec_failed(const lsctl_options &options, location_result result,
-                const location_client *client) {
-    return result == location_result::failed
-               ? lsctl_fail(options, result,
-                            "the location service could not exchange this with the receiver")
-               : lsctl_fail(options, result, client);
+// Sends the command and takes the answer; the exit status when there is none to show, told already.
+template <typename Command>
+std::optional<int> exchange_failed(const lsctl_options &options, const std::string &problem,
+                                   location_result (*exec)(location_client *,
+                                                           std::chrono::milliseconds, Command,
+                                                           location_client_answer *) noexcept,
+                                   const Command &command, location_client_answer &answer) {
+    if (!problem.empty()) {
+        return lsctl_fail(options, location_result::bad_argument, problem);
+    }
+    const lsctl_link link(options.as);
+    if (link.result != location_result::answered) {
+        return lsctl_fail(options, link.result);
+    }
+    const location_result result = exec(link.client, lsctl_timeout(options), command, &answer);
+    if (result == location_result::failed) {
+        return lsctl_fail(options, result,
+                          "the location service could not exchange this with the receiver");
+    }
+    if (result != location_result::answered) {
+        return lsctl_fail(options, result, link.client);
+    }
+    return std::nullopt;
 }
 
 int show_silence(const lsctl_options &options, bool expected, const lsctl_json &object) {
@@ -153,19 +167,10 @@ void lsctl_add_nmea(CLI::App &app) {
 }
 
 int lsctl_run_nmea(const lsctl_options &options) {
-    const std::string problem = nmea_problem(nmea_body);
-    if (!problem.empty()) {
-        return usage(options, problem);
-    }
-    const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
-        return lsctl_fail(options, link.result);
-    }
     location_client_answer answer;
-    const location_result result =
-        location_client_exec_nmea(link.client, lsctl_timeout(options), nmea_body, &answer);
-    if (result != location_result::answered) {
-        return exec_failed(options, result, link.client);
+    if (const auto status = exchange_failed<std::string_view>(
+            options, nmea_problem(nmea_body), location_client_exec_nmea, nmea_body, answer)) {
+        return *status;
     }
     lsctl_json object = {{"sent", nmea_body}};
     object.update(nmea_answer_json(answer));
@@ -186,18 +191,10 @@ void lsctl_add_ubx(CLI::App &app) {
 int lsctl_run_ubx(const lsctl_options &options) {
     std::vector<uint8_t> frame;
     const std::string problem = ubx_parse(ubx_words, frame);
-    if (!problem.empty()) {
-        return usage(options, problem);
-    }
-    const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
-        return lsctl_fail(options, link.result);
-    }
     location_client_answer answer;
-    const location_result result =
-        location_client_exec_ubx(link.client, lsctl_timeout(options), frame, &answer);
-    if (result != location_result::answered) {
-        return exec_failed(options, result, link.client);
+    if (const auto status = exchange_failed<std::span<const uint8_t>>(
+            options, problem, location_client_exec_ubx, frame, answer)) {
+        return *status;
     }
     const uint8_t msg_class = frame[2];
     const uint8_t id = frame[3];

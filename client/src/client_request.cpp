@@ -56,6 +56,19 @@ location_result query(location_client *client, uint32_t msg_id, milliseconds tim
     return result;
 }
 
+// The same where the caller wants one part of the reply.
+template <class record, class part>
+location_result query_part(location_client *client, uint32_t msg_id, milliseconds timeout,
+                           part record::*wanted, part *out) {
+    if (out == nullptr) {
+        return location_result::bad_argument;
+    }
+    record reply;
+    const location_result result = query(client, msg_id, timeout, reply);
+    *out = reply.*wanted;
+    return result;
+}
+
 template <class record>
 std::span<const uint8_t> bytes_of(const record &value) {
     static_assert(std::is_trivially_copyable_v<record>);
@@ -150,13 +163,7 @@ location_result location_client_set_power(location_client *client, milliseconds 
 
 location_result location_client_get_position(location_client *client, milliseconds timeout,
                                              gps_pos_data *position) noexcept {
-    if (position == nullptr) {
-        return location_result::bad_argument;
-    }
-    ls_position_reply reply;
-    const location_result result = query(client, LS_REQUEST_GET_POSITION, timeout, reply);
-    *position = reply.pos;
-    return result;
+    return query_part(client, LS_REQUEST_GET_POSITION, timeout, &ls_position_reply::pos, position);
 }
 
 location_result location_client_get_time(location_client *client, milliseconds timeout,
@@ -173,24 +180,12 @@ location_result location_client_get_time(location_client *client, milliseconds t
 
 location_result location_client_get_satellites(location_client *client, milliseconds timeout,
                                                gps_sat_info *info) noexcept {
-    if (info == nullptr) {
-        return location_result::bad_argument;
-    }
-    ls_sat_info_reply reply;
-    const location_result result = query(client, LS_REQUEST_GET_SAT_INFO, timeout, reply);
-    *info = reply.info;
-    return result;
+    return query_part(client, LS_REQUEST_GET_SAT_INFO, timeout, &ls_sat_info_reply::info, info);
 }
 
 location_result location_client_get_speed(location_client *client, milliseconds timeout,
                                           gps_speed_data *speed) noexcept {
-    if (speed == nullptr) {
-        return location_result::bad_argument;
-    }
-    ls_speed_reply reply;
-    const location_result result = query(client, LS_REQUEST_GET_SPEED, timeout, reply);
-    *speed = reply.speed;
-    return result;
+    return query_part(client, LS_REQUEST_GET_SPEED, timeout, &ls_speed_reply::speed, speed);
 }
 
 location_result location_client_exec_nmea(location_client *client, milliseconds timeout,
