@@ -97,28 +97,6 @@ TEST(ReceiverPeriodic, SpeaksUnaskedUntilToldAndThenByEpochs) {
     EXPECT_EQ(run(receiver, 4 + 1e-6), "ZDA ZDA UBX ZDA ZDA UBX ") << "each fifth and tenth 200 ms";
 }
 
-TEST(ReceiverFaults, SwitchAtAnyTime) {
-    using faults = sim::receiver_faults;
-    const std::string rate = "0608 64 00 01 00 01 00";
-    const std::tuple<bool faults::*, std::string, std::string> rows[] = {
-        {&faults::silent, rate, ""},
-        {&faults::no_fix, "GPGPQ,GGA", "$GPGGA,120000.00,,,,,0,00,99.99,,,,,,*65\r\n"},
-        {&faults::week_rollover, zda_poll, "$GPZDA,120000.00,17,05,2004,00,00*60\r\n"},
-    };
-    rig::powered receiver;
-    for (const auto &[fault, asked, answer] : rows) {
-        receiver.faults().*fault = true;
-        EXPECT_EQ(ask(receiver, asked), answer);
-        receiver.faults().*fault = false;
-    }
-    EXPECT_EQ(ask(receiver, zda_poll), known_zda);
-    receiver.faults().nak_frames = {0x0608};
-    EXPECT_EQ(ask(receiver, rate), "b5 62 05 00 02 00 06 08 15 3a\n");
-    receiver.faults().nak_frames.clear();
-    receiver.faults().ignored_frames = {0x0608};
-    EXPECT_EQ(ask(receiver, rate), "");
-}
-
 TEST(ReceiverInput, TakesAnyPieces) {
     rig::powered receiver;
     rig::bytes both = command("0608 64 00 01 00 01 00");

@@ -36,7 +36,6 @@ TEST(sky, angles_of_points_placed_by_hand) {
         double elevation, azimuth;
     } rows[] = {
         {"overhead is the ellipsoid's normal", 45, 90, geodetic_to_ecef(45, 90, d), 90, -1},
-        {"south-west", 0, 0, {6378137 + d, -d / M_SQRT2, -d / M_SQRT2}, 45, 225},
         {"east across the date line", 0, 180, {-6378137, -d, 0}, 0, 90},
         {"north pole, along 180 degrees", 90, 0, {-d, 0, 6356752.314245 + d}, 45, 0},
         {"half way up: the ellipsoid is flat",

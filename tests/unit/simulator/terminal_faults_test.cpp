@@ -1,7 +1,7 @@
 // The faults by name: arguments and effects.
 #include "control_faults.h"
+#include "receiver_rig.h"
 
-#include <functional>
 #include <gtest/gtest.h>
 
 namespace sim {
@@ -9,10 +9,10 @@ namespace {
 
 struct faults : testing::Test {
     line_faults wire;
-    receiver_faults module;
+    rig::powered module;
     ta_faults unit;
     std::string error;
-    fault_targets targets() { return {wire, module, unit}; }
+    fault_targets targets() { return {wire, module.faults(), unit}; }
 };
 
 TEST_F(faults, arguments) {
@@ -21,19 +21,17 @@ TEST_F(faults, arguments) {
         const char *summary;
         const char *error; // part of it; "" = accepted
     } rows[] = {
-        {"silent=1", "none", "fault silent takes no argument"},
         {"cut=0", "none", "from 1 to 4096"},
         {"cut=4096", "cut=4096", ""},
         {"cut=4097", "none", "from 1 to 4096"},
         {"cut=", "none", "nothing behind the ="},
         {"nak=0x06", "none", "four hexadecimal digits"},
-        {"ignore=063e", "ignore=063E", ""},
         {"ta-overlong=200", "none", "from 201 to 4294967295"},
         {"slient", "none", "no fault \"slient\"; there are: silent cut"},
     };
     for (const auto &row : rows) {
         wire = {};
-        module = {};
+        module.faults() = {};
         error.clear();
         EXPECT_EQ(fault_switch_on(targets(), row.text, error), row.error[0] == '\0') << row.text;
         EXPECT_NE(error.find(row.error), std::string::npos) << row.text << ": " << error;
@@ -41,35 +39,36 @@ TEST_F(faults, arguments) {
     }
 }
 
-// Those that the system tests do not switch.
-TEST_F(faults, each_acts_on_its_own_member) {
+// Those whose effect the system tests do not show.
+TEST_F(faults, each_acts_until_it_is_switched_off) {
+    constexpr const char *rate = "0608 64 00 01 00 01 00";
+    constexpr const char *ack = "b5 62 05 01 02 00 06 08 16 3f\n";
     const struct {
-        const char *text;
-        std::function<bool()> acts;
+        const char *name, *argument, *asked, *answer;
+        const unsigned *number; // of a fault that acts elsewhere: becomes the argument
     } rows[] = {
-        {"no-fix", [this] { return module.no_fix; }},
-        {"week-rollover", [this] { return module.week_rollover; }},
-        {"ta-silent", [this] { return unit.silent; }},
-        {"cut=207", [this] { return wire.cut && wire.cut_bytes == 207; }},
-        {"garbage-after=206", [this] { return wire.garbage_after == 206; }},
-        {"noise=208", [this] { return wire.noise == 208; }},
-        {"late=209", [this] { return wire.late_ms == 209; }},
-        {"ta-late=211", [this] { return unit.late_ms == 211; }},
-        {"ta-overlong=300", [this] { return unit.claimed_length == 300; }},
+        {"silent", "", rate, "", nullptr},
+        {"no-fix", "", "GPGPQ,GGA", "$GPGGA,120000.00,,,,,0,00,99.99,,,,,,*65\r\n", nullptr},
+        {"week-rollover", "", rig::zda_poll, "$GPZDA,120000.00,17,05,2004,00,00*60\r\n", nullptr},
+        {"nak", "0608", rate, "b5 62 05 00 02 00 06 08 15 3a\n", nullptr},
+        {"nak", "0609", rate, ack, nullptr},
+        {"ignore", "0608", rate, "", nullptr},
+        {"cut", "207", rate, ack, &wire.cut_bytes},
+        {"garbage-after", "206", rate, ack, &wire.garbage_after},
+        {"noise", "208", rate, ack, &wire.noise},
+        {"late", "209", rate, ack, &wire.late_ms},
+        {"ta-late", "211", rate, ack, &unit.late_ms},
+        {"ta-overlong", "300", rate, ack, &unit.claimed_length},
     };
-    for (const auto &[text, acts] : rows) {
-        EXPECT_FALSE(acts()) << text;
-        EXPECT_TRUE(fault_switch_on(targets(), text, error)) << error;
-        EXPECT_TRUE(acts()) << text;
-        const std::string name(std::string_view(text).substr(0, std::string_view(text).find('=')));
-        EXPECT_TRUE(fault_switch(targets(), name, "", false, error)) << error;
-        EXPECT_EQ(fault_summary(targets()), "none") << text;
+    for (const auto &row : rows) {
+        EXPECT_TRUE(fault_switch(targets(), row.name, row.argument, true, error)) << error;
+        EXPECT_EQ(rig::ask(module, row.asked), row.answer) << row.name;
+        EXPECT_TRUE(row.number == nullptr || std::to_string(*row.number) == row.argument)
+            << row.name;
+        EXPECT_TRUE(fault_switch(targets(), row.name, row.argument, false, error)) << error;
+        EXPECT_EQ(fault_summary(targets()), "none") << row.name;
     }
-    for (const char *text : {"nak=0608", "nak=063E", "nak=0608", "ignore=0609"})
-        EXPECT_TRUE(fault_switch_on(targets(), text, error)) << error;
-    EXPECT_TRUE(fault_switch(targets(), "nak", "063E", false, error));
-    EXPECT_EQ(module.nak_frames, std::vector<uint16_t>{0x0608});
-    EXPECT_EQ(module.ignored_frames, std::vector<uint16_t>{0x0609});
+    EXPECT_EQ(rig::ask(module, rig::zda_poll), rig::known_zda);
 }
 
 } // namespace
