@@ -28,22 +28,17 @@ std::condition_variable changed;
 std::vector<std::vector<uint8_t>> delivered; // since the last input, without the good message
 bool sentinel_came = false;
 
-std::vector<uint8_t> as_bytes(const msg_hdr &hdr, const void *payload) {
-    std::vector<uint8_t> bytes(sizeof hdr + hdr.pld_len);
-    memcpy(bytes.data(), &hdr, sizeof hdr);
-    if (hdr.pld_len != 0)
-        memcpy(bytes.data() + sizeof hdr, payload, hdr.pld_len);
-    return bytes;
-}
-
 int on_message(scm_conn *, bus_msg *msg) {
     if (msg->hdr.src_serv_id == 0)
         return 0; // the bus itself: registered
     const std::lock_guard guard(lock);
-    if (msg->hdr.reserved1 == sentinel)
-        sentinel_came = true;
-    else
-        delivered.push_back(as_bytes(msg->hdr, msg->pld));
+    sentinel_came |= msg->hdr.reserved1 == sentinel;
+    if (!sentinel_came) {
+        const auto *const head = reinterpret_cast<const uint8_t *>(&msg->hdr);
+        const auto *const payload = static_cast<const uint8_t *>(msg->pld);
+        delivered.emplace_back(head, head + sizeof msg->hdr);
+        delivered.back().insert(delivered.back().end(), payload, payload + msg->hdr.pld_len);
+    }
     changed.notify_all();
     return 0;
 }
@@ -58,18 +53,12 @@ struct bus {
         conn.on_message = on_message;
         fuzz_expect(scm_conn_init(&conn, receiver_id) == 0, "the service is on the bus");
         fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const sockaddr_un own = address(sender_id);
-        const sockaddr_un to = address(receiver_id);
-        fuzz_expect(bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0 &&
-                        connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0,
-                    "the sender is on the bus");
+        fuzz_expect(use(bind, sender_id) && use(connect, receiver_id), "the sender is on the bus");
     }
-
-    sockaddr_un address(uint8_t id) const {
-        sockaddr_un out{};
-        out.sun_family = AF_UNIX;
-        snprintf(out.sun_path, sizeof out.sun_path, "%s/%u", dir.path().c_str(), id);
-        return out;
+    bool use(int (*call)(int, const sockaddr *, socklen_t), uint8_t id) const {
+        sockaddr_un at = {AF_UNIX, {}};
+        snprintf(at.sun_path, sizeof at.sun_path, "%s/%u", dir.path().c_str(), id);
+        return call(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) == 0;
     }
 };
 
@@ -96,10 +85,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         delivered.clear();
         sentinel_came = false;
     }
-    msg_hdr good = {};
-    good.src_serv_id = sender_id;
-    good.dst_serv_id = receiver_id;
-    good.reserved1 = sentinel;
+    const msg_hdr good = {0, 0, sender_id, receiver_id, 0, 0, 0, sentinel};
     fuzz_expect(send(the_bus.fd, data, size, 0) == static_cast<ssize_t>(size) &&
                     send(the_bus.fd, &good, sizeof good, 0) == sizeof good,
                 "datagrams go out");
