@@ -51,7 +51,6 @@ class background {
     background(const background &) = delete;
     background &operator=(const background &) = delete;
 
-    pid_t id() const { return pid; }
     void signal(int number) const { kill(pid, number); }
     std::string out() const { return scratch_dir::read(out_file); }
     std::string err() const { return scratch_dir::read(err_file); }
@@ -63,7 +62,7 @@ class background {
     std::filesystem::path err_file;
 };
 
-process_result run(const words &command, milliseconds limit = PATIENCE);
+process_result run(const words &command);
 process_result lsctl(words arguments); // on the bus of the terminal that was brought up last
 
 // The simulated terminal "t" in a scratch directory, with the daemon in it.
@@ -124,8 +123,7 @@ class bus_client {
                                     milliseconds limit = PATIENCE);
     std::optional<bus_message> take(uint32_t msg_id, milliseconds limit = PATIENCE);
     // Sends a request and waits for the response with its transaction id.
-    std::optional<bus_message> ask(uint32_t msg_id, std::span<const uint8_t> payload = {},
-                                   milliseconds limit = PATIENCE);
+    std::optional<bus_message> ask(uint32_t msg_id, std::span<const uint8_t> payload = {});
 
   private:
     static int on_message(scm_conn *conn, bus_msg *msg);
