@@ -10,15 +10,8 @@ namespace {
 
 std::atomic<uint32_t> next_txn{1};
 
-int fill(msg_hdr *hdr, ls_msg_type type, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
-    *hdr = {static_cast<uint8_t>(type),
-            0,
-            static_cast<uint8_t>(fake.serv_id),
-            dst,
-            msg_id,
-            next_txn++,
-            pld_len,
-            0};
+int fill(msg_hdr *hdr, uint8_t type, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
+    *hdr = {type, 0, fake.serv_id, dst, msg_id, next_txn++, pld_len, 0};
     return 0;
 }
 

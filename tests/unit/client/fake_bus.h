@@ -30,7 +30,7 @@ struct fake_bus {
     std::vector<sent_message> sent;
     std::mutex delivery;      // one message at a time; guards conn
     scm_conn *conn = nullptr; // null while nobody is connected
-    int serv_id = -1;
+    uint8_t serv_id = 0;
 };
 
 extern fake_bus fake;

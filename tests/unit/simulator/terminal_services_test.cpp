@@ -112,24 +112,14 @@ TEST_F(ta_unit, late_and_silent) {
 std::mutex got_lock;
 std::map<uint32_t, std::string> got;
 
-int on_got(scm_conn *, bus_msg *message) {
-    const auto *const payload = static_cast<const uint8_t *>(message->pld);
-    const std::lock_guard guard(got_lock);
-    got[message->hdr.msg_id] = rig::to_hex({payload, payload + message->hdr.pld_len});
-    return 0;
-}
-
 std::string receive(uint32_t id) {
-    std::string payload = "nothing";
+    decltype(got)::node_type entry;
     const auto look = [&] {
         const std::lock_guard guard(got_lock);
-        const auto entry = got.extract(id);
-        if (entry)
-            payload = entry.mapped();
+        entry = got.extract(id);
         return !entry.empty();
     };
-    loop_until(look, loop_now() + 5);
-    return payload;
+    return loop_until(look, loop_now() + 5) ? entry.mapped() : "nothing";
 }
 
 // A terminal of board 2, and this test as its location service.
@@ -147,7 +137,12 @@ TEST(services, on_the_bus) {
     ASSERT_TRUE(services_open(2, 4, paths.bus, paths.services, error)) << error;
     loop_add_timer([] { return loop_now() + 0.005; }, [] {}); // the bus has a thread of its own
     scm_conn daemon{};
-    daemon.on_message = on_got;
+    daemon.on_message = [](scm_conn *, bus_msg *message) {
+        const auto *const payload = static_cast<const uint8_t *>(message->pld);
+        const std::lock_guard guard(got_lock);
+        got[message->hdr.msg_id] = rig::to_hex({payload, payload + message->hdr.pld_len});
+        return 0;
+    };
     ASSERT_EQ(scm_conn_init(&daemon, LS_OWN_SERV_ID), 0);
     const auto send = [&](auto fill, uint8_t to, uint32_t id, const std::vector<uint8_t> &payload) {
         msg_hdr hdr{};
