@@ -82,9 +82,8 @@ uint32_t number_of(const std::string &line) {
         } else {
             ++shared->failed;
         }
-        if (number % 256 == 0) {
+        if (number % 256 == 0)
             fake::reset_log();
-        }
     }
 }
 
@@ -92,19 +91,16 @@ uint32_t number_of(const std::string &line) {
 void run_writer(std::chrono::microseconds pause) {
     const uint32_t before = shared->returned;
     const pid_t child = fork();
-    if (child == 0) {
+    if (child == 0)
         write_until_killed();
-    }
     const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    while (shared->returned == before && std::chrono::steady_clock::now() < deadline) {
+    while (shared->returned == before && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
-    }
     std::this_thread::sleep_for(pause);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    if (shared->returned == before) {
+    if (shared->returned == before)
         fault("the writer wrote nothing");
-    }
 }
 
 // A file with this header, and the header of a file.
@@ -132,14 +128,12 @@ void check(uint32_t round) {
         fault(at + "header " + std::to_string(wrap) + " " + std::to_string(write));
     }
     fake::reset_log();
-    if (ls_hal_read_history_data() != 0) {
+    if (ls_hal_read_history_data() != 0)
         fault(at + "the file does not open again");
-    }
     const uint32_t returned = shared->returned;
     const uint32_t begun = shared->begun;
-    if (begun != returned) {
+    if (begun != returned)
         unsure.insert(begun);
-    }
     std::istringstream text(scratch_dir::read(LS_PATH_HISTORY_EXPORT));
     uint32_t previous = 0;
     size_t whole = 0;
@@ -150,9 +144,8 @@ void check(uint32_t round) {
         if (number == 0) {
             // The oldest line may be what a newer one has left of it, also a newer one that the
             // header does not know yet and that therefore comes before it.
-            if (begun_seen ? count != 1 : !wrapped || count != 0) {
+            if (begun_seen ? count != 1 : !wrapped || count != 0)
                 fault(at + "line " + std::to_string(count) + " is not whole: " + line);
-            }
             continue;
         }
         ++whole;
@@ -161,31 +154,27 @@ void check(uint32_t round) {
             continue;
         }
         for (uint32_t lost = previous + 1; previous != 0 && lost < number; ++lost) {
-            if (!unsure.contains(lost)) {
+            if (!unsure.contains(lost))
                 fault(at + "line " + std::to_string(lost) + " is lost");
-            }
         }
-        if (number <= previous) {
+        if (number <= previous)
             fault(at + "line " + std::to_string(number) + " follows " + std::to_string(previous));
-        }
         previous = number;
     }
     if (previous != returned) {
         fault(at + "the last line is " + std::to_string(previous) + ", " +
               std::to_string(returned) + " had returned");
     }
-    if (!wrapped && whole + unsure.size() < returned) {
+    if (!wrapped && whole + unsure.size() < returned)
         fault(at + std::to_string(whole) + " lines of " + std::to_string(returned));
-    }
 }
 
 // Lines up to a kibibyte before the end of the file: the next few wrap.
 void fill_to_the_end() {
     std::string lines;
     uint32_t number = 0;
-    while (lines.size() < LS_HISTORY_FILE_SIZE - 1024) {
+    while (lines.size() < LS_HISTORY_FILE_SIZE - 1024)
         lines += line_of(++number);
-    }
     scratch_dir::write(LS_PATH_HISTORY,
                        with_header(HEADER_SIZE, HEADER_SIZE + lines.size(), lines));
     shared->begun = shared->returned = number;
@@ -211,17 +200,15 @@ void check_staged() {
     const std::string lost = line_of(4);
     const std::string next = line_of(6);
     const size_t end = HEADER_SIZE + first.size();
-    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next) {
+    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next)
         fault("staged loss before the wrap");
-    }
     // The oldest line is half overwritten by the first one.
     const std::string old = "6N,11.516667E,+2.25m,08\n";
     const std::string older = line_of(1);
     const std::string text = staged(with_header(end, end, first + old + older + older), lost, next);
     const size_t rest = text.find(older + first + next);
-    if (!text.ends_with(older + first + next) || std::count(&text[0], &text[rest], '\n') > 1) {
+    if (!text.ends_with(older + first + next) || std::count(&text[0], &text[rest], '\n') > 1)
         fault("staged loss after the wrap: " + text);
-    }
 }
 
 } // namespace
@@ -247,19 +234,16 @@ int main(int argc, char **argv) {
     check_staged();
     std::filesystem::remove(LS_PATH_HISTORY);
     for (uint32_t i = 0; i < kills && faults == 0; ++i) {
-        if (i == kills / 2) {
+        if (i == kills / 2)
             fill_to_the_end();
-        }
         // Some right after the first line, most within some hundred of them.
         run_writer(std::chrono::microseconds(random() % 4 == 0 ? 0 : random() % 20'000));
         check(i + 1);
     }
-    if (header()[0] == HEADER_SIZE) {
+    if (header()[0] == HEADER_SIZE)
         fault("the file never wrapped");
-    }
-    if (shared->failed != 0) {
+    if (shared->failed != 0)
         fault(std::to_string(shared->failed.load()) + " writes failed");
-    }
     std::printf("%u lines, %d faults\n", shared->returned.load(), faults);
     return faults == 0 ? 0 : 1;
 }

@@ -161,9 +161,8 @@ TEST_F(client_test, replies_find_their_requests_from_several_threads) {
     std::thread other(ask);
     ask();
     other.join();
-    for (std::thread &worker : workers) {
+    for (std::thread &worker : workers)
         worker.join();
-    }
 }
 
 TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
@@ -173,9 +172,8 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
                                                       {bytes(8), is::gate_closed}};
     for (const auto &row : rows) {
         fake.service = [&row](const sent_message &m) {
-            if (m.hdr.msg_id == 1001) {
+            if (m.hdr.msg_id == 1001)
                 fake_reply(m.hdr, row.first);
-            }
         };
         EXPECT_EQ(location_client_get_position(client, milliseconds(450), &position), row.second);
     }
@@ -225,9 +223,8 @@ TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
                                 {0xB5, 0x63, 6, 8, 0, 0, 0, 0},    // second sync byte
                                 {0xB5, 0x62, 6, 8, 0, 0, 0, 0, 0}, // length too small
                                 {0xB5, 0x62, 6, 8, 1, 0, 0, 0}};   // length too large
-    for (const bytes &bad : bad_frames) {
+    for (const bytes &bad : bad_frames)
         EXPECT_EQ(location_client_exec_ubx(client, LONG, bad, &answer), is::bad_argument);
-    }
     EXPECT_EQ(fake_sent(1012).size(), 1U);
     // 79 characters: bytes of two digits each, of one digit each.
     std::array<char, 80> text{};
@@ -267,9 +264,8 @@ TEST_F(client_test, updates_come_in_order_and_the_oldest_gives_way) {
     fake_send(LS_MSG_NOTIFICATION, 1014, position_reply(99));
     fake_send(LS_MSG_REQUEST, 1010, position_reply(99));
     fake_deliver({LS_MSG_NOTIFICATION, 0, 6, 40, 1010, 1, 80, 0}, position_reply(99)); // of WS
-    for (uint8_t i = 1; i <= 66; ++i) {
+    for (uint8_t i = 1; i <= 66; ++i)
         fake_send(LS_MSG_NOTIFICATION, 1010, position_reply(i));
-    }
     ls_position_reply got;
     for (uint8_t i = 3; i <= 66; ++i) {
         ASSERT_EQ(location_client_next_update(client, NONE, &got), is::answered);

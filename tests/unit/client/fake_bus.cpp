@@ -60,9 +60,8 @@ play always(bytes reply) {
 
 play with_power(uint8_t mode) {
     return [mode](const sent_message &m) {
-        if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE) {
+        if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE)
             fake_reply(m.hdr, {1, 0, 0, 0, mode, 0, 0, 0});
-        }
     };
 }
 
@@ -74,9 +73,8 @@ bytes padded(bytes head, size_t size, const bytes &tail, size_t at) {
 
 int scm_conn_init(scm_conn *conn, uint8_t serv_id) {
     errno = fake.init_errno[fake.init_errno.contains(serv_id) ? serv_id : -1];
-    if (errno != 0) {
+    if (errno != 0)
         return -1;
-    }
     const std::lock_guard guard(fake.delivery);
     fake.conn = conn;
     fake.serv_id = serv_id;
@@ -108,8 +106,7 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
         const std::lock_guard guard(fake.lock);
         fake.sent.push_back(message);
     }
-    if (fake.service) {
+    if (fake.service)
         fake.service(message);
-    }
     return 0;
 }

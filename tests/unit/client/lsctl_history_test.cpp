@@ -31,9 +31,8 @@ struct lsctl_files : testing::Test {
         scratch_dir::write(EXPORT, LINES);
     }
     void TearDown() override {
-        for (const char *name : {"TZ", "LSCTL_ROOT", "DBHANDLER_FILE"}) {
+        for (const char *name : {"TZ", "LSCTL_ROOT", "DBHANDLER_FILE"})
             unsetenv(name);
-        }
     }
     // The service exports with a status of four such bytes.
     static void exporting(uint8_t status, uint8_t rest = 0) {

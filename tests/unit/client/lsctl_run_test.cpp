@@ -189,9 +189,8 @@ play registering(bytes statuses) {
     return [statuses = std::move(statuses)](const sent_message &m) {
         fake_reply(m.hdr, {1, 0, 0, 0});
         if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
-            for (const uint8_t status : statuses) {
+            for (const uint8_t status : statuses)
                 fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, padded({status}, 80));
-            }
         }
     };
 }
@@ -228,9 +227,8 @@ TEST_F(lsctl_command_line, watch_replaces_what_a_killed_watch_left_behind) {
 TEST_F(lsctl_command_line, a_signal_ends_a_request_and_a_watch_which_unregisters) {
     fake.service = [](const sent_message &m) {
         fake_reply(m.hdr, {1, 0, 0, 0});
-        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
+        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
             kill(getpid(), SIGHUP);
-        }
     };
     expect_outcome("watch", 3, "", "");
     EXPECT_EQ(fake_sent(1009).size(), 1U);

@@ -25,9 +25,8 @@ TEST(lsctl_text, utc_only_from_a_date_and_time) {
         {{1, 60, 1, 0, 1, 1, 2019}, ""}, // minute
         {{1, 1, 61, 0, 1, 1, 2019}, ""}, // second
     };
-    for (const auto &row : rows) {
+    for (const auto &row : rows)
         EXPECT_EQ(lsctl_utc(row.first), row.second);
-    }
 }
 
 TEST(lsctl_text, degrees_and_minutes_are_rounded_as_a_whole) {
@@ -40,9 +39,8 @@ TEST(lsctl_text, degrees_and_minutes_are_rounded_as_a_whole) {
                 {1.5, '\0', "1 deg 30.0000' ?"},
                 {NAN, 'N', "unknown"},
                 {1e300, 'N', "unknown"}};
-    for (const auto &row : rows) {
+    for (const auto &row : rows)
         EXPECT_EQ(lsctl_degrees_minutes(row.degrees, row.hemisphere), row.text);
-    }
     gps_lpp_location edge{};
     for (const auto &[code, degrees] : {std::pair{0x7FFFFFU, 179.99998}, {0x800000U, -180.0}}) {
         edge.degrees_longitude = code;
@@ -124,9 +122,8 @@ TEST(lsctl_nmea, what_is_wrong_is_said) {
         {"PUBX\n", text},
         {"PUBX\x7F", text},
         {"PUBX\xC3", text}};
-    for (const auto &[typed, problem] : rows) {
+    for (const auto &[typed, problem] : rows)
         EXPECT_EQ(nmea_problem(typed), problem) << typed;
-    }
     EXPECT_TRUE(nmea_expects_answer("PUBX,00"));
     EXPECT_FALSE(nmea_expects_answer("PUBX,40,GLL,0,0,0,0,0,0"));
     EXPECT_FALSE(nmea_expects_answer("PUBX,41,1,0007,0003,9600,0"));

@@ -73,9 +73,8 @@ TEST_F(lsctl_track, tells_lines_from_what_is_none) {
 }
 
 TEST_F(lsctl_track, both_ends_of_a_range_belong_to_it) {
-    for (int second = 0; second < 4; ++second) {
+    for (int second = 0; second < 4; ++second)
         add(second);
-    }
     const track some = track_parse(text, {NOON + 1, NOON + 2}, silent);
     ASSERT_EQ(some.points.size(), 2U);
     EXPECT_EQ(some.points[0].utc, NOON + 1);
@@ -88,13 +87,11 @@ TEST_F(lsctl_track, the_hour_that_comes_twice_runs_on) {
         {"01:59:00", 0},    {"02:30:00", 1860}, // summer time
         {"02:59:59", 3659}, {"02:00:00", 3660}, // winter time
         {"02:59:00", 7200}, {"03:00:00", 7260}};
-    for (const auto &row : rows) {
+    for (const auto &row : rows)
         text += std::string("2019-10-27 ") + row.first + ",2D,1.0N,1.0E,+1.00m,08\n";
-    }
     const track all = parsed();
-    for (size_t i = 0; i < std::size(rows); ++i) {
+    for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(all.points.at(i).utc - 1572134340, rows[i].second) << rows[i].first;
-    }
 }
 
 TEST_F(lsctl_track, times_as_people_type_them) {
@@ -142,13 +139,11 @@ TEST_F(lsctl_track, pauses_are_steps_much_longer_than_those_around) {
     };
     for (const auto &row : rows) {
         text.clear();
-        for (const int second : row.seconds) {
+        for (const int second : row.seconds)
             second < 0 ? add(-second, "0.000000X,0.000000Y", "ER,") : add(second);
-        }
         std::vector<size_t> sizes;
-        for (const track_stretch &stretch : track_stretches(parsed(), row.gap_s)) {
+        for (const track_stretch &stretch : track_stretches(parsed(), row.gap_s))
             sizes.push_back(stretch.size());
-        }
         EXPECT_EQ(sizes, row.stretches) << row.name;
     }
 }

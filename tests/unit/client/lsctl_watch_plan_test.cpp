@@ -19,9 +19,8 @@ struct lsctl_watch : testing::Test {
         plan = watch_start(seconds(interval_s), count, reconnect, now);
         ASSERT_EQ(watch_next(plan, now), step::try_register);
         expect_outcome(result::answered, watch_verdict::go_on);
-        for (int i = 0; i < updates; ++i) {
+        for (int i = 0; i < updates; ++i)
             watch_on_update(plan, now);
-        }
     }
     void expect_outcome(result outcome, watch_verdict verdict) {
         EXPECT_EQ(watch_on_registration(plan, outcome, now), verdict);
