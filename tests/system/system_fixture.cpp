@@ -43,11 +43,10 @@ bool wait_until(const std::function<bool()> &done, milliseconds limit) {
 }
 
 background::background(const words &command, const std::string &where) {
-    const std::string name = "child-" + std::to_string(++children_started);
-    out_file = std::filesystem::absolute(name + ".out");
-    err_file = std::filesystem::absolute(name + ".err");
-    const int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    files = std::filesystem::absolute("child-" + std::to_string(++children_started));
+    constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+    const int out = open((files + ".out").c_str(), flags, 0644);
+    const int err = open((files + ".err").c_str(), flags, 0644);
     std::vector<char *> arguments;
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
@@ -67,24 +66,18 @@ background::~background() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    std::error_code gone_with_their_directory;
-    std::filesystem::remove(out_file, gone_with_their_directory);
-    std::filesystem::remove(err_file, gone_with_their_directory);
 }
 
 process_result background::wait(milliseconds limit) {
-    process_result result;
-    int status = 0;
+    int status = 0, ended = -1;
     if (pid > 0 && wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) {
-        result.status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+        ended = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     } else if (pid > 0) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
     pid = -1;
-    result.out = out();
-    result.err = err();
-    return result;
+    return {ended, out(), err()};
 }
 
 process_result run(const words &command) {

@@ -45,21 +45,21 @@ struct process_result {
 // A program in the background; killed when this goes away before its end.
 class background {
   public:
-    // Runs in directory `where`, with its two outputs in files of the working directory.
+    // Runs in directory `where`, with its two outputs in files of the working directory, a
+    // scratch_dir.
     explicit background(const words &command, const std::string &where = ".");
     ~background();
     background(const background &) = delete;
     background &operator=(const background &) = delete;
 
     void signal(int number) const { kill(pid, number); }
-    std::string out() const { return scratch_dir::read(out_file); }
-    std::string err() const { return scratch_dir::read(err_file); }
+    std::string out() const { return scratch_dir::read(files + ".out"); }
+    std::string err() const { return scratch_dir::read(files + ".err"); }
     process_result wait(milliseconds limit = PATIENCE);
 
   private:
-    pid_t pid = -1; // -1 = has ended
-    std::filesystem::path out_file;
-    std::filesystem::path err_file;
+    pid_t pid = -1;    // -1 = has ended
+    std::string files; // of its outputs, without .out and .err
 };
 
 process_result run(const words &command);
