@@ -154,7 +154,7 @@ TEST(services, on_the_bus) {
     EXPECT_EQ(receive(1418), "03 00 00 00");
     send(fill_request_hdr, LS_SERV_TA, 1416, ta_request("$GPGPQ,GLL*3A\r\n", 15));
     const std::string answer = receive(1416);
-    EXPECT_EQ(answer.substr(201 * 3, 20), "24 47 50 47 4c 4c 2c") << "$GPGLL,";
+    EXPECT_EQ(answer.substr(size_t{201} * 3, 20), "24 47 50 47 4c 4c 2c") << "$GPGLL,";
     send(fill_request_hdr, LS_SERV_SAL, 18, {1, 0});
     EXPECT_EQ(receive(18), "");
     EXPECT_FALSE(services_daemon_ready());
