@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -42,58 +43,37 @@ void run(const bytes &input) {
     LLVMFuzzerTestOneInput(exact.get(), input.size());
 }
 
-size_t below(std::mt19937 &random, size_t limit) {
-    return limit == 0 ? 0 : random() % limit;
-}
-
 void mutate(bytes &input, const bytes &other, std::mt19937 &random) {
     constexpr uint8_t telling[] = {0x00, 0x01, 0x0A, 0x0D, '$',  '*',
                                    ',',  0x62, 0xB5, 0x7F, 0x80, 0xFF};
-    const size_t at = below(random, input.size());
-    const auto here = input.begin() + static_cast<std::ptrdiff_t>(at);
-    switch (random() % 6) {
+    const auto some = [&random](size_t limit) {
+        return static_cast<std::ptrdiff_t>(limit == 0 ? 0 : random() % limit);
+    };
+    const auto here = input.begin() + some(input.size());
+    const size_t left = static_cast<size_t>(input.end() - here);
+    switch (left == 0 ? 3 : random() % 6) {
     case 0: // a changed bit
-        if (!input.empty())
-            input[at] = static_cast<uint8_t>(input[at] ^ (1u << (random() % 8)));
+        *here = static_cast<uint8_t>(*here ^ (1u << (random() % 8)));
         break;
     case 1: // a byte that means something
-        if (!input.empty())
-            input[at] = telling[random() % std::size(telling)];
+        *here = telling[random() % std::size(telling)];
         break;
     case 2: // bytes missing
-        input.erase(here, here + static_cast<std::ptrdiff_t>(
-                                     std::min(input.size() - at, below(random, 16))));
+        input.erase(here, here + some(std::min<size_t>(left + 1, 16)));
         break;
     case 3: // one byte many times
-        input.insert(here, below(random, 256), static_cast<uint8_t>(random()));
+        input.insert(here, random() % 256, static_cast<uint8_t>(random()));
         break;
-    case 4: { // the rest of another input
-        const size_t from = below(random, other.size());
-        input.resize(at);
-        input.insert(input.end(), other.begin() + static_cast<std::ptrdiff_t>(from), other.end());
+    case 4: // the rest of another input
+        input.erase(here, input.end());
+        input.insert(input.end(), other.begin() + some(other.size()), other.end());
         break;
-    }
     default: { // a part twice
-        const bytes part(here, here + static_cast<std::ptrdiff_t>(
-                                          std::min(input.size() - at, below(random, 64))));
+        const bytes part(here, here + some(std::min<size_t>(left + 1, 64)));
         input.insert(input.end(), part.begin(), part.end());
-        break;
     }
     }
     input.resize(std::min(input.size(), longest_input));
-}
-
-std::vector<bytes> read_corpus(const char *directory) {
-    std::vector<std::filesystem::path> files;
-    for (const auto &entry : std::filesystem::directory_iterator(directory))
-        files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    std::vector<bytes> corpus;
-    for (const std::filesystem::path &file : files) {
-        std::ifstream in(file, std::ios::binary);
-        corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    return corpus;
 }
 
 } // namespace
@@ -103,10 +83,13 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s CORPUS_DIRECTORY\n", argv[0]);
         return 2;
     }
-    const std::vector<bytes> corpus = read_corpus(argv[1]);
-    if (corpus.empty()) {
-        fprintf(stderr, "%s: no corpus\n", argv[1]);
-        return 1;
+    const std::filesystem::directory_iterator directory(argv[1]);
+    const std::set<std::filesystem::path> files(begin(directory), end(directory));
+    fuzz_expect(!files.empty(), "there is a corpus");
+    std::vector<bytes> corpus;
+    for (const std::filesystem::path &file : files) {
+        std::ifstream in(file, std::ios::binary);
+        corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     finding_path = std::filesystem::absolute("finding").string();
     std::signal(SIGABRT, keep_finding);

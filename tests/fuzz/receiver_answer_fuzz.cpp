@@ -11,6 +11,7 @@
 #include "ls_state.h"
 
 #include <algorithm>
+#include <map>
 #include <string_view>
 
 namespace {
@@ -34,7 +35,13 @@ void answer(const fake::sent_message &sent) {
     ls_hal_process_message(fake::connection(), &msg);
 }
 
-void query_satellites() {
+template <typename record, auto query>
+void ask() {
+    record out = {};
+    query(&out);
+}
+
+void ask_satellites() {
     gps_sat_info info = {};
     if (gps_get_sat_info(&info) != 0)
         return;
@@ -42,45 +49,23 @@ void query_satellites() {
     fuzz_expect(info.num_sat_usable <= GPS_SAT_SLOTS, "satellites in use have a slot");
 }
 
-void query_engineering(const char *command, int32_t (*execute)(ls_engg_cmd *)) {
+template <auto execute>
+void send_command(const char *command) {
     ls_engg_cmd record = {};
     strncpy(record.command, command, sizeof record.command - 1);
     execute(&record);
 }
 
-void run_query(uint8_t which) {
-    gps_pos_data position = {};
-    gps_time_fields time = {};
-    gps_speed_data speed = {};
-    gps_lpp_location location = {};
-    int32_t tow = 0;
-    switch (which) {
-    case 'p':
-        gps_get_pos(&position);
-        break;
-    case 't':
-        gps_get_time(&time);
-        break;
-    case 'w':
-        gps_get_tow(&tow);
-        break;
-    case 's':
-        query_satellites();
-        break;
-    case 'v':
-        gps_get_speed(&speed);
-        break;
-    case 'l':
-        gps_get_lpp_paramas(&location);
-        break;
-    case 'n':
-        query_engineering("GPGPQ,GGA", gps_engg_exec_nmea);
-        break;
-    default:
-        query_engineering("B5,62,0A,04,00,00,00,00", gps_engg_exec_ubx);
-        break;
-    }
-}
+const std::map<uint8_t, void (*)()> queries = {
+    {'p', ask<gps_pos_data, gps_get_pos>},
+    {'t', ask<gps_time_fields, gps_get_time>},
+    {'w', ask<int32_t, gps_get_tow>},
+    {'s', ask_satellites},
+    {'v', ask<gps_speed_data, gps_get_speed>},
+    {'l', ask<gps_lpp_location, gps_get_lpp_paramas>},
+    {'n', [] { send_command<gps_engg_exec_nmea>("GPGPQ,GGA"); }},
+    {'u', [] { send_command<gps_engg_exec_ubx>("B5,62,0A,04,00,00,00,00"); }},
+};
 
 } // namespace
 
@@ -94,6 +79,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     gps_pos_buffer_time = 0; // each LPP query asks anew
     answers = {reinterpret_cast<const char *>(data) + 1, size - 1};
     fake::on_send(answer);
-    run_query(data[0]);
+    queries.contains(data[0]) ? queries.at(data[0])() : queries.at('u')();
     return 0;
 }

@@ -15,44 +15,29 @@ namespace {
 constexpr double step_s = 0.05;
 constexpr double wall_clock_s = 1704110400; // 2024-01-01 12:00:00 UTC
 
-bool is_sentence(std::string_view text) {
-    const size_t star = text.find('*');
-    if (!text.starts_with('$') || star == std::string_view::npos || text.size() != star + 5)
-        return false;
-    unsigned sum = 0;
-    for (const char c : text.substr(1, star - 1))
-        sum ^= static_cast<unsigned char>(c);
-    char tail[8];
-    snprintf(tail, sizeof tail, "*%02X\r\n", sum);
-    return text.substr(star) == tail;
-}
-
-bool is_frame(std::span<const uint8_t> bytes) {
-    constexpr size_t overhead = 8;
-    if (bytes.size() < overhead || bytes[0] != 0xB5 || bytes[1] != 0x62 ||
-        bytes.size() != overhead + bytes[4] + size_t{bytes[5]} * 256)
-        return false;
-    uint8_t a = 0;
-    uint8_t b = 0;
-    for (size_t i = 2; i < bytes.size() - 2; ++i) {
-        a = static_cast<uint8_t>(a + bytes[i]);
-        b = static_cast<uint8_t>(b + a);
-    }
-    return bytes[bytes.size() - 2] == a && bytes[bytes.size() - 1] == b;
-}
-
 // Sentences and frames, whole, and nothing between them.
 void expect_whole(std::span<const uint8_t> rest) {
-    constexpr size_t overhead = 8;
-    fuzz_expect(!rest.empty(), "a message has bytes");
     while (!rest.empty()) {
         const std::string_view text(reinterpret_cast<const char *>(rest.data()), rest.size());
-        size_t size = std::min(text.find('\n'), text.size() - 1) + 1;
-        if (rest[0] == 0xB5 && rest.size() >= overhead) {
-            size = std::min(overhead + rest[4] + size_t{rest[5]} * 256, rest.size());
-            fuzz_expect(is_frame(rest.first(size)), "a frame is whole");
+        size_t size = 0;
+        if (text.starts_with("\xB5\x62") && text.size() >= 6) {
+            size = size_t{8} + rest[4] + size_t{rest[5]} * 256;
+            fuzz_expect(size <= rest.size(), "a frame is whole");
+            const auto body = rest.subspan(2, size - 4);
+            uint8_t a = 0, b = 0;
+            for (const uint8_t byte : body) {
+                a = static_cast<uint8_t>(a + byte);
+                b = static_cast<uint8_t>(b + a);
+            }
+            fuzz_expect(rest[size - 2] == a && rest[size - 1] == b, "checksum of a frame");
         } else {
-            fuzz_expect(is_sentence(text.substr(0, size)), "a sentence is whole");
+            size = text.find("\r\n") + 2;
+            fuzz_expect(text.starts_with('$') && text.find('*') + 5 == size, "a sentence is whole");
+            unsigned sum = 0;
+            for (const char c : text.substr(1, size - 6))
+                sum ^= static_cast<unsigned char>(c);
+            fuzz_expect(std::stoul(std::string(text.substr(size - 4, 2)), nullptr, 16) == sum,
+                        "checksum of a sentence");
         }
         rest = rest.subspan(size);
     }

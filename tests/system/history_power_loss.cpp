@@ -1,7 +1,7 @@
 // Power loss: a writer of the location history is killed again and again at random moments, before
 // and after the file has wrapped, and what is left is read by this program's own arithmetic.
 //
-// usage: history_power_loss [--kills N] [--seed N]
+// usage: history_power_loss [KILLS [SEED]]
 //
 // The writer is a child: the daemon's own modules. It counts in shared memory how many lines it has
 // begun and how many of these calls have returned. Each line carries its number in its place
@@ -17,8 +17,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -61,71 +59,66 @@ std::string line_of(uint32_t number) {
     return line;
 }
 
-// The number of a whole line.
-std::optional<uint32_t> number_of(const std::string &line) {
+// The number of a whole line; 0 = it is none.
+uint32_t number_of(const std::string &line) {
     unsigned whole = 0;
     unsigned part = 0;
-    if (std::sscanf(line.c_str(), "2019-02-05 %*2u:%*2u:%*2u,2D,%2u.%6uN,", &whole, &part) != 2) {
-        return std::nullopt;
-    }
+    std::sscanf(line.c_str(), "2019-02-05 %*2u:%*2u:%*2u,2D,%2u.%6uN,", &whole, &part);
     const uint32_t number = whole * 1'000'000 + part;
-    return line + "\n" == line_of(number) ? std::optional(number) : std::nullopt;
+    return line + "\n" == line_of(number) ? number : 0;
 }
 
 [[noreturn]] void write_until_killed() {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     // What start-up does: a file without a good header gets one.
-    if (ls_hal_init_gps_history() != 0) {
-        ++shared->failed;
-    }
+    shared->failed += ls_hal_init_gps_history() != 0 ? 1 : 0;
     for (uint32_t number = shared->begun + 1;; ++number) {
         shared->begun = number;
-        const std::string line = line_of(number);
-        bool written = false;
-        {
-            const std::lock_guard guard(ls_history_file_lock);
-            written = ls_write_to_file(line.c_str()) == 0;
-        }
-        if (!written) {
-            ++shared->failed;
-        } else {
+        std::unique_lock guard(ls_history_file_lock);
+        const bool written = ls_write_to_file(line_of(number).c_str()) == 0;
+        guard.unlock();
+        if (written) {
             shared->returned = number;
+        } else {
+            ++shared->failed;
         }
-        if (number % 256 == 0) {
+        if (number % 256 == 0)
             fake::reset_log();
-        }
     }
 }
 
 // Starts a writer, kills it `pause` after its first returned line.
-bool run_writer(std::chrono::microseconds pause) {
+void run_writer(std::chrono::microseconds pause) {
     const uint32_t before = shared->returned;
     const pid_t child = fork();
-    if (child == 0) {
+    if (child == 0)
         write_until_killed();
-    }
     const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    while (shared->returned == before && std::chrono::steady_clock::now() < deadline) {
+    while (shared->returned == before && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
-    }
     std::this_thread::sleep_for(pause);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    return shared->returned != before;
+    if (shared->returned == before)
+        fault("the writer wrote nothing");
 }
 
-std::pair<uint32_t, uint32_t> header() {
-    const std::string file = scratch_dir::read(LS_PATH_HISTORY);
-    std::pair<uint32_t, uint32_t> offsets{0, 0};
-    if (file.size() >= HEADER_SIZE) {
-        memcpy(&offsets.first, file.data(), 4);
-        memcpy(&offsets.second, file.data() + 4, 4);
-    }
+// A file with this header, and the header of a file.
+std::string with_header(size_t wrap, size_t write, const std::string &lines) {
+    const std::array<uint32_t, 2> offsets = {static_cast<uint32_t>(wrap),
+                                             static_cast<uint32_t>(write)};
+    return std::string(reinterpret_cast<const char *>(offsets.data()), HEADER_SIZE) + lines;
+}
+
+std::array<uint32_t, 2> header() {
+    std::array<uint32_t, 2> offsets = {};
+    scratch_dir::read(LS_PATH_HISTORY)
+        .copy(reinterpret_cast<char *>(offsets.data()), sizeof offsets);
     return offsets;
 }
 
 // Everything the history must still be, `round` kills after its beginning.
-void check(int round) {
+void check(uint32_t round) {
     const std::string at = "after kill " + std::to_string(round) + ": ";
     const auto [wrap, write] = header();
     const auto size = std::filesystem::file_size(LS_PATH_HISTORY);
@@ -135,75 +128,55 @@ void check(int round) {
         fault(at + "header " + std::to_string(wrap) + " " + std::to_string(write));
     }
     fake::reset_log();
-    if (ls_hal_read_history_data() != 0) {
+    if (ls_hal_read_history_data() != 0)
         fault(at + "the file does not open again");
-        return;
-    }
     const uint32_t returned = shared->returned;
     const uint32_t begun = shared->begun;
-    if (begun != returned) {
+    if (begun != returned)
         unsure.insert(begun);
-    }
     std::istringstream text(scratch_dir::read(LS_PATH_HISTORY_EXPORT));
-    std::string line;
     uint32_t previous = 0;
-    uint32_t last = 0;
     size_t whole = 0;
-    size_t partial = 0;
     size_t count = 0;
     bool begun_seen = false;
-    for (; std::getline(text, line); ++count) {
-        const std::optional<uint32_t> number = number_of(line);
-        if (!number.has_value()) {
-            ++partial;
+    for (std::string line; std::getline(text, line); ++count) {
+        const uint32_t number = number_of(line);
+        if (number == 0) {
             // The oldest line may be what a newer one has left of it, also a newer one that the
             // header does not know yet and that therefore comes before it.
-            if (!(wrapped && count == 0) && !(begun_seen && count == 1)) {
+            if (begun_seen ? count != 1 : !wrapped || count != 0)
                 fault(at + "line " + std::to_string(count) + " is not whole: " + line);
-            }
             continue;
         }
         ++whole;
-        if (*number == begun && begun != returned) {
+        if (number == begun && begun != returned) {
             begun_seen = true; // in its place, or over the oldest
             continue;
         }
-        for (uint32_t lost = previous + 1; previous != 0 && lost < *number; ++lost) {
-            if (!unsure.contains(lost)) {
+        for (uint32_t lost = previous + 1; previous != 0 && lost < number; ++lost) {
+            if (!unsure.contains(lost))
                 fault(at + "line " + std::to_string(lost) + " is lost");
-            }
         }
-        if (*number <= previous) {
-            fault(at + "line " + std::to_string(*number) + " follows " + std::to_string(previous));
-        }
-        previous = *number;
-        last = *number;
+        if (number <= previous)
+            fault(at + "line " + std::to_string(number) + " follows " + std::to_string(previous));
+        previous = number;
     }
-    if (partial > 1 && faults == 0) {
-        fault(at + std::to_string(partial) + " partial lines");
+    if (previous != returned) {
+        fault(at + "the last line is " + std::to_string(previous) + ", " +
+              std::to_string(returned) + " had returned");
     }
-    if (last != returned) {
-        fault(at + "the last line is " + std::to_string(last) + ", " + std::to_string(returned) +
-              " had returned");
-    }
-    if (!wrapped && whole + unsure.size() < returned) {
+    if (!wrapped && whole + unsure.size() < returned)
         fault(at + std::to_string(whole) + " lines of " + std::to_string(returned));
-    }
 }
 
 // Lines up to a kibibyte before the end of the file: the next few wrap.
 void fill_to_the_end() {
-    const std::lock_guard guard(ls_history_file_lock);
-    std::string file(HEADER_SIZE, '\0');
+    std::string lines;
     uint32_t number = 0;
-    while (file.size() < LS_HISTORY_FILE_SIZE - 1024) {
-        file += line_of(++number);
-    }
-    const auto end = static_cast<uint32_t>(file.size());
-    const uint32_t start = HEADER_SIZE;
-    memcpy(file.data(), &start, 4);
-    memcpy(file.data() + 4, &end, 4);
-    scratch_dir::write(LS_PATH_HISTORY, file);
+    while (lines.size() < LS_HISTORY_FILE_SIZE - 1024)
+        lines += line_of(++number);
+    scratch_dir::write(LS_PATH_HISTORY,
+                       with_header(HEADER_SIZE, HEADER_SIZE + lines.size(), lines));
     shared->begun = shared->returned = number;
     unsure.clear();
 }
@@ -214,18 +187,11 @@ std::string staged(const std::string &file, const std::string &lost, const std::
     scratch_dir::write(LS_PATH_HISTORY, file);
     const std::lock_guard guard(ls_history_file_lock);
     ls_write_to_file(lost.c_str());
-    std::string left = scratch_dir::read(LS_PATH_HISTORY);
+    const std::string left = scratch_dir::read(LS_PATH_HISTORY);
     scratch_dir::write(LS_PATH_HISTORY, file.substr(0, HEADER_SIZE) + left.substr(HEADER_SIZE));
     ls_write_to_file(next.c_str());
     ls_hal_read_history_data();
     return scratch_dir::read(LS_PATH_HISTORY_EXPORT);
-}
-
-std::string with_header(uint32_t wrap, uint32_t write, const std::string &lines) {
-    std::string bytes(HEADER_SIZE, '\0');
-    memcpy(bytes.data(), &wrap, 4);
-    memcpy(bytes.data() + 4, &write, 4);
-    return bytes + lines;
 }
 
 void check_staged() {
@@ -233,71 +199,51 @@ void check_staged() {
     const std::string first = line_of(3);
     const std::string lost = line_of(4);
     const std::string next = line_of(6);
-    if (lost.size() <= next.size()) {
-        fault("the lines of the staged losses have the wrong lengths");
-    }
-    const auto end = static_cast<uint32_t>(HEADER_SIZE + first.size());
-    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next) {
+    const size_t end = HEADER_SIZE + first.size();
+    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next)
         fault("staged loss before the wrap");
-    }
     // The oldest line is half overwritten by the first one.
     const std::string old = "6N,11.516667E,+2.25m,08\n";
     const std::string older = line_of(1);
     const std::string text = staged(with_header(end, end, first + old + older + older), lost, next);
-    const std::string wanted_end = older + first + next;
-    if (text.size() < wanted_end.size() || !text.ends_with(wanted_end) ||
-        std::count(text.begin(), text.end() - static_cast<ptrdiff_t>(wanted_end.size()), '\n') >
-            1) {
+    const size_t rest = text.find(older + first + next);
+    if (!text.ends_with(older + first + next) || std::count(&text[0], &text[rest], '\n') > 1)
         fault("staged loss after the wrap: " + text);
-    }
-}
-
-uint32_t option(int argc, char **argv, std::string_view name, uint32_t otherwise) {
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (argv[i] == name) {
-            return static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
-        }
-    }
-    return otherwise;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    const uint32_t kills = option(argc, argv, "--kills", 40);
-    const uint32_t seed = option(argc, argv, "--seed", std::random_device()());
+    const auto number = [&](int at, uint32_t otherwise) {
+        return argc > at ? static_cast<uint32_t>(std::stoul(argv[at])) : otherwise;
+    };
+    const uint32_t kills = number(1, 40);
+    const uint32_t seed = number(2, std::random_device()());
     std::printf("%u kills, seed %u\n", kills, seed);
     std::mt19937 random(seed);
     const scratch_dir dir;
     std::filesystem::create_directories("user/location");
-    shared = static_cast<counters *>(
-        mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    if (shared == MAP_FAILED) {
+    void *const memory =
+        mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
         std::perror("mmap");
         return 1;
     }
+    shared = static_cast<counters *>(memory);
     fake::reset();
     check_staged();
     std::filesystem::remove(LS_PATH_HISTORY);
-    bool wrapped = false;
     for (uint32_t i = 0; i < kills && faults == 0; ++i) {
-        if (i == kills / 2) {
+        if (i == kills / 2)
             fill_to_the_end();
-        }
         // Some right after the first line, most within some hundred of them.
-        const auto pause = std::chrono::microseconds(random() % 4 == 0 ? 0 : random() % 20'000);
-        if (!run_writer(pause)) {
-            fault("the writer wrote nothing");
-        }
-        check(static_cast<int>(i + 1));
-        wrapped = header().first != HEADER_SIZE;
+        run_writer(std::chrono::microseconds(random() % 4 == 0 ? 0 : random() % 20'000));
+        check(i + 1);
     }
-    if (!wrapped) {
+    if (header()[0] == HEADER_SIZE)
         fault("the file never wrapped");
-    }
-    if (shared->failed != 0) {
+    if (shared->failed != 0)
         fault(std::to_string(shared->failed.load()) + " writes failed");
-    }
     std::printf("%u lines, %d faults\n", shared->returned.load(), faults);
     return faults == 0 ? 0 : 1;
 }

@@ -13,19 +13,8 @@
 
 namespace {
 
-constexpr size_t SHOWN_LOG_LINES = 40;
+constexpr size_t SHOWN_LOG_BYTES = 4000;
 std::atomic<int> children_started; // numbers their output files
-
-int exit_status(int wait_status) {
-    return WIFSIGNALED(wait_status) ? 128 + WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
-}
-
-std::string last_lines(const std::string &text) {
-    size_t at = text.size();
-    for (size_t lines = 0; at != 0 && lines <= SHOWN_LOG_LINES; --at)
-        lines += text[at - 1] == '\n' ? 1 : 0;
-    return text.substr(at);
-}
 
 // Between fork and exec: nothing that takes a lock.
 [[noreturn]] void become(char *const *arguments, const char *where, int out, int err,
@@ -54,11 +43,10 @@ bool wait_until(const std::function<bool()> &done, milliseconds limit) {
 }
 
 background::background(const words &command, const std::string &where) {
-    const std::string name = "child-" + std::to_string(++children_started);
-    out_file = std::filesystem::absolute(name + ".out");
-    err_file = std::filesystem::absolute(name + ".err");
-    const int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    files = std::filesystem::absolute("child-" + std::to_string(++children_started));
+    constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+    const int out = open((files + ".out").c_str(), flags, 0644);
+    const int err = open((files + ".err").c_str(), flags, 0644);
     std::vector<char *> arguments;
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
@@ -78,28 +66,22 @@ background::~background() {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    std::error_code gone_with_their_directory;
-    std::filesystem::remove(out_file, gone_with_their_directory);
-    std::filesystem::remove(err_file, gone_with_their_directory);
 }
 
 process_result background::wait(milliseconds limit) {
-    process_result result;
-    int status = 0;
+    int status = 0, ended = -1;
     if (pid > 0 && wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) {
-        result.status = exit_status(status);
+        ended = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     } else if (pid > 0) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
     pid = -1;
-    result.out = out();
-    result.err = err();
-    return result;
+    return {ended, out(), err()};
 }
 
-process_result run(const words &command, milliseconds limit) {
-    return background(command).wait(limit);
+process_result run(const words &command) {
+    return background(command).wait();
 }
 
 process_result lsctl(words arguments) {
@@ -135,9 +117,11 @@ void terminal::start(const words &options, bool until_up) {
 terminal::~terminal() {
     if (!testing::Test::HasFailure())
         return;
+    const std::string all = log();
     std::cerr << "---- simterm\n"
               << simterm->out() << simterm->err() << "---- log/terminal.log, its end\n"
-              << last_lines(log()) << "---- log/daemon.out\n"
+              << all.substr(all.size() - std::min(all.size(), SHOWN_LOG_BYTES))
+              << "---- log/daemon.out\n"
               << file("log/daemon.out") << "----\n";
 }
 
@@ -165,7 +149,7 @@ std::string terminal::daemon_end() {
 
 void terminal::ctl(words request) {
     request.insert(request.begin(), {SIMTERM_PROGRAM, "ctl", root.string()});
-    const process_result answer = run(request, 2 * PATIENCE);
+    const process_result answer = background(request).wait(2 * PATIENCE);
     EXPECT_EQ(answer.status, 0) << answer.err;
 }
 
@@ -232,19 +216,15 @@ std::optional<bus_message> bus_client::take(const std::function<bool(const bus_m
 }
 
 std::optional<bus_message> bus_client::take(uint32_t msg_id, milliseconds limit) {
-    return take([msg_id](const bus_message &message) { return message.hdr.msg_id == msg_id; },
-                limit);
+    return take([&](const bus_message &message) { return message.hdr.msg_id == msg_id; }, limit);
 }
 
-std::optional<bus_message> bus_client::ask(uint32_t msg_id, std::span<const uint8_t> payload,
-                                           milliseconds limit) {
+std::optional<bus_message> bus_client::ask(uint32_t msg_id, std::span<const uint8_t> payload) {
     const uint32_t txn = send(msg_id, payload);
     if (txn == 0)
         return std::nullopt;
-    return take(
-        [&](const bus_message &message) {
-            return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.msg_id == msg_id &&
-                   message.hdr.txn_id == txn;
-        },
-        limit);
+    return take([&](const bus_message &message) {
+        return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.msg_id == msg_id &&
+               message.hdr.txn_id == txn;
+    });
 }

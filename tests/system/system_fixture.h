@@ -45,25 +45,24 @@ struct process_result {
 // A program in the background; killed when this goes away before its end.
 class background {
   public:
-    // Runs in directory `where`, with its two outputs in files of the working directory.
+    // Runs in directory `where`, with its two outputs in files of the working directory, a
+    // scratch_dir.
     explicit background(const words &command, const std::string &where = ".");
     ~background();
     background(const background &) = delete;
     background &operator=(const background &) = delete;
 
-    pid_t id() const { return pid; }
     void signal(int number) const { kill(pid, number); }
-    std::string out() const { return scratch_dir::read(out_file); }
-    std::string err() const { return scratch_dir::read(err_file); }
+    std::string out() const { return scratch_dir::read(files + ".out"); }
+    std::string err() const { return scratch_dir::read(files + ".err"); }
     process_result wait(milliseconds limit = PATIENCE);
 
   private:
-    pid_t pid = -1; // -1 = has ended
-    std::filesystem::path out_file;
-    std::filesystem::path err_file;
+    pid_t pid = -1;    // -1 = has ended
+    std::string files; // of its outputs, without .out and .err
 };
 
-process_result run(const words &command, milliseconds limit = PATIENCE);
+process_result run(const words &command);
 process_result lsctl(words arguments); // on the bus of the terminal that was brought up last
 
 // The simulated terminal "t" in a scratch directory, with the daemon in it.
@@ -126,8 +125,7 @@ class bus_client {
                                     milliseconds limit = PATIENCE);
     std::optional<bus_message> take(uint32_t msg_id, milliseconds limit = PATIENCE);
     // Sends a request and waits for the response with its transaction id.
-    std::optional<bus_message> ask(uint32_t msg_id, std::span<const uint8_t> payload = {},
-                                   milliseconds limit = PATIENCE);
+    std::optional<bus_message> ask(uint32_t msg_id, std::span<const uint8_t> payload = {});
 
   private:
     static int on_message(scm_conn *conn, bus_msg *msg);

@@ -15,15 +15,12 @@ constexpr uint8_t TOOL = 40; // service id of a client without privileges
 
 uint32_t position_status(bus_client &client) {
     const auto answer = client.ask(LS_REQUEST_GET_POSITION);
-    EXPECT_TRUE(answer);
-    const auto reply = record_in<ls_position_reply>(answer);
-    if (answer && reply.status != LS_STATUS_OK) {
-        EXPECT_EQ(
-            std::count(answer->payload.begin() + sizeof(reply.status), answer->payload.end(), 0),
-            sizeof(reply) - sizeof(reply.status))
-            << "no position, no bytes of it";
-    }
-    return answer ? reply.status : 99;
+    if (!answer)
+        return 99;
+    const auto status = record_in<ls_position_reply>(answer).status;
+    const auto zeros = std::count(answer->payload.begin() + 4, answer->payload.end(), 0);
+    EXPECT_TRUE(status == LS_STATUS_OK || zeros == 76) << "no position, no bytes of it";
+    return status;
 }
 
 } // namespace
@@ -31,21 +28,16 @@ uint32_t position_status(bus_client &client) {
 TEST(receiver_fault, fails_its_request_and_not_the_next) {
     terminal term;
     bus_client client(TOOL);
-    struct fault {
-        words name;
-        uint32_t status;
-        bool answer_under_way; // the fault leaves one behind that spoils one more request
+    const std::pair<words, uint32_t> faults[] = {
+        {{"silent"}, LS_STATUS_PASSED_THROUGH},
+        {{"late"}, LS_STATUS_PASSED_THROUGH},
+        {{"cut"}, LS_STATUS_FAILED},
+        {{"cut", "1"}, LS_STATUS_FAILED},
+        {{"checksum"}, LS_STATUS_FAILED},
+        {{"garbage-before"}, LS_STATUS_FAILED},
+        {{"empty-fields"}, LS_STATUS_FAILED},
     };
-    const std::array faults = {
-        fault{{"silent"}, LS_STATUS_PASSED_THROUGH, false},
-        fault{{"late"}, LS_STATUS_PASSED_THROUGH, true},
-        fault{{"cut"}, LS_STATUS_FAILED, false},
-        fault{{"cut", "1"}, LS_STATUS_FAILED, false},
-        fault{{"checksum"}, LS_STATUS_FAILED, false},
-        fault{{"garbage-before"}, LS_STATUS_FAILED, false},
-        fault{{"empty-fields"}, LS_STATUS_FAILED, false},
-    };
-    for (const auto &[name, status, answer_under_way] : faults) {
+    for (const auto &[name, status] : faults) {
         words request = {"fault"};
         request.insert(request.end(), name.begin(), name.end());
         request.emplace_back("on");
@@ -53,7 +45,7 @@ TEST(receiver_fault, fails_its_request_and_not_the_next) {
         EXPECT_EQ(position_status(client), status) << request[1];
         request.back() = "off";
         term.ctl(request);
-        if (answer_under_way)
+        if (request[1] == "late") // its answer, still under way, spoils one more request
             position_status(client);
         EXPECT_EQ(position_status(client), LS_STATUS_OK) << "after " << request[1];
     }
@@ -103,9 +95,9 @@ TEST(hostile_messages, are_refused_or_answered_and_it_serves_on) {
             byte = static_cast<uint8_t>(random());
         return out;
     };
-    std::vector<uint32_t> ids = {0, 18, 19, 201, 208, 407, 808, 810, 1416, 1418, UINT32_MAX};
-    for (uint32_t id = 1000; id <= 1015; ++id)
-        ids.push_back(id);
+    constexpr std::array<uint32_t, 27> ids = {0,    18,   19,   201,  208,  407,  808,  810,  1000,
+                                              1001, 1002, 1003, 1004, 1005, 1006, 1007, 1008, 1009,
+                                              1010, 1011, 1012, 1013, 1014, 1015, 1416, 1418, ~0U};
     constexpr std::array<size_t, 10> sizes = {0, 1, 3, 4, 7, 24, 283, 285, 413, 65516};
     for (const uint8_t type : std::array<uint8_t, 6>{0, 1, 2, 3, 128, 255}) {
         for (const uint32_t id : ids) {
@@ -114,10 +106,6 @@ TEST(hostile_messages, are_refused_or_answered_and_it_serves_on) {
         }
         EXPECT_TRUE(serves()) << "after messages of type " << int{type};
     }
-    for (int count = 0; count < 500; ++count)
-        client.send(static_cast<uint32_t>(random() % 2000), noise(random() % 600),
-                    static_cast<uint8_t>(random() % 4));
-    EXPECT_TRUE(serves());
     EXPECT_TRUE(term.daemon_lives());
     EXPECT_EQ(term.stop(), 0);
 }
@@ -133,20 +121,19 @@ TEST(clients, eight_at_once_get_their_own_replies) {
             std::map<uint32_t, uint32_t> asked; // transaction: message
             for (const uint32_t request : ids)
                 asked[client.send(request)] = request;
-            EXPECT_EQ(asked.size(), ids.size());
-            while (!asked.empty()) {
-                const auto reply = client.take([](const bus_message &message) {
-                    return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.src_serv_id != 0;
+            for (const auto &[txn, request] : asked) {
+                const auto reply = client.take([of = txn](const bus_message &message) {
+                    return message.hdr.src_serv_id != 0 && message.hdr.txn_id == of;
                 });
-                ASSERT_TRUE(reply) << asked.size() << " replies are missing";
-                const auto of = asked.find(reply->hdr.txn_id);
-                ASSERT_NE(of, asked.end()) << "a reply to nobody's request";
-                EXPECT_EQ(reply->hdr.msg_id, of->second);
+                ASSERT_TRUE(reply) << "no reply to " << request;
+                EXPECT_EQ(reply->hdr.msg_id, request);
                 EXPECT_EQ(reply->hdr.dst_serv_id, id);
-                EXPECT_EQ(reply->payload.at(0), LS_STATUS_OK) << of->second;
-                asked.erase(of);
+                EXPECT_EQ(reply->payload.at(0), LS_STATUS_OK) << request;
             }
         }
+        EXPECT_FALSE(client.take(
+            [](const bus_message &message) { return message.hdr.src_serv_id != 0; }, 0ms))
+            << "a reply to nobody's request";
     };
     std::vector<std::thread> threads;
     for (uint8_t id = TOOL; id < TOOL + 8; ++id)

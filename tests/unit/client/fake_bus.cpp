@@ -1,5 +1,6 @@
 #include "fake_bus.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -10,13 +11,7 @@ namespace {
 std::atomic<uint32_t> next_txn{1};
 
 int fill(msg_hdr *hdr, uint8_t type, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
-    *hdr = {};
-    hdr->msg_type = type;
-    hdr->src_serv_id = static_cast<uint8_t>(fake.serv_id);
-    hdr->dst_serv_id = dst;
-    hdr->msg_id = msg_id;
-    hdr->txn_id = next_txn++;
-    hdr->pld_len = pld_len;
+    *hdr = {type, 0, fake.serv_id, dst, msg_id, next_txn++, pld_len, 0};
     return 0;
 }
 
@@ -33,17 +28,14 @@ void fake_reset() {
 std::vector<sent_message> fake_sent(uint32_t msg_id) {
     const std::lock_guard guard(fake.lock);
     std::vector<sent_message> found;
-    for (const sent_message &message : fake.sent) {
-        if (message.hdr.msg_id == msg_id) {
-            found.push_back(message);
-        }
-    }
+    std::copy_if(fake.sent.begin(), fake.sent.end(), std::back_inserter(found),
+                 [msg_id](const sent_message &m) { return m.hdr.msg_id == msg_id; });
     return found;
 }
 
-void fake_deliver(const msg_hdr &hdr, const bytes &payload) {
-    bytes copy = payload;
-    bus_msg msg{hdr, copy.empty() ? nullptr : copy.data()};
+void fake_deliver(msg_hdr hdr, bytes payload) {
+    hdr.pld_len = static_cast<uint32_t>(payload.size());
+    bus_msg msg{hdr, payload.empty() ? nullptr : payload.data()};
     const std::lock_guard guard(fake.delivery);
     if (fake.conn != nullptr) { // a late reply may find nobody
         fake.conn->on_message(fake.conn, &msg);
@@ -55,30 +47,34 @@ void fake_reply(const msg_hdr &request, const bytes &payload) {
     hdr.msg_type = LS_MSG_RESPONSE;
     hdr.src_serv_id = request.dst_serv_id;
     hdr.dst_serv_id = request.src_serv_id;
-    hdr.pld_len = static_cast<uint32_t>(payload.size());
     fake_deliver(hdr, payload);
 }
 
 void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload) {
-    msg_hdr hdr{};
-    hdr.msg_type = type;
-    hdr.src_serv_id = LS_OWN_SERV_ID;
-    hdr.msg_id = msg_id;
-    hdr.pld_len = static_cast<uint32_t>(payload.size());
-    fake_deliver(hdr, payload);
+    fake_deliver({static_cast<uint8_t>(type), 0, LS_OWN_SERV_ID, 0, msg_id, 0, 0, 0}, payload);
 }
 
-bytes padded(bytes head, size_t size) {
+play always(bytes reply) {
+    return [reply = std::move(reply)](const sent_message &m) { fake_reply(m.hdr, reply); };
+}
+
+play with_power(uint8_t mode) {
+    return [mode](const sent_message &m) {
+        if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE)
+            fake_reply(m.hdr, {1, 0, 0, 0, mode, 0, 0, 0});
+    };
+}
+
+bytes padded(bytes head, size_t size, const bytes &tail, size_t at) {
     head.resize(size);
+    std::copy(tail.begin(), tail.end(), head.begin() + static_cast<std::ptrdiff_t>(at));
     return head;
 }
 
 int scm_conn_init(scm_conn *conn, uint8_t serv_id) {
-    const int key = fake.init_errno.contains(serv_id) ? serv_id : -1;
-    if (fake.init_errno[key] != 0) {
-        errno = fake.init_errno[key];
+    errno = fake.init_errno[fake.init_errno.contains(serv_id) ? serv_id : -1];
+    if (errno != 0)
         return -1;
-    }
     const std::lock_guard guard(fake.delivery);
     fake.conn = conn;
     fake.serv_id = serv_id;
@@ -88,7 +84,6 @@ int scm_conn_init(scm_conn *conn, uint8_t serv_id) {
 int scm_conn_exit(scm_conn *) {
     const std::lock_guard guard(fake.delivery); // no callback runs after this
     fake.conn = nullptr;
-    fake.serv_id = -1;
     return 0;
 }
 
@@ -105,16 +100,13 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
         errno = fake.send_errno;
         return -1;
     }
-    sent_message message{*hdr, bytes(hdr->pld_len)};
-    if (hdr->pld_len != 0) {
-        std::memcpy(message.payload.data(), pld, hdr->pld_len);
-    }
+    const auto *payload = static_cast<const uint8_t *>(pld);
+    const sent_message message{*hdr, bytes(payload, payload + hdr->pld_len)};
     {
         const std::lock_guard guard(fake.lock);
         fake.sent.push_back(message);
     }
-    if (fake.service) {
+    if (fake.service)
         fake.service(message);
-    }
     return 0;
 }

@@ -5,7 +5,6 @@
 #ifndef FAKE_BUS_H
 #define FAKE_BUS_H
 
-#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -20,17 +19,18 @@ struct sent_message {
     msg_hdr hdr;
     bytes payload;
 };
+using play = std::function<void(const sent_message &)>;
 
 struct fake_bus {
     std::map<int, int> init_errno; // by service id; -1 = every other id
     int send_errno = 0;
-    std::function<void(const sent_message &)> service;
+    play service;
 
     std::mutex lock;
     std::vector<sent_message> sent;
     std::mutex delivery;      // one message at a time; guards conn
     scm_conn *conn = nullptr; // null while nobody is connected
-    int serv_id = -1;
+    uint8_t serv_id = 0;
 };
 
 extern fake_bus fake;
@@ -41,20 +41,13 @@ std::vector<sent_message> fake_sent(uint32_t msg_id);
 // Messages from the location service.
 void fake_reply(const msg_hdr &request, const bytes &payload);
 void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload);
-void fake_deliver(const msg_hdr &hdr, const bytes &payload);
+void fake_deliver(msg_hdr hdr, bytes payload); // with the length of this payload
 
-template <class record>
-bytes bytes_of(const record &value) {
-    bytes out(sizeof value);
-    std::memcpy(out.data(), &value, sizeof value);
-    return out;
-}
+// A service that answers everything so, or power mode requests only.
+play always(bytes reply);
+play with_power(uint8_t mode);
 
-inline bytes power_reply(uint32_t status, uint32_t mode) {
-    return bytes_of(ls_power_reply{status, mode});
-}
-
-// `size` zero bytes behind the given ones.
-bytes padded(bytes head, size_t size);
+// `size` bytes: the given ones, zeros, and `tail` from offset `at`.
+bytes padded(bytes head, size_t size, const bytes &tail = {}, size_t at = 0);
 
 #endif

@@ -8,6 +8,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using result = location_result;
+using step = watch_step;
 
 struct lsctl_watch : testing::Test {
     watch_clock::time_point now{seconds(1000)};
@@ -16,20 +17,20 @@ struct lsctl_watch : testing::Test {
     // Registered, and with `updates` received at once.
     void start(int64_t interval_s, uint64_t count, bool reconnect, int updates) {
         plan = watch_start(seconds(interval_s), count, reconnect, now);
-        ASSERT_EQ(next(), watch_step::try_register);
-        ASSERT_EQ(registration(result::answered), watch_verdict::go_on);
-        for (int i = 0; i < updates; ++i) {
+        ASSERT_EQ(watch_next(plan, now), step::try_register);
+        expect_outcome(result::answered, watch_verdict::go_on);
+        for (int i = 0; i < updates; ++i)
             watch_on_update(plan, now);
-        }
     }
-    watch_step next() { return watch_next(plan, now); }
-    watch_verdict registration(result outcome) { return watch_on_registration(plan, outcome, now); }
-    // Nothing is to be done for `time`, and `step` then.
-    void expect_after(milliseconds time, watch_step step) {
+    void expect_outcome(result outcome, watch_verdict verdict) {
+        EXPECT_EQ(watch_on_registration(plan, outcome, now), verdict);
+    }
+    // Nothing is to be done for `time`, and `wanted` then.
+    void expect_after(milliseconds time, step wanted) {
         now += time - milliseconds(1);
-        EXPECT_EQ(next(), watch_step::wait);
+        EXPECT_EQ(watch_next(plan, now), step::wait);
         now += milliseconds(1);
-        EXPECT_EQ(next(), step);
+        EXPECT_EQ(watch_next(plan, now), wanted);
     }
 };
 
@@ -38,69 +39,61 @@ TEST_F(lsctl_watch, asks_for_an_hour_or_for_the_count) {
         int64_t interval_s;
         uint64_t count;
         uint32_t wanted;
-    } rows[] = {{4, 0, 900}, {4, 900, 900},  {4, 901, 900},
-                {60, 0, 60}, {604800, 0, 2}, {604800, 1, 1}};
+    } rows[] = {{4, 0, 900}, {4, 901, 900}, {4, 899, 899}, {604800, 0, 2}, {604800, 1, 1}};
     for (const auto &row : rows) {
-        EXPECT_EQ(watch_wanted(watch_start(seconds(row.interval_s), row.count, false, now)),
-                  row.wanted)
-            << row.interval_s << " s, " << row.count;
+        plan = watch_start(seconds(row.interval_s), row.count, false, now);
+        EXPECT_EQ(watch_wanted(plan), row.wanted) << row.interval_s << " s, " << row.count;
     }
 }
 
 TEST_F(lsctl_watch, renews_one_interval_after_the_last_update_and_ends_at_its_count) {
     start(3600, 3, false, 2);
     EXPECT_EQ(watch_wake(plan) - now, seconds(3600));
-    expect_after(seconds(3600), watch_step::try_register);
+    expect_after(seconds(3600), step::try_register);
     EXPECT_EQ(watch_wanted(plan), 1U);
-    EXPECT_EQ(registration(result::answered), watch_verdict::go_on);
-    EXPECT_EQ(next(), watch_step::wait);
+    expect_outcome(result::answered, watch_verdict::go_on);
+    EXPECT_EQ(watch_next(plan, now), step::wait);
     watch_on_update(plan, now);
-    EXPECT_EQ(next(), watch_step::finished);
+    EXPECT_EQ(watch_next(plan, now), step::finished);
 }
 
-TEST_F(lsctl_watch, without_reconnect_silence_ends_it_after_two_intervals) {
+TEST_F(lsctl_watch, a_late_update_leads_to_another_registration_or_to_the_end) {
     start(5, 0, false, 1);
-    EXPECT_EQ(watch_wake(plan) - now, seconds(10));
-    expect_after(seconds(10), watch_step::give_up);
-}
-
-TEST_F(lsctl_watch, a_late_update_leads_to_another_registration) {
+    expect_after(seconds(10), step::give_up);
     start(5, 0, true, 1);
-    expect_after(milliseconds(5500), watch_step::try_register);
+    expect_after(milliseconds(5500), step::try_register);
     // Refused: it stands. Once more an interval later, not at once.
-    EXPECT_EQ(registration(result::failed), watch_verdict::go_on);
-    expect_after(milliseconds(4500), watch_step::say_silent);
-    expect_after(milliseconds(500), watch_step::try_register);
+    expect_outcome(result::failed, watch_verdict::go_on);
+    expect_after(milliseconds(4500), step::say_silent);
+    expect_after(milliseconds(500), step::try_register);
     EXPECT_TRUE(watch_on_update(plan, now));
     EXPECT_FALSE(watch_on_update(plan, now));
     // Accepted: the service had forgotten it.
-    expect_after(milliseconds(5500), watch_step::try_register);
-    EXPECT_EQ(registration(result::answered), watch_verdict::say_again);
+    expect_after(milliseconds(5500), step::try_register);
+    expect_outcome(result::answered, watch_verdict::say_again);
     EXPECT_EQ(plan.owed, 720U);
 }
 
 TEST_F(lsctl_watch, looks_every_second_while_the_service_is_gone) {
     start(60, 0, true, 1);
-    expect_after(milliseconds(60500), watch_step::try_register);
-    EXPECT_EQ(registration(result::no_daemon), watch_verdict::say_why);
-    for (int i = 0; i < 70; ++i) {
-        // The reason has been told: neither it nor the silence is told again.
-        expect_after(seconds(1), watch_step::try_register);
-        EXPECT_EQ(registration(result::no_daemon), watch_verdict::go_on) << i;
+    expect_after(milliseconds(60500), step::try_register);
+    expect_outcome(result::no_daemon, watch_verdict::say_why);
+    for (int i = 0; i < 70; ++i) { // neither the reason nor the silence is told again
+        expect_after(seconds(1), step::try_register);
+        expect_outcome(result::no_daemon, watch_verdict::go_on);
     }
-    EXPECT_EQ(registration(result::receiver_off), watch_verdict::say_why);
-    expect_after(seconds(60), watch_step::try_register);
-    EXPECT_EQ(registration(result::answered), watch_verdict::say_again);
+    expect_outcome(result::receiver_off, watch_verdict::say_why);
+    expect_after(seconds(60), step::try_register);
+    expect_outcome(result::answered, watch_verdict::say_again);
 }
 
 TEST_F(lsctl_watch, trouble_at_the_first_registration_or_a_renewal_ends_it_or_is_told) {
     plan = watch_start(seconds(4), 0, true, now);
-    EXPECT_EQ(registration(result::no_daemon), watch_verdict::give_up);
+    expect_outcome(result::no_daemon, watch_verdict::give_up);
     for (const bool reconnect : {true, false}) {
         start(3600, 0, reconnect, 2);
-        expect_after(seconds(3600), watch_step::try_register);
-        EXPECT_EQ(registration(result::failed),
-                  reconnect ? watch_verdict::say_why : watch_verdict::give_up);
+        expect_after(seconds(3600), step::try_register);
+        expect_outcome(result::failed, reconnect ? watch_verdict::say_why : watch_verdict::give_up);
     }
 }
 

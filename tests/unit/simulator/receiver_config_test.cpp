@@ -8,164 +8,122 @@ namespace {
 using rig::ask;
 
 const std::string zeros36 = rig::to_hex(rig::bytes(36));
-const std::string save_all = "0609 00 00 00 00 1f 00 00 00 00 00 00 00 01";
+constexpr const char *rate_100_ms = "0608 64 00 01 00 01 00";
+constexpr const char *save_all = "0609 00 00 00 00 1f 00 00 00 00 00 00 00 01";
 
 struct battery_receiver : testing::Test {
     scratch_dir scratch;
-    sim::receiver_options options = rig::fresh();
+    sim::receiver_options options = rig::options(false);
     battery_receiver() { options.battery_file = "battery"; }
-    // Milliseconds; without a receiver, of a new one on this battery.
-    static int rate(sim::receiver &receiver) {
-        const rig::bytes answer = rig::from_hex(ask(receiver, "0608", 0));
-        return answer.size() < 8 ? -1 : answer[6] | answer[7] << 8;
-    }
+    // Milliseconds, of a new receiver on this battery.
     int rate() const {
         rig::powered next(options);
-        return rate(next);
+        const rig::bytes answer = rig::from_hex(ask(next, "0608"));
+        return answer.size() < 8 ? -1 : answer[6] | answer[7] << 8;
     }
-};
-
-struct power_on_row {
-    std::string poll, frame, acknowledge;
-};
-
-const power_on_row power_on_frames[] = {
-    {"0602 01", "b5 62 06 02 0a 00 01 00 00 00 00 00 00 00 00 00 13 f0",
-     "b5 62 05 01 02 00 06 02 10 39\n"},
-    {"0608", "b5 62 06 08 06 00 64 00 01 00 01 00 7a 12", "b5 62 05 01 02 00 06 08 16 3f\n"},
-    {"063e", "b5 62 06 3e 0c 00 00 00 20 01 00 08 20 00 01 00 01 00 9b f1",
-     "b5 62 05 01 02 00 06 3e 4c 75\n"},
-    {"0617", "b5 62 06 17 14 00 00 40 00 00 72 00 00 00 00 01 01 01 00 00 00 00 00 00 00 00 e6 57",
-     "b5 62 05 01 02 00 06 17 25 4e\n"},
-    {"0657", "b5 62 06 57 08 00 01 00 00 00 52 55 4e 20 7b 60", "b5 62 05 01 02 00 06 57 65 8e\n"},
-    {"063b", "b5 62 06 3b 2c 00 01 00 00 00 60 10 00 00 " + zeros36 + " de 79",
-     "b5 62 05 01 02 00 06 3b 49 72\n"},
 };
 
 TEST_F(battery_receiver, AcknowledgesAndKeepsAllOfPowerOn) {
+    const struct {
+        const char *poll;
+        std::string frame;
+        const char *acknowledge;
+    } rows[] = {
+        {"0602 01", "b5 62 06 02 0a 00 01 00 00 00 00 00 00 00 00 00 13 f0",
+         "b5 62 05 01 02 00 06 02 10 39\n"},
+        {"0608", "b5 62 06 08 06 00 64 00 01 00 01 00 7a 12", "b5 62 05 01 02 00 06 08 16 3f\n"},
+        {"063e", "b5 62 06 3e 0c 00 00 00 20 01 00 08 20 00 01 00 01 00 9b f1",
+         "b5 62 05 01 02 00 06 3e 4c 75\n"},
+        {"0617",
+         "b5 62 06 17 14 00 00 40 00 00 72 00 00 00 00 01 01 01 00 00 00 00 00 00 00 00 e6 57",
+         "b5 62 05 01 02 00 06 17 25 4e\n"},
+        {"0657", "b5 62 06 57 08 00 01 00 00 00 52 55 4e 20 7b 60",
+         "b5 62 05 01 02 00 06 57 65 8e\n"},
+        {"063b", "b5 62 06 3b 2c 00 01 00 00 00 60 10 00 00 " + zeros36 + " de 79",
+         "b5 62 05 01 02 00 06 3b 49 72\n"},
+    };
     rig::powered first(options);
     for (const char *type : {"GGA", "GLL", "GSA", "GSV", "RMC", "VTG"})
-        ask(first, "PUBX,40," + std::string(type) + ",0,0,0,0,0,0", 0);
-    for (const power_on_row &row : power_on_frames)
-        EXPECT_EQ(ask(first, rig::from_hex(row.frame), 0), row.acknowledge) << row.poll;
+        ask(first, "PUBX,40," + std::string(type) + ",0,0,0,0,0,0");
+    for (const auto &row : rows)
+        EXPECT_EQ(ask(first, rig::from_hex(row.frame)), row.acknowledge) << row.poll;
     const std::string save = "b5 62 06 09 0d 00 00 00 00 00 1f 00 00 00 1f 00 00 00 01 5b 6c";
-    EXPECT_EQ(ask(first, rig::from_hex(save), 0), "b5 62 05 01 02 00 06 09 17 40\n");
-    EXPECT_EQ(ask(first, rig::zda_poll, 0), rig::known_zda) << "GPS only and main talker GP";
+    EXPECT_EQ(ask(first, rig::from_hex(save)), "b5 62 05 01 02 00 06 09 17 40\n");
+    EXPECT_EQ(ask(first, rig::zda_poll), rig::known_zda) << "GPS only and main talker GP";
     rig::powered next(options);
     EXPECT_EQ(rig::heard(next, 0), "") << "no start lines";
-    for (const power_on_row &row : power_on_frames)
-        EXPECT_EQ(ask(next, row.poll, 0), row.frame + " " + row.acknowledge) << row.poll;
+    for (const auto &row : rows)
+        EXPECT_EQ(ask(next, row.poll), row.frame + " " + row.acknowledge) << row.poll;
     EXPECT_EQ(next.next_event(), std::nullopt) << "silent until asked";
 }
 
-TEST(ReceiverConfig, IsSilentOnAWrongChecksum) {
-    rig::powered receiver(rig::polled());
-    rig::bytes wrong = rig::from_hex(power_on_frames[1].frame);
-    wrong.back() ^= 1;
-    EXPECT_EQ(ask(receiver, wrong, 0), "");
-    EXPECT_EQ(ask(receiver, rig::as_bytes("$GPGPQ,ZDA*00\r\n"), 0), "");
-}
-
-struct value_row {
-    const char *name;
-    bool accepted;
-    std::string frame;
-};
-
-const std::string gps_on = " 00 08 10 00 01 00 01 00";
-
-const value_row value_rows[] = {
-    {"RATE 50 ms", true, "0608 32 00 01 00 01 00"},
-    {"RATE 49 ms", false, "0608 31 00 01 00 01 00"},
-    {"RATE 128 measurements", false, "0608 64 00 80 00 01 00"},
-    {"RATE too short", false, "0608 64 00 01 00 01"},
-    {"PRT port 2", false, "0600 02 00 00 00 d0 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
-    {"PRT seven bits", false, "0600 01 00 00 00 90 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
-    {"MSG unknown", false, "0601 f0 77 05"},
-    {"INF half a block", false, "0602 01 00 00 00 00"},
-    {"NMEA short form", true, "0617 00 23 08 00"},
-    {"NMEA five bytes", false, "0617 00 40 00 00 00"},
-    {"PM2 long form, short one's number", false,
-     "063b 01 00 00 00 60 10 00 00 " + zeros36 + " 00 00 00 00"},
-    {"GNSS 33 channels", false, "063e 00 00 21 01" + gps_on},
-    {"GNSS reserved as many as there are", true, "063e 00 00 08 01" + gps_on},
-    {"GNSS reserved over channels", false, "063e 00 00 07 01" + gps_on},
-    {"CFG to flash only", false, "0609 00 00 00 00 1f 00 00 00 00 00 00 00 02"},
-    {"unknown frame", false, "06ff"},
-};
-
-TEST(ReceiverConfig, ChecksLengthsAndValues) {
-    for (const value_row &row : value_rows) {
-        rig::powered receiver(rig::polled());
+TEST(ReceiverConfig, ChecksSumsLengthsAndValues) {
+    const struct {
+        const char *name;
+        bool accepted;
+        std::string frame;
+    } rows[] = {
+        {"RATE 50 ms", true, "0608 32 00 01 00 01 00"},
+        {"RATE 49 ms", false, "0608 31 00 01 00 01 00"},
+        {"PRT seven bits", false,
+         "0600 01 00 00 00 90 08 00 00 00 c2 01 00 07 00 03 00 00 00 00 00"},
+        {"NMEA five bytes", false, "0617 00 40 00 00 00"},
+        {"PM2 long form, short number", false,
+         "063b 01 00 00 00 60 10 00 00 " + zeros36 + " 00 00 00 00"},
+        {"GNSS 33 channels", false, "063e 00 00 21 01 00 08 10 00 01 00 01 00"},
+        {"GNSS reserved over channels", false, "063e 00 00 07 01 00 08 10 00 01 00 01 00"},
+        {"CFG to flash only", false, "0609 00 00 00 00 1f 00 00 00 00 00 00 00 02"},
+        {"unknown frame", false, "06ff"},
+    };
+    rig::powered receiver;
+    for (const auto &row : rows) {
         const std::string before = receiver.describe(0);
         const rig::bytes about =
             rig::from_hex(row.frame.substr(0, 2) + " " + row.frame.substr(2, 2));
-        EXPECT_EQ(ask(receiver, row.frame, 0),
+        EXPECT_EQ(ask(receiver, row.frame),
                   rig::to_hex(sim::ubx_frame(row.accepted ? 0x0501 : 0x0500, about)) + "\n")
             << row.name;
         EXPECT_TRUE(row.accepted || receiver.describe(0) == before) << row.name;
     }
+    rig::bytes wrong = rig::command(rate_100_ms);
+    wrong.back() ^= 1;
+    EXPECT_EQ(ask(receiver, wrong), "");
+    EXPECT_EQ(ask(receiver, rig::as_bytes("$GPGPQ,ZDA*00\r\n")), "");
 }
 
 TEST(ReceiverConfig, ProtocolMasksClose) {
-    rig::powered receiver(rig::polled());
+    rig::powered receiver;
     const struct {
         const char *sentence;
         bool text, frames;
-    } rows[] = {{"PUBX,41,1,0007,0000,9600,0", false, false},
-                {"PUBX,41,1,0007,0001,9600,0", false, true},
-                {"PUBX,41,1,0007,0002,9600,0", true, false},
-                {"PUBX,41,3,0000,0000,9600,0", true, false}, // another port
+    } rows[] = {{"PUBX,41,1,0007,0001,9600,0", false, true},
+                {"PUBX,41,3,0000,0000,9600,0", false, true}, // another port
                 {"PUBX,41,1,0002,0003,9600,0", true, false},
                 {"PUBX,41,1,0001,0003,9600,0", false, true}};
     for (const auto &row : rows) {
-        EXPECT_EQ(ask(receiver, row.sentence, 0), "") << row.sentence;
-        EXPECT_EQ(!ask(receiver, rig::zda_poll, 0).empty(), row.text) << row.sentence;
-        EXPECT_EQ(!ask(receiver, "0608", 0).empty(), row.frames) << row.sentence;
+        EXPECT_EQ(ask(receiver, row.sentence), "") << row.sentence;
+        EXPECT_EQ(!ask(receiver, rig::zda_poll).empty(), row.text) << row.sentence;
+        EXPECT_EQ(!ask(receiver, "0608").empty(), row.frames) << row.sentence;
     }
-}
-
-TEST_F(battery_receiver, SavesClearsAndLoadsBySection) {
-    rig::powered receiver(options);
-    ask(receiver, "0608 64 00 01 00 01 00", 0);
-    ask(receiver, "0609 00 00 00 00 17 00 00 00 00 00 00 00 01", 0);
-    EXPECT_EQ(rate(), 1000) << "all sections but navigation";
-    ask(receiver, "0609 00 00 00 00 08 00 00 00 00 00 00 00 01", 0);
-    EXPECT_EQ(rate(), 100);
-    ask(receiver, "0608 c8 00 01 00 01 00", 0);
-    EXPECT_EQ(rate(receiver), 200);
-    ask(receiver, "0609 00 00 00 00 00 00 00 00 1f 00 00 00 01", 0);
-    EXPECT_EQ(rate(receiver), 100) << "loaded what was saved";
-    ask(receiver, "0609 1f 00 00 00 00 00 00 00 00 00 00 00 01", 0);
-    EXPECT_EQ(rate(receiver), 100) << "clearing what is saved leaves what runs";
-    EXPECT_EQ(rate(), 1000);
 }
 
 TEST_F(battery_receiver, DamageMakesAFreshReceiver) {
     rig::powered first(options);
-    ask(first, "0608 64 00 01 00 01 00", 0);
-    ask(first, save_all, 0);
+    ask(first, rate_100_ms);
+    ask(first, save_all);
+    EXPECT_EQ(rate(), 100);
     const std::string good = scratch_dir::read("battery");
     std::string flipped = good;
     flipped[good.find("0608 64") + 5] = '5';
-    const std::pair<std::string, int> rows[] = {{flipped, 1000},
-                                                {good.substr(0, good.size() / 2), 1000},
-                                                {good.substr(0, good.size() - 1), 1000},
-                                                {good + good, 1000},
-                                                {"", 1000}};
-    for (const auto &[content, expected] : rows) {
+    for (const std::string &content :
+         {flipped, good.substr(0, good.size() / 2), good.substr(0, good.size() - 1), good + good}) {
         scratch_dir::write("battery", content);
-        EXPECT_EQ(rate(), expected) << content.size() << " bytes";
+        EXPECT_EQ(rate(), 1000) << content;
     }
-}
-
-TEST_F(battery_receiver, RefusesToSaveWhereItCannot) {
     options.battery_file = "not/there";
-    rig::powered receiver(options);
-    ask(receiver, "0608 64 00 01 00 01 00", 0);
-    EXPECT_EQ(ask(receiver, save_all, 0), "b5 62 05 00 02 00 06 09 16 3b\n");
-    ask(receiver, "0609 00 00 00 00 00 00 00 00 1f 00 00 00 01", 0);
-    EXPECT_EQ(rate(receiver), 1000) << "what could not be saved is not there to load";
+    rig::powered forgetful(options);
+    ask(forgetful, rate_100_ms);
+    EXPECT_EQ(ask(forgetful, save_all), "b5 62 05 00 02 00 06 09 16 3b\n");
 }
 
 } // namespace

@@ -80,37 +80,32 @@ inline std::string heard(sim::receiver &receiver, double now) {
     return all;
 }
 
-inline std::string ask(sim::receiver &receiver, const bytes &data, double now) {
+inline std::string ask(sim::receiver &receiver, const bytes &data, double now = 0) {
     heard(receiver, now);
     receiver.input(data, now);
     return heard(receiver, now);
 }
 
-inline std::string ask(sim::receiver &receiver, const std::string &text, double now) {
+inline std::string ask(sim::receiver &receiver, const std::string &text, double now = 0) {
     return ask(receiver, command(text), now);
 }
 
 constexpr const char *zda_poll = "GPGPQ,ZDA";
 constexpr const char *known_zda = "$GPZDA,120000.00,01,01,2024,00,00*61\r\n";
 
-inline sim::receiver_options fresh() {
-    sim::receiver_options options;
-    options.truth = [](double) { return known_epoch(); };
-    options.instant_fix = true;
-    options.wall_clock = [] { return 1704110400.0; };
-    return options;
-}
-
-// Quiet until asked, talker GP.
-inline sim::receiver_options polled() {
-    sim::receiver_options options = fresh();
-    options.preconfigured = true;
-    return options;
+// `preconfigured`: quiet until asked, talker GP.
+inline sim::receiver_options options(bool preconfigured = true) {
+    sim::receiver_options made;
+    made.truth = [](double) { return known_epoch(); };
+    made.instant_fix = true;
+    made.wall_clock = [] { return 1704110400.0; };
+    made.preconfigured = preconfigured;
+    return made;
 }
 
 // Powered since 0 s.
 struct powered : sim::receiver {
-    explicit powered(const sim::receiver_options &options) : sim::receiver(options) {
+    explicit powered(const sim::receiver_options &how = options()) : sim::receiver(how) {
         set_power(true, true, 0);
     }
 };

@@ -11,31 +11,20 @@ using rig::heard;
 using rig::known_zda;
 using rig::zda_poll;
 
-bool has_fix(sim::receiver &receiver, double now) {
-    return ask(receiver, "GPGPQ,GGA", now).find(",1,03,") != std::string::npos;
-}
-
-TEST(ReceiverPower, NeedsBothLines) {
-    sim::receiver receiver(rig::polled());
+TEST(ReceiverPower, NeedsBothLinesAndTimeToStart) {
+    sim::receiver_options options = rig::options();
+    options.startup_s = 0.5;
+    sim::receiver receiver(options);
     double now = 0;
     for (const int lines : {0, 1, 2, 3, 1, 3, 2}) {
         receiver.set_power((lines & 1) != 0, (lines & 2) != 0, ++now);
-        EXPECT_EQ(ask(receiver, zda_poll, now) == known_zda, lines == 3) << now;
+        EXPECT_EQ(ask(receiver, zda_poll, now + 0.499), "");
+        EXPECT_EQ(ask(receiver, zda_poll, now + 0.5) == known_zda, lines == 3) << now;
     }
 }
 
-TEST(ReceiverPower, HearsNothingUntilStarted) {
-    sim::receiver_options options = rig::polled();
-    options.startup_s = 0.5;
-    sim::receiver receiver(options);
-    receiver.set_power(true, true, 10);
-    EXPECT_EQ(receiver.next_event(), 10.5);
-    EXPECT_EQ(ask(receiver, zda_poll, 10.499), "");
-    EXPECT_EQ(ask(receiver, zda_poll, 10.5), known_zda);
-}
-
 TEST(ReceiverPower, ForgetsUnsavedSettingsAndUnsentAnswers) {
-    rig::powered receiver(rig::fresh());
+    rig::powered receiver(rig::options(false));
     receiver.input(command("PUBX,41,1,0007,0000,9600,0"), 0);
     receiver.set_power(false, false, 1);
     receiver.set_power(true, true, 2);
@@ -45,39 +34,31 @@ TEST(ReceiverPower, ForgetsUnsavedSettingsAndUnsentAnswers) {
     EXPECT_EQ(heard(receiver, 3), "");
 }
 
-struct first_fix : testing::Test {
-    scratch_dir scratch;
+TEST(ReceiverPower, FirstFixIsColdWarmOrHot) {
+    const scratch_dir scratch;
     double wall = 1704110400.0;
-    sim::receiver_options options = rig::polled();
-    first_fix() {
-        options.instant_fix = false;
-        options.battery_file = "battery";
-        options.wall_clock = [this] { return wall; };
-    }
+    sim::receiver_options options = rig::options();
+    options.instant_fix = false;
+    options.battery_file = "battery";
+    options.wall_clock = [&wall] { return wall; };
+    const auto has_fix = [](sim::receiver &receiver, double now) {
+        return ask(receiver, "GPGPQ,GGA", now).find(",1,03,") != std::string::npos;
+    };
     // Seconds from power-on to the first fix. The process then just ends.
-    int wait() {
+    const auto wait = [&] {
         rig::powered receiver(options);
         int seconds = 0;
         while (seconds < 100 && !has_fix(receiver, seconds))
             ++seconds;
         return seconds;
-    }
-};
-
-TEST_F(first_fix, IsColdWarmOrHot) {
+    };
     EXPECT_EQ(wait(), 29);
-    EXPECT_EQ(wait(), 1) << "off for no time";
     wall += 4 * 3600 - 1;
     EXPECT_EQ(wait(), 1) << "off for a second less than 4 h";
     wall += 4 * 3600;
     EXPECT_EQ(wait(), 25) << "off for 4 h";
-    EXPECT_EQ(wait(), 1) << "and hot again";
     scratch_dir::write("battery", "damaged");
     EXPECT_EQ(wait(), 29);
-}
-
-TEST_F(first_fix, ResetForgetsWhatItIsTold) {
-    wait();
     constexpr std::pair<const char *, int> rows[] = {
         {"0604 00 00 02 00", 1}, {"0604 01 00 02 00", 25}, {"0604 ff ff 01 00", 29}};
     for (const auto &[reset, seconds] : rows) {
@@ -87,13 +68,10 @@ TEST_F(first_fix, ResetForgetsWhatItIsTold) {
         EXPECT_FALSE(has_fix(receiver, 2 + seconds - 1)) << reset;
         EXPECT_TRUE(has_fix(receiver, 2 + seconds)) << reset;
     }
-}
-
-TEST_F(first_fix, ColdSearchLearnsTimeThenDate) {
-    rig::powered receiver(options);
-    EXPECT_EQ(ask(receiver, zda_poll, 14), "$GPZDA,,,,,00,00*48\r\n");
-    EXPECT_EQ(ask(receiver, zda_poll, 15), "$GPZDA,120000.00,,,,00,00*65\r\n");
-    EXPECT_EQ(ask(receiver, zda_poll, 22), known_zda);
+    std::filesystem::remove("battery");
+    rig::powered cold(options); // learns the time, then the date
+    EXPECT_EQ(ask(cold, zda_poll, 15), "$GPZDA,120000.00,,,,00,00*65\r\n");
+    EXPECT_EQ(ask(cold, zda_poll, 22), known_zda);
 }
 
 // Runs from next_event to next_event; what goes out.
@@ -106,44 +84,20 @@ std::string run(sim::receiver &receiver, double until) {
 }
 
 TEST(ReceiverPeriodic, SpeaksUnaskedUntilToldAndThenByEpochs) {
-    rig::powered blank(rig::fresh());
+    rig::powered blank(rig::options(false));
     EXPECT_EQ(run(blank, 1), "TXT TXT TXT GGA GLL GSA GSV RMC VTG ");
-    rig::powered receiver(rig::polled());
+    rig::powered receiver;
     for (const char *half : {"PUBX,40,ZDA,0,1,0,0", "PUBX,40,ZDA,0,256,0,0,0,0", "PUBX,40"}) {
         receiver.input(command(half), 0);
         EXPECT_EQ(receiver.next_event(), std::nullopt) << half;
     }
     for (const char *one : {"PUBX,40,ZDA,9,5,9,9,9,0", "0608 c8 00 01 00 01 00", "0601 01 01 0a"})
-        ask(receiver, one, 0);
+        ask(receiver, one);
     EXPECT_EQ(run(receiver, 4 + 1e-6), "ZDA ZDA UBX ZDA ZDA UBX ") << "each fifth and tenth 200 ms";
 }
 
-TEST(ReceiverFaults, SwitchAtAnyTime) {
-    using faults = sim::receiver_faults;
-    const std::string rate = "0608 64 00 01 00 01 00";
-    const std::tuple<bool faults::*, std::string, std::string> rows[] = {
-        {&faults::silent, zda_poll, ""},
-        {&faults::silent, rate, ""},
-        {&faults::no_fix, "GPGPQ,GGA", "$GPGGA,120000.00,,,,,0,00,99.99,,,,,,*65\r\n"},
-        {&faults::empty_fields, "GPGPQ,GGA", "$GPGGA,,,,,,,,,,,,,,*56\r\n"},
-        {&faults::week_rollover, zda_poll, "$GPZDA,120000.00,17,05,2004,00,00*60\r\n"},
-    };
-    rig::powered receiver(rig::polled());
-    for (const auto &[fault, asked, answer] : rows) {
-        receiver.faults().*fault = true;
-        EXPECT_EQ(ask(receiver, asked, 0), answer);
-        receiver.faults().*fault = false;
-    }
-    EXPECT_EQ(ask(receiver, zda_poll, 0), known_zda);
-    receiver.faults().nak_frames = {0x0608};
-    EXPECT_EQ(ask(receiver, rate, 0), "b5 62 05 00 02 00 06 08 15 3a\n");
-    receiver.faults().nak_frames.clear();
-    receiver.faults().ignored_frames = {0x0608};
-    EXPECT_EQ(ask(receiver, rate, 0), "");
-}
-
 TEST(ReceiverInput, TakesAnyPieces) {
-    rig::powered receiver(rig::polled());
+    rig::powered receiver;
     rig::bytes both = command("0608 64 00 01 00 01 00");
     const rig::bytes second = command(zda_poll);
     both.insert(both.end(), second.begin(), second.end());
@@ -156,27 +110,23 @@ TEST(ReceiverInput, TakesAnyPieces) {
 }
 
 TEST(ReceiverInput, FindsACommandBehindGarbage) {
-    const std::pair<const char *, rig::bytes> rows[] = {
-        {"frame longer than any", rig::from_hex("b5 62 06 08 01 01")},
-        {"cut checksum", rig::as_bytes("$GPGPQ,ZDA*0")},
-        {"carriage return in a sentence", rig::as_bytes("$GP\rQ\n")},
-        {"sentence longer than any", command(std::string(300, 'A'))},
-        {"high bytes", rig::bytes(300, 0xff)},
+    const struct {
+        const char *name;
+        rig::bytes garbage;
+        double pause; // before the command
+    } rows[] = {
+        {"frame longer than any", rig::from_hex("b5 62 06 08 01 01"), 0},
+        {"cut checksum", rig::as_bytes("$GPGPQ,ZDA*0"), 0},
+        {"carriage return in a sentence", rig::as_bytes("$GP\rQ\n"), 0},
+        {"sentence longer than any", command(std::string(300, 'A')), 0},
+        {"high bytes", rig::bytes(300, 0xff), 0},
+        {"a frame cut more than a second ago", rig::from_hex("b5 62 06 3b 2c 00 01 00"), 1.1},
     };
-    for (const auto &[name, garbage] : rows) {
-        rig::powered receiver(rig::polled());
-        receiver.input(garbage, 0);
-        EXPECT_EQ(ask(receiver, zda_poll, 0), known_zda) << name;
+    for (const auto &row : rows) {
+        rig::powered receiver;
+        receiver.input(row.garbage, 0);
+        EXPECT_EQ(ask(receiver, zda_poll, row.pause), known_zda) << row.name;
     }
-}
-
-TEST(ReceiverInput, GivesUpACutFrameAfterASecond) {
-    rig::powered receiver(rig::polled());
-    const rig::bytes cut = rig::from_hex("b5 62 06 3b 2c 00 01 00");
-    receiver.input(cut, 0);
-    EXPECT_EQ(ask(receiver, zda_poll, 1.0), "") << "may still be its payload";
-    receiver.input(cut, 10);
-    EXPECT_EQ(ask(receiver, zda_poll, 11.1), known_zda);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // The faults by name: arguments and effects.
 #include "control_faults.h"
+#include "receiver_rig.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +9,10 @@ namespace {
 
 struct faults : testing::Test {
     line_faults wire;
-    receiver_faults module;
+    rig::powered module;
     ta_faults unit;
     std::string error;
-    fault_targets targets() { return {wire, module, unit}; }
+    fault_targets targets() { return {wire, module.faults(), unit}; }
 };
 
 TEST_F(faults, arguments) {
@@ -20,20 +21,17 @@ TEST_F(faults, arguments) {
         const char *summary;
         const char *error; // part of it; "" = accepted
     } rows[] = {
-        {"silent=1", "none", "fault silent takes no argument"},
         {"cut=0", "none", "from 1 to 4096"},
         {"cut=4096", "cut=4096", ""},
         {"cut=4097", "none", "from 1 to 4096"},
         {"cut=", "none", "nothing behind the ="},
         {"nak=0x06", "none", "four hexadecimal digits"},
-        {"ignore=063e", "ignore=063E", ""},
         {"ta-overlong=200", "none", "from 201 to 4294967295"},
         {"slient", "none", "no fault \"slient\"; there are: silent cut"},
     };
     for (const auto &row : rows) {
         wire = {};
-        module = {};
-        unit = {};
+        module.faults() = {};
         error.clear();
         EXPECT_EQ(fault_switch_on(targets(), row.text, error), row.error[0] == '\0') << row.text;
         EXPECT_NE(error.find(row.error), std::string::npos) << row.text << ": " << error;
@@ -41,40 +39,36 @@ TEST_F(faults, arguments) {
     }
 }
 
-TEST_F(faults, each_acts_on_its_own_member) {
-    const std::pair<const char *, const bool *> switches[] = {
-        {"silent", &module.silent},
-        {"cut", &wire.cut},
-        {"checksum", &wire.checksum},
-        {"unplugged", &wire.unplugged},
-        {"no-fix", &module.no_fix},
-        {"empty-fields", &module.empty_fields},
-        {"week-rollover", &module.week_rollover},
-        {"ta-silent", &unit.silent}};
-    for (const auto &[name, member] : switches) {
-        EXPECT_FALSE(*member) << name;
-        EXPECT_TRUE(fault_switch_on(targets(), name, error)) << error;
-        EXPECT_TRUE(*member) << name;
-        EXPECT_TRUE(fault_switch(targets(), name, "", false, error)) << error;
-        EXPECT_EQ(fault_summary(targets()), "none") << name;
+// Those whose effect the system tests do not show.
+TEST_F(faults, each_acts_until_it_is_switched_off) {
+    constexpr const char *rate = "0608 64 00 01 00 01 00";
+    constexpr const char *ack = "b5 62 05 01 02 00 06 08 16 3f\n";
+    const struct {
+        const char *name, *argument, *asked, *answer;
+        const unsigned *number; // of a fault that acts elsewhere: becomes the argument
+    } rows[] = {
+        {"silent", "", rate, "", nullptr},
+        {"no-fix", "", "GPGPQ,GGA", "$GPGGA,120000.00,,,,,0,00,99.99,,,,,,*65\r\n", nullptr},
+        {"week-rollover", "", rig::zda_poll, "$GPZDA,120000.00,17,05,2004,00,00*60\r\n", nullptr},
+        {"nak", "0608", rate, "b5 62 05 00 02 00 06 08 15 3a\n", nullptr},
+        {"nak", "0609", rate, ack, nullptr},
+        {"ignore", "0608", rate, "", nullptr},
+        {"cut", "207", rate, ack, &wire.cut_bytes},
+        {"garbage-after", "206", rate, ack, &wire.garbage_after},
+        {"noise", "208", rate, ack, &wire.noise},
+        {"late", "209", rate, ack, &wire.late_ms},
+        {"ta-late", "211", rate, ack, &unit.late_ms},
+        {"ta-overlong", "300", rate, ack, &unit.claimed_length},
+    };
+    for (const auto &row : rows) {
+        EXPECT_TRUE(fault_switch(targets(), row.name, row.argument, true, error)) << error;
+        EXPECT_EQ(rig::ask(module, row.asked), row.answer) << row.name;
+        EXPECT_TRUE(row.number == nullptr || std::to_string(*row.number) == row.argument)
+            << row.name;
+        EXPECT_TRUE(fault_switch(targets(), row.name, row.argument, false, error)) << error;
+        EXPECT_EQ(fault_summary(targets()), "none") << row.name;
     }
-    const std::pair<const char *, const unsigned *> numbers[] = {
-        {"cut=207", &wire.cut_bytes},
-        {"garbage-before=205", &wire.garbage_before},
-        {"garbage-after=206", &wire.garbage_after},
-        {"noise=208", &wire.noise},
-        {"late=209", &wire.late_ms},
-        {"ta-late=211", &unit.late_ms},
-        {"ta-overlong=300", &unit.claimed_length}};
-    for (const auto &[text, member] : numbers) {
-        EXPECT_TRUE(fault_switch_on(targets(), text, error)) << error;
-        EXPECT_TRUE(std::string(text).ends_with("=" + std::to_string(*member))) << text;
-    }
-    for (const char *text : {"nak=0608", "nak=063E", "nak=0608", "ignore=0609"})
-        EXPECT_TRUE(fault_switch_on(targets(), text, error)) << error;
-    EXPECT_TRUE(fault_switch(targets(), "nak", "063E", false, error));
-    EXPECT_EQ(module.nak_frames, std::vector<uint16_t>{0x0608});
-    EXPECT_EQ(module.ignored_frames, std::vector<uint16_t>{0x0609});
+    EXPECT_EQ(rig::ask(module, rig::zda_poll), rig::known_zda);
 }
 
 } // namespace

@@ -20,7 +20,7 @@ std::string as_text(std::span<const uint8_t> bytes) {
 // A receiver at the far end of a line at 1000 baud, where a byte takes 10 ms: the 15 bytes of a
 // poll for the time 0.15 s, the 38 of its answer 0.38 s.
 struct far_end : testing::Test {
-    rig::powered module{rig::polled()};
+    rig::powered module;
     line wire;
 
     far_end() { wire.baud = 1000; }
@@ -36,28 +36,28 @@ struct far_end : testing::Test {
 };
 
 // Time stands in the middle between two bytes, so rounding of the sums does not matter.
-TEST_F(far_end, exchange_takes_the_time_of_both_directions) {
+TEST_F(far_end, each_direction_takes_its_time_and_is_a_queue_of_its_own) {
     EXPECT_EQ(next(), -1);
-    send(1.0);
-    EXPECT_NEAR(next(), 1.15, 1e-9);
-    EXPECT_EQ(at(1.155), 0U);
-    EXPECT_NEAR(next(), 1.53, 1e-9);
-    EXPECT_EQ(at(1.525), 0U);
-    EXPECT_EQ(at(1.535), 1U);
-    send(2.0);
-    EXPECT_EQ(at(2.535), 1U) << "nobody looked in between";
-}
-
-TEST_F(far_end, each_direction_is_a_queue_of_its_own) {
     send(0.0);
     send(0.01); // at the receiver at 0.30, its answer behind the first one's, 0.53 to 0.91
+    EXPECT_NEAR(next(), 0.15, 1e-9);
     EXPECT_EQ(at(0.295), 0U);
     EXPECT_EQ(wire.command_bytes, 15U);
     EXPECT_EQ(at(0.305), 0U);
     EXPECT_EQ(wire.command_bytes, 30U);
+    EXPECT_NEAR(next(), 0.53, 1e-9);
+    EXPECT_EQ(at(0.525), 0U);
     EXPECT_EQ(at(0.535), 1U);
     EXPECT_EQ(at(0.905), 0U);
     EXPECT_EQ(at(0.915), 1U);
+    wire.faults.late_ms = 200;
+    send(2.0);
+    EXPECT_EQ(at(2.725), 0U);
+    EXPECT_EQ(at(2.735), 1U) << "nobody looked in between";
+    wire.faults = {};
+    wire.baud = 0;
+    send(3.0);
+    EXPECT_EQ(at(3.0), 1U);
 }
 
 TEST_F(far_end, what_is_under_way_is_lost_with_power_or_plug) {
@@ -77,25 +77,12 @@ TEST_F(far_end, what_is_under_way_is_lost_with_power_or_plug) {
     EXPECT_EQ(wire.lost_bytes, 15U + 38 + 15);
 }
 
-TEST_F(far_end, late_answer_starts_later_and_without_baud_rate_nothing_takes_time) {
-    wire.faults.late_ms = 200;
-    send(0.0);
-    EXPECT_EQ(at(0.725), 0U);
-    EXPECT_EQ(at(0.735), 1U);
-    wire.faults = {};
-    wire.baud = 0;
-    send(1.0);
-    EXPECT_EQ(at(1.0), 1U);
-}
-
 TEST(line_spoil, damage) {
     const struct {
         line_faults faults;
         std::string before, after;
     } rows[] = {
-        {{.cut = true}, "12345", "12"},
         {{.cut = true, .cut_bytes = 5}, "123456", "12345"},
-        {{.checksum = true}, "$A*49\r\n", "$A*4A\r\n"},
         {{.checksum = true}, "$A*4F\r\n", "$A*40\r\n"},
         {{.checksum = true}, "$A*41\r\n$B*42\r\n", "$A*42\r\n$B*43\r\n"},
         // A frame of 0x3434 bytes: not all there, left alone.
@@ -113,10 +100,9 @@ TEST(line_spoil, damage) {
         as_text(line_spoil(as_bytes("answer"), {.garbage_before = 3, .garbage_after = 2}, random));
     ASSERT_EQ(text.size(), 11U);
     EXPECT_EQ(text.substr(3, 6), "answer");
-    int wrong_bits = 0;
-    for (const uint8_t byte : line_spoil(std::vector<uint8_t>(10000), {.noise = 20}, random))
-        wrong_bits += __builtin_popcount(byte);
-    EXPECT_TRUE(wrong_bits > 140 && wrong_bits < 260) << wrong_bits;
+    const auto noisy = line_spoil(std::vector<uint8_t>(10000), {.noise = 20}, random);
+    const auto hit = 10000 - std::count(noisy.begin(), noisy.end(), 0);
+    EXPECT_TRUE(hit > 140 && hit < 260) << hit;
 }
 
 // The kernel moves bytes between the two ends on a thread of its own.

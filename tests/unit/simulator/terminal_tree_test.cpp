@@ -24,15 +24,15 @@ TEST_F(terminal_directory, made_once_and_taken_up_again_with_everything_in_it) {
     EXPECT_EQ(scratch_dir::read(paths.stub), "STATIC_LOCATION = OFF\n7007.939,N,01131.000,E\n");
     EXPECT_EQ(make(), -1);
     EXPECT_NE(error.find("another simterm"), std::string::npos) << error;
-    for (const std::string &file : {paths.settings, paths.battery, paths.stub})
-        scratch_dir::write(file, "kept");
     close(lock);
-    const int next = make();
-    ASSERT_GE(next, 0) << error;
-    EXPECT_FALSE(fresh);
-    for (const std::string &file : {paths.settings, paths.battery, paths.stub})
+    for (const std::string &file : {paths.settings, paths.battery, paths.stub}) {
+        scratch_dir::write(file, "kept");
+        const int next = make();
+        ASSERT_GE(next, 0) << error;
+        EXPECT_FALSE(fresh);
         EXPECT_EQ(scratch_dir::read(file), "kept") << file;
-    close(next);
+        close(next);
+    }
 }
 
 TEST_F(terminal_directory, somebody_elses_directory_is_left_alone) {

@@ -1,0 +1,309 @@
+// The client library: what goes on the bus, which replies and updates are taken, and the result for
+// each way a request can fail.
+#include "fake_bus.h"
+#include "location_client.h"
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using is = location_result;
+using std::chrono::milliseconds;
+
+constexpr milliseconds NONE{0};
+constexpr milliseconds SHORT{40}; // for replies that never come; below the power probe
+constexpr milliseconds LONG{5000};
+
+const bytes MODE_ON = {1, 0, 0, 0, 2, 0, 0, 0};
+const bytes MODE_OFF = {1, 0, 0, 0, 0, 0, 0, 0};
+
+// A position of 47.5 degrees north from so many satellites.
+bytes position_reply(uint8_t satellites = 8) {
+    bytes reply = padded({1}, 80, {0, 0, 0, 0, 0, 0xC0, 0x47, 0x40, 'N'}, 24);
+    reply[76] = satellites;
+    return reply;
+}
+
+struct client_test : testing::Test {
+    location_client *client = nullptr;
+    gps_pos_data position;
+    uint32_t mode = 9;
+
+    void SetUp() override {
+        fake_reset();
+        open(40);
+    }
+    void TearDown() override { location_client_close(client); }
+    location_result open(uint8_t serv_id) {
+        location_client_close(client);
+        return location_client_open(serv_id, &client);
+    }
+};
+
+TEST_F(client_test, opening_and_sending_report_why_they_failed) {
+    const struct {
+        int error;
+        location_result opening, sending;
+    } rows[] = {{ENOENT, is::no_bus, is::no_daemon},
+                {EADDRINUSE, is::id_taken, is::bus_error},
+                {EACCES, is::bus_denied, is::bus_denied},
+                {ECONNREFUSED, is::bus_error, is::no_daemon},
+                {EAGAIN, is::bus_error, is::bus_full}};
+    for (const auto &row : rows) {
+        fake.send_errno = row.error;
+        EXPECT_EQ(location_client_get_position(client, LONG, &position), row.sending) << row.error;
+        fake.init_errno[5] = row.error;
+        auto *other = reinterpret_cast<location_client *>(1);
+        EXPECT_EQ(location_client_open(5, &other), row.opening) << row.error;
+        EXPECT_EQ(other, nullptr);
+    }
+    EXPECT_EQ(open(LS_OWN_SERV_ID), is::bad_argument);
+}
+
+TEST_F(client_test, takes_the_first_free_tool_id) {
+    const struct {
+        std::map<int, int> init_errno;
+        location_result result;
+        uint8_t serv_id;
+    } rows[] = {{{{32, EADDRINUSE}, {33, EACCES}}, is::answered, 34},
+                {{{-1, EADDRINUSE}, {63, 0}}, is::answered, 63},
+                {{{-1, EADDRINUSE}, {31, 0}, {64, 0}}, is::ids_exhausted, 0}};
+    for (const auto &row : rows) {
+        fake.init_errno = row.init_errno;
+        EXPECT_EQ(open(0), row.result);
+        EXPECT_EQ(location_client_serv_id(client), row.serv_id);
+    }
+}
+
+TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
+    const struct {
+        const char *name;
+        std::function<void(msg_hdr &, bytes &)> spoil;
+        location_result result;
+    } rows[] = {
+        {"untouched", [](msg_hdr &, bytes &) {}, is::answered},
+        {"other transaction", [](msg_hdr &h, bytes &) { ++h.txn_id; }, is::no_reply},
+        {"other message", [](msg_hdr &h, bytes &) { h.msg_id = 1004; }, is::no_reply},
+        {"other service", [](msg_hdr &h, bytes &) { h.src_serv_id = 12; }, is::no_reply},
+        {"not a response", [](msg_hdr &h, bytes &) { h.msg_type = 0; }, is::no_reply},
+        {"status 0", [](msg_hdr &, bytes &b) { b[0] = 0; }, is::failed},
+        {"status 2", [](msg_hdr &, bytes &b) { b[0] = 2; }, is::receiver_timeout},
+        {"status 3", [](msg_hdr &, bytes &b) { b[0] = 3; }, is::bad_reply},
+        {"empty", [](msg_hdr &, bytes &b) { b.clear(); }, is::bad_reply},
+        {"one byte short", [](msg_hdr &, bytes &b) { b.resize(79); }, is::bad_reply},
+        {"one byte long", [](msg_hdr &, bytes &b) { b.resize(81); }, is::bad_reply},
+        {"far too long", [](msg_hdr &, bytes &b) { b.resize(400); }, is::bad_reply},
+        {"gate", [](msg_hdr &, bytes &b) { b.assign(8, 0); }, is::gate_closed},
+        {"almost the gate", [](msg_hdr &, bytes &b) { b = padded({}, 8, {1}, 7); }, is::bad_reply},
+    };
+    for (const auto &row : rows) {
+        fake.service = [&row](const sent_message &m) {
+            msg_hdr hdr = m.hdr;
+            bytes reply = position_reply();
+            hdr.msg_type = LS_MSG_RESPONSE;
+            hdr.src_serv_id = LS_OWN_SERV_ID;
+            row.spoil(hdr, reply);
+            fake_deliver(hdr, reply);
+        };
+        EXPECT_EQ(location_client_get_position(client, SHORT, &position), row.result) << row.name;
+        EXPECT_EQ(position.num_satellites, row.result == is::answered ? 8 : 0) << row.name;
+        EXPECT_EQ(position.latitude, row.result == is::answered ? 47.5 : 0) << row.name;
+    }
+    // Also where eight bytes are the size of the proper reply, or more than it.
+    fake.service = always(bytes(8));
+    EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::gate_closed);
+    EXPECT_EQ(location_client_set_power(client, LONG, 2, &mode), is::gate_closed);
+    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::gate_closed);
+    fake.service = always(bytes(4));
+    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::failed);
+    EXPECT_EQ(location_client_unregister_periodic(client, LONG), is::failed);
+}
+
+TEST_F(client_test, a_late_reply_is_not_taken_for_the_next_request) {
+    EXPECT_EQ(location_client_get_power(client, SHORT, &mode), is::no_reply);
+    EXPECT_EQ(mode, 0U);
+    const msg_hdr first = fake_sent(1001).at(0).hdr;
+    fake.service = [&first](const sent_message &m) {
+        fake_reply(first, MODE_OFF);
+        fake_reply(m.hdr, MODE_ON);
+        fake_reply(m.hdr, MODE_OFF); // a second reply changes nothing
+    };
+    EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::answered);
+    EXPECT_EQ(mode, 2U);
+}
+
+TEST_F(client_test, replies_find_their_requests_from_several_threads) {
+    // Answers each request late and from a thread of its own.
+    std::vector<std::thread> workers;
+    std::mutex lock;
+    fake.service = [&](const sent_message &m) {
+        const std::lock_guard guard(lock);
+        workers.emplace_back([m] {
+            std::this_thread::sleep_for(milliseconds(5));
+            fake_reply(m.hdr, m.hdr.msg_id == 1001 ? MODE_ON : position_reply());
+        });
+    };
+    const auto ask = [this] {
+        for (int i = 0; i < 10; ++i) {
+            uint32_t own_mode = 0;
+            gps_pos_data own_position;
+            EXPECT_EQ(location_client_get_power(client, LONG, &own_mode), is::answered);
+            EXPECT_EQ(own_mode, 2U);
+            EXPECT_EQ(location_client_get_position(client, LONG, &own_position), is::answered);
+            EXPECT_EQ(own_position.num_satellites, 8);
+        }
+    };
+    std::thread other(ask);
+    ask();
+    other.join();
+    for (std::thread &worker : workers)
+        worker.join();
+}
+
+TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
+    const std::pair<bytes, location_result> rows[] = {{MODE_OFF, is::receiver_off},
+                                                      {{1, 0, 0, 0, 1, 0, 0, 0}, is::receiver_off},
+                                                      {MODE_ON, is::receiver_busy},
+                                                      {bytes(8), is::gate_closed}};
+    for (const auto &row : rows) {
+        fake.service = [&row](const sent_message &m) {
+            if (m.hdr.msg_id == 1001)
+                fake_reply(m.hdr, row.first);
+        };
+        EXPECT_EQ(location_client_get_position(client, milliseconds(450), &position), row.second);
+    }
+    // An answer that follows the word of an off receiver still counts.
+    fake.service = [asked = msg_hdr()](const sent_message &m) mutable {
+        if (m.hdr.msg_id == 1001) {
+            fake_reply(m.hdr, MODE_OFF);
+            fake_reply(asked, position_reply());
+        }
+        asked = m.hdr;
+    };
+    EXPECT_EQ(location_client_get_position(client, LONG, &position), is::answered);
+    // To VoIP, a reply about the power mode would be news of it.
+    fake_reset();
+    open(LS_SERV_VOIP);
+    EXPECT_EQ(location_client_get_position(client, milliseconds(400), &position), is::no_reply);
+    EXPECT_TRUE(fake_sent(1001).empty());
+}
+
+TEST_F(client_test, nmea_travels_as_its_body) {
+    fake.service = always(padded(padded({1}, 85, {'$'}, 84), 284, {'x'}, 283));
+    location_client_answer answer;
+    EXPECT_EQ(location_client_exec_nmea(client, LONG, "PUBX,00", &answer), is::answered);
+    EXPECT_TRUE(answer[0] == '$' && answer[199] == 'x');
+    EXPECT_EQ(fake_sent(1011).at(0).payload,
+              padded({0, 0, 0, 0, 'P', 'U', 'B', 'X', ',', '0', '0'}, 284));
+    const std::string longest(79, 'A');
+    EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), is::answered);
+    EXPECT_EQ(fake_sent(1011).at(1).payload[83], 0);
+    for (const std::string &bad : {std::string(), longest + "A", std::string("$GPGGA"),
+                                   std::string("GPGGA*47"), std::string("A\n")}) {
+        EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), is::bad_argument) << bad;
+    }
+    EXPECT_EQ(fake_sent(1011).size(), 2U);
+}
+
+TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
+    fake.service = always(padded({1}, 284));
+    location_client_answer answer;
+    const bytes frame = {0xB5, 0x62, 0x06, 0x08, 0x00, 0x00, 0x0E, 0x30};
+    EXPECT_EQ(location_client_exec_ubx(client, LONG, frame, &answer), is::answered);
+    EXPECT_STREQ(reinterpret_cast<const char *>(fake_sent(1012).at(0).payload.data() + 4),
+                 "B5,62,06,08,00,00,0E,30");
+    const bytes bad_frames[] = {{},
+                                {0xB5, 0x62, 6, 8, 0, 0, 0},       // too short
+                                {0xB4, 0x62, 6, 8, 0, 0, 0, 0},    // first sync byte
+                                {0xB5, 0x63, 6, 8, 0, 0, 0, 0},    // second sync byte
+                                {0xB5, 0x62, 6, 8, 0, 0, 0, 0, 0}, // length too small
+                                {0xB5, 0x62, 6, 8, 1, 0, 0, 0}};   // length too large
+    for (const bytes &bad : bad_frames)
+        EXPECT_EQ(location_client_exec_ubx(client, LONG, bad, &answer), is::bad_argument);
+    EXPECT_EQ(fake_sent(1012).size(), 1U);
+    // 79 characters: bytes of two digits each, of one digit each.
+    std::array<char, 80> text{};
+    EXPECT_EQ(location_client_ubx_text(bytes(26, 0xAA), &text), 77U);
+    EXPECT_EQ(location_client_ubx_text(bytes(27, 0xAA), &text), 0U);
+    EXPECT_EQ(location_client_ubx_text(bytes(40, 0x0A), &text), 79U);
+    EXPECT_EQ(location_client_ubx_text(bytes(41, 0x0A), &text), 0U);
+}
+
+TEST_F(client_test, history_path_ends_within_its_field_whatever_arrives) {
+    bytes sent = padded({}, 104, bytes(100, 'x'), 4); // no NUL anywhere in the path
+    fake.service = [&sent](const sent_message &m) { fake_reply(m.hdr, sent); };
+    ls_history_path_reply reply;
+    EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::answered);
+    EXPECT_EQ(std::string(reply.path), std::string(99, 'x'));
+    sent[0] = 255;
+    EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::failed);
+}
+
+TEST_F(client_test, arguments_are_checked_before_sending) {
+    constexpr milliseconds too_long = std::chrono::hours(24) + milliseconds(1);
+    gps_lpp_location lpp;
+    for (const location_result result : {location_client_get_power(nullptr, LONG, &mode),
+                                         location_client_get_power(client, LONG, nullptr),
+                                         location_client_get_power(client, NONE, &mode),
+                                         location_client_get_power(client, too_long, &mode),
+                                         location_client_register_periodic(client, LONG, 0, 4),
+                                         location_client_register_periodic(client, LONG, 1, 3),
+                                         location_client_get_lpp(client, LONG, &lpp)}) { // not SAL
+        EXPECT_EQ(result, is::bad_argument);
+    }
+    EXPECT_TRUE(fake.sent.empty());
+}
+
+TEST_F(client_test, updates_come_in_order_and_the_oldest_gives_way) {
+    fake_send(LS_MSG_NOTIFICATION, 1010, bytes(79)); // cut: counts as lost
+    fake_send(LS_MSG_NOTIFICATION, 1014, position_reply(99));
+    fake_send(LS_MSG_REQUEST, 1010, position_reply(99));
+    fake_deliver({LS_MSG_NOTIFICATION, 0, 6, 40, 1010, 1, 80, 0}, position_reply(99)); // of WS
+    for (uint8_t i = 1; i <= 66; ++i)
+        fake_send(LS_MSG_NOTIFICATION, 1010, position_reply(i));
+    ls_position_reply got;
+    for (uint8_t i = 3; i <= 66; ++i) {
+        ASSERT_EQ(location_client_next_update(client, NONE, &got), is::answered);
+        EXPECT_EQ(got.pos.num_satellites, i);
+    }
+    EXPECT_EQ(location_client_next_update(client, NONE, &got), is::no_reply);
+    EXPECT_EQ(location_client_lost_updates(client), 3U);
+}
+
+TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
+    open(LS_SERV_SAL);
+    fake_send(LS_MSG_REQUEST, 19, bytes(24)); // nobody asked yet
+    fake.service = [](const sent_message &) {
+        fake_send(LS_MSG_REQUEST, 19, bytes(23)); // not a record
+        fake_send(LS_MSG_REQUEST, 19, padded(padded({1}, 12, {70}, 11), 24, {5}, 16));
+    };
+    gps_lpp_location lpp;
+    ASSERT_EQ(location_client_get_lpp(client, LONG, &lpp), is::answered);
+    EXPECT_TRUE(lpp.latitude_sign == 1 && lpp.confidence == 70 && lpp.degrees_latitude == 5);
+    EXPECT_EQ(fake_sent(208).at(0).hdr.msg_type, LS_MSG_NOTIFICATION);
+    EXPECT_EQ(fake_sent(208).at(0).payload, bytes(24));
+    // The record of the last time does not answer the next question.
+    fake.service = nullptr;
+    EXPECT_EQ(location_client_get_lpp(client, SHORT, &lpp), is::no_reply);
+    EXPECT_EQ(lpp.confidence, 0);
+}
+
+TEST_F(client_test, cancelling_ends_the_wait_until_resumed) {
+    ls_position_reply got;
+    std::thread canceller([this] {
+        std::this_thread::sleep_for(milliseconds(20));
+        location_client_cancel(client);
+    });
+    EXPECT_EQ(location_client_next_update(client, LONG, &got), is::cancelled);
+    canceller.join();
+    EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::cancelled);
+    location_client_resume(client);
+    EXPECT_EQ(location_client_get_power(client, SHORT, &mode), is::no_reply);
+}
+
+} // namespace
