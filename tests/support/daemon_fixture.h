@@ -21,6 +21,14 @@ inline size_t errors(std::string_view part) {
     return fake::count_logged(3, part);
 }
 
+inline void expect_message(const fake::sent_message &message, uint8_t type, uint32_t id, uint8_t to,
+                           const bytes &payload) {
+    EXPECT_EQ(message.hdr.msg_type, type);
+    EXPECT_EQ(message.hdr.msg_id, id);
+    EXPECT_EQ(message.hdr.dst_serv_id, to);
+    EXPECT_EQ(message.payload, payload);
+}
+
 class daemon_fixture : public testing::Test {
   protected:
     void SetUp() override { fake::reset(); }

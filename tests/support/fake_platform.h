@@ -63,7 +63,6 @@ bool wait_for_votes_returned();
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
-    int32_t antenna_type = 0;
     location_history_settings history = {};
     bool fail = false;
 };

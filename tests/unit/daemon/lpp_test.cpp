@@ -92,13 +92,10 @@ TEST_F(lpp, request_208_is_answered_by_request_19) {
         const auto sent = fake::wait_for_sent(type == 2 ? 1 : 2);
         EXPECT_TRUE(fake::wait_for_votes_returned());
         ASSERT_EQ(sent.size(), type == 2 ? 1u : 2u);
-        EXPECT_EQ(sent.back().hdr.msg_type, 0);
-        EXPECT_EQ(sent.back().hdr.msg_id, 19u);
-        EXPECT_EQ(sent.back().hdr.dst_serv_id, 2);
         // Confidence 70 %, altitude 2 m, 51.5 / 90 x 2^23, -0.125 / 360 x 2^24
         const bytes literal = {0, 0, 0,  0, 0,    0,    0,    0, 0,    0,    0,    70,
                                2, 0, 45, 0, 0x93, 0x3E, 0x49, 0, 0x3F, 0xE9, 0xFF, 0};
-        EXPECT_EQ(sent.back().payload, literal);
+        expect_message(sent.back(), 0, 19, 2, literal);
         EXPECT_EQ(pending_req_count, 0);
     }
     EXPECT_TRUE(peer->commands().empty());

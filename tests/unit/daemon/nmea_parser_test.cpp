@@ -77,15 +77,6 @@ TEST_F(nmea_parser, extracts_a_body_or_says_why_not) {
     EXPECT_EQ(ls_hal_extract_nmea_msg(nullptr, nullptr), 1u);
 }
 
-TEST_F(nmea_parser, static_location_takes_any_checksum) {
-    buffer body = {};
-    const buffer message = {"$GPZDA,1*00\r\n"};
-    EXPECT_EQ(ls_hal_extract_nmea_msg(message.data(), body.data()), 1u);
-    stub_location_on_g = 1;
-    EXPECT_EQ(ls_hal_extract_nmea_msg(message.data(), body.data()), 0u);
-    EXPECT_STREQ(body.data(), "GPZDA,1");
-}
-
 // The received buffer may be longer than the body buffer: a serial answer has up to 205 bytes.
 TEST_F(nmea_parser, a_body_longer_than_its_buffer_is_refused) {
     for (const size_t size : {NMEA_BUFFER_SIZE - 1, NMEA_BUFFER_SIZE}) {

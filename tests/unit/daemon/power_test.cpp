@@ -91,14 +91,9 @@ TEST_F(power, set_mode_replies_and_tells_voip_for_voip_and_ws_only) {
         const auto sent = set_mode(r.from, 2);
         EXPECT_EQ(mt_gps_status, r.stores_status ? 2 : 1);
         ASSERT_EQ(sent.size(), r.notifies ? 2u : 1u);
-        EXPECT_EQ(sent[0].hdr.msg_type, 1);
-        EXPECT_EQ(sent[0].payload, (bytes{1, 0, 0, 0, 2, 0, 0, 0}));
-        if (r.notifies) {
-            EXPECT_EQ(sent[1].hdr.msg_type, 2);
-            EXPECT_EQ(sent[1].hdr.msg_id, 1014u);
-            EXPECT_EQ(sent[1].hdr.dst_serv_id, 3);
-            EXPECT_EQ(sent[1].payload, (bytes{2, 0, 0, 0}));
-        }
+        expect_message(sent[0], 1, 1002, r.from, {1, 0, 0, 0, 2, 0, 0, 0});
+        if (r.notifies)
+            expect_message(sent[1], 2, 1014, 3, {2, 0, 0, 0});
     }
 }
 

@@ -24,19 +24,6 @@ void expect_time(const gps_time_fields &time, const std::array<int, 7> &expected
               expected);
 }
 
-// The place is the same in the answers and in the static location.
-void expect_position(const gps_pos_data &pos) {
-    EXPECT_DOUBLE_EQ(pos.latitude, 51.5);
-    EXPECT_EQ(pos.lat_dir, 'N');
-    EXPECT_DOUBLE_EQ(pos.longitude, 0.125);
-    EXPECT_EQ(pos.lon_dir, 'W');
-    EXPECT_EQ(pos.fix_type, 1u);
-    EXPECT_EQ(pos.horizontal_accuracy, 3.25F);
-    EXPECT_EQ(pos.vertical_accuracy, 5.25F);
-    EXPECT_DOUBLE_EQ(pos.altitude, 545.4);
-    EXPECT_EQ(pos.num_satellites, 8);
-}
-
 TEST_F(query, time) {
     gps_time_fields time = {};
     EXPECT_EQ(gps_get_time(&time), 0);
@@ -81,7 +68,15 @@ TEST_F(query, time_of_week) {
 TEST_F(query, position) {
     gps_pos_data pos = {};
     EXPECT_EQ(gps_get_pos(&pos), 0);
-    expect_position(pos);
+    EXPECT_DOUBLE_EQ(pos.latitude, 51.5);
+    EXPECT_EQ(pos.lat_dir, 'N');
+    EXPECT_DOUBLE_EQ(pos.longitude, 0.125);
+    EXPECT_EQ(pos.lon_dir, 'W');
+    EXPECT_EQ(pos.fix_type, 1u);
+    EXPECT_EQ(pos.horizontal_accuracy, 3.25F);
+    EXPECT_EQ(pos.vertical_accuracy, 5.25F);
+    EXPECT_DOUBLE_EQ(pos.altitude, 545.4);
+    EXPECT_EQ(pos.num_satellites, 8);
     expect_time(pos.time, {23, 59, 59, 0, 31, 12, 2019});
     const std::vector<std::string> polls = {"$GPGPQ,GGA*3C\r\n", "$GPGPQ,GSA*28\r\n",
                                             "$GPGPQ,ZDA*22\r\n"};
@@ -96,13 +91,6 @@ TEST_F(query, position) {
     }
     answer("GPGPQ,GGA", "GNGGAX" + gga.substr(5)); // six characters are not checked
     EXPECT_EQ(gps_get_pos(&pos), 0);
-
-    static_location_on(); // asks nobody
-    const size_t asked = peer->commands().size();
-    EXPECT_EQ(gps_get_pos(&(pos = {})), 0);
-    expect_position(pos);
-    expect_time(pos.time, {10, 51, 5, 0, 5, 2, 2019});
-    EXPECT_EQ(peer->commands().size(), asked);
 }
 
 TEST_F(query, position_failures) {
@@ -124,26 +112,6 @@ TEST_F(query, position_failures) {
         EXPECT_EQ(errors(r.text), 1u) << r.body;
     }
     EXPECT_EQ(gps_get_pos(nullptr), 1);
-}
-
-TEST_F(query, board_2_keeps_a_good_fix_for_its_buffer_time) {
-    gps_board_type_g = 2;
-    static_location_on(); // a fix without a TA
-    gps_pos_data pos = {};
-    int32_t result = 7;
-    EXPECT_EQ(gps_get_pos(&pos), 0);
-    gps_pos_data buffered = {};
-    EXPECT_TRUE(gps_get_buffered_pos(&buffered, &result));
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(memcmp(&buffered, &pos, sizeof(pos)), 0);
-
-    gps_pos_buffer_time = 0.0; // not even the same second is younger than this
-    EXPECT_FALSE(gps_get_buffered_pos(&buffered, &result));
-    gps_pos_buffer_time = 5.0;
-    EXPECT_EQ(gps_get_pos(nullptr), 1); // a failed query changes the result, not the record
-    EXPECT_TRUE(gps_get_buffered_pos(&buffered, &result));
-    EXPECT_EQ(result, 1);
-    EXPECT_DOUBLE_EQ(buffered.latitude, 51.5);
 }
 
 } // namespace

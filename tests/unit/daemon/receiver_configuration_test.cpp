@@ -144,9 +144,7 @@ TEST_F(bring_up, leaves_the_receiver_on_or_off_as_stored) {
         EXPECT_EQ(fake::database().power_on_writes, 0);
         const auto sent = fake::sent();
         ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(sent[0].hdr.msg_id, 1014u);
-        EXPECT_EQ(sent[0].hdr.dst_serv_id, 3);
-        EXPECT_EQ(sent[0].payload[0], status);
+        expect_message(sent[0], 2, 1014, 3, {static_cast<uint8_t>(status), 0, 0, 0});
         TearDown();
         EXPECT_EQ(gpio("unexport"), "372"); // 102, then 37 over it: a plain file keeps the tail
     }
