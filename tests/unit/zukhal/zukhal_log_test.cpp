@@ -90,7 +90,7 @@ TEST_F(zukhal_log, only_the_configured_level_and_above_are_written) {
     }
 }
 
-void log_in_handler(int number) {
+void log_numbered(int number) {
     zuk_log_tmplt(6, "line %d.%d", "m", 1, number, gettid());
 }
 
@@ -98,12 +98,12 @@ TEST_F(zukhal_log, lines_of_threads_processes_and_handlers_stay_whole) {
     constexpr int each = 200;
     in_child([] {
         const bool child = fork() == 0;
-        signal(SIGUSR1, log_in_handler);
+        signal(SIGUSR1, log_numbered);
         std::array<std::thread, 3> threads;
         for (std::thread &thread : threads)
             thread = std::thread([] {
                 for (int i = 0; i < each; i++)
-                    zuk_log_tmplt(6, "line %d.%d", "m", 1, 1000 + i, gettid());
+                    log_numbered(1000 + i);
             });
         for (int i = 0; i < each; i++)
             raise(SIGUSR1);
