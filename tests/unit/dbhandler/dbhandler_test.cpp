@@ -1,4 +1,5 @@
 // The settings database through its exported calls, on files that the tests damage themselves.
+#include "child.h"
 #include "dbhandler_admin.h"
 #include "scratch_dir.h"
 
@@ -13,7 +14,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -51,19 +51,6 @@ class settings_db : public testing::Test {
         });
     }
 };
-
-template <typename Work>
-pid_t in_child(Work work) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(work() ? 0 : 1);
-    return child;
-}
-
-bool succeeded(pid_t child) {
-    int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
-}
 
 TEST_F(settings_db, first_use_stores_the_defaults) {
     int32_t gps = -7, ta = -7;
@@ -182,21 +169,26 @@ TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
     EXPECT_NE(db_set_gps_power_on_status(0), 0) << "busy";
     sqlite3_close(writer);
 
-    EXPECT_TRUE(succeeded(in_child([] { // nothing can be written: a full disk
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit none{0, 0};
-        setrlimit(RLIMIT_FSIZE, &none);
-        return db_set_gps_power_on_status(0) != 0;
-    }))) << "full";
+    EXPECT_EQ(run_in_child([] { // nothing can be written: a full disk
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit none{0, 0};
+                  setrlimit(RLIMIT_FSIZE, &none);
+                  return db_set_gps_power_on_status(0) != 0;
+              }),
+              1)
+        << "full";
 
     fs::permissions(file_, fs::perms::none);
-    EXPECT_TRUE(succeeded(in_child([&] {
-        // The superuser reads everything.
-        if (geteuid() == 0 && (chown(dir.path().c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
-            return false;
-        int32_t result = -7;
-        return db_read_gps_power_on_status(&result) != 0 && result == -7;
-    }))) << "unreadable";
+    EXPECT_EQ(run_in_child([&] {
+                  // The superuser reads everything.
+                  if (geteuid() == 0 &&
+                      (chown(dir.path().c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
+                      return false;
+                  int32_t result = -7;
+                  return db_read_gps_power_on_status(&result) != 0 && result == -7;
+              }),
+              1)
+        << "unreadable";
     fs::permissions(file_, fs::perms::owner_all);
 
     EXPECT_TRUE(damaged_copies() == 0);
@@ -214,7 +206,7 @@ TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
         ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
         std::array<pid_t, 6> children{};
         for (int i = 0; pid_t & child : children)
-            child = in_child([&gate, wanted = i++] {
+            child = start_child([&gate, wanted = i++] {
                 char byte = 0;
                 close(gate[1]);
                 int32_t value = -7;
@@ -225,7 +217,7 @@ TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
         close(gate[0]);
         close(gate[1]); // all start now
         for (const pid_t child : children)
-            EXPECT_TRUE(succeeded(child));
+            EXPECT_EQ(end_of_child(child), 1);
         EXPECT_EQ(damaged_copies(), 1) << "an empty file is a new one, not a damaged one";
         EXPECT_EQ(sql("PRAGMA integrity_check"), "ok");
     }

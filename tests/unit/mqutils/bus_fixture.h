@@ -3,6 +3,7 @@
 #ifndef BUS_FIXTURE_H
 #define BUS_FIXTURE_H
 
+#include "child.h"
 #include "mqutils.h"
 #include "scratch_dir.h"
 
@@ -11,7 +12,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <cerrno>
@@ -108,27 +108,15 @@ class bus : public testing::Test {
         sockaddr_un address = address_of(id);
         iovec part{bytes.data(), bytes.size()};
         alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-        msghdr message{&address, sizeof address, &part, 1, nullptr, 0, 0};
-        if (attached_fd >= 0) {
-            message.msg_control = control.data();
-            message.msg_controllen = control.size();
-            cmsghdr *item = CMSG_FIRSTHDR(&message);
-            *item = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-            std::memcpy(CMSG_DATA(item), &attached_fd, sizeof attached_fd);
-        }
+        msghdr message{&address, sizeof address, &part, 1, control.data(), control.size(), 0};
+        cmsghdr *item = CMSG_FIRSTHDR(&message);
+        *item = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        std::memcpy(CMSG_DATA(item), &attached_fd, sizeof attached_fd);
+        if (attached_fd < 0)
+            message.msg_controllen = 0;
         const ssize_t sent = sendmsg(fd, &message, 0);
         close(fd);
         return sent == static_cast<ssize_t>(bytes.size());
-    }
-    // Runs `body` in a child process; its result, or -1 when the child was killed.
-    template <typename Body>
-    static int in_child(Body body) {
-        const pid_t child = fork();
-        if (child == 0)
-            _exit(body());
-        int status = 0;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     // Runs `body` while this thread is interrupted by `handler` again and again.
     template <typename Body>

@@ -24,7 +24,7 @@ TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
 
 TEST_F(bus, forked_child_does_not_end_its_parents_connection) {
     start();
-    EXPECT_EQ(in_child([&] { return scm_conn_exit(&self) == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(run_in_child([&] { return scm_conn_exit(&self) == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(peer.notify(40, "still there"), 0);
     EXPECT_TRUE(self.wait_for(2));
 }

@@ -14,7 +14,7 @@ TEST_F(bus, other_users_may_send_whatever_the_umask) {
 }
 
 TEST_F(bus, of_racing_starters_one_wins_also_where_an_owner_was_killed) {
-    EXPECT_EQ(in_child([] {
+    EXPECT_EQ(run_in_child([] {
                   static service killed;
                   return killed.init(40) == 0 ? raise(SIGKILL) : 1;
               }),

@@ -75,7 +75,7 @@ TEST_F(bus, sender_must_be_the_user_who_owns_the_socket) {
     const int foreign = raw_owner(42);
     ASSERT_EQ(chown(path_of(42).c_str(), 65534, 65534), 0);
     start();
-    EXPECT_EQ(in_child([&] {
+    EXPECT_EQ(run_in_child([&] {
                   return setuid(65534) == 0 && raw_send(40, datagram(41, 40, 1, 1)) &&
                          raw_send(40, datagram(42, 40, 2, 2));
               }),

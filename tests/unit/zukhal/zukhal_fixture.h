@@ -3,11 +3,11 @@
 #ifndef ZUKHAL_FIXTURE_H
 #define ZUKHAL_FIXTURE_H
 
+#include "child.h"
 #include "scratch_dir.h"
 #include "zukhal.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 class zukhal_fixture : public testing::Test {
   protected:
@@ -25,16 +25,13 @@ class zukhal_fixture : public testing::Test {
     // Runs `work` in a child whose stderr is the file "stderr"; its failed checks fail the test.
     template <typename Work>
     static void in_child(Work work) {
-        const pid_t child = fork();
-        if (child == 0) {
+        const int status = run_in_child([&work] {
             if (freopen("stderr", "ae", stderr) == nullptr)
-                _exit(2);
+                return 2;
             work();
             fflush(nullptr);
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
+            return HasFailure() ? 1 : 0;
+        });
         EXPECT_EQ(status, 0) << content("stderr");
     }
 };
