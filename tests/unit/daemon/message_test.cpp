@@ -41,7 +41,7 @@ TEST_F(message, what_it_does_not_know_is_refused_with_its_vote_returned) {
         {1, 1003, {}, "ls_hal_process_response_msg, Invalid Message Id 1003"},
         {2, 1003, {}, "ls_hal_process_notification_msg, Invalid Message Id"},
         {0, 1010, {}, "ls_process_thread_req, Invalid Message Id"},
-        {0, 4711, {1}, "ls_process_thread_req, Invalid Message Id"},
+        {0, 4711, {}, "ls_process_thread_req, Invalid Message Id"},
         {2, 1418, {}, "msg->pld is a NULL POINTER!"},
         {2, 1418, {4, 0, 0}, "msg->pld is a NULL POINTER!"},
         {2, 201, {}, "msg->pld is a NULL POINTER!"},
