@@ -29,6 +29,7 @@ TEST_F(bus, of_racing_starters_one_wins_also_where_an_owner_was_killed) {
         std::atomic<int> won{0};
         std::atomic<int> refused{0};
         std::vector<std::jthread> threads;
+        threads.reserve(starters);
         for (service &starter : services) {
             threads.emplace_back([&] {
                 start.arrive_and_wait();
