@@ -3,6 +3,7 @@
 #include "gps_message_handler.h"
 #include "ls_state.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -14,17 +15,15 @@ namespace {
 // All of the fake's state, under `lock`.
 std::mutex lock;
 std::condition_variable changed;
-std::vector<fake::log_line> lines;
+std::vector<std::pair<int, std::string>> lines; // level and text
 std::vector<fake::sent_message> messages;
 std::vector<msg_hdr *> kept_headers; // heap headers of failed sends
-int send_result = 0;
 std::function<void(const fake::sent_message &)> send_action;
 fake::votes vote_count = {};
 fake::settings stored;
 scm_conn conn = {};
 uint32_t next_txn = 1;
 std::vector<uint32_t> timer_intervals; // by handle - 1; 0 = deleted
-bool timer_deletion_fails = false;
 
 constexpr auto patience = std::chrono::seconds(5);
 
@@ -33,8 +32,8 @@ constexpr auto patience = std::chrono::seconds(5);
 namespace fake {
 
 void reset() {
+    reset_log();
     const std::lock_guard guard(lock);
-    lines.clear();
     messages.clear();
     for (msg_hdr *hdr : kept_headers)
         g_free(hdr);
@@ -62,9 +61,8 @@ void reset() {
     ta_req_timed_out_g = 0;
     ta_data_req_pld = {};
     gps_p_g = &conn;
-    static const bool initialised =
+    [[maybe_unused]] static const bool initialised =
         sem_init(&ls_thread_sem, 0, 0) == 0 && sem_init(&ta_data_sem, 0, 0) == 0;
-    (void)initialised;
     while (sem_trywait(&ta_data_sem) == 0) {
     }
 }
@@ -74,33 +72,21 @@ void reset_log() {
     lines.clear();
 }
 
-std::vector<log_line> logged() {
-    const std::lock_guard guard(lock);
-    return lines;
-}
-
 size_t count_logged(int level, std::string_view part) {
     const std::lock_guard guard(lock);
-    size_t count = 0;
-    for (const log_line &line : lines)
-        count += line.level == level && line.text.find(part) != std::string::npos ? 1 : 0;
-    return count;
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const auto &line) {
+        return line.first == level && line.second.find(part) != std::string::npos;
+    }));
 }
 
 std::vector<sent_message> sent() {
-    const std::lock_guard guard(lock);
-    return messages;
+    return wait_for_sent(0);
 }
 
 std::vector<sent_message> wait_for_sent(size_t n) {
     std::unique_lock guard(lock);
     changed.wait_for(guard, patience, [n] { return messages.size() >= n; });
     return messages;
-}
-
-void set_send_result(int result) {
-    const std::lock_guard guard(lock);
-    send_result = result;
 }
 
 void on_send(std::function<void(const sent_message &)> action) {
@@ -129,39 +115,34 @@ settings &database() {
     return stored;
 }
 
-uint32_t timer_interval(int handle) {
+std::vector<uint32_t> timers() {
     const std::lock_guard guard(lock);
-    const auto index = static_cast<size_t>(handle) - 1;
-    return index < timer_intervals.size() ? timer_intervals[index] : 0;
+    return timer_intervals;
 }
 
-int timers_started() {
-    const std::lock_guard guard(lock);
-    return static_cast<int>(timer_intervals.size());
-}
-
-void fail_timer_deletion(bool fail) {
-    const std::lock_guard guard(lock);
-    timer_deletion_fails = fail;
-}
-
-bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> &payload,
-                     uint32_t txn_id) {
-    bus_msg msg = {};
-    msg.hdr = {.msg_type = type,
-               .reserved0 = 0,
-               .src_serv_id = from,
-               .dst_serv_id = 8,
-               .msg_id = id,
-               .txn_id = txn_id,
-               .pld_len = static_cast<uint32_t>(payload.size()),
-               .reserved1 = 0};
-    msg.pld = payload.empty() ? nullptr : payload.data();
-    return msg;
+bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload, uint32_t txn_id) {
+    const auto size = static_cast<uint32_t>(payload.size());
+    return {{type, 0, from, 8, id, txn_id, size, 0}, size == 0 ? nullptr : payload.data()};
 }
 
 scm_conn *connection() {
     return &conn;
+}
+
+int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload, uint32_t txn_id) {
+    bus_msg msg = make_message(type, id, from, payload, txn_id);
+    const int result = ls_hal_process_message(&conn, &msg);
+    payload.assign(payload.size(), 0xFF);
+    return result;
+}
+
+void deliver_ta_answer(std::string_view answer, uint32_t cmd_len) {
+    gps_data_req_pld pld = {};
+    answer.copy(reinterpret_cast<char *>(pld.response), sizeof(pld.response));
+    pld.cmd_len = cmd_len;
+    bytes payload(sizeof(pld));
+    memcpy(payload.data(), &pld, sizeof(pld));
+    deliver(1, 1416, 12, std::move(payload));
 }
 
 } // namespace fake
@@ -179,14 +160,7 @@ int scm_conn_exit(scm_conn *) {
 int fill_request_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
                      uint8_t dst_serv_id) {
     const std::lock_guard guard(lock);
-    *hdr = {.msg_type = 0,
-            .reserved0 = 0,
-            .src_serv_id = 8,
-            .dst_serv_id = dst_serv_id,
-            .msg_id = msg_id,
-            .txn_id = next_txn++,
-            .pld_len = pld_len,
-            .reserved1 = 0};
+    *hdr = {0, 0, 8, dst_serv_id, msg_id, next_txn++, pld_len, 0};
     return 0;
 }
 
@@ -197,30 +171,24 @@ int fill_notif_hdr(scm_conn *c, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
     return 0;
 }
 
-int fill_response_hdr(scm_conn *c, msg_hdr *hdr, const bus_msg *req, uint32_t pld_len) {
-    fill_request_hdr(c, hdr, pld_len, req->hdr.msg_id, req->hdr.src_serv_id);
-    hdr->msg_type = 1;
-    hdr->txn_id = req->hdr.txn_id;
+int fill_response_hdr(scm_conn *, msg_hdr *hdr, const bus_msg *req, uint32_t pld_len) {
+    *hdr = {1, 0, 8, req->hdr.src_serv_id, req->hdr.msg_id, req->hdr.txn_id, pld_len, 0};
     return 0;
 }
 
 int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
-    fake::sent_message message = {.hdr = *hdr, .payload = {}};
-    if (hdr->pld_len != 0) {
-        const auto *bytes = static_cast<const uint8_t *>(pld);
-        message.payload.assign(bytes, bytes + hdr->pld_len);
+    fake::sent_message message = {.hdr = *hdr, .payload = fake::bytes(hdr->pld_len)};
+    if (hdr->pld_len != 0)
+        memcpy(message.payload.data(), pld, hdr->pld_len);
+    std::unique_lock guard(lock);
+    if (fake::send_result == -1) {
+        if (hdr->msg_type == 1)
+            kept_headers.push_back(const_cast<msg_hdr *>(hdr));
+        return -1;
     }
-    std::function<void(const fake::sent_message &)> action;
-    {
-        const std::lock_guard guard(lock);
-        if (send_result == -1) {
-            if (hdr->msg_type == 1)
-                kept_headers.push_back(const_cast<msg_hdr *>(hdr));
-            return -1;
-        }
-        messages.push_back(message);
-        action = send_action;
-    }
+    messages.push_back(message);
+    const auto action = send_action;
+    guard.unlock();
     changed.notify_all();
     if (action)
         action(message);
@@ -244,8 +212,7 @@ int db_set_gps_power_on_status(int32_t status) {
 }
 
 int db_read_ta_power_on_status(int32_t *status) {
-    const std::lock_guard guard(lock);
-    *status = stored.antenna_type;
+    *status = 0;
     return 0;
 }
 
@@ -258,7 +225,7 @@ int db_read_location_history_settings(location_history_settings *settings) {
 
 // --- libzukhal
 
-void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...) {
+void zuk_log_tmplt(int level, const char *format, const char *, int line, ...) {
     char text[2048];
     va_list args;
     va_start(args, line);
@@ -268,7 +235,7 @@ void zuk_log_tmplt(int level, const char *format, const char *module, int line, 
 #pragma GCC diagnostic pop
     va_end(args);
     const std::lock_guard guard(lock);
-    lines.push_back({.level = level, .module = module, .text = text});
+    lines.emplace_back(level, text);
 }
 
 int rtc_start_timer(uint32_t interval_s, int (*)(void *), int *) {
@@ -280,7 +247,7 @@ int rtc_start_timer(uint32_t interval_s, int (*)(void *), int *) {
 int rtc_del_timer(int timer_id) {
     const std::lock_guard guard(lock);
     const auto index = static_cast<size_t>(timer_id) - 1;
-    if (timer_deletion_fails || index >= timer_intervals.size())
+    if (fake::timer_deletion_fails || index >= timer_intervals.size())
         return -1;
     timer_intervals[index] = 0;
     return 0;

@@ -7,6 +7,7 @@
 #include "mqutils.h"
 #include "zukhal.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,15 +18,11 @@
 
 namespace fake {
 
-struct log_line {
-    int level;
-    std::string module;
-    std::string text;
-};
+using bytes = std::vector<uint8_t>;
 
 struct sent_message {
     msg_hdr hdr;
-    std::vector<uint8_t> payload;
+    bytes payload;
 
     // The payload as a record; only for payloads of its size.
     template <typename Record>
@@ -43,23 +40,20 @@ void reset();
 
 // Forgets the log alone.
 void reset_log();
-
-// Log lines, all or those of a level (3 error, 4 warning...) that contain `part`.
-std::vector<log_line> logged();
+// Log lines of a level (3 error, 4 warning...) that contain `part`.
 size_t count_logged(int level, std::string_view part);
 
 std::vector<sent_message> sent();
 // Waits until at least n messages were sent, 5 s at most; what was sent then.
 std::vector<sent_message> wait_for_sent(size_t n);
 // What send_msg returns from now on, and what it does besides (on the sender's thread).
-void set_send_result(int result);
+inline std::atomic<int> send_result = 0;
 void on_send(std::function<void(const sent_message &)> action);
 
 // Votes given and taken with the daemon's state id; any other id is counted in `other`.
 struct votes {
-    int disabled;
-    int enabled;
-    int other;
+    int disabled, enabled, other;
+    bool operator==(const votes &) const = default;
 };
 votes system_state_votes();
 // Waits until as many votes were given back as taken, 5 s at most, and the workers are done.
@@ -69,22 +63,22 @@ bool wait_for_votes_returned();
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
-    int32_t antenna_type = 0;
     location_history_settings history = {};
     bool fail = false;
 };
 settings &database();
 
-// Platform timers: handles count from 1. The interval of a running one, 0 when it does not run.
-uint32_t timer_interval(int handle);
-int timers_started();
-void fail_timer_deletion(bool fail);
+// Platform timers: handles count from 1. Their intervals by handle - 1, 0 for one that was deleted.
+std::vector<uint32_t> timers();
+inline std::atomic<bool> timer_deletion_fails = false;
 
 // A message as the bus would deliver it; the payload must outlive it.
-bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, std::vector<uint8_t> &payload,
-                     uint32_t txn_id = 77);
-
+bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload, uint32_t txn_id = 77);
 scm_conn *connection();
+// Delivers a message as the bus would, and takes the payload's bytes back. The daemon's result.
+int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload = {}, uint32_t txn_id = 77);
+// The TA's answer to a 1416, said to have `cmd_len` bytes.
+void deliver_ta_answer(std::string_view answer, uint32_t cmd_len);
 
 } // namespace fake
 

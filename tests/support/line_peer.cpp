@@ -20,7 +20,7 @@ std::string nmea(const std::string &body) {
 
 line_peer::line_peer(responder answer_with) : answer(std::move(answer_with)) {
     master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 || pipe2(wake, O_CLOEXEC) != 0)
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
         std::abort();
     termios raw = {};
     tcgetattr(master, &raw);
@@ -29,20 +29,17 @@ line_peer::line_peer(responder answer_with) : answer(std::move(answer_with)) {
     std::filesystem::create_directories("dev");
     std::filesystem::remove("dev/ttymxc2");
     std::filesystem::create_symlink(ptsname(master), "dev/ttymxc2");
-    thread = std::thread([this] { serve(); });
+    thread = std::jthread([this](const std::stop_token &stop) { serve(stop); });
 }
 
 line_peer::~line_peer() {
-    if (::write(wake[1], "x", 1) != 1)
-        std::abort();
+    thread.request_stop();
     thread.join();
     if (!hung_up)
         close(master);
-    close(wake[0]);
-    close(wake[1]);
 }
 
-void line_peer::send(const std::string &bytes) {
+void line_peer::send(const std::string &bytes) const {
     if (::write(master, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         std::abort();
 }
@@ -52,30 +49,25 @@ std::vector<std::string> line_peer::commands() {
     return received;
 }
 
-void line_peer::serve() {
+void line_peer::serve(const std::stop_token &stop) {
     std::string pending;
-    while (true) {
-        std::array<pollfd, 2> fds = {{{master, POLLIN, 0}, {wake[0], POLLIN, 0}}};
-        poll(fds.data(), fds.size(), -1);
-        if (fds[1].revents != 0)
-            return;
+    while (!stop.stop_requested()) {
+        pollfd line = {master, POLLIN, 0};
+        poll(&line, 1, 10);
         std::array<char, 1024> bytes;
-        const ssize_t count = ::read(master, bytes.data(), bytes.size());
+        const ssize_t count =
+            (line.revents & POLLIN) != 0 ? ::read(master, bytes.data(), bytes.size()) : 0;
         if (count <= 0) {
             usleep(1000); // nobody has the other end open
             continue;
         }
         pending.append(bytes.data(), static_cast<size_t>(count));
         while (!pending.empty()) {
-            size_t size = pending.size();
-            if (pending[0] == '$') {
-                const size_t end = pending.find('\n');
-                if (end == std::string::npos)
-                    break;
-                size = end + 1;
-            }
-            const std::string command = pending.substr(0, size);
-            pending.erase(0, size);
+            const size_t end = pending[0] == '$' ? pending.find('\n') : pending.size() - 1;
+            if (end == std::string::npos)
+                break;
+            const std::string command = pending.substr(0, end + 1);
+            pending.erase(0, end + 1);
             {
                 const std::lock_guard guard(lock);
                 received.push_back(command);
@@ -85,8 +77,7 @@ void line_peer::serve() {
                 close(master);
                 return;
             }
-            if (!reply.empty())
-                send(reply);
+            send(reply);
         }
     }
 }

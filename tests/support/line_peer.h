@@ -27,19 +27,18 @@ class line_peer {
     // For the responder: closes the pty behind this command. The daemon's reads and writes fail
     // then.
     void hang_up() { hung_up = true; }
-    void send(const std::string &bytes);
+    void send(const std::string &bytes) const;
     std::vector<std::string> commands();
 
   private:
-    void serve();
+    void serve(const std::stop_token &stop);
 
     responder answer;
     bool hung_up = false; // the serving thread's
     int master = -1;
-    int wake[2] = {-1, -1};
     std::mutex lock;
     std::vector<std::string> received; // under lock
-    std::thread thread;
+    std::jthread thread;
 };
 
 #endif

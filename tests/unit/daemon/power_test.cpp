@@ -1,79 +1,38 @@
 // Power lines, power modes by service, and the requests that read and set the mode.
-#include "fake_platform.h"
+#include "daemon_fixture.h"
 #include "gps_gpio.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
-#include "ls_state.h"
-#include "scratch_dir.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
-constexpr char gpio_dir[] = "sys/class/gpio/";
-
-std::string gpio_file(const std::string &name) {
-    return scratch_dir::read(gpio_dir + name);
-}
-
-class power : public testing::Test {
+class power : public daemon_fixture {
   protected:
     void SetUp() override {
         fake::reset();
-        for (const char *file : {"export", "unexport", "gpio102/direction", "gpio102/value",
-                                 "gpio37/direction", "gpio37/value"})
-            scratch_dir::write(std::string(gpio_dir) + file, "");
+        make_gpio_files();
     }
-
-    // A 1002 request, served to its end.
-    static void set_mode(uint8_t from, std::vector<uint8_t> payload) {
-        bus_msg msg = fake::make_message(0, 1002, from, payload);
-        EXPECT_EQ(ls_hal_process_message(fake::connection(), &msg), 0);
-        EXPECT_TRUE(fake::wait_for_votes_returned());
-    }
-
-    scratch_dir dir;
+    static auto set_mode(uint8_t from, uint8_t mode) { return serve(1002, from, {mode, 0, 0, 0}); }
 };
 
-TEST_F(power, gpio_files_get_bare_texts) {
-    EXPECT_EQ(u_gpio_check_file(102), 1);
-    EXPECT_EQ(u_gpio_export(102), 0);
-    EXPECT_EQ(u_gpio_unexport(37), 0);
-    EXPECT_EQ(u_gpio_set_direction(102, 1), 0);
-    EXPECT_EQ(u_gpio_set_value(102, 1), 0);
+TEST_F(power, gpio_files_get_bare_texts_and_failures_are_told) {
     EXPECT_EQ(u_gpio_set_direction(37, 0), 0);
+    EXPECT_EQ(u_gpio_set_direction(37, 2), -1);
     EXPECT_EQ(u_gpio_set_value(37, 0), 0);
-    EXPECT_EQ(gpio_file("export"), "102");
-    EXPECT_EQ(gpio_file("unexport"), "37");
-    EXPECT_EQ(gpio_file("gpio102/direction"), "out");
-    EXPECT_EQ(gpio_file("gpio102/value"), "1");
-    EXPECT_EQ(gpio_file("gpio37/direction"), "in");
-    EXPECT_EQ(gpio_file("gpio37/value"), "0");
-    EXPECT_TRUE(fake::logged().empty());
-}
-
-TEST_F(power, gpio_failures_are_told) {
-    EXPECT_EQ(u_gpio_set_direction(102, 2), -1);
-    EXPECT_EQ(u_gpio_set_value(102, -1), -1);
-    EXPECT_EQ(gpio_file("gpio102/direction"), "");
-    EXPECT_EQ(gpio_file("gpio102/value"), "");
+    EXPECT_EQ(u_gpio_set_value(37, -1), -1);
+    EXPECT_EQ(gpio("gpio37/direction"), "in");
+    EXPECT_EQ(gpio("gpio37/value"), "0");
     std::filesystem::remove_all("sys");
     EXPECT_EQ(u_gpio_check_file(102), 0);
     EXPECT_EQ(u_gpio_export(102), -1);
     EXPECT_EQ(u_gpio_unexport(102), -1);
     EXPECT_EQ(u_gpio_set_direction(102, 1), -1);
     EXPECT_EQ(u_gpio_set_value(102, 1), -1);
-    for (const char *text :
-         {"Invalid direction value\n", "Invalid GPIO value\n",
-          "u_gpio_check_file: GPIO file doesn't exist", "Unable to open gpio export file\n",
-          "Unable to open gpio unexport file\n",
-          "Unable to open ./sys/class/gpio/gpio102/direction file\n",
-          "Unable to open ./sys/class/gpio/gpio102/value file\n"})
-        EXPECT_EQ(fake::count_logged(3, text), 1u) << text;
+    EXPECT_EQ(errors(""), 7u);
 }
 
 TEST_F(power, modes_by_service_and_state) {
-    struct row {
+    const struct {
         const char *name;
         uint32_t mode, serv_id;
         int32_t stored_status; // mt_gps_status
@@ -82,8 +41,7 @@ TEST_F(power, modes_by_service_and_state) {
         uint32_t current_after;
         int writes;        // of the database
         const char *lines; // value both lines were driven to
-    };
-    const row rows[] = {
+    } rows[] = {
         {"on when on", 2, 5, 2, 2, 0, 2, 0, ""},
         {"on when off, status on", 2, 5, 2, 0, 0, 2, 1, "1"},
         {"on by a stranger, status off", 2, 5, 0, 0, 1, 0, 0, ""},
@@ -99,78 +57,67 @@ TEST_F(power, modes_by_service_and_state) {
         {"invalid", 3, 3, 2, 0, 1, 0, 0, ""},
         {"negative", 0xFFFFFFFF, 3, 2, 2, 1, 2, 0, ""},
     };
-    for (const row &r : rows) {
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
         SetUp();
         mt_gps_status = r.stored_status;
         gps_current_power_mode_g = r.current;
-        EXPECT_EQ(gps_set_power_mode(r.mode, r.serv_id), r.result) << r.name;
-        EXPECT_EQ(gps_current_power_mode_g, r.current_after) << r.name;
-        EXPECT_EQ(fake::database().power_on_writes, r.writes) << r.name;
-        if (r.writes != 0) {
-            EXPECT_EQ(fake::database().power_on_status, static_cast<int32_t>(r.mode)) << r.name;
-        }
-        EXPECT_EQ(gpio_file("gpio102/value"), r.lines) << r.name;
-        EXPECT_EQ(gpio_file("gpio37/value"), r.lines) << r.name;
-        EXPECT_EQ(fake::count_logged(3, "Invalid power mode value\n"), r.mode > 2 ? 1u : 0u)
-            << r.name;
+        EXPECT_EQ(gps_set_power_mode(r.mode, r.serv_id), r.result);
+        EXPECT_EQ(gps_current_power_mode_g, r.current_after);
+        EXPECT_EQ(fake::database().power_on_writes, r.writes);
+        EXPECT_EQ(fake::database().power_on_status, r.writes ? static_cast<int32_t>(r.mode) : 2);
+        EXPECT_EQ(gpio("gpio102/value"), r.lines);
+        EXPECT_EQ(gpio("gpio37/value"), r.lines);
+        EXPECT_EQ(errors("Invalid power mode value\n"), r.mode > 2 ? 1u : 0u);
     }
-}
-
-TEST_F(power, board_2_has_no_lines_to_drive) {
-    gps_board_type_g = 2;
+    SetUp();
+    gps_board_type_g = 2; // has no lines to drive
     mt_gps_status = 0;
     EXPECT_EQ(gps_set_power_mode(0, 3), 0);
     EXPECT_EQ(gps_current_power_mode_g, 0u);
-    EXPECT_EQ(gpio_file("gpio102/value"), "");
+    EXPECT_EQ(gpio("gpio102/value"), "");
 }
 
 TEST_F(power, set_mode_replies_and_tells_voip_for_voip_and_ws_only) {
-    struct row {
+    const struct {
         uint8_t from;
-        bool stores_status;
-        bool notifies;
-    };
-    for (const row &r :
-         {row{3, true, true}, row{6, true, true}, row{9, true, false}, row{5, false, false}}) {
+        bool stores_status, notifies;
+    } rows[] = {{3, true, true}, {6, true, true}, {9, true, false}, {5, false, false}};
+    for (const auto &r : rows) {
+        SCOPED_TRACE(int{r.from});
         SetUp();
         gps_current_power_mode_g = 0;
         mt_gps_status = r.stores_status ? 0 : 1;
-        set_mode(r.from, {2, 0, 0, 0});
-        EXPECT_EQ(mt_gps_status, r.stores_status ? 2 : 1) << int{r.from};
-        const auto sent = fake::sent();
-        ASSERT_EQ(sent.size(), r.notifies ? 2u : 1u) << int{r.from};
-        EXPECT_EQ(sent[0].hdr.msg_type, 1);
-        EXPECT_EQ(sent[0].payload, (std::vector<uint8_t>{1, 0, 0, 0, 2, 0, 0, 0}));
-        if (r.notifies) {
-            EXPECT_EQ(sent[1].hdr.msg_type, 2);
-            EXPECT_EQ(sent[1].hdr.msg_id, 1014u);
-            EXPECT_EQ(sent[1].hdr.dst_serv_id, 3);
-            EXPECT_EQ(sent[1].payload, (std::vector<uint8_t>{2, 0, 0, 0}));
-        }
+        const auto sent = set_mode(r.from, 2);
+        EXPECT_EQ(mt_gps_status, r.stores_status ? 2 : 1);
+        ASSERT_EQ(sent.size(), r.notifies ? 2u : 1u);
+        expect_message(sent[0], 1, 1002, r.from, {1, 0, 0, 0, 2, 0, 0, 0});
+        if (r.notifies)
+            expect_message(sent[1], 2, 1014, 3, {2, 0, 0, 0});
     }
 }
 
 TEST_F(power, a_refused_mode_leaves_the_reply_zero) {
-    set_mode(5, {0, 0, 0, 0}); // the stored status says on
-    EXPECT_EQ(fake::sent().at(0).payload, std::vector<uint8_t>(8, 0));
-    EXPECT_EQ(fake::count_logged(3, "ls_hal_set_power_mode: failed to set power mode\n"), 1u);
-    set_mode(3, {0, 0, 0}); // no mode in it: nothing is stored either
-    EXPECT_EQ(fake::sent().at(1).payload, std::vector<uint8_t>(8, 0));
+    for (const auto &sent : {set_mode(5, 0),               // the stored status says on
+                             serve(1002, 3, {0, 0, 0})}) { // no mode in it
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(sent[0].payload, bytes(8));
+    }
+    EXPECT_EQ(errors("ls_hal_set_power_mode: failed to set power mode\n"), 2u);
     EXPECT_EQ(mt_gps_status, 2);
     EXPECT_EQ(gps_current_power_mode_g, 2u);
-    EXPECT_EQ(fake::sent().size(), 2u);
 }
 
 TEST_F(power, a_mode_change_is_announced_to_sal_while_the_modem_is_up) {
     gps_cfun_level_g = 1;
-    for (const uint8_t mode : {uint8_t{2}, uint8_t{0}, uint8_t{1}})
-        set_mode(6, {mode, 0, 0, 0});
-    std::vector<std::vector<uint8_t>> announced;
-    for (const fake::sent_message &sent : fake::sent()) {
-        if (sent.hdr.msg_id == 18)
-            announced.push_back(sent.payload);
+    std::vector<bytes> announced;
+    for (const uint8_t mode : {uint8_t{2}, uint8_t{0}, uint8_t{1}}) {
+        for (const fake::sent_message &sent : set_mode(6, mode)) {
+            if (sent.hdr.msg_id == 18)
+                announced.push_back(sent.payload);
+        }
     }
-    EXPECT_EQ(announced, (std::vector<std::vector<uint8_t>>{{1, 0}, {0, 0}}));
+    EXPECT_EQ(announced, (std::vector<bytes>{{1, 0}, {0, 0}}));
 }
 
 TEST_F(power, client_9_wakes_the_receiver_before_its_request) {
@@ -178,31 +125,35 @@ TEST_F(power, client_9_wakes_the_receiver_before_its_request) {
     gps_current_power_mode_g = 0;
     gps_board_type_g = 3; // the query then fails at once
     antenna_type = 4;
-    std::vector<uint8_t> payload;
     for (const uint32_t id : {1001u, 1003u}) {
-        bus_msg msg = fake::make_message(0, id, 9, payload);
-        EXPECT_EQ(ls_hal_process_message(fake::connection(), &msg), 0);
-        EXPECT_TRUE(fake::wait_for_votes_returned());
+        EXPECT_EQ(serve(id, 9).size(), 1u) << id;
         EXPECT_EQ(gps_current_power_mode_g, id == 1001 ? 0u : 2u) << id;
     }
-    EXPECT_EQ(fake::sent().size(), 2u);
 }
 
-TEST_F(power, the_last_reply_to_voip_puts_a_woken_receiver_back) {
-    for (const int32_t status : {0, 2}) {
-        for (const uint8_t from : {uint8_t{3}, uint8_t{6}}) {
-            for (const int32_t pending : {0, 1}) {
-                SetUp();
-                mt_gps_status = status;
-                pending_req_count = pending;
-                std::vector<uint8_t> none;
-                bus_msg req = fake::make_message(0, 1003, from, none);
-                EXPECT_EQ(ls_send_response(fake::connection(), &req, nullptr, 0, 0), 0);
-                const bool down = status == 0 && from == 3 && pending == 0;
-                EXPECT_EQ(gps_current_power_mode_g, down ? 0u : 2u)
-                    << status << " " << int{from} << " " << pending;
-            }
-        }
+// A reply to VoIP, or request 19 to whoever: the last one puts a woken receiver back to sleep.
+TEST_F(power, the_last_reply_puts_a_woken_receiver_back) {
+    const struct {
+        const char *name;
+        uint32_t id;
+        uint8_t to;
+        int32_t status, pending;
+        uint32_t mode_after;
+    } rows[] = {
+        {"woken for VoIP", 1003, 3, 0, 0, 0}, {"another pending", 1003, 3, 0, 1, 2},
+        {"on as stored", 1003, 3, 2, 0, 2},   {"not VoIP", 1003, 6, 0, 0, 2},
+        {"request 19", 208, 2, 0, 0, 0},
+    };
+    bytes none;
+    for (const auto &r : rows) {
+        SetUp();
+        mt_gps_status = r.status;
+        pending_req_count = r.pending;
+        const bus_msg req = fake::make_message(0, r.id, r.to, none);
+        EXPECT_EQ(r.id == 208 ? ls_hal_send_req_msg(fake::connection(), &req, nullptr, 0)
+                              : ls_send_response(fake::connection(), &req, nullptr, 0, 0),
+                  0);
+        EXPECT_EQ(gps_current_power_mode_g, r.mode_after) << r.name;
     }
 }
 

@@ -1,23 +1,19 @@
 // The settings database through its exported calls, on files that the tests damage themselves.
+#include "child.h"
 #include "dbhandler_admin.h"
+#include "scratch_dir.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
-#include <string>
 #include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -25,16 +21,13 @@ namespace fs = std::filesystem;
 
 class settings_db : public testing::Test {
   protected:
-    fs::path directory_, file_;
+    scratch_dir dir;
+    const fs::path file_ = dir.path() / "settings.db";
 
     void SetUp() override {
-        std::string name = testing::TempDir() + "dbhandler.XXXXXX";
-        directory_ = mkdtemp(name.data());
-        file_ = directory_ / "settings.db";
         setenv("DBHANDLER_FILE", file_.c_str(), 1);
         setenv("DBHANDLER_LOG", "stderr", 1);
     }
-    void TearDown() override { fs::remove_all(directory_); }
 
     // First column of the first row as text, or the error.
     std::string sql(const std::string &text) const {
@@ -51,33 +44,13 @@ class settings_db : public testing::Test {
         sqlite3_close(db);
         return result;
     }
-    void fill(const std::string &content) const {
-        std::ofstream(file_, std::ios::binary) << content;
-    }
-    static std::string content(const fs::path &path) {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    std::ptrdiff_t damaged_copies() const {
+    static auto damaged_copies() {
         const std::regex name("settings\\.db\\.damaged-\\d{8}-\\d{6}(-\\d+)?");
-        return std::count_if(fs::directory_iterator(directory_), {}, [&name](const auto &entry) {
+        return std::count_if(fs::directory_iterator("."), {}, [&name](const auto &entry) {
             return std::regex_match(entry.path().filename().string(), name);
         });
     }
 };
-
-template <typename Work>
-pid_t in_child(Work work) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(work() ? 0 : 1);
-    return child;
-}
-
-bool succeeded(pid_t child) {
-    int status = -1;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 TEST_F(settings_db, first_use_stores_the_defaults) {
     int32_t gps = -7, ta = -7;
@@ -144,13 +117,15 @@ TEST_F(settings_db, values_stored_by_hand_are_checked) {
 
 TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
     ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-    fs::remove(file_.string() + "-wal");
-    fs::remove(file_.string() + "-shm");
-    const std::string good = content(file_);
+    fs::remove("settings.db-wal");
+    fs::remove("settings.db-shm");
+    const std::string good = dir.read(file_);
     ASSERT_GE(good.size(), 8192U);
-    const std::string foreign =
-        (fill(""), sql("CREATE TABLE t(a); PRAGMA user_version"), content(file_));
-    const std::string other_columns = (fill(""), sql("CREATE TABLE settings(a)"), content(file_));
+    const auto file_of = [this](const char *statement) {
+        fs::remove(file_);
+        sql(statement);
+        return dir.read(file_);
+    };
     const struct {
         const char *name;
         std::string content;
@@ -159,26 +134,26 @@ TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
         {"zeros", std::string(8192, '\0')},
         {"second page lost", good.substr(0, 4096)},
         {"second page overwritten", good.substr(0, 4096) + std::string(4096, 'y')},
-        {"tables of another program", foreign},
-        {"other columns", other_columns},
+        {"tables of another program", file_of("CREATE TABLE t(a)")},
+        {"other columns", file_of("CREATE TABLE settings(a)")},
     };
     int copies = 0;
     for (const auto &row : rows) {
-        fill(row.content);
-        std::ofstream(file_.string() + "-wal") << "left over";
+        SCOPED_TRACE(row.name);
+        dir.write(file_, row.content);
+        dir.write("settings.db-wal", "left over");
         testing::internal::CaptureStderr();
         int32_t value = -7;
-        EXPECT_EQ(db_read_gps_power_on_status(&value), 0) << row.name;
+        EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
+        EXPECT_EQ(value, 2);
+        EXPECT_EQ(damaged_copies(), ++copies);
         const std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(value, 2) << row.name;
-        EXPECT_EQ(damaged_copies(), ++copies) << row.name;
         const size_t name = log.find("settings.db.damaged-2");
-        ASSERT_NE(name, std::string::npos) << row.name << ": " << log;
-        const std::string copy =
-            (directory_ / log.substr(name, log.find(',', name) - name)).string();
-        EXPECT_TRUE(content(copy) == row.content) << row.name;
-        EXPECT_EQ(content(copy + "-wal"), "left over") << row.name;
-        EXPECT_EQ(db_set_gps_power_on_status(0), 0) << row.name;
+        ASSERT_NE(name, std::string::npos) << log;
+        const std::string copy = log.substr(name, log.find(',', name) - name);
+        EXPECT_TRUE(dir.read(copy) == row.content);
+        EXPECT_EQ(dir.read(copy + "-wal"), "left over");
+        EXPECT_EQ(db_set_gps_power_on_status(0), 0);
     }
 }
 
@@ -194,39 +169,44 @@ TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
     EXPECT_NE(db_set_gps_power_on_status(0), 0) << "busy";
     sqlite3_close(writer);
 
-    EXPECT_TRUE(succeeded(in_child([] { // nothing can be written: a full disk
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit none{0, 0};
-        setrlimit(RLIMIT_FSIZE, &none);
-        return db_set_gps_power_on_status(0) != 0;
-    }))) << "full";
+    EXPECT_EQ(run_in_child([] { // nothing can be written: a full disk
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit none{0, 0};
+                  setrlimit(RLIMIT_FSIZE, &none);
+                  return db_set_gps_power_on_status(0) != 0;
+              }),
+              1)
+        << "full";
 
     fs::permissions(file_, fs::perms::none);
-    EXPECT_TRUE(succeeded(in_child([&] {
-        // The superuser reads everything.
-        if (geteuid() == 0 && (chown(directory_.c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
-            return false;
-        int32_t result = -7;
-        return db_read_gps_power_on_status(&result) != 0 && result == -7;
-    }))) << "unreadable";
+    EXPECT_EQ(run_in_child([&] {
+                  // The superuser reads everything.
+                  if (geteuid() == 0 &&
+                      (chown(dir.path().c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
+                      return false;
+                  int32_t result = -7;
+                  return db_read_gps_power_on_status(&result) != 0 && result == -7;
+              }),
+              1)
+        << "unreadable";
     fs::permissions(file_, fs::perms::owner_all);
 
     EXPECT_TRUE(damaged_copies() == 0);
     EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
     EXPECT_EQ(value, 1);
 
-    setenv("DBHANDLER_FILE", (directory_ / "missing" / "settings.db").c_str(), 1);
+    setenv("DBHANDLER_FILE", "missing/settings.db", 1);
     EXPECT_NE(db_read_gps_power_on_status(&value), 0) << "no directory";
 }
 
 TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
     for (const std::string &start : {std::string(9000, 'x'), std::string()}) {
-        fill(start);
+        dir.write(file_, start);
         int gate[2];
         ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
         std::array<pid_t, 6> children{};
         for (int i = 0; pid_t & child : children)
-            child = in_child([&gate, wanted = i++] {
+            child = start_child([&gate, wanted = i++] {
                 char byte = 0;
                 close(gate[1]);
                 int32_t value = -7;
@@ -237,7 +217,7 @@ TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
         close(gate[0]);
         close(gate[1]); // all start now
         for (const pid_t child : children)
-            EXPECT_TRUE(succeeded(child));
+            EXPECT_EQ(end_of_child(child), 1);
         EXPECT_EQ(damaged_copies(), 1) << "an empty file is a new one, not a damaged one";
         EXPECT_EQ(sql("PRAGMA integrity_check"), "ok");
     }
@@ -258,8 +238,8 @@ TEST_F(settings_db, threads_see_both_history_values_of_one_change) {
                     failures++;
             }
         });
-    for (int i = 0; i < 20; i++)
-        EXPECT_EQ(db_set_location_history_settings(&changes[i % 2]), 0);
+    for (const location_history_settings &change : changes)
+        EXPECT_EQ(db_set_location_history_settings(&change), 0);
     std::string fast = "PRAGMA synchronous=OFF;";
     for (int i = 0; i < 1000; i++)
         fast +=

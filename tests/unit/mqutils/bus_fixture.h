@@ -3,25 +3,24 @@
 #ifndef BUS_FIXTURE_H
 #define BUS_FIXTURE_H
 
+#include "child.h"
 #include "mqutils.h"
+#include "scratch_dir.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <mutex>
-#include <string>
+#include <thread>
 #include <vector>
 
 using std::chrono::milliseconds;
@@ -43,9 +42,8 @@ struct service : scm_conn {
     int init(uint8_t id) {
         on_message = [](scm_conn *record, bus_msg *msg) {
             auto &self = *static_cast<service *>(record);
-            if (self.hook) {
+            if (self.hook)
                 self.hook(self, *msg);
-            }
             const std::lock_guard guard(self.lock);
             const char *bytes = msg->pld == nullptr ? "" : static_cast<const char *>(msg->pld);
             self.messages.push_back({msg->hdr, std::string(bytes, msg->hdr.pld_len)});
@@ -59,29 +57,31 @@ struct service : scm_conn {
         return arrived.wait_for(guard, milliseconds(10000),
                                 [&] { return messages.size() >= count; });
     }
-    int notify(uint8_t dst, const std::string &pld, uint32_t msg_id = 1010) {
+    int notify(uint8_t dst, const std::string &pld) {
         msg_hdr hdr{};
         const auto length = static_cast<uint32_t>(pld.size());
-        return fill_notif_hdr(this, &hdr, length, msg_id, dst) == 0
-                   ? send_msg(this, &hdr, pld.data())
-                   : -1;
+        return fill_notif_hdr(this, &hdr, length, 1010, dst) == 0 ? send_msg(this, &hdr, pld.data())
+                                                                  : -1;
     }
     ~service() { scm_conn_exit(this); }
 };
 
 class bus : public testing::Test {
   protected:
-    std::string dir = (std::filesystem::temp_directory_path() / "mqutils.XXXXXX").string();
+    scratch_dir scratch;
+    const std::string dir = scratch.path();
+    service self, peer; // 40 and 41 once started
 
     void SetUp() override {
-        ASSERT_NE(mkdtemp(dir.data()), nullptr);
         use_directory(dir);
         setenv("MQUTILS_SEND_TIMEOUT_MS", "200", 1);
         setenv("MQUTILS_LOG", "stderr", 1);
     }
-    void TearDown() override { std::filesystem::remove_all(dir); }
-
-    void use_directory(const std::string &path) {
+    void start() {
+        ASSERT_EQ(self.init(40), 0);
+        ASSERT_EQ(peer.init(41), 0);
+    }
+    static void use_directory(const std::string &path) {
         setenv("MQUTILS_DIR", path.c_str(), 1);
         // Other users take part in some tests.
         ASSERT_EQ(chmod(path.c_str(), 0777), 0);
@@ -108,32 +108,29 @@ class bus : public testing::Test {
         sockaddr_un address = address_of(id);
         iovec part{bytes.data(), bytes.size()};
         alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-        msghdr message{};
-        message.msg_name = &address;
-        message.msg_namelen = sizeof address;
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (attached_fd >= 0) {
-            message.msg_control = control.data();
-            message.msg_controllen = control.size();
-            cmsghdr *item = CMSG_FIRSTHDR(&message);
-            *item = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-            std::memcpy(CMSG_DATA(item), &attached_fd, sizeof attached_fd);
-        }
+        msghdr message{&address, sizeof address, &part, 1, control.data(), control.size(), 0};
+        cmsghdr *item = CMSG_FIRSTHDR(&message);
+        *item = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        std::memcpy(CMSG_DATA(item), &attached_fd, sizeof attached_fd);
+        if (attached_fd < 0)
+            message.msg_controllen = 0;
         const ssize_t sent = sendmsg(fd, &message, 0);
         close(fd);
         return sent == static_cast<ssize_t>(bytes.size());
     }
-    // Runs `body` in a child process; its result, or -1 when the child was killed.
+    // Runs `body` while this thread is interrupted by `handler` again and again.
     template <typename Body>
-    static int in_child(Body body) {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(body());
-        }
-        int status = 0;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    static void under_signals(void (*handler)(int), std::chrono::microseconds interval, Body body) {
+        struct sigaction action {};
+        action.sa_handler = handler;
+        sigaction(SIGUSR1, &action, nullptr);
+        std::jthread signals([interval, to = pthread_self()](const std::stop_token &stop) {
+            while (!stop.stop_requested()) {
+                pthread_kill(to, SIGUSR1);
+                std::this_thread::sleep_for(interval);
+            }
+        });
+        body();
     }
 };
 
@@ -142,16 +139,9 @@ inline int64_t open_descriptors() {
 }
 
 // The bytes of a notification 1010 with transaction id 7.
-inline std::string datagram(int src, int dst, size_t claimed_length, size_t length) {
-    std::string bytes("\x02\x00\x00\x00\xf2\x03\x00\x00\x07\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
-                      "\x00",
-                      20);
-    bytes[2] = static_cast<char>(src);
-    bytes[3] = static_cast<char>(dst);
-    for (size_t i = 0; i < 4; ++i) {
-        bytes[12 + i] = static_cast<char>(claimed_length >> (8 * i));
-    }
-    return bytes + std::string(length, 'x');
+inline std::string datagram(uint8_t src, uint8_t dst, uint32_t claimed_length, size_t length) {
+    const msg_hdr hdr{2, 0, src, dst, 1010, 7, claimed_length, 0};
+    return std::string(reinterpret_cast<const char *>(&hdr), 20) + std::string(length, 'x');
 }
 
 inline int64_t elapsed_ms(steady_clock::time_point since) {

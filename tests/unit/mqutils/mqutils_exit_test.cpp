@@ -2,13 +2,9 @@
 
 #include "bus_fixture.h"
 
-#include <atomic>
-#include <thread>
-
 namespace {
 
 TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
-    service self;
     const int64_t descriptors = open_descriptors();
     for (int round = 0; round < 100; ++round) { // more than there are connections
         ASSERT_EQ(self.init(40), 0) << round << ": " << strerror(errno);
@@ -18,37 +14,24 @@ TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
         ASSERT_EQ(errno, ENOTCONN);
     }
     EXPECT_EQ(open_descriptors(), descriptors);
-}
-
-TEST_F(bus, exit_leaves_a_socket_that_is_no_longer_its_own) {
-    service self;
     ASSERT_EQ(self.init(40), 0);
     ASSERT_TRUE(std::filesystem::remove(path_of(40)));
-    const int other = raw_owner(40);
+    const int other = raw_owner(40); // a socket that is not its own stays
     EXPECT_EQ(scm_conn_exit(&self), 0);
     EXPECT_TRUE(std::filesystem::exists(path_of(40)));
     close(other);
 }
 
 TEST_F(bus, forked_child_does_not_end_its_parents_connection) {
-    service self;
-    service peer;
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(peer.init(41), 0);
-    EXPECT_EQ(in_child([&] { return scm_conn_exit(&self) == 0 ? 0 : 1; }), 0);
+    start();
+    EXPECT_EQ(run_in_child([&] { return scm_conn_exit(&self) == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(peer.notify(40, "still there"), 0);
     EXPECT_TRUE(self.wait_for(2));
 }
 
 TEST_F(bus, callback_may_end_its_connection) {
-    service self;
-    service peer;
     std::atomic<int> result{-2};
-    std::atomic<int> calls{0};
-    self.hook = [&](service &me, const bus_msg &) {
-        ++calls;
-        result = scm_conn_exit(&me);
-    };
+    self.hook = [&](service &me, const bus_msg &) { result = scm_conn_exit(&me); };
     ASSERT_EQ(peer.init(41), 0);
     ASSERT_EQ(self.init(40), 0); // ended by its registration response
     ASSERT_TRUE(self.wait_for(1));
@@ -60,56 +43,43 @@ TEST_F(bus, callback_may_end_its_connection) {
     self.hook = nullptr;
     EXPECT_EQ(self.init(40), 0);
     EXPECT_TRUE(self.wait_for(2));
-    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(bus, exit_amid_traffic_refuses_sends_and_ends_callbacks) {
-    service peer;
     ASSERT_EQ(peer.init(41), 0);
     for (int round = 0; round < 20; ++round) {
-        service self;
         std::atomic<bool> ended{false};
         std::atomic<bool> late{false};
-        std::atomic<int> unexpected{0};
+        std::atomic<int> error{0};
+        self.messages.clear();
         self.hook = [&](service &, const bus_msg &) { late = late || ended; };
         ASSERT_EQ(self.init(40), 0);
-        auto send_until_refused = [&] {
-            while (self.notify(41, "m") == 0) {
-            }
-            if (errno != ENOTCONN) {
-                unexpected = errno;
-            }
-        };
-        std::jthread first(send_until_refused);
-        std::jthread second(send_until_refused);
         std::jthread incoming([&] {
             while (peer.notify(40, "m") == 0) {
             }
         });
+        std::jthread outgoing([&] {
+            while (self.notify(41, "m") == 0) {
+            }
+            error = errno;
+        });
         EXPECT_TRUE(self.wait_for(20));
         EXPECT_EQ(scm_conn_exit(&self), 0);
         ended = true;
-        first.join();
-        second.join();
-        EXPECT_EQ(unexpected, 0);
+        outgoing.join();
+        EXPECT_EQ(error, ENOTCONN);
         EXPECT_FALSE(late);
     }
 }
 
 // The receiver learns who sent by looking at a file that exit removes.
 TEST_F(bus, last_words_of_a_service_that_leaves_are_believed) {
-    service slow;
-    slow.hook = [](service &, const bus_msg &) {
-        std::this_thread::sleep_for(milliseconds(10)); // a busy callback
-    };
-    ASSERT_EQ(slow.init(40), 0);
-    service brief;
-    ASSERT_EQ(brief.init(41), 0);
-    for (int i = 0; i < 6; ++i) {
-        ASSERT_EQ(brief.notify(40, "goodbye"), 0);
-    }
-    EXPECT_EQ(scm_conn_exit(&brief), 0);
-    EXPECT_TRUE(slow.wait_for(7));
+    self.hook = [](service &, const bus_msg &) { std::this_thread::sleep_for(milliseconds(10)); };
+    start();
+    for (int i = 0; i < 6; ++i)
+        ASSERT_EQ(peer.notify(40, "goodbye"), 0);
+    EXPECT_EQ(scm_conn_exit(&peer), 0);
+    EXPECT_TRUE(self.wait_for(7));
 }
 
 } // namespace

@@ -2,29 +2,22 @@
 
 #include "bus_fixture.h"
 
-#include <pthread.h>
-
-#include <csignal>
 #include <cstddef>
-#include <fstream>
 
 namespace {
 
 TEST_F(bus, registration_response_comes_first_on_a_thread_without_signals) {
-    service self;
     int blocked = 0;
     self.hook = [&](service &, const bus_msg &) {
         sigset_t mask;
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        for (const int signal : {SIGTERM, SIGHUP, SIGALRM, SIGUSR1, SIGRTMIN, SIGRTMAX}) {
+        for (const int signal : {SIGTERM, SIGHUP, SIGALRM, SIGUSR1, SIGRTMIN, SIGRTMAX})
             blocked += sigismember(&mask, signal);
-        }
     };
     ASSERT_EQ(self.init(40), 0);
     ASSERT_TRUE(self.wait_for(1));
-    const msg_hdr &hdr = self.messages[0].hdr;
     constexpr std::array<unsigned char, 20> expected = {1, 0, 0, 40, 0x97, 1};
-    EXPECT_EQ(std::memcmp(&hdr, expected.data(), expected.size()), 0);
+    EXPECT_EQ(std::memcmp(&self.messages[0].hdr, expected.data(), expected.size()), 0);
     EXPECT_EQ(blocked, 6);
 }
 
@@ -33,15 +26,15 @@ TEST_F(bus, drops_are_logged_and_the_next_good_one_arrives) {
     const struct {
         const char *name;
         std::string bytes;
-        const char *reason; // null = delivered
+        const char *reason; // empty = delivered
         int descriptor = -1;
     } rows[] = {
         {"empty", "", "shorter than a header"},
         {"byte short of a header", datagram(41, 40, 0, 0).substr(0, 19), "shorter than a header"},
-        {"header alone", datagram(41, 40, 0, 0), nullptr},
+        {"header alone", datagram(41, 40, 0, 0), ""},
         {"length one less", datagram(41, 40, 4, 5), "payload length is not that of the header"},
         {"length one more", datagram(41, 40, 6, 5), "payload length is not that of the header"},
-        {"longest", datagram(41, 40, 65516, 65516), nullptr},
+        {"longest", datagram(41, 40, 65516, 65516), ""},
         {"one too long", datagram(41, 40, 65517, 65517), "longer than 65536 bytes"},
         {"one too long cut to fit", datagram(41, 40, 65516, 65517), "longer than 65536 bytes"},
         {"other service", datagram(41, 41, 0, 0), "addressed to another service"},
@@ -51,85 +44,69 @@ TEST_F(bus, drops_are_logged_and_the_next_good_one_arrives) {
         {"link as source", datagram(44, 40, 0, 0), "no such sending service"},
         {"descriptor attached", datagram(41, 40, 0, 0), "carries more than data", STDIN_FILENO},
     };
-    service good;
-    ASSERT_EQ(good.init(41), 0);
-    std::ofstream(path_of(43)) << "no socket";
+    ASSERT_EQ(peer.init(41), 0);
+    scratch_dir::write(path_of(43), "no socket");
     std::filesystem::create_symlink(path_of(41), path_of(44));
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         testing::internal::CaptureStderr();
-        service self;
-        ASSERT_EQ(self.init(40), 0);
+        service receiver;
+        ASSERT_EQ(receiver.init(40), 0);
         const int64_t descriptors = open_descriptors();
         ASSERT_TRUE(raw_send(40, row.bytes, row.descriptor));
-        ASSERT_EQ(good.notify(40, "good"), 0);
-        const size_t expected = row.reason == nullptr ? 3 : 2;
-        EXPECT_TRUE(self.wait_for(expected));
+        ASSERT_EQ(peer.notify(40, "good"), 0);
+        const bool delivered = *row.reason == '\0';
+        ASSERT_TRUE(receiver.wait_for(delivered ? 3 : 2));
         EXPECT_EQ(open_descriptors(), descriptors);
         const std::string log = testing::internal::GetCapturedStderr();
-        ASSERT_EQ(self.messages.size(), expected);
-        EXPECT_EQ(self.messages.back().pld, "good");
-        if (row.reason == nullptr) {
-            EXPECT_EQ(log, "");
-            EXPECT_EQ(self.messages[1].pld, row.bytes.substr(20));
-        } else {
-            EXPECT_NE(log.find("service 40 dropped a datagram of " +
-                               std::to_string(row.bytes.size()) + " bytes"),
-                      std::string::npos)
-                << log;
-            EXPECT_NE(log.find(row.reason), std::string::npos) << log;
-        }
+        EXPECT_EQ(receiver.messages[1].pld, delivered ? row.bytes.substr(20) : "good");
+        EXPECT_EQ(receiver.messages.back().pld, "good");
+        const std::string told =
+            "service 40 dropped a datagram of " + std::to_string(row.bytes.size()) + " bytes";
+        EXPECT_EQ(log.find(told) != std::string::npos, !delivered) << log;
+        EXPECT_NE(log.find(row.reason), std::string::npos) << log;
     }
 }
 
 TEST_F(bus, sender_must_be_the_user_who_owns_the_socket) {
-    if (geteuid() != 0) {
+    if (geteuid() != 0)
         GTEST_SKIP() << "needs to become another user";
-    }
-    service self;
-    service owner;
     testing::internal::CaptureStderr();
     const int foreign = raw_owner(42);
     ASSERT_EQ(chown(path_of(42).c_str(), 65534, 65534), 0);
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(owner.init(41), 0);
-    EXPECT_EQ(in_child([&] {
+    start();
+    EXPECT_EQ(run_in_child([&] {
                   return setuid(65534) == 0 && raw_send(40, datagram(41, 40, 1, 1)) &&
-                                 raw_send(40, datagram(42, 40, 2, 2))
-                             ? 0
-                             : 1;
+                         raw_send(40, datagram(42, 40, 2, 2));
               }),
-              0);
+              1);
     ASSERT_TRUE(raw_send(40, datagram(42, 40, 3, 3))); // root is not the owner either
-    ASSERT_EQ(owner.notify(40, "good"), 0);
+    ASSERT_EQ(peer.notify(40, "good"), 0);
     EXPECT_TRUE(self.wait_for(3));
     const std::string log = testing::internal::GetCapturedStderr();
     ASSERT_EQ(self.messages.size(), 3U);
     EXPECT_EQ(self.messages[1].pld, "xx");
     EXPECT_EQ(self.messages[2].pld, "good");
-    EXPECT_NE(log.find("uid 65534): sending service belongs to another user"), std::string::npos);
-    EXPECT_NE(log.find("uid 0): sending service belongs to another user"), std::string::npos);
+    for (const char *uid : {"uid 65534)", "uid 0)"})
+        EXPECT_NE(log.find(std::string(uid) + ": sending service belongs to another user"),
+                  std::string::npos)
+            << log;
     close(foreign);
 }
 
 TEST_F(bus, many_messages_arrive_in_order_and_aligned) {
     constexpr size_t count = 3000;
-    service self;
-    service peer;
     std::atomic<uintptr_t> misaligned{0};
     self.hook = [&](service &, const bus_msg &msg) {
         misaligned |= reinterpret_cast<uintptr_t>(msg.pld) % alignof(std::max_align_t);
     };
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(peer.init(41), 0);
-    for (size_t i = 0; i < count; ++i) {
+    start();
+    for (size_t i = 0; i < count; ++i)
         ASSERT_EQ(peer.notify(40, std::to_string(i)), 0) << i << strerror(errno);
-    }
     ASSERT_TRUE(self.wait_for(count + 1));
     EXPECT_EQ(misaligned, 0U);
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i)
         ASSERT_EQ(self.messages[i + 1].pld, std::to_string(i));
-    }
 }
 
 } // namespace

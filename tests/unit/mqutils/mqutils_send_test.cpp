@@ -2,18 +2,11 @@
 
 #include "bus_fixture.h"
 
-#include <pthread.h>
-
-#include <csignal>
-#include <cstdint>
-#include <thread>
-
 namespace {
 
 TEST_F(bus, headers_on_the_wire) {
-    service self;
     ASSERT_EQ(self.init(40), 0);
-    const int peer = raw_owner(41);
+    const int reader = raw_owner(41);
     bus_msg req{{0, 9, 41, 40, 0x01020304, 0xaabbccdd, 0, 0}, nullptr};
     std::array<msg_hdr, 3> hdrs{};
     std::memset(hdrs.data(), 0xee, sizeof hdrs);
@@ -30,33 +23,29 @@ TEST_F(bus, headers_on_the_wire) {
         ASSERT_EQ(send_msg(&self, &hdrs[i], i == 1 ? nullptr : "PL"), 0);
         EXPECT_EQ(errno, 123);
         std::array<char, 64> bytes{};
-        const ssize_t length = recv(peer, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        const ssize_t length = recv(reader, bytes.data(), bytes.size(), MSG_DONTWAIT);
         ASSERT_GE(length, 0);
         EXPECT_EQ(std::string(bytes.data(), static_cast<size_t>(length)), expected[i]);
     }
-    close(peer);
+    close(reader);
 }
 
 TEST_F(bus, send_says_why_it_failed) {
-    service self;
-    service other;
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(other.init(41), 0);
+    start();
     close(raw_owner(42));
     scm_conn copy = self;
     scm_conn garbage{};
     std::memset(garbage.library, 0xa5, sizeof garbage.library);
     scm_conn zero{};
     const std::string pld(65517, 'p');
-    struct {
+    const struct {
         const char *name;
         scm_conn *conn;
-        uint8_t src;
-        uint8_t dst;
+        uint8_t src, dst;
         uint32_t length;
         const char *pld;
         int error;
-    } const rows[] = {
+    } rows[] = {
         {"good", &self, 40, 41, 1, pld.data(), 0},
         {"longest", &self, 40, 41, 65516, pld.data(), 0},
         {"too long", &self, 40, 41, 65517, pld.data(), EMSGSIZE},
@@ -69,12 +58,10 @@ TEST_F(bus, send_says_why_it_failed) {
         {"garbage", &garbage, 40, 41, 0, nullptr, ENOTCONN},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
         const msg_hdr hdr{2, 0, row.src, row.dst, 1010, 0, row.length, 0};
-        EXPECT_EQ(send_msg(row.conn, &hdr, row.pld), row.error == 0 ? 0 : -1);
-        if (row.error != 0) {
-            EXPECT_EQ(errno, row.error);
-        }
+        errno = 0;
+        EXPECT_EQ(send_msg(row.conn, &hdr, row.pld), row.error == 0 ? 0 : -1) << row.name;
+        EXPECT_EQ(errno, row.error) << row.name;
     }
     msg_hdr hdr{};
     EXPECT_EQ(fill_notif_hdr(&zero, &hdr, 0, 1, 41), -1);
@@ -83,48 +70,29 @@ TEST_F(bus, send_says_why_it_failed) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-void do_nothing(int /*signal*/) {}
-
 // With a signal every few milliseconds no single system call gets to the end of its wait.
 TEST_F(bus, full_peer_is_waited_for_within_the_bound_whatever_signals_arrive) {
-    service self;
     ASSERT_EQ(self.init(40), 0);
     const int deaf = raw_owner(41);
-    int sent = 0;
-    while (self.notify(41, "m") == 0) {
-        ASSERT_LT(++sent, 10000);
-    }
-    EXPECT_EQ(errno, EAGAIN);
-    struct sigaction action {};
-    action.sa_handler = do_nothing;
-    sigaction(SIGUSR1, &action, nullptr);
-    const pthread_t sender = pthread_self();
-    std::atomic<bool> done{false};
-    std::thread signals([&] {
-        while (!done) {
-            pthread_kill(sender, SIGUSR1);
-            std::this_thread::sleep_for(milliseconds(7));
-        }
-    });
-    auto start = steady_clock::now();
-    EXPECT_EQ(self.notify(41, "m"), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_GE(elapsed_ms(start), 190);
-    EXPECT_LT(elapsed_ms(start), 320);
-    done = true;
-    signals.join();
-    start = steady_clock::now();
+    for (int sent = 0; self.notify(41, "m") == 0; ++sent)
+        ASSERT_LT(sent, 10000);
+    under_signals([](int) {}, milliseconds(7),
+                  [&] {
+                      const auto start = steady_clock::now();
+                      EXPECT_EQ(self.notify(41, "m"), -1);
+                      EXPECT_EQ(errno, EAGAIN);
+                      EXPECT_GE(elapsed_ms(start), 190);
+                      EXPECT_LT(elapsed_ms(start), 320);
+                  });
+    const auto start = steady_clock::now();
     EXPECT_EQ(scm_conn_exit(&self), 0); // what it sent is not going to be read
     EXPECT_LT(elapsed_ms(start), 400);
     close(deaf);
 }
 
 TEST_F(bus, clients_that_do_not_read_leave_the_others_reachable) {
-    service self;
-    service other;
     setenv("MQUTILS_SEND_TIMEOUT_MS", "1", 1); // clamped to 10
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(other.init(41), 0);
+    start();
     std::vector<int> deaf;
     const auto start = steady_clock::now();
     for (uint8_t id = 100; id < 112; ++id) {
@@ -134,32 +102,26 @@ TEST_F(bus, clients_that_do_not_read_leave_the_others_reachable) {
     }
     EXPECT_GE(elapsed_ms(start), 12 * 9);
     EXPECT_EQ(self.notify(41, "m"), 0) << strerror(errno);
-    EXPECT_TRUE(other.wait_for(2));
-    for (const int fd : deaf) {
+    EXPECT_TRUE(peer.wait_for(2));
+    for (const int fd : deaf)
         close(fd);
-    }
 }
 
 // The first callback fills the service's own queue: were it to wait there, nobody could empty it.
 TEST_F(bus, receive_thread_never_waits_not_even_for_itself) {
-    service self;
     std::atomic<size_t> sent{0};
-    std::atomic<int> error{0};
-    std::atomic<int64_t> took_ms{0};
+    std::atomic<int64_t> took_ms{-1};
     self.hook = [&](service &me, const bus_msg &msg) {
+        if (msg.hdr.msg_id != 407)
+            return;
         auto start = steady_clock::now();
-        while (msg.hdr.msg_id == 407 && me.notify(40, "to myself") == 0) {
-            ++sent;
+        for (; me.notify(40, "to myself") == 0; ++sent)
             start = steady_clock::now();
-        }
-        if (msg.hdr.msg_id == 407) {
-            error = errno;
-            took_ms = elapsed_ms(start);
-        }
+        EXPECT_EQ(errno, EAGAIN);
+        took_ms = elapsed_ms(start);
     };
     ASSERT_EQ(self.init(40), 0);
     ASSERT_TRUE(self.wait_for(1));
-    EXPECT_EQ(error, EAGAIN);
     EXPECT_LT(took_ms, 150);
     EXPECT_TRUE(self.wait_for(sent + 1));
 }
@@ -167,38 +129,19 @@ TEST_F(bus, receive_thread_never_waits_not_even_for_itself) {
 service *handler_service = nullptr;
 std::atomic<size_t> handler_sends{0};
 
-void send_from_handler(int /*signal*/) {
-    const int saved = errno;
-    if (handler_service->notify(41, "", 1014) == 0) {
-        ++handler_sends;
-    }
-    errno = saved;
-}
-
 TEST_F(bus, signal_handler_may_send_in_the_middle_of_a_send) {
-    service self;
-    service peer;
-    ASSERT_EQ(self.init(40), 0);
-    ASSERT_EQ(peer.init(41), 0);
+    start();
     handler_service = &self;
-    struct sigaction action {};
-    action.sa_handler = send_from_handler;
-    sigaction(SIGUSR1, &action, nullptr);
-    std::atomic<bool> done{false};
-    const pthread_t sender = pthread_self();
-    std::thread signals([&] {
-        while (!done) {
-            pthread_kill(sender, SIGUSR1);
-            std::this_thread::yield();
-        }
-    });
     size_t sent = 0;
-    while (sent < 1000 || handler_sends < 100) {
-        ASSERT_EQ(self.notify(41, std::string(300, 'm')), 0) << strerror(errno);
-        ++sent;
-    }
-    done = true;
-    signals.join();
+    const auto send_from_handler = [](int) {
+        const int saved = errno;
+        handler_sends += handler_service->notify(41, "") == 0 ? 1 : 0;
+        errno = saved;
+    };
+    under_signals(send_from_handler, std::chrono::microseconds(50), [&] {
+        for (; sent < 1000 || handler_sends < 100; ++sent)
+            ASSERT_EQ(self.notify(41, std::string(300, 'm')), 0) << strerror(errno);
+    });
     EXPECT_TRUE(peer.wait_for(1 + sent + handler_sends));
 }
 

@@ -3,51 +3,35 @@
 #ifndef ZUKHAL_FIXTURE_H
 #define ZUKHAL_FIXTURE_H
 
+#include "child.h"
+#include "scratch_dir.h"
 #include "zukhal.h"
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 class zukhal_fixture : public testing::Test {
   protected:
-    std::filesystem::path directory_;
+    scratch_dir dir;
 
-    void SetUp() override {
-        std::string name = testing::TempDir() + "zukhal.XXXXXX";
-        directory_ = mkdtemp(name.data());
-        configure("[log]\ntarget=file\nfile=" + path("log"));
-    }
-    void TearDown() override { std::filesystem::remove_all(directory_); }
+    void SetUp() override { configure("[log]\ntarget=file\nfile=" + path("log")); }
 
-    std::string path(const char *name) const { return (directory_ / name).string(); }
-    std::string content(const char *name) const {
-        std::ifstream in(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    std::string path(const char *name) const { return dir.path() / name; }
+    static std::string content(const char *name) { return scratch_dir::read(name); }
     void configure(const std::string &text) const {
-        std::ofstream(path("conf")) << text;
+        scratch_dir::write("conf", text);
         setenv("ZUKHAL_CONF", path("conf").c_str(), 1);
     }
 
     // Runs `work` in a child whose stderr is the file "stderr"; its failed checks fail the test.
     template <typename Work>
-    void in_child(Work work) const {
-        const pid_t child = fork();
-        if (child == 0) {
-            if (freopen(path("stderr").c_str(), "ae", stderr) == nullptr)
-                _exit(2);
+    static void in_child(Work work) {
+        const int status = run_in_child([&work] {
+            if (freopen("stderr", "ae", stderr) == nullptr)
+                return 2;
             work();
             fflush(nullptr);
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
+            return HasFailure() ? 1 : 0;
+        });
         EXPECT_EQ(status, 0) << content("stderr");
     }
 };
