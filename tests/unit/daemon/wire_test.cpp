@@ -1,21 +1,14 @@
 // docs/wire.md against the daemon: its samples are what goes in here and what has to come out.
-#include "fake_platform.h"
+#include "daemon_fixture.h"
 #include "gps_history.h"
 #include "gps_message_handler.h"
-#include "line_peer.h"
-#include "ls_state.h"
-#include "scratch_dir.h"
 
-#include <gtest/gtest.h>
-#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
 
 namespace {
-
-using bytes = std::vector<uint8_t>;
 
 // By "ID TYPE" or "ID TYPE, VARIANT". "00*72" among the bytes is 72 times 00.
 std::map<std::string, bytes> read_samples() {
@@ -47,10 +40,8 @@ uint8_t type_of(const std::string &key) {
     return letters == 'q' ? 0 : letters == 's' ? 1 : 2;
 }
 
-class wire : public testing::Test {
+class wire : public daemon_fixture {
   protected:
-    void TearDown() override { fake::reset(); }
-
     const bytes &sample(const std::string &key) {
         EXPECT_TRUE(samples.contains(key)) << "no sample of " << key;
         used.insert(key);
@@ -64,12 +55,6 @@ class wire : public testing::Test {
         ls_hal_process_message(fake::connection(), &msg);
         while (ls_active_workers() != 0)
             std::this_thread::yield();
-    }
-
-    void static_location() {
-        stub_location_on_g = 1;
-        const std::string place = "5130.000,N,00007.500,W\n";
-        std::copy(place.begin(), place.end(), ls_stub_location_buf.begin());
     }
 
     // Board 2: the samples of 1416 for the engineering commands, literal sentences for the queries.
@@ -119,7 +104,6 @@ class wire : public testing::Test {
     };
     std::map<std::string, bytes> samples = read_samples();
     std::set<std::string> used;
-    scratch_dir dir;
 };
 
 TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
@@ -131,7 +115,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
         std::function<bool()> taken = nullptr; // what shows that a message without answer arrived
     };
     const auto nothing = [] {};
-    const auto fixed = [this] { static_location(); };
+    const auto fixed = static_location_on;
     const auto receiver = [this] { receiver_behind_ta(); };
     const auto history_on = [] { fake::database().history = {.status = 1, .interval = 30}; };
     const auto empty_history = [] {
@@ -139,7 +123,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
         ls_hal_write_metadata_to_file();
     };
     const auto registered = [this] {
-        static_location();
+        static_location_on();
         deliver("1007 request", 40);
     };
     const row rows[] = {
@@ -162,7 +146,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
         {"208 notification", 2, fixed, {"19 request"}},
         {"18 response", 2, nothing, {}, [] { return fake::count_logged(6, "from SAL") == 1; }},
         {"407 response", 0, nothing, {}, [] { return fake::count_logged(6, "from SCM") == 1; }},
-        {"808 notification", 6, history_on, {}, [] { return fake::timers_started() == 1; }},
+        {"808 notification", 6, history_on, {}, [] { return fake::timers().size() == 1; }},
         {"1418 notification", 12, nothing, {}, [] { return antenna_type == 4; }},
     };
     for (const row &r : rows) {
@@ -176,7 +160,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
     }
 
     fake::reset();
-    static_location();
+    static_location_on();
     deliver("1003 request", 40);
     const msg_hdr hdr = fake::sent().at(0).hdr;
     const auto *raw = reinterpret_cast<const uint8_t *>(&hdr);
