@@ -99,7 +99,6 @@ int stay() {
         }
         std::string error;
         const bool orderly = children_stop_daemon();
-        terminal_step(); // its last writes take effect before the next one exports the lines again
         const bool started = start_daemon(error);
         verbs_restart_done(orderly && started,
                            started ? "the daemon did not stop in order" : error);
