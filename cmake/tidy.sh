@@ -3,7 +3,7 @@
 # configured build directory that has everything (build/sim unless another one is given). Ends with 1
 # when anything is found.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 build=${1:-build/sim}
 found=0
 
