@@ -26,14 +26,14 @@ TEST(lsctl_ubx, spellings_of_one_frame) {
 
 TEST(lsctl_ubx, answer_is_split_into_frames) {
     bytes answer = RATE_POLL;
-    answer.insert(answer.end(), {'n', 'o', 0xB5, 0x62, 5, 1, 2, 0, 6, 8, 0x16, 0x3F});
+    answer.insert(answer.end(), {'n', 'o', 0xB5, 0x62, 5, 0, 2, 0, 6, 8, 0x15, 0x3A});
     answer.resize(80);
     EXPECT_TRUE(ubx_split(answer).at(0).checksum_ok);
     EXPECT_EQ(ubx_split(answer).at(1).bytes.size(), 2U);
-    EXPECT_TRUE(ubx_is_ack(ubx_split(answer).at(2), 0x06, 0x08));
-    EXPECT_FALSE(ubx_is_ack(ubx_split(answer).at(2), 0x06, 0x09));
-    answer[18] ^= 1; // checksum of the acknowledgement
-    EXPECT_FALSE(ubx_is_ack(ubx_split(answer).at(2), 0x06, 0x08));
+    EXPECT_TRUE(ubx_is_nak(ubx_split(answer).at(2), 0x06, 0x08));
+    EXPECT_FALSE(ubx_is_nak(ubx_split(answer).at(2), 0x06, 0x09));
+    answer[18] ^= 1; // its checksum
+    EXPECT_FALSE(ubx_is_nak(ubx_split(answer).at(2), 0x06, 0x08));
     // A frame that fills the answer, and one a byte longer; sync bytes at the very end.
     answer = padded({0xB5, 0x62, 0x0A, 0x04, 72, 0}, 80, {0xB5, 0x62}, 78);
     EXPECT_TRUE(ubx_split(answer).at(0).complete);
