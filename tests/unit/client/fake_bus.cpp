@@ -58,13 +58,6 @@ play always(bytes reply) {
     return [reply = std::move(reply)](const sent_message &m) { fake_reply(m.hdr, reply); };
 }
 
-play with_power(uint8_t mode) {
-    return [mode](const sent_message &m) {
-        if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE)
-            fake_reply(m.hdr, {1, 0, 0, 0, mode, 0, 0, 0});
-    };
-}
-
 bytes padded(bytes head, size_t size, const bytes &tail, size_t at) {
     head.resize(size);
     std::copy(tail.begin(), tail.end(), head.begin() + static_cast<std::ptrdiff_t>(at));

@@ -43,9 +43,8 @@ void fake_reply(const msg_hdr &request, const bytes &payload);
 void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload);
 void fake_deliver(msg_hdr hdr, bytes payload); // with the length of this payload
 
-// A service that answers everything so, or power mode requests only.
+// A service that answers everything so.
 play always(bytes reply);
-play with_power(uint8_t mode);
 
 // `size` bytes: the given ones, zeros, and `tail` from offset `at`.
 bytes padded(bytes head, size_t size, const bytes &tail = {}, size_t at = 0);

@@ -1,4 +1,4 @@
-// The location history as a track: lines, times, pauses, the antimeridian, formats, the drawing.
+// The location history as a track: lines, times, the antimeridian, values.
 #include "lsctl_track_page.h"
 
 #include <cstdlib>
@@ -51,19 +51,13 @@ TEST_F(lsctl_track, tells_lines_from_what_is_none) {
     } rows[] = {
         {"without fix field", "2019-02-05 10:51:05,70.1N,11.5E,+2.25m,08", true, true},
         {"no fix", "2019-02-05 10:51:05,ER,70.1N,11.5E,+2.25m,08", true, false},
-        {"one hemisphere", "2019-02-05 10:51:05,2D,1.0N,0.0Y,+2.25m,08", true, false},
-        {"negative accuracy", "2019-02-05 10:51:05,2D,70.1N,11.5E,-1.00m,08", true, true},
         {"200 satellites as a signed byte", "2019-02-05 10:51:05,2D,1.0N,1.0E,+1m,-56", true, true},
         {"the pole", "2019-02-05 10:51:05,2D,90.000000S,180.000000W,+2.25m,08", true, true},
         {"no leap day", "2019-02-29 10:51:05,2D,70.1N,11.5E,+2.25m,08", false, false},
-        {"hour 24", "2019-02-05 24:00:00,2D,70.1N,11.5E,+2.25m,08", false, false},
         {"beyond the pole", "2019-02-05 10:51:05,2D,90.000001N,11.5E,+2.25m,08", false, false},
-        {"beyond 180", "2019-02-05 10:51:05,2D,70.1N,180.000001E,+2.25m,08", false, false},
-        {"letters swapped", "2019-02-05 10:51:05,2D,70.1E,11.5N,+2.25m,08", false, false},
         {"not a number", "2019-02-05 10:51:05,2D,nanN,11.5E,+2.25m,08", false, false},
         {"cut in the count", "2019-02-05 10:51:05,2D,70.1N,11.5E,+2.25m,0", false, false},
         {"cut in front", "5 10:51:05,2D,70.1N,11.5E,+2.25m,08", false, false},
-        {"more behind", "2019-02-05 10:51:05,2D,70.1N,11.5E,+2.25m,08,1", false, false},
     };
     for (const auto &row : rows) {
         track_point point{};
@@ -102,18 +96,8 @@ TEST_F(lsctl_track, times_as_people_type_them) {
         bool end;
         int64_t offset; // from now; 0 = refused
     } rows[] = {
-        {"2019-02-05 10:51:00", false, -5},
-        {"2019-02-05 10:50", false, -65},
-        {"2019-02-05 10:50", true, -6},
-        {"10:50:10", true, -55},
-        {"2019-02-05", false, -39065},
-        {"2019-02-05", true, 47334},
-        {"90m", false, -5400},
-        {"", false, 0},
-        {"2019-02-30", false, 0},
-        {"2019-02-05x10:51", false, 0},
-        {"24:00", false, 0},
-        {"m", false, 0},
+        {"2019-02-05T10:50", true, -6}, {"10:50:10", true, -55}, {"2019-02-05", false, -39065},
+        {"2019-02-05", true, 47334},    {"90m", false, -5400},   {"2019-02-30", false, 0},
     };
     for (const auto &row : rows) {
         int64_t utc = now;
@@ -122,102 +106,26 @@ TEST_F(lsctl_track, times_as_people_type_them) {
     }
 }
 
-TEST_F(lsctl_track, pauses_are_steps_much_longer_than_those_around) {
-    const struct {
-        const char *name;
-        std::vector<int> seconds; // negative: without a place
-        int64_t gap_s;
-        std::vector<size_t> stretches;
-    } rows[] = {
-        {"longest step of 1 s", {0, 1, 2, 15, 16, 17}, 0, {6}},
-        {"one more", {0, 1, 2, 16, 17, 18}, 0, {3, 3}},
-        {"an interval that changes", {0, 1, 2, 3, 4, 5, 6, 66, 126, 186, 246, 306, 366}, 0, {13}},
-        {"set back", {10, 11, 12, 5, 6, 7}, 0, {3, 3}},
-        {"given, reached", {0, 1, 2, 4, 5}, 2, {5}},
-        {"given, passed", {0, 1, 2, 5, 6}, 2, {3, 2}},
-        {"no place", {0, -1, 2}, 0, {1, 1}},
-    };
-    for (const auto &row : rows) {
-        text.clear();
-        for (const int second : row.seconds)
-            second < 0 ? add(-second, "0.000000X,0.000000Y", "ER,") : add(second);
-        std::vector<size_t> sizes;
-        for (const track_stretch &stretch : track_stretches(parsed(), row.gap_s))
-            sizes.push_back(stretch.size());
-        EXPECT_EQ(sizes, row.stretches) << row.name;
-    }
-}
-
 TEST_F(lsctl_track, the_antimeridian_cuts) {
-    add(0, "10.000000S,179.000000E");
-    add(4, "14.000000S,177.000000W"); // a quarter of the way to the edge
-    const std::string json = written(track_write_geojson);
-    for (const char *line : {"[\n[179.000000,-10.000000],\n[180.000000,-11.000000]\n]",
-                             "[\n[-180.000000,-11.000000],\n[-177.000000,-14.000000]\n]"}) {
-        EXPECT_NE(json.find(line), std::string::npos) << json;
-    }
-    const track all = parsed();
-    EXPECT_NEAR(track_distance_m(all.points[0], all.points[1]), 622e3, 5e3);
-    // Drawn the short way: 4 degrees, not 356.
-    EXPECT_LT(page_lay_out(all, 0).metres_per_mm, 5000);
-    text.clear();
     add(0, "10.000000S,179.000000E");
     add(1, "10.000000S,180.000000W"); // exactly there: nothing to add
     add(2, "10.000000S,179.000000W");
     const auto pieces = track_pieces(parsed(), track_stretches(parsed(), 0).at(0));
     ASSERT_EQ(pieces.size(), 2U);
+    // Drawn the short way: 2 degrees, not 358.
+    EXPECT_LT(page_lay_out(parsed(), 0).metres_per_mm, 5000);
     EXPECT_TRUE(pieces[0].size() == 2 && pieces[1].size() == 2);
 }
 
 // Other programs read the rest of the formats in the system tests.
 TEST_F(lsctl_track, values_of_a_fix_and_of_none) {
-    EXPECT_EQ(written(track_write_geojson), "{\"type\":\"FeatureCollection\",\"features\":[\n]}\n");
-    EXPECT_NE(written(track_write_svg).find(">No positions</text>"), std::string::npos);
     add(0, "47.366800S,8.541300W");
     add(1, "0.000000X,0.000000Y", "ER,");
-    EXPECT_EQ(written(track_write_csv),
-              "time_utc,time_local,fix_type,latitude_deg,longitude_deg,horizontal_accuracy_m,"
-              "satellites_used\n"
-              "2019-02-05T12:00:00Z,2019-02-05 12:00:00,2D,-47.366800,-8.541300,2.25,8\n"
-              "2019-02-05T12:00:01Z,2019-02-05 12:00:01,none,,,2.25,8\n");
-    EXPECT_EQ(written(track_write_json),
-              "{\"positions\":[\n"
-              "{\"time_utc\":\"2019-02-05T12:00:00Z\",\"time_local\":\"2019-02-05 12:00:00\","
-              "\"fix_type\":\"2D\",\"latitude_deg\":-47.366800,\"longitude_deg\":-8.541300,"
-              "\"horizontal_accuracy_m\":2.25,\"satellites_used\":8},\n"
-              "{\"time_utc\":\"2019-02-05T12:00:01Z\",\"time_local\":\"2019-02-05 12:00:01\","
-              "\"fix_type\":\"none\",\"latitude_deg\":null,\"longitude_deg\":null,"
-              "\"horizontal_accuracy_m\":2.25,\"satellites_used\":8}\n"
-              "],\"skipped_lines\":0}\n");
-    EXPECT_NE(written(track_write_gpx)
-                  .find("<time>2019-02-05T12:00:00Z</time>"
-                        "<cmt>accuracy 2.25 m</cmt><sat>8</sat></trkpt>\n"),
-              std::string::npos);
-}
-
-TEST_F(lsctl_track, the_drawing_is_to_scale) {
-    add(0, "60.000000N,0.000000E");
-    add(10, "60.000000N,0.020000E"); // 1111.95 m: half of what it is at the equator
-    add(20, "60.001000N,0.020000E");
-    const page_layout layout = page_lay_out(parsed(), 0);
-    EXPECT_GT(layout.width, layout.height);
-    const std::vector<page_point> &line = layout.lines.at(0);
-    ASSERT_EQ(line.size(), 3U);
-    EXPECT_NEAR((line[1].x - line[0].x) * layout.metres_per_mm, 1111.95, 0.1);
-    EXPECT_NEAR((line[1].y - line[2].y) * layout.metres_per_mm, 111.195, 0.1);
-    EXPECT_TRUE(line[0].x > layout.frame.left && line[2].x < layout.frame.right);
-}
-
-TEST_F(lsctl_track, the_drawing_has_its_marks_pauses_and_times) {
-    for (int second = 0; second <= 200; second += 5) { // 15 minutes of pause after 100 seconds
-        add(second <= 100 ? second : second + 900,
-            "47." + std::to_string(366800 + 20 * second) + "N,8.541300E");
-    }
-    const std::string drawing = written(track_write_svg);
-    for (const char *label : {">start 12:00:00<", ">end 12:18:20<", ">pause 15 min<", ">12:01:00<",
-                              ">12:17:00<", ">100 m<"}) {
-        EXPECT_NE(drawing.find(label), std::string::npos) << label;
-    }
+    EXPECT_TRUE(
+        written(track_write_csv)
+            .ends_with("\n"
+                       "2019-02-05T12:00:00Z,2019-02-05 12:00:00,2D,-47.366800,-8.541300,2.25,8\n"
+                       "2019-02-05T12:00:01Z,2019-02-05 12:00:01,none,,,2.25,8\n"));
 }
 
 } // namespace
