@@ -44,10 +44,6 @@ void say_to_stderr(bool on) {
 void say_verbose(bool on) {
     verbose = on;
 }
-bool say_is_verbose() {
-    return verbose;
-}
-
 void say_plain(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);

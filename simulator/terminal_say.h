@@ -13,7 +13,6 @@ namespace sim {
 
 void say_to_stderr(bool on);
 void say_verbose(bool on);
-bool say_is_verbose();
 
 void say_plain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void say_event(const char *format, ...) __attribute__((format(printf, 1, 2)));

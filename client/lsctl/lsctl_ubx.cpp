@@ -12,7 +12,6 @@ namespace {
 
 constexpr uint8_t CLASS_ACK = 0x05;
 constexpr uint8_t ID_NAK = 0x00;
-constexpr uint8_t ID_ACK = 0x01;
 
 struct ubx_known {
     uint8_t msg_class;
@@ -159,12 +158,6 @@ bool is_frame_start(std::span<const uint8_t> rest) {
     return rest.size() >= UBX_HEADER && rest[0] == UBX_SYNC_1 && rest[1] == UBX_SYNC_2;
 }
 
-bool is_reply_to(const ubx_piece &piece, uint8_t reply_id, uint8_t msg_class, uint8_t id) {
-    return piece.is_frame && piece.checksum_ok && piece.msg_class == CLASS_ACK &&
-           piece.id == reply_id && piece.bytes.size() == 2 && piece.bytes[0] == msg_class &&
-           piece.bytes[1] == id;
-}
-
 } // namespace
 
 std::string ubx_name(uint8_t msg_class, uint8_t id) {
@@ -242,12 +235,10 @@ std::vector<ubx_piece> ubx_split(std::span<const uint8_t> answer) {
     return pieces;
 }
 
-bool ubx_is_ack(const ubx_piece &piece, uint8_t msg_class, uint8_t id) {
-    return is_reply_to(piece, ID_ACK, msg_class, id);
-}
-
 bool ubx_is_nak(const ubx_piece &piece, uint8_t msg_class, uint8_t id) {
-    return is_reply_to(piece, ID_NAK, msg_class, id);
+    return piece.is_frame && piece.checksum_ok && piece.msg_class == CLASS_ACK &&
+           piece.id == ID_NAK && piece.bytes.size() == 2 && piece.bytes[0] == msg_class &&
+           piece.bytes[1] == id;
 }
 
 bool ubx_expects_answer(uint8_t msg_class, uint8_t id) {

@@ -37,7 +37,6 @@ struct ubx_piece {
 // The answer is zero-filled: zeros behind the last piece are no part of it.
 std::vector<ubx_piece> ubx_split(std::span<const uint8_t> answer);
 
-bool ubx_is_ack(const ubx_piece &piece, uint8_t msg_class, uint8_t id);
 bool ubx_is_nak(const ubx_piece &piece, uint8_t msg_class, uint8_t id);
 
 // False for a command that a receiver obeys without a word.
