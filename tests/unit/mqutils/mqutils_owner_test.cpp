@@ -66,7 +66,7 @@ TEST_F(bus, of_racing_starters_one_wins) {
 
 TEST_F(bus, init_says_why_it_failed) {
     std::ofstream(path_of(40)) << "precious";
-    std::filesystem::create_symlink(path_of(42), path_of(41));
+    std::filesystem::create_symlink(path_of(40), path_of(41));
     service used;
     ASSERT_EQ(used.init(42), 0);
     struct {
@@ -80,7 +80,7 @@ TEST_F(bus, init_says_why_it_failed) {
         {"no callback", dir.c_str(), 50, true, EINVAL},
         {"not a directory", "/dev/null", 50, false, ENOTDIR},
         {"a file in the way", dir.c_str(), 40, false, ENOTSOCK},
-        {"a link in the way", dir.c_str(), 41, false, ENOTSOCK},
+        {"a link to a file in the way", dir.c_str(), 41, false, ENOTSOCK},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
