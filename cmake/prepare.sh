@@ -3,6 +3,7 @@
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev)
 test_packages=(libgtest-dev libbenchmark-dev gpsbabel libxml2-utils)
+armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static mmdebstrap debian-archive-keyring)
 
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

@@ -149,6 +149,7 @@ bool children_start_daemon(std::string &error, const std::function<bool()> &canc
     const std::string program = resolved;
     std::free(resolved);
     unlink(where->daemon_out.c_str());
+    terminal_step(); // a daemon that has just ended gave its lines back, maybe unseen as yet
     terminal_boot_lines();
     daemon_end.reset();
     daemon_pid = process_start({.arguments = {program},

@@ -35,6 +35,8 @@ extern std::atomic<uint32_t> gps_cfun_level_g;
 extern std::atomic<int32_t> rffe_req_sem_wait_time; // seconds a request through the TA may take
 extern std::atomic<double> gps_pos_buffer_time;     // seconds a stored position is served
 extern std::atomic<double> loc_hist_offset_time;    // seconds after start without history
+// Nothing here may fall back to a lock inside libatomic, which no signal handler could take.
+static_assert(std::atomic<double>::is_always_lock_free);
 
 // CLOCK_MONOTONIC at start-up; written before any other thread runs.
 extern timespec ls_start_time;

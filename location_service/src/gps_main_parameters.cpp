@@ -5,8 +5,10 @@
 #include "ls_log.h"
 #include "ls_paths.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 
 static constexpr char log_module[] = "gps_main";
 
@@ -58,12 +60,15 @@ void read_double(FILE *file, double *value) {
 } // namespace
 
 int32_t get_rffe_req_sem_wait_time() {
-    int value = 15;
+    int32_t value = 15;
     read_parameter("RFFE_REQUEST_SEMAPHORE_WAIT_TIME", "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 15\n",
                    read_short_word, [&value](FILE *file) {
-                       int read = 0;
-                       if (fscanf(file, "%d", &read) == 1)
-                           value = read;
+                       // "%d" cuts what is too large on one machine and saturates on another.
+                       long long read = 0;
+                       if (fscanf(file, "%lld", &read) == 1)
+                           value = static_cast<int32_t>(
+                               std::clamp<long long>(read, std::numeric_limits<int32_t>::min(),
+                                                     std::numeric_limits<int32_t>::max()));
                    });
     log_info("%s: rffe_req_sem_wait_time = %d\n", __func__, value);
     return value;

@@ -30,7 +30,8 @@ size_t read_hex_pieces(char *text, uint8_t *frame) {
     char *rest = nullptr;
     for (char *piece = strtok_r(text, ",", &rest); piece != nullptr;
          piece = strtok_r(nullptr, ",", &rest)) {
-        const auto byte = static_cast<uint8_t>(strtoul(piece, nullptr, 16));
+        // Not strtoul: its long, at whose end it saturates, is not the same on every machine.
+        const auto byte = static_cast<uint8_t>(strtoull(piece, nullptr, 16));
         log_debug("%x\n", byte);
         if (count < GPS_COMMAND_SIZE)
             frame[count] = byte;

@@ -109,8 +109,11 @@ int32_t read_altitude(bool is_static, uint32_t *altitude) {
         log_error("%s failed to get token", name);
         return 1;
     }
+    // As the terminal's 32-bit "%u" reads it: a minus counts modulo 2^32, what does not fit is the
+    // largest.
     constexpr long long limit = std::numeric_limits<uint32_t>::max();
-    *altitude = static_cast<uint32_t>(std::min(std::strtoll(token, nullptr, 10), limit));
+    const long long value = std::strtoll(token, nullptr, 10);
+    *altitude = static_cast<uint32_t>(value < -limit ? limit : std::min(value, limit));
     return 0;
 }
 

@@ -3,8 +3,14 @@
 #include "ls_log.h"
 
 #include <cerrno>
+#include <ctime>
+#include <sys/types.h>
 
 static constexpr char log_module[] = "gps_timer";
+
+// A 32-bit build needs -D_TIME_BITS=64: without it long intervals turn negative, and time ends in
+// 2038.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8);
 
 namespace {
 

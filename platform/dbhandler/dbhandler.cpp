@@ -7,12 +7,9 @@
 #include "dbhandler_store.h"
 
 #include <array>
-#include <cstddef>
 #include <exception>
 
 #define DB_EXPORT extern "C" __attribute__((visibility("default")))
-
-static_assert(offsetof(location_history_settings, interval) == 4);
 
 namespace {
 

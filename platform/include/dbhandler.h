@@ -6,6 +6,8 @@
 #ifndef DBHANDLER_H
 #define DBHANDLER_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -16,6 +18,8 @@ struct location_history_settings {
     uint8_t status;    /* 1 = acquisition on, 0 = off */
     uint32_t interval; /* seconds; at offset 4 */
 };
+static_assert(sizeof(struct location_history_settings) == 8, "the terminal's record");
+static_assert(offsetof(struct location_history_settings, interval) == 4, "the terminal's record");
 
 int db_read_gps_power_on_status(int32_t *status); /* power mode to come up with: 0, 1 off, 2 on */
 int db_set_gps_power_on_status(int32_t status);

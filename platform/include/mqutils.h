@@ -19,6 +19,8 @@
 #ifndef MQUTILS_H
 #define MQUTILS_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -35,11 +37,16 @@ struct msg_hdr {      /* 20 bytes, little-endian, the same on every machine */
     uint32_t pld_len; /* bytes; 0 = no payload */
     uint32_t reserved1;
 };
+static_assert(sizeof(struct msg_hdr) == 20, "goes on the bus as it stands");
+static_assert(offsetof(struct msg_hdr, msg_id) == 4, "msg_hdr");
+static_assert(offsetof(struct msg_hdr, txn_id) == 8, "msg_hdr");
+static_assert(offsetof(struct msg_hdr, pld_len) == 12, "msg_hdr");
 
 struct bus_msg { /* what the callback receives; valid only while the callback runs */
     struct msg_hdr hdr;
     void *pld; /* aligned for any type; null when pld_len is 0 */
 };
+static_assert(sizeof(void *) != 4 || offsetof(struct bus_msg, pld) == 20, "the terminal's bus_msg");
 
 struct scm_conn;
 
@@ -53,6 +60,9 @@ struct scm_conn {              /* 80 bytes on the 32-bit terminal: callback at o
     unsigned char library[76]; /* the library's own; zero before scm_conn_init */
     scm_msg_cb on_message;     /* set by the service before scm_conn_init */
 };
+/* Programs bring the record, the library may be the terminal's own. */
+static_assert(sizeof(void *) != 4 || sizeof(struct scm_conn) == 80, "the terminal's scm_conn");
+static_assert(sizeof(void *) != 4 || offsetof(struct scm_conn, on_message) == 76, "scm_conn");
 
 /* Registers service `serv_id` (1 to 255) on the bus and starts delivery; the first callback may run
  * before this returns. The record must stay where it is until scm_conn_exit; afterwards it may be

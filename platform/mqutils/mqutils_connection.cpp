@@ -17,7 +17,6 @@ struct handle {
     uint32_t generation;
 };
 static_assert(sizeof(handle) <= sizeof(scm_conn::library));
-static_assert(sizeof(void *) != 4 || sizeof(scm_conn) == 80);
 static_assert(offsetof(scm_conn, on_message) % alignof(scm_msg_cb) == 0);
 
 constexpr uint32_t handle_magic = 0x51434d53;

@@ -25,7 +25,6 @@
 #include <new>
 
 static_assert(std::endian::native == std::endian::little, "headers go out as they are in memory");
-static_assert(sizeof(msg_hdr) == 20 && offsetof(msg_hdr, pld_len) == 12);
 
 namespace mqutils {
 

@@ -121,12 +121,14 @@ __attribute__((noinline, format(printf, 2, 0))) void write_message(int level, co
 
 bool log_start(const zukhal_config &config) {
     bool opened = true;
+    int why_not = 0;
     g_target = config.target;
     if (g_target == log_target::file) {
         g_log_file = config.log_file;
         // O_NONBLOCK: a named pipe without a reader must not stop the program.
         g_fd = open(g_log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0644);
         opened = g_fd >= 0;
+        why_not = errno;
         if (!opened)
             g_target = log_target::syslog;
     }
@@ -145,6 +147,7 @@ bool log_start(const zukhal_config &config) {
     // "debug" lets everything pass, whatever numbers programs use beyond it.
     g_threshold.store(config.level >= LOG_DEBUG ? INT_MAX : config.level,
                       std::memory_order_relaxed);
+    errno = why_not; // of the file, whatever befell the way to syslog
     return opened;
 }
 

@@ -59,7 +59,7 @@ std::array<void *, 3> timer_values(pid_t pid) {
         if (line.rfind("signal: ", 0) != 0 || slash == std::string::npos)
             continue;
         const int number = std::stoi(line.substr(8));
-        const uintptr_t value = std::stoull(line.substr(slash + 1), nullptr, 16);
+        const auto value = static_cast<uintptr_t>(std::stoull(line.substr(slash + 1), nullptr, 16));
         const int slot = number - SIGRTMIN - FIRST_TIMER_SIGNAL;
         if (slot >= 0 && slot < 3)
             std::memcpy(&values[static_cast<size_t>(slot)], &value, sizeof(value));

@@ -72,6 +72,10 @@ TEST_F(parameters, what_a_file_says_counts) {
          "RFFE_REQUEST_SEMAPHORE_WAIT_TIME x GPS_GET_POS_BUFFER_TIME\n",
          {15, 5.0, 120.0},
          offset_line},
+        {"too large for 32 bits",
+         "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 99999999999 GPS_GET_POS_BUFFER_TIME 1\n",
+         {2147483647, 1.0, 120.0},
+         offset_line},
         {"a word longer than any key", std::string(500, 'K') + "\n", {15, 5.0, 120.0}, defaults},
     };
     for (const row &r : rows) {

@@ -151,7 +151,8 @@ TEST_F(satellites, nmea_commands_pass_through_raw) {
 TEST_F(satellites, ubx_commands_get_their_checksum) {
     const std::string poll("\xB5\x62\x06\x08\x00\x00\x0E\x30", 8);
     answer_raw(poll, std::string(150, 'a'));
-    for (const char *text : {"B5,62,06,08,00,00,00,00", "1b5, 0x62,6,8,0,0,ff,ff,"}) {
+    for (const char *text : {"B5,62,06,08,00,00,00,00", "1b5, 0x62,6,8,0,0,ff,ff,",
+                             "12345678b5,62,06,08,00,00,00,00"}) {
         ls_engg_cmd record = command(text);
         EXPECT_EQ(gps_engg_exec_ubx(&record), 0);
         EXPECT_EQ(peer->commands().back(), poll);
@@ -162,7 +163,7 @@ TEST_F(satellites, ubx_commands_get_their_checksum) {
         ls_engg_cmd record = command(text);
         EXPECT_EQ(gps_engg_exec_ubx(&record), 1) << text;
     }
-    EXPECT_EQ(peer->commands().size(), 2u);
+    EXPECT_EQ(peer->commands().size(), 3u);
     EXPECT_EQ(fake::count_logged(3, "gps_engg_exec_ubx: failed to get GPS data"), 4u);
 }
 
