@@ -47,6 +47,17 @@ target_compile_definitions(ls_records INTERFACE LS_ROOT="${LS_ROOT}")
 add_library(platform_headers INTERFACE)
 target_include_directories(platform_headers INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")
 
+# ls_install_library(NAME COMPONENT C HEADERS FILES...): the shared library with component C; its headers,
+# the link for the linker and what find_package(location_service) knows of it with component dev.
+function(ls_install_library name)
+  cmake_parse_arguments(arg "" "COMPONENT" "HEADERS" ${ARGN})
+  set(include_dir "${CMAKE_INSTALL_INCLUDEDIR}/location_service")
+  target_include_directories(${name} INTERFACE "$<INSTALL_INTERFACE:${include_dir}>")
+  install(TARGETS ${name} EXPORT location_service LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    COMPONENT ${arg_COMPONENT} NAMELINK_COMPONENT dev)
+  install(FILES ${arg_HEADERS} DESTINATION "${include_dir}" COMPONENT dev)
+endfunction()
+
 # ls_unit_test(NAME SOURCES... [LIBS targets...]): one GoogleTest program, its cases known to CTest.
 function(ls_unit_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})

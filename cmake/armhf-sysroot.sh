@@ -19,15 +19,6 @@ fail() {
     exit 1
 }
 
-# The entries of this machine's package sources that are Debian's own, as lines of a sources.list; apt reads
-# them for us, in whatever form they are written. Only the release itself, without the archives beside it
-# (RELEASE-security, -updates, -backports): it is complete, and nothing of the sysroot reaches a terminal.
-debian_sources() {
-    # shellcheck disable=SC2016  # apt's placeholders
-    apt-get indextargets --format '$(ORIGIN)|$(RELEASE)|deb [signed-by='"$keyring"'] $(REPO_URI) $(RELEASE) $(COMPONENT)' \
-        'Created-By: Packages' | sed -n 's/^Debian|[^-|/]*|//p' | sort -u
-}
-
 # Absolute links would lead out of the sysroot: the linker then finds no shared library and silently takes the
 # static one.
 make_links_relative() {
@@ -54,8 +45,7 @@ for tool in mmdebstrap apt-get; do
     command -v "$tool" >/dev/null || fail "$tool is missing"
 done
 [ -r "$keyring" ] || fail "the package debian-archive-keyring is missing"
-sources=$(debian_sources)
-[ -n "$sources" ] || fail "this machine knows no package lists of Debian: run apt-get update"
+sources=$("$(dirname "$0")/debian-sources.sh")
 
 mkdir -p "$(dirname "$dir")"
 work=$(mktemp -d "$dir.XXXXXX")

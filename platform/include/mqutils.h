@@ -4,8 +4,9 @@
  * bytes. All header fields are little-endian. Every int result is 0 for success and -1 for failure;
  * errno then says why. After success errno is what it was before.
  *
- * The bus is a directory in which service N owns the socket file "N". Who may enter the directory
- * may send, who may write to it may own an id (and needs to read it, too). A sender is believed
+ * The bus is a directory in which service N owns the socket file "N", or the one that "N" leads to
+ * when it is a symbolic link of the directory's owner. Who may enter the socket's directory may
+ * send, who may write to it may own the id (and needs to read it, too). A sender is believed
  * when the user the kernel names owns the socket of the service it claims to be; the rest, and
  * whatever is malformed, is dropped with a warning in the log, at most five lines a second.
  * A child forked by a service shares the socket: while it lives, the id has a live owner.

@@ -16,6 +16,7 @@ namespace mqutils {
 
 struct bus_directory {
     int descriptor = -1;
+    uid_t owner = 0;        // whose links say where a service's socket is
     sockaddr_un base{};     // the directory's name and a slash, to which a service id is appended
     size_t base_length = 0; // characters of base.sun_path in use
 };
@@ -33,9 +34,10 @@ void directory_close(bus_directory &directory);
 // The address of service `serv_id`.
 sockaddr_un directory_address(const bus_directory &directory, uint8_t serv_id);
 
-// Binds `socket` as service `serv_id` and says in `identity` which file that made. 0, or an errno
-// value: EADDRINUSE = a live owner, ENOTSOCK = something that is no socket is in the way, EBUSY =
-// the directory stayed locked, EACCES, EPERM, EROFS = no right to own a socket there.
+// Binds `socket` as service `serv_id`, at the target of its name where that is a link of the
+// directory's owner, and says in `identity` which file that made. 0, or an errno value: EADDRINUSE
+// = a live owner, ENOTSOCK = something that is no socket is in the way, EBUSY = the place stayed
+// locked, EACCES, EPERM, EROFS = no right to own a socket there.
 int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
                     socket_identity &identity);
 
@@ -43,8 +45,8 @@ int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
 void directory_give_back(const bus_directory &directory, uint8_t serv_id,
                          const socket_identity &identity);
 
-// The user who owns the socket of `serv_id`. 0, or an errno value: ENOENT = no such service,
-// ENOTSOCK = the file of that name is no socket.
+// The user who owns the socket of `serv_id`, links followed as above. 0, or an errno value: ENOENT
+// = no such service, ENOTSOCK = the file of that name is no socket.
 int directory_owner(const bus_directory &directory, uint8_t serv_id, uid_t &owner);
 
 } // namespace mqutils

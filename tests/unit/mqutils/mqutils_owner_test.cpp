@@ -46,7 +46,7 @@ TEST_F(bus, of_racing_starters_one_wins_also_where_an_owner_was_killed) {
 
 TEST_F(bus, init_says_why_it_failed) {
     scratch_dir::write(path_of(40), "precious");
-    std::filesystem::create_symlink(path_of(42), path_of(41));
+    std::filesystem::create_symlink(path_of(40), path_of(41));
     ASSERT_EQ(self.init(42), 0);
     const struct {
         const char *name, *directory;
@@ -58,7 +58,7 @@ TEST_F(bus, init_says_why_it_failed) {
         {"no callback", dir.c_str(), 50, nullptr, EINVAL},
         {"not a directory", "/dev/null", 50, self.on_message, ENOTDIR},
         {"a file in the way", dir.c_str(), 40, self.on_message, ENOTSOCK},
-        {"a link in the way", dir.c_str(), 41, self.on_message, ENOTSOCK},
+        {"a link to a file in the way", dir.c_str(), 41, self.on_message, ENOTSOCK},
     };
     for (const auto &row : rows) {
         setenv("MQUTILS_DIR", row.directory, 1);

@@ -1,0 +1,130 @@
+#!/usr/bin/env bash
+# Runs as root in the booted tree of install.sh, and does what the machine of a terminal would: gives the tree
+# a serial line and power lines (simterm's), and plays udev. Then it looks at the service.
+set -uo pipefail
+failed=0
+fail() { printf 'FAILED: %s\n' "$*"; failed=1; }
+# check TEXT COMMAND...: the command must succeed.
+check() { local text=$1; shift; "$@" || fail "$text"; }
+# until_true TENTHS COMMAND...
+until_true() {
+    local tenths=$1
+    shift
+    for ((; tenths > 0; --tenths)); do
+        "$@" >/dev/null 2>&1 && return 0
+        sleep 0.1
+    done
+    return 1
+}
+as() { local user=$1; shift; setpriv --reuid="$user" --regid="$user" --init-groups -- "$@"; }
+property() { systemctl show -P "$1" location_service.service; }
+
+# Without its serial line the service has failed, and systemd tries again.
+failed_once() { [ "$(property ExecMainStatus)" = 255 ]; }
+check "a start without the serial line fails with 255" until_true 50 failed_once
+systemctl stop location_service.service
+
+useradd --system --groups terminal-tools,terminal-data technician
+useradd --system stranger
+
+# The machine. The two rules' commands are taken from the rules file.
+mkdir /tmp/terminal
+simterm run /tmp/terminal --instant-fix --place 70.1,11.5 --no-services >/tmp/simterm.log 2>&1 &
+check "simterm" until_true 50 test -e /tmp/terminal/dev/ttymxc2
+: >/dev/ttymxc2
+mount --bind "$(readlink -f /tmp/terminal/dev/ttymxc2)" /dev/ttymxc2
+chgrp terminal-location /dev/ttymxc2 && chmod 660 /dev/ttymxc2
+mount -t tmpfs none /sys/class && mkdir /sys/class/gpio && mount --bind /tmp/terminal/sys/class/gpio /sys/class/gpio
+chown -R root:root /sys/class/gpio
+chmod 200 /sys/class/gpio/*export
+systemd-tmpfiles --create location_service.conf
+# simterm exports them itself before the first start; here nobody has.
+for line in 102 37; do
+    echo $line >/sys/class/gpio/unexport
+    check "gpio$line" until_true 20 test ! -e /sys/class/gpio/gpio$line
+done
+rules=$(grep -o 'RUN+="[^"]*"' /usr/lib/udev/rules.d/60-location_service.rules | sed 's/^RUN+="//; s/"$//')
+while sleep 0.2; do
+    for line in 102 37; do
+        path=/sys/class/gpio/gpio$line
+        # simterm makes its files anew when a line is exported; the kernel's are root's, too.
+        [ -e $path/value ] && [ "$(stat -c %G $path/direction)" = root ] && sh -c "${rules//\/sys%p/$path}"
+    done
+done &
+udev=$!
+
+as terminal-ws lsctl settings --antenna 4
+systemctl reset-failed location_service.service
+check "systemctl start" systemctl start location_service.service
+check "an answer" until_true 200 as technician lsctl position
+pid=$(property MainPID)
+
+printf 'bus directory:\n'
+diff - <(cd /run/terminal-bus && find . ! -name '3[3-9]' ! -name '[45]?' ! -name '6?' -printf '%m %u:%g %P %l\n' | sort -k 3) <<'LAYOUT' ||
+755 root:root  
+777 root:root 12 own/12/socket
+777 root:root 2 own/2/socket
+777 root:root 3 own/3/socket
+777 root:root 32 own/tools/32
+777 root:root 6 own/6/socket
+777 root:root 8 own/8/socket
+777 root:root 9 own/9/socket
+755 root:root own 
+711 terminal-ta:terminal-ta own/12 
+711 terminal-sal:terminal-sal own/2 
+711 terminal-voip:terminal-voip own/3 
+711 terminal-ws:terminal-ws own/6 
+711 terminal-location:terminal-location own/8 
+666 terminal-location:terminal-location own/8/socket 
+711 terminal-client9:terminal-client9 own/9 
+1771 root:terminal-tools own/tools 
+LAYOUT
+    fail "bus directory"
+
+printf 'the process:\n'
+diff - <(grep -E '^(Uid|CapPrm|CapEff|CapBnd|CapAmb|NoNewPrivs|Seccomp):' "/proc/$pid/status" | sed "s/$(id -u terminal-location)/own/g") <<'STATUS' ||
+Uid:	own	own	own	own
+CapPrm:	0000000000000000
+CapEff:	0000000000000000
+CapBnd:	0000000000000000
+CapAmb:	0000000000000000
+NoNewPrivs:	1
+Seccomp:	2
+STATUS
+    fail "privileges of the process"
+# Through the process's own eyes: what may be written.
+for path in /etc /usr /run /run/terminal-bus /run/terminal-bus/own /sys/kernel /var; do
+    ! nsenter -t "$pid" -m touch "$path/written" 2>/dev/null || fail "$path can be written to"
+done
+
+printf 'who may ask:\n'
+check "a tool" as technician lsctl power
+check "VoIP itself" as terminal-voip lsctl power --as 3
+for who in 'terminal-ta --as 3' 'terminal-ta --as 13' 'stranger' 'terminal-location'; do
+    # shellcheck disable=SC2086  # user and options
+    ! as ${who%% *} lsctl power ${who#"${who%% *}"} || fail "asked: $who"
+done
+
+printf 'history and settings:\n'
+check "settings" as terminal-ws lsctl settings --history on --interval 1
+check "a history line" until_true 100 test -s /user/location/location_history
+sleep 2
+check "history" as technician lsctl history
+ls -l /user /user/location
+[ -z "$(find /user -type f ! -group terminal-data)" ] || fail "a file of another group in /user"
+
+printf 'killed:\n'
+kill -KILL "$pid"
+check "a restart" until_true 200 as technician lsctl position
+[ "$(property NRestarts)" = 1 ] || fail "restarts: $(property NRestarts)"
+
+printf 'stopped:\n'
+systemctl stop location_service.service
+ended="$(property Result), status $(property ExecMainStatus)"
+[ "$ended" = "success, status 0" ] || fail "stop: $ended"
+[ ! -e /run/terminal-bus/own/8/socket ] || fail "the socket stayed"
+events=$(grep -c -E 'gpio(102|37) (un)?exported' /tmp/simterm.log)
+[ "$events" = 6 ] || fail "power lines taken away, exported, given back: $events events"
+kill $udev %1
+[ $failed -eq 0 ] || { journalctl --no-pager -u location_service.service | tail -n 40; cat /tmp/simterm.log; }
+[ $failed -ne 0 ] || echo "booted: all well"

@@ -1,0 +1,144 @@
+// A bus directory as the terminal has it: nobody but root may create anything in it, links lead
+// each service to a place of its own, and the tools to one that their group shares.
+
+#include "bus_fixture.h"
+#include "child.h"
+
+#include <grp.h>
+
+#include <csignal>
+
+namespace {
+
+constexpr uid_t user_41 = 61041;
+constexpr uid_t user_42 = 61042;
+constexpr uid_t stranger = 61099;
+constexpr gid_t tool_users = 61032;
+
+class bus_of_places : public bus {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs to become other users";
+        }
+        bus::SetUp();
+        ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+        make_directory("/own", 0755, 0, 0);
+        make_directory("/own/41", 0711, user_41, user_41);
+        make_directory("/own/42", 0711, user_42, user_42);
+        make_directory("/own/tools", 01771, 0, tool_users);
+        make_link(41, "own/41/socket");
+        make_link(42, dir + "/own/42/socket");
+        make_link(32, "own/tools/32");
+        make_link(33, "own/tools/33");
+    }
+    void make_directory(const char *name, mode_t mode, uid_t owner, gid_t group) const {
+        const std::string path = dir + name;
+        ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+        ASSERT_EQ(chown(path.c_str(), owner, group), 0);
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    }
+    void make_link(int id, const std::string &target) const {
+        ASSERT_EQ(symlink(target.c_str(), path_of(id).c_str()), 0);
+    }
+    // Runs `body` as that user in a process of its own.
+    template <typename Body>
+    static int as_user(uid_t user, gid_t group, Body body) {
+        return run_in_child([&] {
+            return setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(user) == 0 ? body()
+                                                                                         : 255;
+        });
+    }
+    // The errno of an init, 0 = it got the id. `signal` ends the process that has got it.
+    static int init_as(uid_t user, gid_t group, uint8_t id, int signal = 0) {
+        return as_user(user, group, [&] {
+            static service started;
+            const int error = started.init(id) == 0 ? 0 : errno;
+            if (error == 0 && signal != 0) {
+                raise(signal);
+            }
+            return error == 0 ? scm_conn_exit(&started) : error;
+        });
+    }
+};
+
+TEST_F(bus_of_places, everybody_gets_the_own_id_only) {
+    constexpr int killed = -1;
+    const struct {
+        const char *name;
+        uid_t user;
+        gid_t group;
+        uint8_t id;
+        int signal;
+        int result;
+    } rows[] = {
+        {"own id", user_41, user_41, 41, 0, 0},
+        {"own id behind an absolute link", user_42, user_42, 42, 0, 0},
+        {"absent other", user_41, user_41, 42, 0, EACCES},
+        {"id of nobody", user_41, user_41, 43, 0, EACCES},
+        {"owner who dies", user_42, user_42, 42, SIGKILL, killed},
+        {"other's stale socket", user_41, user_41, 42, 0, EACCES},
+        {"own stale socket", user_42, user_42, 42, 0, 0},
+        {"tool user", stranger, tool_users, 32, 0, 0},
+        {"no tool user", stranger, stranger, 32, 0, EACCES},
+        {"tool user who dies", user_42, tool_users, 32, SIGKILL, killed},
+        {"stale socket of another tool user", stranger, tool_users, 32, 0, EPERM},
+        {"next tool id", stranger, tool_users, 33, 0, 0},
+        {"own stale socket as a tool", user_42, tool_users, 32, 0, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(init_as(row.user, row.group, row.id, row.signal), row.result);
+    }
+    for (const int id : {41, 42, 32, 33}) {
+        struct stat status {};
+        EXPECT_EQ(lstat(path_of(id).c_str(), &status), 0) << id; // the link stays
+        EXPECT_EQ(stat(path_of(id).c_str(), &status), -1) << id; // the socket went with its owner
+    }
+}
+
+TEST_F(bus_of_places, owner_who_is_present_keeps_the_id_and_alone_is_believed) {
+    service owner; // of 42, as far as its file says
+    ASSERT_EQ(owner.init(42), 0);
+    ASSERT_EQ(chown((dir + "/own/42/socket").c_str(), user_42, user_42), 0);
+    EXPECT_EQ(init_as(user_42, user_42, 42), EADDRINUSE);
+    EXPECT_EQ(init_as(user_41, user_41, 42), EACCES);
+
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(self.init(43), 0);
+    EXPECT_EQ(
+        as_user(user_42, user_42, [&] { return raw_send(43, datagram(42, 43, 1, 1)) ? 0 : 1; }), 0);
+    EXPECT_EQ(as_user(user_41, user_41,
+                      [&] {
+                          static service sender;
+                          const bool sent = raw_send(43, datagram(42, 43, 2, 2)) &&
+                                            sender.init(41) == 0 && sender.notify(43, "good") == 0;
+                          return sent ? scm_conn_exit(&sender) : 1;
+                      }),
+              0);
+    EXPECT_TRUE(self.wait_for(3));
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(self.messages.size(), 3U);
+    EXPECT_EQ(self.messages[1].pld, "x");
+    EXPECT_EQ(self.messages[2].pld, "good");
+    EXPECT_NE(log.find("belongs to another user"), std::string::npos) << log;
+}
+
+// A link is root's word on a terminal; in a directory that others may write to it is anybody's.
+TEST_F(bus_of_places, link_of_somebody_else_counts_for_nothing) {
+    make_link(44, "own/41/socket");
+    ASSERT_EQ(self.init(41), 0);
+    ASSERT_TRUE(raw_send(41, datagram(44, 41, 1, 1)));
+    ASSERT_TRUE(self.wait_for(2)); // root's link: 44 is whoever owns that socket
+
+    ASSERT_EQ(lchown(path_of(44).c_str(), user_41, user_41), 0);
+    service other;
+    EXPECT_EQ(other.init(44), -1);
+    EXPECT_EQ(errno, ENOTSOCK);
+    ASSERT_TRUE(raw_send(41, datagram(44, 41, 1, 1)));
+    ASSERT_TRUE(raw_send(41, datagram(41, 41, 2, 2)));
+    ASSERT_TRUE(self.wait_for(3));
+    EXPECT_EQ(self.messages[2].pld, "xx");
+}
+
+} // namespace
