@@ -170,11 +170,6 @@ int db_set_gps_power_on_status(int32_t status) {
     return 0;
 }
 
-int db_read_ta_power_on_status(int32_t *status) {
-    *status = 0;
-    return 0;
-}
-
 int db_read_location_history_settings(location_history_settings *settings) {
     const std::lock_guard guard(lock);
     *settings = fake::database().history;
