@@ -2,7 +2,7 @@
 # The caller stands in the project's directory.
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev)
-test_packages=(libgtest-dev libbenchmark-dev gpsbabel libxml2-utils python3 zsh asciidoctor mandoc man-db)
+test_packages=(libgtest-dev libbenchmark-dev python3 zsh asciidoctor mandoc man-db)
 
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
