@@ -1,7 +1,6 @@
 // The history: lines, ring, export, damaged files, settings and acquisition.
 #include "daemon_fixture.h"
 #include "gps_history.h"
-#include "gps_message_handler.h"
 #include "gps_service.h"
 
 namespace {

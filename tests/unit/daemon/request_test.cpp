@@ -1,6 +1,5 @@
 // The receiver exchange: the serial path, and the hand-off with the TA's answers.
 #include "daemon_fixture.h"
-#include "gps_message_handler.h"
 #include "gps_service.h"
 
 #include <array>

@@ -1,6 +1,5 @@
 // Satellites, speed and engineering commands, from literal answers.
 #include "daemon_fixture.h"
-#include "gps_message_handler.h"
 #include "gps_service.h"
 
 namespace {

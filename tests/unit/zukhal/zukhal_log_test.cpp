@@ -100,7 +100,7 @@ TEST_F(zukhal_log, lines_of_threads_processes_and_handlers_stay_whole) {
 }
 
 TEST_F(zukhal_log, a_log_file_that_was_renamed_or_removed_is_made_anew) {
-    in_child([this] {
+    in_child([] {
         zuk_log_tmplt(6, "first", "m", 1);
         std::filesystem::rename("log", "log.1");
         zuk_log_tmplt(6, "second", "m", 1);
