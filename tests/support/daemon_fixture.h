@@ -34,7 +34,7 @@ class daemon_fixture : public testing::Test {
     void SetUp() override { fake::reset(); }
     void TearDown() override {
         ls_hal_uart_close();
-        fake::reset(); // frees what failed sends kept
+        fake::reset();
     }
 
     // A position without a receiver.
@@ -75,9 +75,7 @@ class receiver_fixture : public daemon_fixture {
         peer = std::make_unique<line_peer>([this](const std::string &command) {
             const bool text = command[0] == '$';
             const std::lock_guard guard(answers_lock);
-            const auto found =
-                answers.find(text ? command.substr(1, command.find('*') - 1) : command);
-            return found == answers.end() ? std::string() : found->second;
+            return answers[text ? command.substr(1, command.find('*') - 1) : command];
         });
         ASSERT_EQ(ls_hal_uart_init(), 0);
     }
@@ -90,12 +88,9 @@ class receiver_fixture : public daemon_fixture {
         answers[poll] = text;
     }
 
-  private:
     std::mutex answers_lock;
     std::map<std::string, std::string> answers; // under answers_lock; read by the peer's thread
-
-  protected:
-    std::unique_ptr<line_peer> peer; // last: it goes first
+    std::unique_ptr<line_peer> peer;            // last: it goes first
 };
 
 #endif

@@ -17,15 +17,8 @@ std::mutex lock;
 std::condition_variable changed;
 std::vector<std::pair<int, std::string>> lines; // level and text
 std::vector<fake::sent_message> messages;
-std::vector<msg_hdr *> kept_headers; // heap headers of failed sends
 std::function<void(const fake::sent_message &)> send_action;
 fake::votes vote_count = {};
-fake::settings stored;
-scm_conn conn = {};
-uint32_t next_txn = 1;
-std::vector<uint32_t> timer_intervals; // by handle - 1; 0 = deleted
-
-constexpr auto patience = std::chrono::seconds(5);
 
 } // namespace
 
@@ -35,16 +28,10 @@ void reset() {
     reset_log();
     const std::lock_guard guard(lock);
     messages.clear();
-    for (msg_hdr *hdr : kept_headers)
-        g_free(hdr);
-    kept_headers.clear();
-    send_result = 0;
     send_action = nullptr;
     vote_count = {};
-    stored = {};
-    next_txn = 1;
-    timer_intervals.clear();
-    timer_deletion_fails = false;
+    database() = {};
+    timers.clear();
 
     mt_gps_status = 2;
     gps_current_power_mode_g = 2;
@@ -60,7 +47,7 @@ void reset() {
     pending_req_count = 0;
     ta_req_timed_out_g = 0;
     ta_data_req_pld = {};
-    gps_p_g = &conn;
+    gps_p_g = connection();
     [[maybe_unused]] static const bool initialised =
         sem_init(&ls_thread_sem, 0, 0) == 0 && sem_init(&ta_data_sem, 0, 0) == 0;
     while (sem_trywait(&ta_data_sem) == 0) {
@@ -79,13 +66,9 @@ size_t count_logged(int level, std::string_view part) {
     }));
 }
 
-std::vector<sent_message> sent() {
-    return wait_for_sent(0);
-}
-
 std::vector<sent_message> wait_for_sent(size_t n) {
     std::unique_lock guard(lock);
-    changed.wait_for(guard, patience, [n] { return messages.size() >= n; });
+    changed.wait_for(guard, std::chrono::seconds(5), [n] { return messages.size() >= n; });
     return messages;
 }
 
@@ -100,38 +83,20 @@ votes system_state_votes() {
 }
 
 bool wait_for_votes_returned() {
-    std::unique_lock guard(lock);
-    const bool returned = changed.wait_for(guard, patience, [] {
-        return vote_count.disabled > 0 && vote_count.disabled <= vote_count.enabled;
-    });
-    guard.unlock();
-    // The vote is the last but one thing a worker does.
     while (ls_active_workers() != 0)
         std::this_thread::yield();
-    return returned;
+    const votes now = system_state_votes();
+    return now.disabled > 0 && now.disabled <= now.enabled;
 }
 
-settings &database() {
-    return stored;
-}
-
-std::vector<uint32_t> timers() {
-    const std::lock_guard guard(lock);
-    return timer_intervals;
-}
-
-bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload, uint32_t txn_id) {
+bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload) {
     const auto size = static_cast<uint32_t>(payload.size());
-    return {{type, 0, from, 8, id, txn_id, size, 0}, size == 0 ? nullptr : payload.data()};
+    return {{type, 0, from, 8, id, 77, size, 0}, size == 0 ? nullptr : payload.data()};
 }
 
-scm_conn *connection() {
-    return &conn;
-}
-
-int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload, uint32_t txn_id) {
-    bus_msg msg = make_message(type, id, from, payload, txn_id);
-    const int result = ls_hal_process_message(&conn, &msg);
+int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload) {
+    bus_msg msg = make_message(type, id, from, payload);
+    const int result = ls_hal_process_message(connection(), &msg);
     payload.assign(payload.size(), 0xFF);
     return result;
 }
@@ -160,7 +125,7 @@ int scm_conn_exit(scm_conn *) {
 int fill_request_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
                      uint8_t dst_serv_id) {
     const std::lock_guard guard(lock);
-    *hdr = {0, 0, 8, dst_serv_id, msg_id, next_txn++, pld_len, 0};
+    *hdr = {0, 0, 8, dst_serv_id, msg_id, 1, pld_len, 0};
     return 0;
 }
 
@@ -181,11 +146,6 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
     if (hdr->pld_len != 0)
         memcpy(message.payload.data(), pld, hdr->pld_len);
     std::unique_lock guard(lock);
-    if (fake::send_result == -1) {
-        if (hdr->msg_type == 1)
-            kept_headers.push_back(const_cast<msg_hdr *>(hdr));
-        return -1;
-    }
     messages.push_back(message);
     const auto action = send_action;
     guard.unlock();
@@ -199,28 +159,21 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
 
 int db_read_gps_power_on_status(int32_t *status) {
     const std::lock_guard guard(lock);
-    if (!stored.fail)
-        *status = stored.power_on_status;
-    return stored.fail ? 1 : 0;
+    *status = fake::database().power_on_status;
+    return 0;
 }
 
 int db_set_gps_power_on_status(int32_t status) {
     const std::lock_guard guard(lock);
-    stored.power_on_status = status;
-    ++stored.power_on_writes;
-    return 0;
-}
-
-int db_read_ta_power_on_status(int32_t *status) {
-    *status = 0;
+    fake::database().power_on_status = status;
+    ++fake::database().power_on_writes;
     return 0;
 }
 
 int db_read_location_history_settings(location_history_settings *settings) {
     const std::lock_guard guard(lock);
-    if (!stored.fail)
-        *settings = stored.history;
-    return stored.fail ? 1 : 0;
+    *settings = fake::database().history;
+    return 0;
 }
 
 // --- libzukhal
@@ -240,30 +193,24 @@ void zuk_log_tmplt(int level, const char *format, const char *, int line, ...) {
 
 int rtc_start_timer(uint32_t interval_s, int (*)(void *), int *) {
     const std::lock_guard guard(lock);
-    timer_intervals.push_back(interval_s);
-    return static_cast<int>(timer_intervals.size());
+    fake::timers.push_back(interval_s);
+    return static_cast<int>(fake::timers.size());
 }
 
 int rtc_del_timer(int timer_id) {
     const std::lock_guard guard(lock);
-    const auto index = static_cast<size_t>(timer_id) - 1;
-    if (fake::timer_deletion_fails || index >= timer_intervals.size())
-        return -1;
-    timer_intervals[index] = 0;
+    fake::timers.at(static_cast<size_t>(timer_id) - 1) = 0;
     return 0;
 }
 
 int pm_system_state_enable(int state_id) {
-    {
-        const std::lock_guard guard(lock);
-        ++(state_id == LS_SYSTEM_STATE_ID ? vote_count.enabled : vote_count.other);
-    }
-    changed.notify_all();
+    const std::lock_guard guard(lock);
+    vote_count.enabled += state_id == LS_SYSTEM_STATE_ID;
     return 1;
 }
 
 int pm_system_state_disable(int state_id) {
     const std::lock_guard guard(lock);
-    ++(state_id == LS_SYSTEM_STATE_ID ? vote_count.disabled : vote_count.other);
+    vote_count.disabled += state_id == LS_SYSTEM_STATE_ID;
     return 1;
 }

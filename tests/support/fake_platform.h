@@ -7,7 +7,6 @@
 #include "mqutils.h"
 #include "zukhal.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -34,8 +33,7 @@ struct sent_message {
     }
 };
 
-// Everything back to its default and forgotten, the daemon's process-wide state included. Headers
-// of failed sends, which the daemon deliberately keeps, are freed here.
+// Everything back to its default and forgotten, the daemon's process-wide state included.
 void reset();
 
 // Forgets the log alone.
@@ -43,40 +41,45 @@ void reset_log();
 // Log lines of a level (3 error, 4 warning...) that contain `part`.
 size_t count_logged(int level, std::string_view part);
 
-std::vector<sent_message> sent();
 // Waits until at least n messages were sent, 5 s at most; what was sent then.
 std::vector<sent_message> wait_for_sent(size_t n);
-// What send_msg returns from now on, and what it does besides (on the sender's thread).
-inline std::atomic<int> send_result = 0;
+inline std::vector<sent_message> sent() {
+    return wait_for_sent(0);
+}
+// What a send does from now on, on the sender's thread.
 void on_send(std::function<void(const sent_message &)> action);
 
-// Votes given and taken with the daemon's state id; any other id is counted in `other`.
+// Votes given and taken with the daemon's state id.
 struct votes {
-    int disabled, enabled, other;
+    int disabled, enabled;
     bool operator==(const votes &) const = default;
 };
 votes system_state_votes();
-// Waits until as many votes were given back as taken, 5 s at most, and the workers are done.
+// Waits for the workers; whether as many votes were given back as taken, and any at all.
 bool wait_for_votes_returned();
 
-// Settings database. Any write is recorded as the stored value; -1 = reads fail.
+// Settings database, under the fake's lock. Any write is recorded as the stored value.
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
     location_history_settings history = {};
-    bool fail = false;
 };
-settings &database();
+inline settings &database() {
+    static settings stored;
+    return stored;
+}
 
 // Platform timers: handles count from 1. Their intervals by handle - 1, 0 for one that was deleted.
-std::vector<uint32_t> timers();
-inline std::atomic<bool> timer_deletion_fails = false;
+inline std::vector<uint32_t> timers;
 
-// A message as the bus would deliver it; the payload must outlive it.
-bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload, uint32_t txn_id = 77);
-scm_conn *connection();
+// A message with transaction id 77 as the bus would deliver it; the payload must outlive it.
+bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload);
+inline scm_conn *connection() {
+    static scm_conn conn;
+    return &conn;
+}
 // Delivers a message as the bus would, and takes the payload's bytes back. The daemon's result.
-int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload = {}, uint32_t txn_id = 77);
+int deliver(uint8_t type, uint32_t id, uint8_t from, bytes payload = {});
 // The TA's answer to a 1416, said to have `cmd_len` bytes.
 void deliver_ta_answer(std::string_view answer, uint32_t cmd_len);
 

@@ -3,15 +3,30 @@
 #ifndef LINE_PEER_H
 #define LINE_PEER_H
 
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <mutex>
+#include <poll.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 // Wraps a body into a sentence with its checksum and line end, by its own arithmetic.
-std::string nmea(const std::string &body);
+inline std::string nmea(const std::string &body) {
+    unsigned sum = 0;
+    for (const char c : body)
+        sum ^= static_cast<unsigned char>(c);
+    std::array<char, 8> tail = {};
+    snprintf(tail.data(), tail.size(), "*%02X\r\n", sum);
+    return "$" + body + tail.data();
+}
 
+// Cannot be copied: it has a lock.
 class line_peer {
   public:
     // Given each command as it arrives (a whole sentence, or the bytes of one read), returns what
@@ -19,23 +34,58 @@ class line_peer {
     using responder = std::function<std::string(const std::string &command)>;
 
     // Opens the pty and links it to dev/ttymxc2 in the working directory.
-    explicit line_peer(responder answer);
-    ~line_peer();
-    line_peer(const line_peer &) = delete;
-    line_peer &operator=(const line_peer &) = delete;
+    explicit line_peer(responder answer_with) : answer(std::move(answer_with)) {
+        if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
+            std::abort();
+        std::filesystem::create_directories("dev");
+        std::filesystem::remove("dev/ttymxc2");
+        std::filesystem::create_symlink(ptsname(master), "dev/ttymxc2");
+        thread = std::jthread([this](const std::stop_token &stop) { serve(stop); });
+    }
+    ~line_peer() {
+        thread.request_stop();
+        thread.join();
+        close(master);
+    }
 
-    // For the responder: closes the pty behind this command. The daemon's reads and writes fail
-    // then.
-    void hang_up() { hung_up = true; }
-    void send(const std::string &bytes) const;
-    std::vector<std::string> commands();
+    void send(const std::string &bytes) const {
+        if (::write(master, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+            std::abort();
+    }
+    std::vector<std::string> commands() {
+        const std::lock_guard guard(lock);
+        return received;
+    }
 
   private:
-    void serve(const std::stop_token &stop);
+    void serve(const std::stop_token &stop) {
+        std::string pending;
+        while (!stop.stop_requested()) {
+            pollfd line = {master, POLLIN, 0};
+            poll(&line, 1, 10);
+            if ((line.revents & POLLIN) == 0) {
+                usleep(1000); // nobody has the other end open
+                continue;
+            }
+            std::array<char, 1024> bytes;
+            const ssize_t count = ::read(master, bytes.data(), bytes.size());
+            pending.append(bytes.data(), count > 0 ? static_cast<size_t>(count) : 0);
+            while (!pending.empty()) {
+                const size_t end = pending[0] == '$' ? pending.find('\n') : pending.size() - 1;
+                if (end == std::string::npos)
+                    break;
+                const std::string command = pending.substr(0, end + 1);
+                pending.erase(0, end + 1);
+                std::unique_lock guard(lock);
+                received.push_back(command);
+                guard.unlock();
+                send(answer ? answer(command) : "");
+            }
+        }
+    }
 
     responder answer;
-    bool hung_up = false; // the serving thread's
-    int master = -1;
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     std::mutex lock;
     std::vector<std::string> received; // under lock
     std::jthread thread;

@@ -37,7 +37,6 @@ struct counters {
     std::atomic<uint32_t> returned; // number of the last line whose write returned success
     std::atomic<uint32_t> failed;   // writes that returned failure
 };
-static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 counters *shared = nullptr;
 std::set<uint32_t> unsure; // lines whose write had not returned when the writer was killed
@@ -99,8 +98,6 @@ void run_writer(std::chrono::microseconds pause) {
     std::this_thread::sleep_for(pause);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    if (shared->returned == before)
-        fault("the writer wrote nothing");
 }
 
 // A file with this header, and the header of a file.
@@ -136,7 +133,6 @@ void check(uint32_t round) {
         unsure.insert(begun);
     std::istringstream text(scratch_dir::read(LS_PATH_HISTORY_EXPORT));
     uint32_t previous = 0;
-    size_t whole = 0;
     size_t count = 0;
     bool begun_seen = false;
     for (std::string line; std::getline(text, line); ++count) {
@@ -148,12 +144,12 @@ void check(uint32_t round) {
                 fault(at + "line " + std::to_string(count) + " is not whole: " + line);
             continue;
         }
-        ++whole;
         if (number == begun && begun != returned) {
             begun_seen = true; // in its place, or over the oldest
             continue;
         }
-        for (uint32_t lost = previous + 1; previous != 0 && lost < number; ++lost) {
+        const bool complete = !wrapped && !begun_seen; // from line 1 on
+        for (uint32_t lost = previous + 1; (previous != 0 || complete) && lost < number; ++lost) {
             if (!unsure.contains(lost))
                 fault(at + "line " + std::to_string(lost) + " is lost");
         }
@@ -165,8 +161,6 @@ void check(uint32_t round) {
         fault(at + "the last line is " + std::to_string(previous) + ", " +
               std::to_string(returned) + " had returned");
     }
-    if (!wrapped && whole + unsure.size() < returned)
-        fault(at + std::to_string(whole) + " lines of " + std::to_string(returned));
 }
 
 // Lines up to a kibibyte before the end of the file: the next few wrap.
@@ -225,10 +219,8 @@ int main(int argc, char **argv) {
     std::filesystem::create_directories("user/location");
     void *const memory =
         mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        std::perror("mmap");
-        return 1;
-    }
+    if (memory == MAP_FAILED)
+        std::abort();
     shared = static_cast<counters *>(memory);
     fake::reset();
     check_staged();

@@ -103,21 +103,21 @@ bool handles_signals(pid_t pid) {
            (std::stoull(status.substr(at + 7), nullptr, 16) >> (witness - 1) & 1) != 0;
 }
 
-terminal::terminal(const words &options, bool until_up, bool stand_ins)
-    : root(std::filesystem::current_path() / "t"), has_stand_ins(stand_ins) {
+terminal::terminal(const words &options, bool stand_ins)
+    : root(std::filesystem::current_path() / "t") {
     setenv("MQUTILS_DIR", (root / "bus").c_str(), 1);
-    start(options, until_up);
-}
-
-void terminal::start(const words &options, bool until_up) {
     words command = {SIMTERM_PROGRAM, "run",    root.string(), "--daemon",
                      DAEMON_PROGRAM,  "--baud", "0",           "--instant-fix"};
-    if (!has_stand_ins)
+    if (!stand_ins)
         command.emplace_back("--no-services");
     command.insert(command.end(), options.begin(), options.end());
     simterm.emplace(command);
-    const auto ready = [&] { return until_up ? handles_signals(daemon()) : daemon() > 0; };
-    if (!wait_until([&] { return ready() || simterm->err().find("simterm:") == 0; }) || !ready())
+    wait_until_up();
+}
+
+void terminal::wait_until_up() {
+    const auto up = [&] { return handles_signals(daemon()); };
+    if (!wait_until([&] { return up() || simterm->err().find("simterm:") == 0; }) || !up())
         ADD_FAILURE() << "the daemon is not up\n" << simterm->out() << simterm->err();
 }
 
@@ -173,9 +173,9 @@ int terminal::stop() {
     return ended.status;
 }
 
-void terminal::restart(const words &options) {
-    EXPECT_EQ(stop(), 0);
-    start(options, true);
+void terminal::restart_daemon() {
+    ctl({"restart-daemon"});
+    wait_until_up();
 }
 
 bus_client::bus_client(uint8_t serv_id) {

@@ -19,7 +19,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -69,10 +68,9 @@ process_result lsctl(words arguments); // on the bus of the terminal that was br
 class terminal {
   public:
     // `options`: of simterm run, besides a line that takes no time. Returns when the daemon has its
-    // signal handlers, or for `until_up` false when it has been started. A second terminal in the
-    // same directory would be refused: use restart. The test owns the ids of TA, SAL, VoIP and WS,
-    // unless it wants the terminal's stand-ins for them.
-    explicit terminal(const words &options = {}, bool until_up = true, bool stand_ins = false);
+    // signal handlers. The test owns the ids of TA, SAL, VoIP and WS, unless it wants the
+    // terminal's stand-ins for them.
+    explicit terminal(const words &options = {}, bool stand_ins = false);
     ~terminal(); // shows the end of the logs when the test has failed
     terminal(const terminal &) = delete;
     terminal &operator=(const terminal &) = delete;
@@ -89,15 +87,13 @@ class terminal {
     void write_static_location(bool on, const std::string &place = "7007.939,N,01131.000,E") const;
     // SIGTERM to the daemon by way of the terminal; its exit status: 0 when all ended in order.
     int stop();
-    // Stops all and starts it again in the same directory with `options`.
-    void restart(const words &options);
+    void restart_daemon(); // returns when the new one is up
 
   private:
-    void start(const words &options, bool until_up);
+    void wait_until_up();
 
     scratch_dir scratch;
     std::filesystem::path root;
-    bool has_stand_ins;
     std::optional<background> simterm;
 };
 

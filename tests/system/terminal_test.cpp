@@ -1,23 +1,17 @@
-// The terminal as its users see it: lsctl and its exit statuses, start and end of the daemon, the
-// files it reads, and power.
+// The terminal as its users see it: lsctl and its exit statuses, start and end of the daemon, power
+// and periodic updates.
 #include "system_fixture.h"
 
+#include <algorithm>
+#include <array>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace {
 
-// One second with a fix, one without; the terminal plays it again and again.
-constexpr char recording[] =
-    "$GPRMC,120000.00,A,4812.50940,N,01622.32480,E,0.019,54.70,140524,,,A*58\r\n"
-    "$GPGGA,120000.00,4812.50940,N,01622.32480,E,1,05,1.20,171.0,M,42.0,M,,*55\r\n"
-    "$GPGSA,A,3,05,13,15,18,23,,,,,,,,2.00,1.20,1.60*0F\r\n"
-    "$GPGSV,2,1,06,05,40,083,46,13,22,310,38,15,67,192,44,18,15,041,31*7A\r\n"
-    "$GPGSV,2,2,06,23,51,268,42,29,05,120,*7D\r\n"
-    "$GPRMC,120003.00,V,,,,,,,140524,,,N*7B\r\n"
-    "$GPGGA,120003.00,,,,,0,00,99.99,,,,,,*66\r\n"
-    "$GPGSA,A,1,,,,,,,,,,,,,99.99,99.99,99.99*30\r\n"
-    "$GPGSV,1,1,01,05,40,083,21*41\r\n";
+long line_count(const std::string &text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
 
 bool has(const std::string &text, std::string_view part) {
     return text.find(part) != std::string::npos;
@@ -33,39 +27,7 @@ void comes(const words &arguments, int status, const std::string &text) {
         << last.status << " " << last.out << last.err;
 }
 
-// Starts the daemon without a terminal around it, in directory `where` with its own bus, settings
-// and log; it must give up and say so.
-void expect_refused_start(const std::string &where, const char *reason) {
-    std::filesystem::create_directories(where + "/user");
-    const std::string root = std::filesystem::absolute(where);
-    scratch_dir::write(where + "/terminal.conf",
-                       "[board]\ntype=1\n[log]\ntarget=stderr\nlevel=info\n");
-    setenv("DBHANDLER_FILE", (root + "/user/settings.db").c_str(), 1);
-    setenv("ZUKHAL_CONF", (root + "/terminal.conf").c_str(), 1);
-    const process_result ended = background({DAEMON_PROGRAM}, where).wait();
-    EXPECT_EQ(ended.status, 255);
-    EXPECT_TRUE(has(ended.err, reason)) << ended.err;
-}
-
 } // namespace
-
-TEST(lsctl_answers, from_a_recording_with_and_without_a_fix) {
-    const scratch_dir recordings;
-    scratch_dir::write("walk.nmea", recording);
-    const terminal term({"--replay", recordings.path() / "walk.nmea"});
-    comes({"position"}, 0,
-          "Time        2024-05-14T12:00:00Z\n"
-          "Fix         3D, 5 satellites used\n"
-          "Latitude    48.208490 deg N    (48 deg 12.5094' N)\n"
-          "Longitude   16.372080 deg E    (16 deg 22.3248' E)\n"
-          "Altitude    171.0 m above mean sea level\n"
-          "Accuracy    3.0 m horizontal, 4.0 m vertical\n");
-    comes({"position"}, 1,
-          "lsctl: the location service answered that the request failed (the receiver may have no "
-          "fix yet)\n");
-    comes({"time", "--json"}, 0,
-          "{\"time_utc\":\"2024-05-14T12:00:00Z\",\"time_of_week_s\":216000}\n");
-}
 
 TEST(lsctl_answers, from_a_place_in_the_south_west) {
     const terminal term({"--place", "-33.85678,-70.5,12.5"});
@@ -91,14 +53,6 @@ TEST(lsctl_exit, gate_closed_until_the_static_location_opens_it) {
     comes({"position"}, 1, "refuses all requests");
 }
 
-TEST(lsctl_exit, nobody_there) {
-    const scratch_dir scratch;
-    setenv("MQUTILS_DIR", scratch.path().c_str(), 1);
-    comes({"position"}, 3, "lsctl: the location service is not running\n");
-    setenv("MQUTILS_DIR", (scratch.path() / "missing").c_str(), 1);
-    comes({"position"}, 3, "lsctl: the bus directory does not exist");
-}
-
 TEST(lsctl_exit, receiver_off_is_said_long_before_the_timeout) {
     const terminal term({"--power-status", "0"});
     const auto before = std::chrono::steady_clock::now();
@@ -114,35 +68,16 @@ TEST(daemon_end, each_signal_ends_it_in_order) {
     }
 }
 
-TEST(daemon_end, sigterm_during_a_slow_start_kills_it) {
-    terminal term({"--fault", "silent"}, false);
-    EXPECT_TRUE(wait_until([&] { return has(term.log(), "Configure the measurement rate"); }));
-    EXPECT_FALSE(handles_signals(term.daemon()));
-    kill(term.daemon(), SIGTERM);
-    EXPECT_EQ(term.daemon_end(), "signal 15 (Terminated)");
-}
-
-TEST(daemon_end, without_a_serial_device_the_start_fails) {
-    const scratch_dir scratch;
-    std::filesystem::create_directory("bus");
-    setenv("MQUTILS_DIR", (scratch.path() / "bus").c_str(), 1);
-    expect_refused_start("bare", "GPS uart initialization failed");
-}
-
 TEST(daemon_end, a_second_daemon_on_the_bus_gives_up_and_disturbs_nothing) {
     const terminal term;
-    expect_refused_start("second", "Scm registration failed");
+    std::filesystem::create_directories("second/user");
+    scratch_dir::write("conf", "[board]\ntype=1\n[log]\ntarget=stderr\n");
+    setenv("ZUKHAL_CONF", std::filesystem::absolute("conf").c_str(), 1);
+    setenv("DBHANDLER_FILE", std::filesystem::absolute("second/user/settings.db").c_str(), 1);
+    const process_result second = background({DAEMON_PROGRAM}, "second").wait();
+    EXPECT_EQ(second.status, 255);
+    EXPECT_TRUE(has(second.err, "Scm registration failed")) << second.err;
     EXPECT_EQ(lsctl({"position"}).status, 0);
-}
-
-TEST(files, control_parameters_are_completed_and_obeyed) {
-    terminal term;
-    scratch_dir::write(term.dir() / "user/gps_control_prm.txt", "GPS_GET_POS_BUFFER_TIME 2.5\n");
-    term.restart({});
-    EXPECT_EQ(term.file("user/gps_control_prm.txt"), "GPS_GET_POS_BUFFER_TIME 2.5\n"
-                                                     "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 15\n"
-                                                     "LOCATION_HISTORY_BOOT_TIME_OFFSET 120.0\n");
-    EXPECT_TRUE(has(term.log(), "gps_get_pos buffer time = 2.500000"));
 }
 
 TEST(power, a_change_by_voip_reaches_the_lines_the_settings_and_voip) {
@@ -160,8 +95,40 @@ TEST(power, a_change_by_voip_reaches_the_lines_the_settings_and_voip) {
         for (const char *gpio : {"gpio102", "gpio37"})
             EXPECT_EQ(term.file("sys/class/gpio/" + std::string(gpio) + "/value").at(0), line);
         // The next daemon comes up as this one was left, and says so to VoIP.
-        term.restart({});
+        term.restart_daemon();
         EXPECT_EQ(lsctl({"power"}).out, shown);
         EXPECT_EQ(record_in<uint32_t>(voip.take(LS_NOTIFY_POWER_MODE)), mode);
     }
+}
+
+TEST(watch, a_fourth_is_refused_until_an_interrupted_one_has_gone) {
+    terminal term;
+    std::array<bus_client, 2> raw = {bus_client(40), bus_client(41)};
+    const ls_register_periodic_req_pld_s wanted = {1000, 4};
+    for (bus_client &client : raw) {
+        const auto reply = client.ask(LS_REQUEST_REGISTER_PERIODIC_UPDATE, payload_of(wanted));
+        EXPECT_EQ(record_in<ls_periodic_reply>(reply).result, 1U);
+    }
+    background third({LSCTL_PROGRAM, "watch", "-i", "4"});
+    ASSERT_TRUE(wait_until([&] { return line_count(third.out()) == 1; })) << third.err();
+    const process_result fourth = lsctl({"watch", "-n", "1"});
+    EXPECT_EQ(fourth.status, 1);
+    EXPECT_EQ(fourth.err, "lsctl: the registration was refused: three other services are "
+                          "registered already\n");
+    third.signal(SIGINT);
+    EXPECT_EQ(third.wait().status, 0);
+    EXPECT_EQ(lsctl({"watch", "-n", "1"}).status, 0);
+    EXPECT_EQ(term.stop(), 0);
+}
+
+TEST(watch, goes_on_with_a_restarted_daemon) {
+    terminal term;
+    background watched({LSCTL_PROGRAM, "watch", "-n", "3", "-i", "4", "--reconnect"});
+    ASSERT_TRUE(wait_until([&] { return line_count(watched.out()) == 1; })) << watched.err();
+    term.ctl({"restart-daemon"});
+    const process_result ended = watched.wait(2 * PATIENCE);
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(line_count(ended.out), 3) << ended.out;
+    EXPECT_NE(ended.err.find("lsctl: registered again\n"), std::string::npos) << ended.err;
+    EXPECT_EQ(term.stop(), 0);
 }

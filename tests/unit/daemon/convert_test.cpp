@@ -14,8 +14,7 @@ TEST(convert, string_to_number) {
     } rows[] = {
         {"123318", 2, 3, 0, 33}, {"123318", 4, 5, 0, 18},
         {"123318", 4, 6, 0, 18}, // end at the terminator is allowed
-        {"123318", 4, 7, 1, -7}, {"12", 0, 2, 0, 12},
-        {"-12", 0, 2, 1, -7},    {"+12", 0, 2, 1, -7},
+        {"123318", 4, 7, 1, -7}, {"-12", 0, 2, 1, -7},
         {"12a", 0, 2, 1, -7},    {"", 0, 0, 1, -7},
         {nullptr, 0, 0, 1, -7},
     };
@@ -31,11 +30,8 @@ TEST(convert, string_to_dec_frac_checks_nothing) {
         const char *text;
         uint32_t dec, frac, zeros;
     } rows[] = {
-        {"0.0", 0, 0, 1},          {"12", 12, 0, 0},
-        {"12.0034", 12, 34, 2},    {"1.2.3", 1, 2743, 0},
-        {"1.05", 1, 5, 1},         {"1.5", 1, 5, 0},
-        {"7.", 7, 0, 0},           {"7.0900", 7, 900, 1},
-        {"a", 'a' - '0', 0, 0},    {"-1", 253 * 10 + 1, 0, 0}, // '-' minus '0' modulo 256
+        {"12", 12, 0, 0},          {"12.0034", 12, 34, 2},     {"1.2.3", 1, 2743, 0},
+        {"7.", 7, 0, 0},           {"-1", 253 * 10 + 1, 0, 0}, // '-' minus '0' modulo 256
         {"\xFF.\x80", 207, 80, 0},
     };
     uint32_t dec = 0;
@@ -50,18 +46,14 @@ TEST(convert, string_to_dec_frac_checks_nothing) {
     gps_str_to_dec_frac_longitude("1.001", &dec, &frac); // counts for itself
     EXPECT_EQ(gps_longitude_leading_zeros(), 2u);
     EXPECT_EQ(gps_latitude_leading_zeros(), 0u);
-    EXPECT_EQ(gps_str_to_dec_frac_longitude(nullptr, &dec, &frac), 1u);
-    EXPECT_EQ(gps_longitude_leading_zeros(), 0u); // reset before the check
 }
 
 TEST(convert, ddmm_to_degrees) {
     const struct {
         double value, degrees;
     } rows[] = {
-        {0, 0},
         {1131.000, 11.0 + 31.0 / 60},
         {7007.939, 70.0 + 7.939 / 60},
-        {-1130.0, -11.5},
         // A hostile field may not overflow the degrees; the number is then far outside the Earth.
         {1e30, 2147483647.0 + (1e30 - 214748364700.0) / 60},
     };
@@ -76,16 +68,7 @@ TEST(convert, leading_integer_saturates) {
     const struct {
         const char *text;
         int32_t value;
-    } rows[] = {
-        {"113851.00", 113851},
-        {" 7", 7},
-        {"-3x", -3},
-        {"x", 0},
-        {"2147483647", 2147483647},
-        {"2147483648", 2147483647},
-        {"-2147483649", -2147483648},
-        {"99999999999999999999", 2147483647},
-    };
+    } rows[] = {{"-3x", -3}, {"x", 0}, {"2147483648", 2147483647}, {"-2147483649", -2147483648}};
     for (const auto &r : rows)
         EXPECT_EQ(gps_leading_integer(r.text), r.value) << r.text;
 }

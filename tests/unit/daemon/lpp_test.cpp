@@ -29,12 +29,6 @@ TEST_F(lpp, ellipse) {
         uint32_t semi_major, semi_minor;
         int angle;
     } rows[] = {
-        {"the static samples",
-         {395944800, 395944800, 370007400},
-         {396001200, 335009000, 370007400},
-         2117015748,
-         370007400,
-         90},
         {"the same twice: divisions by zero give 0", {5, 6, 7}, {5, 6, 7}, 0, 7, 90},
         {"backwards in x", {10, 5, 40}, {0, 3, 20}, 10, 30, 5},
         {"a ratio of one: the largest length", {0, 0, -10}, {1, 1000, -10}, 500, 4294967295, 90},
@@ -71,34 +65,6 @@ TEST_F(lpp, record_from_the_receiver) {
     EXPECT_EQ(location.latitude_sign, 1u);
     EXPECT_EQ(location.degrees_latitude, 4407301u);
     EXPECT_EQ(location.degrees_longitude, 0x1000000u - 399169u);
-}
-
-TEST_F(lpp, each_failure_ends_it) {
-    answer("PUBX,00", "PUBX,00,081350.00");
-    EXPECT_EQ(gps_get_lpp_paramas(&location), 1);
-    EXPECT_EQ(errors("gps_get_lpp_paramas failed to get token"), 1u);
-    answer_raw("PUBX,00", "PUBX,00");
-    EXPECT_EQ(gps_get_lpp_paramas(&location), 1);
-    EXPECT_EQ(errors("gps_get_lpp_paramas, failed to extract nmea_msg"), 1u);
-    ls_hal_uart_close();
-    EXPECT_EQ(gps_get_lpp_paramas(&location), 1);
-}
-
-TEST_F(lpp, request_208_is_answered_by_request_19) {
-    static_location_on();
-    for (const uint8_t type : {uint8_t{2}, uint8_t{0}}) { // sent as a request it is served too
-        fake::reset_log();
-        EXPECT_EQ(fake::deliver(type, 208, 2, bytes(24, 0xEE)), 0);
-        const auto sent = fake::wait_for_sent(type == 2 ? 1 : 2);
-        EXPECT_TRUE(fake::wait_for_votes_returned());
-        ASSERT_EQ(sent.size(), type == 2 ? 1u : 2u);
-        // Confidence 70 %, altitude 2 m, 51.5 / 90 x 2^23, -0.125 / 360 x 2^24
-        const bytes literal = {0, 0, 0,  0, 0,    0,    0,    0, 0,    0,    0,    70,
-                               2, 0, 45, 0, 0x93, 0x3E, 0x49, 0, 0x3F, 0xE9, 0xFF, 0};
-        expect_message(sent.back(), 0, 19, 2, literal);
-        EXPECT_EQ(pending_req_count, 0);
-    }
-    EXPECT_TRUE(peer->commands().empty());
 }
 
 TEST_F(lpp, a_failing_request_208_is_tried_three_times_and_stays_counted) {

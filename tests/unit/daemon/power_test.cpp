@@ -1,6 +1,5 @@
 // Power lines, power modes by service, and the requests that read and set the mode.
 #include "daemon_fixture.h"
-#include "gps_gpio.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 
@@ -14,22 +13,6 @@ class power : public daemon_fixture {
     }
     static auto set_mode(uint8_t from, uint8_t mode) { return serve(1002, from, {mode, 0, 0, 0}); }
 };
-
-TEST_F(power, gpio_files_get_bare_texts_and_failures_are_told) {
-    EXPECT_EQ(u_gpio_set_direction(37, 0), 0);
-    EXPECT_EQ(u_gpio_set_direction(37, 2), -1);
-    EXPECT_EQ(u_gpio_set_value(37, 0), 0);
-    EXPECT_EQ(u_gpio_set_value(37, -1), -1);
-    EXPECT_EQ(gpio("gpio37/direction"), "in");
-    EXPECT_EQ(gpio("gpio37/value"), "0");
-    std::filesystem::remove_all("sys");
-    EXPECT_EQ(u_gpio_check_file(102), 0);
-    EXPECT_EQ(u_gpio_export(102), -1);
-    EXPECT_EQ(u_gpio_unexport(102), -1);
-    EXPECT_EQ(u_gpio_set_direction(102, 1), -1);
-    EXPECT_EQ(u_gpio_set_value(102, 1), -1);
-    EXPECT_EQ(errors(""), 7u);
-}
 
 TEST_F(power, modes_by_service_and_state) {
     const struct {
@@ -47,15 +30,12 @@ TEST_F(power, modes_by_service_and_state) {
         {"on by a stranger, status off", 2, 5, 0, 0, 1, 0, 0, ""},
         {"on by VoIP, status off", 2, 3, 0, 0, 0, 2, 1, "1"},
         {"on by WS, status off", 2, 6, 0, 1, 0, 2, 1, "1"},
-        {"on by client 9, status off", 2, 9, 0, 0, 0, 2, 1, "1"},
         {"on by itself is not stored", 2, 8, 0, 0, 0, 2, 0, "1"},
         {"off", 0, 5, 0, 2, 0, 0, 1, "0"},
-        {"other off", 1, 5, 0, 2, 0, 1, 1, "0"},
         {"off by itself is not stored", 0, 8, 0, 2, 0, 0, 0, "0"},
         {"off when off", 0, 5, 0, 0, 1, 0, 0, ""},
         {"off while the status says on", 0, 5, 2, 2, 1, 2, 0, ""},
         {"invalid", 3, 3, 2, 0, 1, 0, 0, ""},
-        {"negative", 0xFFFFFFFF, 3, 2, 2, 1, 2, 0, ""},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
@@ -68,7 +48,6 @@ TEST_F(power, modes_by_service_and_state) {
         EXPECT_EQ(fake::database().power_on_status, r.writes ? static_cast<int32_t>(r.mode) : 2);
         EXPECT_EQ(gpio("gpio102/value"), r.lines);
         EXPECT_EQ(gpio("gpio37/value"), r.lines);
-        EXPECT_EQ(errors("Invalid power mode value\n"), r.mode > 2 ? 1u : 0u);
     }
     SetUp();
     gps_board_type_g = 2; // has no lines to drive
@@ -103,7 +82,6 @@ TEST_F(power, a_refused_mode_leaves_the_reply_zero) {
         ASSERT_EQ(sent.size(), 1u);
         EXPECT_EQ(sent[0].payload, bytes(8));
     }
-    EXPECT_EQ(errors("ls_hal_set_power_mode: failed to set power mode\n"), 2u);
     EXPECT_EQ(mt_gps_status, 2);
     EXPECT_EQ(gps_current_power_mode_g, 2u);
 }
@@ -118,17 +96,6 @@ TEST_F(power, a_mode_change_is_announced_to_sal_while_the_modem_is_up) {
         }
     }
     EXPECT_EQ(announced, (std::vector<bytes>{{1, 0}, {0, 0}}));
-}
-
-TEST_F(power, client_9_wakes_the_receiver_before_its_request) {
-    mt_gps_status = 0;
-    gps_current_power_mode_g = 0;
-    gps_board_type_g = 3; // the query then fails at once
-    antenna_type = 4;
-    for (const uint32_t id : {1001u, 1003u}) {
-        EXPECT_EQ(serve(id, 9).size(), 1u) << id;
-        EXPECT_EQ(gps_current_power_mode_g, id == 1001 ? 0u : 2u) << id;
-    }
 }
 
 // A reply to VoIP, or request 19 to whoever: the last one puts a woken receiver back to sleep.

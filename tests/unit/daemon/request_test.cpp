@@ -1,6 +1,5 @@
 // The receiver exchange: the serial path, and the hand-off with the TA's answers.
 #include "daemon_fixture.h"
-#include "gps_message_handler.h"
 #include "gps_service.h"
 
 #include <array>
@@ -27,7 +26,6 @@ class request : public daemon_fixture {
 
 TEST_F(request, commands_go_out_whole_and_an_answer_is_one_bounded_read) {
     EXPECT_EQ(exchange(), 1);
-    EXPECT_EQ(errors("ERROR: tty write failed \n"), 1u);
     line_peer peer([](const std::string &) { return std::string(300, 'A'); });
     ASSERT_EQ(ls_hal_uart_init(), 0);
     const std::string poll = "\xB5\x62\x06\x08\x00\x00\x0E\x30"s;
@@ -40,36 +38,19 @@ TEST_F(request, commands_go_out_whole_and_an_answer_is_one_bounded_read) {
     }
     EXPECT_EQ(exchange("\xB5\x62\x06\x08\xC1\x00"s), 1); // would not fit its buffer: not sent
     EXPECT_EQ(peer.commands(), (std::vector<std::string>{"$z*7A\r\n", poll, longest}));
-    gps_board_type_g = 3; // no way to a receiver
-    EXPECT_EQ(exchange(), 1);
-    EXPECT_EQ(peer.commands().size(), 3u);
 }
 
-TEST_F(request, ta_request_carries_the_command) {
+TEST_F(request, a_ta_request_needs_the_antenna) {
     on_board_2("$answer", 7);
     EXPECT_EQ(exchange("$GPGPQ,GGA*3C\r\n"), 0);
     EXPECT_EQ(len, 7u);
     EXPECT_STREQ(resp.data(), "$answer");
-    len = 8;
-    EXPECT_EQ(exchange("\xB5\x62\x01\x01\x00\x00\x02\x07"s), 0);
     const auto sent = fake::sent();
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].hdr.msg_type, 0);
-    EXPECT_EQ(sent[0].hdr.msg_id, 1416u);
+    ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].hdr.dst_serv_id, 12);
-    ASSERT_EQ(sent[0].payload.size(), 412u);
-    EXPECT_EQ(sent[0].payload[404], 15);
-    EXPECT_STREQ(reinterpret_cast<const char *>(sent[0].payload.data() + 1), "$GPGPQ,GGA*3C\r\n");
-    EXPECT_EQ(sent[1].payload[404], 8);
-    EXPECT_EQ(memcmp(sent[1].payload.data() + 1, "\xB5\x62\x01\x01\x00\x00\x02\x07", 9), 0);
-
     antenna_type = 3;
     EXPECT_EQ(exchange(), 1);
-    EXPECT_EQ(fake::sent().size(), 2u);
-    antenna_type = 4;
-    fake::send_result = -1;
-    EXPECT_EQ(exchange(), 1);
-    EXPECT_EQ(errors("Error while sending message to service"), 1u);
+    EXPECT_EQ(fake::sent().size(), 1u);
 }
 
 TEST_F(request, ta_answers_over_200_bytes_are_corrupt) {
@@ -81,16 +62,6 @@ TEST_F(request, ta_answers_over_200_bytes_are_corrupt) {
         EXPECT_EQ(len, cmd_len);
         EXPECT_EQ(resp[2], cmd_len == 200 ? 'A' : 'x');
     }
-    EXPECT_EQ(errors("gps_get_data_req: rffe module returned corrupt pointer: "
-                     "gps_data_req_pld.cmd_len = 201"),
-              1u);
-}
-
-TEST_F(request, a_short_ta_answer_is_completed_with_zeros) {
-    on_board_2("", 0);
-    fake::on_send([](const fake::sent_message &) { fake::deliver(1, 1416, 12, bytes(210, 'A')); });
-    EXPECT_EQ(exchange(), 0);
-    EXPECT_EQ(len, 0u);
 }
 
 // The late answer clears the flag without waking anybody; the one after it counts again.
@@ -102,7 +73,6 @@ TEST_F(request, a_late_or_stray_ta_answer_does_not_answer_the_next_request) {
     fake::on_send(nullptr);
     rffe_req_sem_wait_time = 0;
     EXPECT_EQ(exchange(), 1);
-    EXPECT_EQ(errors("semaphore timed out, did not receive GPS data from TA\n"), 1u);
     EXPECT_EQ(ta_req_timed_out_g, 1);
     fake::deliver_ta_answer("$late", 5);
     EXPECT_EQ(ta_req_timed_out_g, 0);

@@ -2,8 +2,6 @@
 #include "daemon_fixture.h"
 #include "gps_main.h"
 
-#include <csignal>
-
 namespace {
 
 constexpr char path[] = "user/stub_location/stub_loc.gps";
@@ -27,7 +25,6 @@ TEST_F(static_location, the_first_21_bytes_switch_it) {
         {"one byte too far", "123456789012345678= ON" + place, 0, off},
         {"off", "stub_location   = OFF" + place, 0, off},
         {"behind a NUL", "stub\0location  = ON\n\n"s + place, 1, place},
-        {"empty", "", 0, off},
         {"text cut", "stub_location   = ON\n5130", 1, "5130" + std::string(19, '\0')},
         {"short", "= ON", 1, off},
     };
@@ -43,16 +40,6 @@ TEST_F(static_location, the_first_21_bytes_switch_it) {
     EXPECT_EQ(ls_read_stub_location(), -1);
     EXPECT_EQ(stub_location_on_g, 1);
     EXPECT_EQ(location_text(), off);
-    EXPECT_EQ(errors("./user/stub_location/stub_loc.gps file open failed\n"), 1u);
-}
-
-// That every modification raises the signal is seen on the running daemon.
-TEST_F(static_location, a_watch_that_cannot_be_is_told) {
-    EXPECT_EQ(ls_watch_stub_location_dir(SIGRTMIN + 1), -1);
-    EXPECT_EQ(errors("./user/stub_location/ directory open failed \n"), 1u);
-    std::filesystem::create_directories("user/stub_location");
-    EXPECT_EQ(ls_watch_stub_location_dir(10000), -1);
-    EXPECT_EQ(errors("Assign alternate signal failed\n"), 1u);
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // The serial transport on a pty: configuration, read, time-out, line failure.
 #include "daemon_fixture.h"
-#include "ls_messages.h"
 
 #include <array>
 #include <fcntl.h>
@@ -9,14 +8,6 @@
 namespace {
 
 using uart = daemon_fixture;
-
-TEST_F(uart, a_device_that_is_missing_or_no_terminal_fails_the_start) {
-    EXPECT_EQ(ls_hal_uart_init(), -1);
-    EXPECT_EQ(errors("Unable to open /dev/ttymxc2\n"), 1u);
-    scratch_dir::write("dev/ttymxc2", "");
-    EXPECT_EQ(ls_hal_uart_init(), -1);
-    EXPECT_EQ(errors("Tty set attributes failed\n"), 1u);
-}
 
 TEST_F(uart, the_line_is_raw_at_9600_baud_and_gives_up_after_three_seconds) {
     const line_peer peer(nullptr);
@@ -41,7 +32,6 @@ TEST_F(uart, the_line_is_raw_at_9600_baud_and_gives_up_after_three_seconds) {
     const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - before;
     EXPECT_EQ(length, 0);
     EXPECT_NEAR(waited.count(), 3.0, 0.3);
-    EXPECT_EQ(errors("Read from tty device failed. Device Timeout..\n"), 1u);
 }
 
 TEST_F(uart, a_read_takes_what_is_there_up_to_what_is_wanted) {
@@ -58,29 +48,6 @@ TEST_F(uart, a_read_takes_what_is_there_up_to_what_is_wanted) {
     EXPECT_EQ(read(205), 100);
     peer.send("B");
     EXPECT_EQ(read(205), 1); // a single byte has no 2nd last
-}
-
-// Without a line every call fails at once, which is what a dead device looks like.
-TEST_F(uart, a_line_failure_raises_one_alarm_a_call) {
-    std::array<uint8_t, 8> buffer = {};
-    int32_t length = 8;
-    EXPECT_EQ(ls_hal_tty_write(buffer.data(), 8), 1);
-    EXPECT_EQ(ls_hal_tty_read(buffer.data(), &length), 1);
-    EXPECT_EQ(length, -1);
-    EXPECT_EQ(errors("Write to tty device failed\n"), 1u);
-    EXPECT_EQ(errors("Error while reading from tty device\n"), 1u);
-    const auto sent = fake::sent();
-    ASSERT_EQ(sent.size(), 2u);
-    for (const fake::sent_message &message : sent)
-        EXPECT_STREQ(message.as<ws_alarm_pld>().text, "GPS Communication (RX/TX) error");
-    fake::send_result = -1;
-    EXPECT_EQ(ls_hal_tty_write(buffer.data(), 8), 1);
-    EXPECT_EQ(errors("Error while sending WS_NOTIFY_ALARM_UPDATEnotification"), 1u);
-    gps_p_g = nullptr;
-    EXPECT_EQ(ls_hal_tty_write(buffer.data(), 8), -1);
-    EXPECT_EQ(ls_hal_tty_read(buffer.data(), &length), -1);
-    EXPECT_EQ(ls_hal_tty_write(nullptr, 1), 1);
-    EXPECT_EQ(ls_hal_tty_read(nullptr, &length), 1);
 }
 
 } // namespace

@@ -49,10 +49,7 @@ class wire : public daemon_fixture {
     }
 
     void deliver(const std::string &key, uint8_t from) {
-        bytes payload = sample(key);
-        bus_msg msg =
-            fake::make_message(type_of(key), static_cast<uint32_t>(std::stoul(key)), from, payload);
-        ls_hal_process_message(fake::connection(), &msg);
+        fake::deliver(type_of(key), static_cast<uint32_t>(std::stoul(key)), from, sample(key));
         while (ls_active_workers() != 0)
             std::this_thread::yield();
     }
@@ -66,19 +63,13 @@ class wire : public daemon_fixture {
                 return;
             const std::string command(reinterpret_cast<const char *>(sent.payload.data() + 1));
             const auto found = queries.find(command.substr(0, command.find('*')));
-            gps_data_req_pld pld = {};
-            if (found == queries.end()) {
-                const std::string key = command[0] == '$' ? "" : ", frame";
-                EXPECT_EQ(sent.payload, sample("1416 request" + key));
-                memcpy(&pld, sample("1416 response" + key).data(), sizeof(pld));
-            } else {
-                pld.cmd_len = static_cast<uint32_t>(
-                    found->second.copy(reinterpret_cast<char *>(pld.response), GPS_DATA_RSP_SIZE));
+            if (found != queries.end()) {
+                const auto length = static_cast<uint32_t>(found->second.size());
+                return fake::deliver_ta_answer(found->second, length);
             }
-            bytes answer(sizeof(pld));
-            memcpy(answer.data(), &pld, sizeof(pld));
-            bus_msg msg = fake::make_message(1, TA_REQUEST_GPS_DATA, LS_SERV_TA, answer);
-            ls_hal_process_message(fake::connection(), &msg);
+            const std::string key = command[0] == '$' ? "" : ", frame";
+            EXPECT_EQ(sent.payload, sample("1416 request" + key));
+            fake::deliver(1, TA_REQUEST_GPS_DATA, LS_SERV_TA, sample("1416 response" + key));
         });
     }
 
@@ -146,7 +137,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
         {"208 notification", 2, fixed, {"19 request"}},
         {"18 response", 2, nothing, {}, [] { return fake::count_logged(6, "from SAL") == 1; }},
         {"407 response", 0, nothing, {}, [] { return fake::count_logged(6, "from SCM") == 1; }},
-        {"808 notification", 6, history_on, {}, [] { return fake::timers().size() == 1; }},
+        {"808 notification", 6, history_on, {}, [] { return fake::timers.size() == 1; }},
         {"1418 notification", 12, nothing, {}, [] { return antenna_type == 4; }},
     };
     for (const row &r : rows) {

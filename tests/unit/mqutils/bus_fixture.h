@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -45,6 +46,7 @@ struct service : scm_conn {
             if (self.hook)
                 self.hook(self, *msg);
             const std::lock_guard guard(self.lock);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(msg->pld) % alignof(std::max_align_t), 0U);
             const char *bytes = msg->pld == nullptr ? "" : static_cast<const char *>(msg->pld);
             self.messages.push_back({msg->hdr, std::string(bytes, msg->hdr.pld_len)});
             self.arrived.notify_all();
@@ -73,18 +75,14 @@ class bus : public testing::Test {
     service self, peer; // 40 and 41 once started
 
     void SetUp() override {
-        use_directory(dir);
+        setenv("MQUTILS_DIR", dir.c_str(), 1);
+        ASSERT_EQ(chmod(dir.c_str(), 0777), 0); // other users take part in some tests
         setenv("MQUTILS_SEND_TIMEOUT_MS", "200", 1);
         setenv("MQUTILS_LOG", "stderr", 1);
     }
     void start() {
         ASSERT_EQ(self.init(40), 0);
         ASSERT_EQ(peer.init(41), 0);
-    }
-    static void use_directory(const std::string &path) {
-        setenv("MQUTILS_DIR", path.c_str(), 1);
-        // Other users take part in some tests.
-        ASSERT_EQ(chmod(path.c_str(), 0777), 0);
     }
     [[nodiscard]] std::string path_of(int id) const { return dir + "/" + std::to_string(id); }
 

