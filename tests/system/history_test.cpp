@@ -1,9 +1,11 @@
-// The location history as people use it: recorded on a terminal and exported; a disk that is full
-// meanwhile.
+// The location history as people use it: recorded on a terminal, exported, read by programs that
+// are not this project's own; a disk that is full or read-only meanwhile.
 #include "system_fixture.h"
 
+#include <array>
 #include <cerrno>
 #include <fstream>
+#include <map>
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -12,11 +14,37 @@
 
 namespace {
 
+// Five lines: two, a pause, two across the antimeridian, one without a place; and a cut one.
+constexpr char EXPORT[] = "+2.25m,08\n"
+                          "2019-02-05 10:51:05,2D,17.100000S,179.900000E,+2.25m,08\n"
+                          "2019-02-05 10:51:10,2D,17.110000S,179.950000E,+2.25m,08\n"
+                          "2019-02-05 11:51:05,2D,17.120000S,179.990000E,+2.25m,08\n"
+                          "2019-02-05 11:51:10,2D,17.130000S,179.990000W,+2.25m,12\n"
+                          "2019-02-05 11:51:15,ER,0.000000X,0.000000Y,+0.00m,00\n";
+
 size_t count(const std::string &in, const std::string &what) {
     size_t found = 0;
     for (size_t at = in.find(what); at != std::string::npos; at = in.find(what, at + 1))
         ++found;
     return found;
+}
+
+std::string exported_as(const std::string &format, const std::string &from) {
+    scratch_dir::write("export.txt", from);
+    std::string file = "out." + format;
+    const process_result done =
+        run({LSCTL_PROGRAM, "history", "--input", "export.txt", "--format", format, "-o", file});
+    EXPECT_EQ(done.status, 0) << done.err;
+    return file;
+}
+
+// What another reader makes of an export: a line for each point it holds.
+std::string read_by_gpsbabel(const std::string &format, const std::string &from) {
+    const process_result read =
+        run({GPSBABEL_PROGRAM, format == "geojson" ? "-r" : "-t", "-i", format, "-f",
+             exported_as(format, from), "-o", "csv", "-F", "-"});
+    EXPECT_EQ(read.status, 0) << read.err;
+    return read.out;
 }
 
 // A small file system of its own, as long as this lives.
@@ -32,6 +60,10 @@ struct small_disk {
     small_disk(const small_disk &) = delete;
     small_disk &operator=(const small_disk &) = delete;
 
+    void set_read_only(bool on) const {
+        const unsigned long flags = MS_REMOUNT | (on ? MS_RDONLY : 0);
+        EXPECT_EQ(mount("tmpfs", where.c_str(), "tmpfs", flags, "size=64k"), 0) << strerror(errno);
+    }
     void fill() const {
         std::ofstream out(where / "filler", std::ios::binary);
         while (out.write(std::string(4096, 'x').data(), 4096).flush()) {
@@ -51,6 +83,32 @@ size_t lines_of(const terminal &term) {
 
 } // namespace
 
+TEST(history_formats, are_read_by_others) {
+    ASSERT_STRNE(GPSBABEL_PROGRAM, "GPSBABEL-NOTFOUND") << "apt-get install gpsbabel";
+    ASSERT_STRNE(XMLLINT_PROGRAM, "XMLLINT-NOTFOUND") << "apt-get install libxml2-utils";
+    setenv("TZ", "UTC0", 1);
+    const scratch_dir dir;
+    // KML and GeoJSON have two points more, where the track is cut, and KML its two marks.
+    for (const auto &[format, points] :
+         std::map<std::string, size_t>{{"gpx", 4}, {"kml", 8}, {"geojson", 6}}) {
+        const std::string read = read_by_gpsbabel(format, EXPORT);
+        EXPECT_EQ(count(read, "\n"), points) << format << "\n" << read;
+        for (const char *place : {"-17.10000, 179.90000", "-17.11000, 179.95000",
+                                  "-17.12000, 179.99000", "-17.13000, -179.99000"}) {
+            EXPECT_NE(count(read, place), 0U) << format << place << "\n" << read;
+        }
+        EXPECT_EQ(count(read_by_gpsbabel(format, ""), "\n"), 0U) << format;
+    }
+    for (const char *format : {"gpx", "kml", "svg"}) {
+        for (const char *from : {EXPORT, ""}) {
+            const process_result checked =
+                run({XMLLINT_PROGRAM, "--noout", "--nonet", exported_as(format, from)});
+            EXPECT_EQ(checked.status, 0) << checked.err;
+        }
+    }
+    unsetenv("TZ");
+}
+
 TEST(history_of_a_terminal, is_recorded_and_exported) {
     const terminal term({"--place", "47.5,8.25"});
     use_settings_of(term);
@@ -66,7 +124,7 @@ TEST(history_of_a_terminal, is_recorded_and_exported) {
     EXPECT_EQ(lines_of(term), after);
 }
 
-TEST(history_of_a_terminal, a_full_disk_hurts_nothing_else) {
+TEST(history_of_a_terminal, a_full_or_read_only_disk_hurts_nothing_else) {
     const terminal term({"--place", "47.5,8.25"});
     use_settings_of(term);
     const small_disk disk(term.dir() / "user/location");
@@ -87,6 +145,13 @@ TEST(history_of_a_terminal, a_full_disk_hurts_nothing_else) {
     disk.make_room();
     EXPECT_TRUE(wait_until([&] { return lines_of(term) >= 76; }));
 
+    disk.set_read_only(true);
+    const size_t before = logged("read_metadata_from_file failed");
+    EXPECT_TRUE(wait_until([&] { return logged("read_metadata_from_file failed") > before + 1; }));
+    EXPECT_EQ(lsctl({"position"}).status, 0);
+    EXPECT_EQ(lsctl({"history", "--root", term.dir()}).status, 1);
+    disk.set_read_only(false);
+    EXPECT_TRUE(wait_until([&] { return lines_of(term) >= 79; }));
     EXPECT_TRUE(term.daemon_lives());
     lsctl({"settings", "--history", "off"});
 }
