@@ -71,7 +71,8 @@ TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
     EXPECT_EQ(term.stop(), 0);
 }
 
-TEST(ta, a_lost_answer_fails_its_request_and_the_next) {
+// Board type 2, whose TA has one second to answer: what the requests behind each fault get.
+TEST(ta, an_answer_that_is_too_long_late_or_lost) {
     terminal term({"--board", "2"}, true);
     scratch_dir::write(term.dir() / "user/gps_control_prm.txt",
                        "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 1\n");
@@ -82,11 +83,36 @@ TEST(ta, a_lost_answer_fails_its_request_and_the_next) {
         EXPECT_TRUE(answer);
         return record_in<ls_speed_reply>(answer).status == LS_STATUS_OK;
     };
+    const auto logged = [&](std::string_view text) {
+        size_t count = 0;
+        const std::string log = term.log();
+        for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    };
     ASSERT_TRUE(wait_until(succeeds));
+
+    for (const char *length : {"201", "4294967295"}) {
+        term.ctl({"fault", "ta-overlong", length, "on"});
+        EXPECT_FALSE(succeeds()) << length;
+    }
+    term.ctl({"fault", "ta-overlong", "off"});
+    EXPECT_TRUE(succeeds()) << "behind answers that were too long";
+    EXPECT_EQ(logged("rffe module returned corrupt pointer"), 2U);
+    EXPECT_EQ(logged("semaphore timed out"), 0U);
+
+    term.ctl({"fault", "ta-late", "1500", "on"});
+    const size_t arrived = logged("Received GPS data from TA");
+    EXPECT_FALSE(succeeds()) << "late";
+    term.ctl({"fault", "ta-late", "off"});
+    EXPECT_TRUE(wait_until([&] { return logged("Received GPS data from TA") > arrived; }));
+    EXPECT_TRUE(succeeds()) << "behind an answer that came late";
+
     term.ctl({"fault", "ta-silent", "on"});
-    EXPECT_FALSE(succeeds());
+    EXPECT_FALSE(succeeds()) << "lost";
     term.ctl({"fault", "ta-silent", "off"});
     EXPECT_FALSE(succeeds()) << "its answer is taken for the one that is missing";
+    EXPECT_EQ(logged("semaphore timed out"), 3U);
     EXPECT_EQ(term.stop(), 0);
 }
 
