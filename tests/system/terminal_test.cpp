@@ -27,6 +27,17 @@ void comes(const words &arguments, int status, const std::string &text) {
         << last.status << " " << last.out << last.err;
 }
 
+// A start that has to fail, on the present bus in a directory that has no serial device.
+void expect_refused_start(const char *reason) {
+    std::filesystem::create_directories("second/user");
+    scratch_dir::write("conf", "[board]\ntype=1\n[log]\ntarget=stderr\n");
+    setenv("ZUKHAL_CONF", std::filesystem::absolute("conf").c_str(), 1);
+    setenv("DBHANDLER_FILE", std::filesystem::absolute("second/user/settings.db").c_str(), 1);
+    const process_result second = background({DAEMON_PROGRAM}, "second").wait();
+    EXPECT_EQ(second.status, 255);
+    EXPECT_TRUE(has(second.err, reason)) << second.err;
+}
+
 } // namespace
 
 TEST(lsctl_answers, from_a_place_in_the_south_west) {
@@ -70,14 +81,27 @@ TEST(daemon_end, each_signal_ends_it_in_order) {
 
 TEST(daemon_end, a_second_daemon_on_the_bus_gives_up_and_disturbs_nothing) {
     const terminal term;
-    std::filesystem::create_directories("second/user");
-    scratch_dir::write("conf", "[board]\ntype=1\n[log]\ntarget=stderr\n");
-    setenv("ZUKHAL_CONF", std::filesystem::absolute("conf").c_str(), 1);
-    setenv("DBHANDLER_FILE", std::filesystem::absolute("second/user/settings.db").c_str(), 1);
-    const process_result second = background({DAEMON_PROGRAM}, "second").wait();
-    EXPECT_EQ(second.status, 255);
-    EXPECT_TRUE(has(second.err, "Scm registration failed")) << second.err;
+    expect_refused_start("Scm registration failed");
     EXPECT_EQ(lsctl({"position"}).status, 0);
+}
+
+TEST(daemon_end, without_a_serial_device_the_start_fails) {
+    const scratch_dir scratch;
+    setenv("MQUTILS_DIR", scratch.path().c_str(), 1);
+    expect_refused_start("GPS uart initialization failed");
+}
+
+TEST(daemon_end, sigterm_during_a_slow_start_kills_it) {
+    terminal term;
+    term.ctl({"fault", "silent", "on"}); // the configuration then takes 80 s
+    const size_t before = term.log().size();
+    const background restart({SIMTERM_PROGRAM, "ctl", term.dir(), "restart-daemon"});
+    ASSERT_TRUE(wait_until([&] {
+        return term.log().find("Configure the measurement rate", before) != std::string::npos;
+    }));
+    EXPECT_FALSE(handles_signals(term.daemon()));
+    kill(term.daemon(), SIGTERM);
+    EXPECT_EQ(term.daemon_end(), "signal 15 (Terminated)");
 }
 
 TEST(power, a_change_by_voip_reaches_the_lines_the_settings_and_voip) {
