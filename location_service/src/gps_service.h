@@ -31,6 +31,24 @@ int32_t gps_get_data_req(const char *cmd, char *resp, uint32_t *len);
 // above; *len out.
 int32_t gps_poll_nmea(const char *body, char *resp, uint32_t *len);
 
+// --- gps_service_sentence.cpp
+
+// A poll that one sentence answers, and what the log says behind the query's name when it fails.
+struct gps_sentence_query {
+    const char *name;
+    const char *poll; // body of the poll
+    const char *type; // first field of the answer
+    bool is_strict;   // false: a first field of another length passes, too
+    const char *no_answer;
+    const char *no_sentence;
+    const char *no_type;
+    const char *other_type;
+};
+
+// Asks and leaves the sentence in `body` (NMEA_BUFFER_SIZE bytes). 0; else the result of the
+// exchange, or 1 for an answer that is not the sentence (logged).
+int32_t gps_query_sentence(const gps_sentence_query &query, char *body);
+
 // --- gps_service_convert.cpp: numbers from fields. 0 success, 1 failure (logged).
 
 // Decimal digits of str[start..end] (end inclusive). Signs are refused.

@@ -3,37 +3,28 @@
 #include "gps_service.h"
 #include "ls_log.h"
 
-#include <cstring>
-
 static constexpr char log_module[] = "gps_service";
+
+static constexpr gps_sentence_query vtg = {
+    .name = "gps_get_speed",
+    .poll = "GPGPQ,VTG",
+    .type = "GPVTG",
+    .is_strict = false,
+    .no_answer = ": Failed to get GPS data\n",
+    .no_sentence = ": Failed to extract nmea_msg\n",
+    .no_type = ": Failed to get token\n",
+    .other_type = ": Incorrect token found\n",
+};
 
 int32_t gps_get_speed(gps_speed_data *speed) {
     if (speed == nullptr) {
         log_error("%s: speed found NULL\n", __func__);
         return 1;
     }
-    char answer[GPS_ANSWER_SIZE] = {};
     char body[NMEA_BUFFER_SIZE] = {};
     char token[NMEA_TOKEN_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
-
-    const int32_t result = gps_poll_nmea("GPGPQ,VTG", answer, &length);
-    if (result != 0) {
-        log_error("%s: Failed to get GPS data\n", __func__);
+    if (const int32_t result = gps_query_sentence(vtg, body); result != 0)
         return result;
-    }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
-        log_error("%s: Failed to extract nmea_msg\n", __func__);
-        return 1;
-    }
-    if (ls_hal_get_token(body, token, 0) != 0) {
-        log_error("%s: Failed to get token\n", __func__);
-        return 1;
-    }
-    if (strlen(token) == 5 && strcmp(token, "GPVTG") != 0) {
-        log_error("%s: Incorrect token found\n", __func__);
-        return 1;
-    }
     if (ls_hal_get_token(body, token, 7) != 0) {
         log_error("%s: Failed to get token\n", __func__);
         return 1;

@@ -3,37 +3,38 @@
 #include "gps_service.h"
 #include "ls_log.h"
 
-#include <cstring>
-
 static constexpr char log_module[] = "gps_service";
+
+static constexpr gps_sentence_query zda = {
+    .name = "gps_get_time",
+    .poll = "GPGPQ,ZDA",
+    .type = "GPZDA",
+    .is_strict = false,
+    .no_answer = ": gps_get_data_req failed\n",
+    .no_sentence = ":could not extract nmea_msg \n",
+    .no_type = ": could not get token\n",
+    .other_type = ": Required message not received\n",
+};
+static constexpr gps_sentence_query pubx_04 = {
+    .name = "gps_get_tow",
+    .poll = "PUBX,04",
+    .type = "PUBX",
+    .is_strict = true,
+    .no_answer = ": Failed to get GPS data\n",
+    .no_sentence = ": Failed to extract nmea_msg\n",
+    .no_type = ": Failed to get token\n",
+    .other_type = ": Incorrect response message\n",
+};
 
 int32_t gps_get_time(gps_time_fields *time) {
     if (time == nullptr) {
         log_error("%s: time found NULL\n", __func__);
         return 1;
     }
-    char answer[GPS_ANSWER_SIZE] = {};
     char body[NMEA_BUFFER_SIZE] = {};
     char token[NMEA_TOKEN_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
-
-    const int32_t result = gps_poll_nmea("GPGPQ,ZDA", answer, &length);
-    if (result != 0) {
-        log_error("%s: gps_get_data_req failed\n", __func__);
+    if (const int32_t result = gps_query_sentence(zda, body); result != 0)
         return result;
-    }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
-        log_error("%s:could not extract nmea_msg \n", __func__);
-        return 1;
-    }
-    if (ls_hal_get_token(body, token, 0) != 0) {
-        log_error("%s: could not get token\n", __func__);
-        return 1;
-    }
-    if (strlen(token) == 5 && strcmp(token, "GPZDA") != 0) {
-        log_error("%s: Required message not received\n", __func__);
-        return 1;
-    }
 
     if (ls_hal_get_token(body, token, 1) != 0) {
         log_error("%s: Could not get time\n", __func__);
@@ -72,28 +73,10 @@ int32_t gps_get_time(gps_time_fields *time) {
 int32_t gps_get_tow(int32_t *tow) {
     if (tow == nullptr)
         return 1;
-    char answer[GPS_ANSWER_SIZE] = {};
     char body[NMEA_BUFFER_SIZE] = {};
     char token[NMEA_TOKEN_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
-
-    const int32_t result = gps_poll_nmea("PUBX,04", answer, &length);
-    if (result != 0) {
-        log_error("%s: Failed to get GPS data\n", __func__);
+    if (const int32_t result = gps_query_sentence(pubx_04, body); result != 0)
         return result;
-    }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
-        log_error("%s: Failed to extract nmea_msg\n", __func__);
-        return 1;
-    }
-    if (ls_hal_get_token(body, token, 0) != 0) {
-        log_error("%s: Failed to get token\n", __func__);
-        return 1;
-    }
-    if (strcmp(token, "PUBX") != 0) {
-        log_error("%s: Incorrect response message\n", __func__);
-        return 1;
-    }
     if (ls_hal_get_token(body, token, 4) != 0) {
         log_error("%s: Failed to get time of week\n", __func__);
         return 1;
