@@ -1,7 +1,6 @@
 #include "gps_message_handler.h"
 
 #include "dbhandler.h"
-#include "gps_history.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
@@ -164,7 +163,7 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg) {
         return handle_cfun_level(conn, *msg);
     case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE:
         log_debug("Case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE\n");
-        ls_hal_history_config();
+        ls_start_history_config();
         return 0;
     case TA_NOTIFY_ANTENNA_TYPE:
         return handle_antenna_type(*msg);

@@ -38,6 +38,11 @@ int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg);
 // Thread body; `param` is the hand-off record.
 void *ls_process_thread_req(void *param);
 
+// Applies the history settings (ls_hal_history_config) on a detached thread that counts as a worker
+// and holds a vote. Not on the bus thread: the deletion of the timer waits for a position that is
+// being taken, whose answer the bus thread itself delivers on board type 2.
+void ls_start_history_config();
+
 // Workers that are running at this moment.
 int ls_active_workers();
 

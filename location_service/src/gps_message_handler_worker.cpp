@@ -1,4 +1,5 @@
-// Request entry and request workers: one detached thread per accepted request.
+// Request entry and workers: one detached thread per accepted request, and one per change of the
+// history settings.
 #include "gps_history.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
@@ -123,32 +124,55 @@ handoff &claim_handoff() {
     return handoffs[i];
 }
 
-int create_worker(handoff &record) {
+// Starts a detached thread that counts as a worker; `body` takes it off the count. 0, or an errno
+// value.
+int create_thread(void *(*body)(void *), void *param) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE);
-    log_info("%s", "ls_msg_req_handler_thread");
     ++active_workers;
-    record.taken = true;
     pthread_t thread_id = {};
-    errno = pthread_create(&thread_id, &attributes, ls_process_thread_req, &record);
+    const int error = pthread_create(&thread_id, &attributes, body, param);
+    if (error != 0)
+        --active_workers;
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+int create_worker(handoff &record) {
+    log_info("%s", "ls_msg_req_handler_thread");
+    record.taken = true;
+    errno = create_thread(ls_process_thread_req, &record);
     if (errno != 0) {
         log_error("Error while creating the ta_sm_thread. error = %d(%m)", errno);
         record.taken = false;
-        --active_workers;
-        pthread_attr_destroy(&attributes);
         return -1;
     }
     ++posts_due;
-    pthread_attr_destroy(&attributes);
     return 0;
+}
+
+void *apply_history_settings(void *) {
+    ls_hal_history_config();
+    pm_system_state_enable(LS_SYSTEM_STATE_ID);
+    --active_workers;
+    return nullptr;
 }
 
 } // namespace
 
 int ls_active_workers() {
     return active_workers;
+}
+
+void ls_start_history_config() {
+    pm_system_state_disable(LS_SYSTEM_STATE_ID);
+    errno = create_thread(apply_history_settings, nullptr);
+    if (errno != 0) {
+        log_error("%s: no thread (%m), the settings are not applied", __func__);
+        pm_system_state_enable(LS_SYSTEM_STATE_ID);
+    }
 }
 
 int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {

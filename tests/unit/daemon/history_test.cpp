@@ -110,6 +110,7 @@ TEST_F(history, settings_start_restart_and_stop_the_timer) {
     gps_current_power_mode_g = 2;
     EXPECT_EQ(ls_hal_init_gps_history(), 0);
     EXPECT_EQ(fake::deliver(2, 808, 6), 0); // settings have changed
+    EXPECT_TRUE(fake::wait_for_votes_returned());
     EXPECT_EQ(fake::timers, (intervals{0, 30}));
     mt_gps_status = 0; // on in the settings, but the receiver is not to stay on
     EXPECT_EQ(ls_hal_history_config(), 0);
