@@ -11,6 +11,10 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # The code waits for a serial line; -O3 brings size and the compiler's false alarms, not speed.
 set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+# A 32-bit terminal has 64-bit time, too: without these its clock would end in 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
 # LD_LIBRARY_PATH must be able to put other platform libraries in place: RUNPATH, never RPATH.
 add_link_options(-Wl,--enable-new-dtags -Wl,--as-needed)
 

@@ -11,9 +11,8 @@ endif()
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-# The terminal's kernel and library have 64-bit time: without these two its clock would end in 2038.
 # -Wno-psabi: GCC's remark that GCC 6 passed some arguments differently; all of it is built by one compiler.
-set(ls_machine "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64 -Wno-psabi")
+set(ls_machine "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard -Wno-psabi")
 set(CMAKE_C_FLAGS_INIT "${ls_machine}")
 set(CMAKE_CXX_FLAGS_INIT "${ls_machine}")
 

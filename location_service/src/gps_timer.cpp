@@ -8,8 +8,8 @@
 
 static constexpr char log_module[] = "gps_timer";
 
-// A 32-bit build needs -D_TIME_BITS=64: without it long intervals turn negative, and time ends in
-// 2038.
+// 64-bit time on 32-bit machines, too (the build sets _TIME_BITS): without it long intervals turn
+// negative, and time ends in 2038.
 static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8);
 
 namespace {
