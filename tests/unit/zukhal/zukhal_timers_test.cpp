@@ -16,7 +16,8 @@ using std::chrono::steady_clock;
 // What callbacks saw and did; each test uses them in child processes of its own.
 std::atomic<int> g_calls, g_once_calls;
 std::atomic<bool> g_begun, g_go_on, g_returned, g_signals_blocked;
-std::array<int, 2> g_own_and_victim;
+std::atomic<int> g_own, g_victim; // handles
+int g_argument;                   // only its address counts
 
 template <typename Condition>
 bool reached(Condition condition, steady_clock::duration patience = 3s) {
@@ -45,11 +46,11 @@ int wait_to_go_on(void *) {
     return 0;
 }
 
-int delete_itself_and_another(void *own) {
-    EXPECT_EQ(own, &g_own_and_victim[0]);
+int delete_itself_and_another(void *argument) {
+    EXPECT_EQ(argument, &g_argument);
     g_once_calls++;
-    EXPECT_EQ(rtc_del_timer(g_own_and_victim[0]), 0);
-    EXPECT_EQ(rtc_del_timer(g_own_and_victim[1]), 0);
+    EXPECT_EQ(rtc_del_timer(g_own), 0);
+    EXPECT_EQ(rtc_del_timer(g_victim), 0);
     return 0;
 }
 
@@ -58,16 +59,15 @@ using zukhal_timers = zukhal_fixture;
 TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) {
     in_child([] {
         ASSERT_EQ(rtc_init_timers(), 0);
-        g_own_and_victim[0] =
-            rtc_start_timer(1, delete_itself_and_another, g_own_and_victim.data());
+        g_own = rtc_start_timer(1, delete_itself_and_another, &g_argument);
         const auto start = steady_clock::now();
         ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
-        g_own_and_victim[1] = rtc_start_timer(3600, count, nullptr);
+        g_victim = rtc_start_timer(3600, count, nullptr);
         EXPECT_TRUE(called(2));
         EXPECT_GE(steady_clock::now() - start, 1995ms);
         EXPECT_TRUE(g_signals_blocked);
         EXPECT_EQ(g_once_calls, 1);
-        EXPECT_EQ(rtc_del_timer(g_own_and_victim[1]), -1) << "deleted by the other";
+        EXPECT_EQ(rtc_del_timer(g_victim), -1) << "deleted by the other";
         EXPECT_EQ(rtc_exit(), 0);
     });
 }
