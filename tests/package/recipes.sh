@@ -45,7 +45,6 @@ grep -qx 'site /a/b' "$work/made" || fail "source directory of the .mk: $(head -
 for wanted in "^depends .*cli11" "^options .*LS_CLIENT=ON"; do
     grep -q "$wanted" "$work/made" || fail ".mk with lsctl: no $wanted"
 done
-#DEL '^options .*LS_CLIENT=ON' "$work/made" || fail ".mk with lsctl"
 awk '$2 == "-1" && $1 != "-" {print $1, $8}' "$work/made" | sed 's/ -$//' | sort | diff "$work/users" - ||
     fail "users of the .mk"
 make_said >"$work/made"
