@@ -53,7 +53,7 @@ class boards : public daemon_fixture {
         one_receiver receiver(wrong);
         const line_peer peer([&](const std::string &command) { return receiver.answer(command); });
         EXPECT_EQ(ls_hal_uart_init(), 0);
-        const std::vector<bytes> payloads = replies();
+        std::vector<bytes> payloads = replies();
         ls_hal_uart_close();
         return payloads;
     }
