@@ -16,31 +16,6 @@ namespace {
 
 constexpr size_t WORD_SIZE = 151;
 
-// Reads the value behind `key` with `read_value` (true when it was found), or appends
-// `default_line`. `word_format` reads one word of at most WORD_SIZE - 1 characters.
-template <typename ReadWord, typename ReadValue>
-void read_parameter(const char *key, const char *default_line, ReadWord read_word,
-                    ReadValue read_value) {
-    const ls_file file(fopen(LS_PATH_CONTROL_PARAMETERS, "a+e"));
-    if (!file) {
-        log_error("%s file open failed\n", LS_PATH_CONTROL_PARAMETERS);
-        return;
-    }
-    fseek(file.get(), 0, SEEK_SET);
-    bool found = false;
-    std::array<char, WORD_SIZE> word = {};
-    while (read_word(file.get(), word.data()) == 1) {
-        if (strcmp(word.data(), key) == 0) {
-            read_value(file.get());
-            found = true;
-        }
-    }
-    if (!found) {
-        fseek(file.get(), 0, SEEK_END);
-        fputs(default_line, file.get());
-    }
-}
-
 // The ":" never matches: a word has swallowed it. A key written with a colon is another word.
 int read_short_word(FILE *file, char *word) {
     return fscanf(file, "%100s:", word);
@@ -50,50 +25,94 @@ int read_word(FILE *file, char *word) {
     return fscanf(file, "%150s:", word);
 }
 
-// A value that does not parse leaves `value` as it is.
+// Readers of a value. One that does not parse leaves `value` as it is.
+
+void read_wait_time(FILE *file, double *value) {
+    // "%d" cuts what is too large on one machine and saturates on another.
+    long long read = 0;
+    if (fscanf(file, "%lld", &read) == 1)
+        *value = static_cast<double>(std::clamp<long long>(
+            read, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+}
+
 void read_double(FILE *file, double *value) {
     double read = 0;
     if (fscanf(file, "%lf", &read) == 1)
         *value = read;
 }
 
+void read_buffer_time(FILE *file, double *value) {
+    read_double(file, value);
+    log_info("%s: reading value from file, buffer_time = %lf", "get_gps_pos_buffer_time", *value);
+}
+
+void read_offset_time(FILE *file, double *value) {
+    read_double(file, value);
+    log_info("%s: reading value from file, offset_time = %lf", "get_loc_hist_offset_time", *value);
+}
+
+struct parameter {
+    const char *key;
+    const char *default_line; // appended when the key is missing
+    double default_value;
+    int (*read_word)(FILE *file, char *word); // word: WORD_SIZE bytes
+    void (*read_value)(FILE *file, double *value);
+};
+
+constexpr parameter wait_time = {"RFFE_REQUEST_SEMAPHORE_WAIT_TIME",
+                                 "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 15\n", 15, read_short_word,
+                                 read_wait_time};
+constexpr parameter buffer_time = {"GPS_GET_POS_BUFFER_TIME", "GPS_GET_POS_BUFFER_TIME 5.0\n", 5.0,
+                                   read_word, read_buffer_time};
+constexpr parameter offset_time = {"LOCATION_HISTORY_BOOT_TIME_OFFSET",
+                                   "LOCATION_HISTORY_BOOT_TIME_OFFSET 120.0\n", 120.0, read_word,
+                                   read_offset_time};
+
+// A full disk shows only when the stream is emptied.
+void append_default(FILE *file, const parameter &wanted) {
+    fseek(file, 0, SEEK_END);
+    if (fputs(wanted.default_line, file) < 0 || fflush(file) != 0)
+        log_error("%s: %s could not be added: %m\n", LS_PATH_CONTROL_PARAMETERS, wanted.key);
+}
+
+double read_parameter(const parameter &wanted) {
+    double value = wanted.default_value;
+    const ls_file file =
+        ls_open_regular_stream(LS_PATH_CONTROL_PARAMETERS, O_RDWR | O_APPEND | O_CREAT, "a+");
+    if (!file) {
+        log_error("%s file open failed\n", LS_PATH_CONTROL_PARAMETERS);
+        return value;
+    }
+    fseek(file.get(), 0, SEEK_SET);
+    bool found = false;
+    std::array<char, WORD_SIZE> word = {};
+    while (wanted.read_word(file.get(), word.data()) == 1) {
+        if (strcmp(word.data(), wanted.key) == 0) {
+            wanted.read_value(file.get(), &value);
+            found = true;
+        }
+    }
+    if (!found)
+        append_default(file.get(), wanted);
+    return value;
+}
+
 } // namespace
 
 int32_t get_rffe_req_sem_wait_time() {
-    int32_t value = 15;
-    read_parameter("RFFE_REQUEST_SEMAPHORE_WAIT_TIME", "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 15\n",
-                   read_short_word, [&value](FILE *file) {
-                       // "%d" cuts what is too large on one machine and saturates on another.
-                       long long read = 0;
-                       if (fscanf(file, "%lld", &read) == 1)
-                           value = static_cast<int32_t>(
-                               std::clamp<long long>(read, std::numeric_limits<int32_t>::min(),
-                                                     std::numeric_limits<int32_t>::max()));
-                   });
+    const auto value = static_cast<int32_t>(read_parameter(wait_time));
     log_info("%s: rffe_req_sem_wait_time = %d\n", __func__, value);
     return value;
 }
 
 double get_gps_pos_buffer_time() {
-    double value = 5.0;
-    const char *name = __func__;
-    read_parameter("GPS_GET_POS_BUFFER_TIME", "GPS_GET_POS_BUFFER_TIME 5.0\n", read_word,
-                   [&value, name](FILE *file) {
-                       read_double(file, &value);
-                       log_info("%s: reading value from file, buffer_time = %lf", name, value);
-                   });
+    const double value = read_parameter(buffer_time);
     log_info("%s: gps_get_pos buffer time = %f\n", __func__, value);
     return value;
 }
 
 double get_loc_hist_offset_time() {
-    double value = 120.0;
-    const char *name = __func__;
-    read_parameter("LOCATION_HISTORY_BOOT_TIME_OFFSET", "LOCATION_HISTORY_BOOT_TIME_OFFSET 120.0\n",
-                   read_word, [&value, name](FILE *file) {
-                       read_double(file, &value);
-                       log_info("%s: reading value from file, offset_time = %lf", name, value);
-                   });
+    const double value = read_parameter(offset_time);
     log_info("%s: location history boot offset time = %f\n", __func__, value);
     return value;
 }

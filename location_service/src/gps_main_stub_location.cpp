@@ -27,7 +27,7 @@ void store_location_text(const location_text &text) {
 int ls_read_stub_location() {
     location_text text = {};
     store_location_text(text);
-    const ls_file file(fopen(LS_PATH_STUB_LOCATION, "r+e"));
+    const ls_file file = ls_open_regular_stream(LS_PATH_STUB_LOCATION, O_RDWR, "r+");
     if (!file) {
         log_error("%s file open failed\n", LS_PATH_STUB_LOCATION);
         return -1;

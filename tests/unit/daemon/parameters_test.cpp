@@ -2,6 +2,9 @@
 #include "daemon_fixture.h"
 #include "gps_main.h"
 
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <tuple>
 
 namespace {
@@ -47,6 +50,27 @@ TEST_F(parameters, what_a_file_says_counts) {
         EXPECT_EQ(read_all(), r.expected) << r.name;
         EXPECT_EQ(scratch_dir::read(path), r.text + r.appended) << r.name;
     }
+}
+
+TEST_F(parameters, what_cannot_be_read_or_completed_is_logged) {
+    scratch_dir::write("elsewhere", "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 1\n");
+    std::filesystem::create_directory("user");
+    for (const auto &make : {+[] { return mkfifo(path, 0600); }, // nobody writes to it
+                             +[] { return symlink("../elsewhere", path); }}) {
+        ASSERT_EQ(make(), 0);
+        EXPECT_EQ(read_all(), (values{15, 5, 120}));
+        EXPECT_EQ(errors("./user/gps_control_prm.txt file open failed\n"), 3u);
+        std::filesystem::remove(path);
+        fake::reset_log();
+    }
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit full = {.rlim_cur = 0, .rlim_max = RLIM_INFINITY};
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(read_all(), (values{15, 5, 120}));
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(errors("GPS_GET_POS_BUFFER_TIME could not be added: File too large"), 1u);
 }
 
 } // namespace

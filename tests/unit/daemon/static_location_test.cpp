@@ -2,6 +2,8 @@
 #include "daemon_fixture.h"
 #include "gps_main.h"
 
+#include <sys/stat.h>
+
 namespace {
 
 constexpr char path[] = "user/stub_location/stub_loc.gps";
@@ -40,6 +42,8 @@ TEST_F(static_location, the_first_21_bytes_switch_it) {
     EXPECT_EQ(ls_read_stub_location(), -1);
     EXPECT_EQ(stub_location_on_g, 1);
     EXPECT_EQ(location_text(), off);
+    ASSERT_EQ(mkfifo(path, 0600), 0); // does not hold the handler up
+    EXPECT_EQ(ls_read_stub_location(), -1);
 }
 
 } // namespace
