@@ -3,6 +3,7 @@
 #include "ls_log.h"
 #include "ls_state.h"
 
+#include <algorithm>
 #include <cstring>
 
 static constexpr char log_module[] = "gps_nmea_parser";
@@ -98,14 +99,15 @@ uint32_t ls_hal_extract_nmea_msg(const char *nmea_msg, char *nmea_sent) {
     const char *p = skip_space(nmea_msg + cursor);
     const char lead = *p;
     const char *body = lead == '\0' ? p : p + 1;
-    const char *star = strchr(body, '*');
-    const size_t body_size = star == nullptr ? 0 : static_cast<size_t>(star - body);
-    if (lead != '$' || body_size == 0 || body_size >= NMEA_BUFFER_SIZE) {
+    // What stands up to the "*", or to the end, is handed out also when it turns out to be none.
+    const size_t body_size = std::min(strcspn(body, "*"), NMEA_BUFFER_SIZE - 1);
+    memcpy(nmea_sent, body, body_size);
+    nmea_sent[body_size] = '\0';
+    const char *star = body + body_size;
+    if (lead != '$' || body_size == 0 || *star != '*') {
         log_error("failed to compare \n");
         return 1;
     }
-    memcpy(nmea_sent, body, body_size);
-    nmea_sent[body_size] = '\0';
 
     char received[NMEA_CHECKSUM_SIZE] = {};
     p = skip_space(star + 1);
