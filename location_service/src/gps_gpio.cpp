@@ -34,10 +34,10 @@ int open_line_file(const path_buffer &path) {
 }
 
 // Opens the export or unexport file and writes the line's number.
-int write_number(const char *path, int gpio, const char *name) {
+int write_number(const char *path, int gpio, ls_log_text failed) {
     const int fd = open(path, O_WRONLY | O_CLOEXEC);
     if (fd < 0) {
-        log_error("Unable to open gpio %s file\n", name);
+        log_text(LS_LOG_ERROR, failed, "");
         return -1;
     }
     std::array<char, 16> text = {};
@@ -57,11 +57,11 @@ int u_gpio_check_file(int gpio) {
 }
 
 int u_gpio_export(int gpio) {
-    return write_number(LS_PATH_GPIO "/export", gpio, "export");
+    return write_number(LS_PATH_GPIO "/export", gpio, "Unable to open gpio export file\n");
 }
 
 int u_gpio_unexport(int gpio) {
-    return write_number(LS_PATH_GPIO "/unexport", gpio, "unexport");
+    return write_number(LS_PATH_GPIO "/unexport", gpio, "Unable to open gpio unexport file\n");
 }
 
 int u_gpio_set_direction(int gpio, int direction) {

@@ -8,10 +8,13 @@
 #define GPS_SERVICE_H
 
 #include "gps_data.h"
+#include "ls_log.h"
 #include "ls_messages.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 // The largest answer accepted from the serial line, and the buffer that takes it as a string.
 constexpr uint32_t GPS_UART_ANSWER_MAX = 205;
@@ -21,33 +24,58 @@ constexpr size_t GPS_COMMAND_SIZE = 200;
 
 // --- gps_service_request.cpp: the exchange
 
-// Sends one command to the receiver and takes its answer. `cmd` is a buffer of GPS_COMMAND_SIZE
-// bytes with a sentence (string) or a UBX frame with its checksum; `resp` holds GPS_ANSWER_SIZE
-// bytes. *len: in, on the TA path, the bytes of a UBX command; out, the bytes of the answer.
-// Exchanges on the serial line are serialised here; through the TA one may be outstanding.
-int32_t gps_get_data_req(const char *cmd, char *resp, uint32_t *len);
+using gps_bytes = std::span<const uint8_t>;
+using gps_sentence = std::array<char, GPS_COMMAND_SIZE>; // a whole sentence, as a string
 
-// Builds the sentence for `body` and exchanges it, the receive buffer emptied before. `resp` as
-// above; *len out.
-int32_t gps_poll_nmea(const char *body, char *resp, uint32_t *len);
+inline gps_bytes gps_sentence_bytes(const gps_sentence &sentence) {
+    return {reinterpret_cast<const uint8_t *>(sentence.data()), sentence.size()};
+}
+
+// An answer as it came: text or a UBX frame, followed by a NUL. Zeroed by whoever declares it.
+struct gps_answer {
+    char text[GPS_ANSWER_SIZE];
+    // Bytes of the answer. Through the TA also when the exchange failed because they were too many.
+    uint32_t length;
+};
+
+// Sends one command to the receiver and takes its answer. `command` is the buffer of a sentence
+// (string) or of a UBX frame with its checksum, which says by itself how long it is; a frame that
+// says that it is longer than its buffer is refused. Exchanges are one at a time on either path.
+int32_t gps_get_data_req(gps_bytes command, gps_answer *answer);
+
+// Empties the receive buffer and builds the sentence for `body`. 0, or what building it gave.
+uint32_t gps_build_poll(const char *body, gps_sentence *sentence);
+
+// Both in one: builds the sentence and exchanges it.
+int32_t gps_poll_nmea(const char *body, gps_answer *answer);
 
 // --- gps_service_sentence.cpp
 
-// A poll that one sentence answers, and what the log says behind the query's name when it fails.
+// A poll that one sentence answers, and what the log says when it fails.
 struct gps_sentence_query {
-    const char *name;
+    const char *name; // of the query, for those of the texts that have a "%s"
     const char *poll; // body of the poll
     const char *type; // first field of the answer
     bool is_strict;   // false: a first field of another length passes, too
-    const char *no_answer;
-    const char *no_sentence;
-    const char *no_type;
-    const char *other_type;
+    ls_log_text no_answer;
+    ls_log_text no_sentence;
+    ls_log_text no_type;
+    ls_log_text other_type;
 };
+
+// Characters of a first field that is held against the wanted one; receivers that write others are
+// believed.
+constexpr size_t GPS_SENTENCE_TYPE_SIZE = 5;
+
+// Whether a first field has the usual length and is not the wanted one.
+bool gps_is_other_sentence(const char *type, const char *wanted);
 
 // Asks and leaves the sentence in `body` (NMEA_BUFFER_SIZE bytes). 0; else the result of the
 // exchange, or 1 for an answer that is not the sentence (logged).
 int32_t gps_query_sentence(const gps_sentence_query &query, char *body);
+
+// The second half of it: whether `answer`, GPS_ANSWER_SIZE bytes, is the sentence; logs.
+bool gps_check_sentence(const gps_sentence_query &query, const char *answer, char *body);
 
 // --- gps_service_convert.cpp: numbers from fields. 0 success, 1 failure (logged).
 

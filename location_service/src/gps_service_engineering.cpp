@@ -45,15 +45,13 @@ size_t read_hex_pieces(char *text, uint8_t *frame) {
 int32_t gps_engg_exec_nmea(ls_engg_cmd *engg) {
     log_debug("%s\n", __func__);
     const auto body = command_text(*engg);
-    char answer[GPS_ANSWER_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
-    const int32_t result = gps_poll_nmea(body.data(), answer, &length);
-    if (result != 0) {
+    gps_answer answer = {};
+    if (const int32_t result = gps_poll_nmea(body.data(), &answer); result != 0) {
         log_error("%s: Failed To get GPS data \n", __func__);
         return result;
     }
     memset(engg->answer, 0, sizeof(engg->answer));
-    memcpy(engg->answer, answer, std::min<size_t>(length, sizeof(engg->answer)));
+    memcpy(engg->answer, answer.text, std::min<size_t>(answer.length, sizeof(engg->answer)));
     return 0;
 }
 
@@ -61,30 +59,34 @@ int32_t gps_engg_exec_ubx(ls_engg_cmd *engg) {
     auto text = command_text(*engg);
     log_debug("%s\n", __func__);
     log_debug("%s\n", text.data());
-    uint8_t frame[GPS_COMMAND_SIZE] = {};
-    const size_t count = read_hex_pieces(text.data(), frame);
-    if (count > GPS_COMMAND_SIZE) {
+    // Text that fills its field without a NUL was cut somewhere, and would be a frame with its
+    // checksum in the middle.
+    if (memchr(engg->command, '\0', sizeof(engg->command)) == nullptr) {
+        log_error("%s: failed to get GPS data", __func__);
+        return 1;
+    }
+    std::array<uint8_t, GPS_COMMAND_SIZE> frame = {};
+    const size_t count = read_hex_pieces(text.data(), frame.data());
+    if (count > frame.size()) {
         // The wording names another operation; people who read these logs know it as it is.
         log_error("gps_get_sat_info fun bytes_read value crossed Max : bytes_read = %d\n",
-                  static_cast<int>(GPS_COMMAND_SIZE));
+                  static_cast<int>(frame.size()));
         return 1;
     }
     if (count < UBX_OUTSIDE_CHECKSUM) {
         log_error("%s: failed to get GPS data", __func__);
         return 1;
     }
-    ls_hal_calculate_ubx_checksum(frame + UBX_CHECKSUM_START,
+    ls_hal_calculate_ubx_checksum(frame.data() + UBX_CHECKSUM_START,
                                   static_cast<uint8_t>(count - UBX_OUTSIDE_CHECKSUM));
     for (size_t i = 0; i < count; ++i)
         log_debug("%x\n", frame[i]);
 
-    char answer[GPS_ANSWER_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
-    const int32_t result = gps_get_data_req(reinterpret_cast<const char *>(frame), answer, &length);
-    if (result != 0) {
+    gps_answer answer = {};
+    if (const int32_t result = gps_get_data_req(frame, &answer); result != 0) {
         log_error("%s: failed to get GPS data", __func__);
         return result;
     }
-    memcpy(engg->answer, answer, UBX_ANSWER_COPY);
+    memcpy(engg->answer, answer.text, UBX_ANSWER_COPY);
     return 0;
 }

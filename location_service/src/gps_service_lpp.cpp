@@ -5,6 +5,7 @@
 #include "ls_state.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -64,18 +65,16 @@ int32_t in_8_bits(int32_t result) {
 }
 
 int32_t poll_ecef(gps_ecef_sample *sample) {
-    uint8_t poll[GPS_COMMAND_SIZE] = {0xB5, 0x62, 0x01, 0x01, 0x00, 0x00};
-    ls_hal_calculate_ubx_checksum(poll + 2, 4);
-    char answer[GPS_ANSWER_SIZE] = {};
-    uint32_t length = UBX_POLL_SIZE;
-    const int32_t result = gps_get_data_req(reinterpret_cast<const char *>(poll), answer, &length);
-    if (result != 0) {
+    std::array<uint8_t, UBX_POLL_SIZE> poll = {0xB5, 0x62, 0x01, 0x01, 0x00, 0x00};
+    ls_hal_calculate_ubx_checksum(poll.data() + 2, 4);
+    gps_answer answer = {};
+    if (const int32_t result = gps_get_data_req(poll, &answer); result != 0) {
         log_error("%s: Failed to get GPS data\n", name);
         return in_8_bits(result);
     }
-    memcpy(&sample->x, answer + ECEF_OFFSET, sizeof(sample->x));
-    memcpy(&sample->y, answer + ECEF_OFFSET + 4, sizeof(sample->y));
-    memcpy(&sample->z, answer + ECEF_OFFSET + 8, sizeof(sample->z));
+    memcpy(&sample->x, answer.text + ECEF_OFFSET, sizeof(sample->x));
+    memcpy(&sample->y, answer.text + ECEF_OFFSET + 4, sizeof(sample->y));
+    memcpy(&sample->z, answer.text + ECEF_OFFSET + 8, sizeof(sample->z));
     return 0;
 }
 
@@ -91,17 +90,16 @@ int32_t read_ecef_samples(gps_ecef_sample *first, gps_ecef_sample *second) {
 
 // The altitude as PUBX 00 gives it, an unsigned decimal.
 int32_t read_altitude(bool is_static, uint32_t *altitude) {
-    char answer[GPS_ANSWER_SIZE] = {};
+    gps_answer answer = {};
     char body[NMEA_BUFFER_SIZE] = {};
     char token[NMEA_TOKEN_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
     if (is_static) {
-        memcpy(answer, pubx_sample, sizeof(pubx_sample));
-    } else if (const int32_t result = gps_poll_nmea("PUBX,00", answer, &length); result != 0) {
+        memcpy(answer.text, pubx_sample, sizeof(pubx_sample));
+    } else if (const int32_t result = gps_poll_nmea("PUBX,00", &answer); result != 0) {
         log_error("%s: Failed to get GPS data\n", name);
         return in_8_bits(result);
     }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
+    if (ls_hal_extract_nmea_msg(answer.text, body) != 0) {
         log_error("%s, failed to extract nmea_msg", name);
         return 1;
     }

@@ -1,6 +1,7 @@
 // The position query, its static-location form, and the buffered position of board type 2.
 #include "gps_nmea_parser.h"
 #include "gps_service.h"
+#include "gps_uart.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
@@ -45,11 +46,40 @@ void store_buffered_pos(const gps_pos_data &pos) {
     gps_last_pos_status = 0;
 }
 
+// The two polls of a position. They differ in the letters of their messages.
+constexpr gps_sentence_query gga = {
+    .name = "gps_get_pos",
+    .poll = "GPGPQ,GGA",
+    .type = "GPGGA",
+    .is_strict = false,
+    .no_answer = "%s: Failed to get gps data\n",
+    .no_sentence = "%s: Failed to extract nmea_msg\n",
+    .no_type = "%s: Failed to get token\n",
+    .other_type = "%s: Incorrect token found\n",
+};
+constexpr gps_sentence_query gsa = {
+    .name = "gps_get_pos",
+    .poll = "GPGPQ,GSA",
+    .type = "GPGSA",
+    .is_strict = false,
+    .no_answer = "%s: Failed to get GPS data\n",
+    .no_sentence = "%s: Error extracting nmea_msg\n",
+    .no_type = "%s: Failed to get token\n",
+    .other_type = "%s: Incorrect token found\n",
+};
+
 void static_gga(char *answer) {
     memcpy(answer, gga_sample, sizeof(gga_sample));
     for (size_t i = 0; i < GGA_PLACE_SIZE; ++i)
         answer[GGA_PLACE_OFFSET + i] = ls_stub_location_buf[i].load(std::memory_order_relaxed);
     log_debug("GPGGA buf:%s ", answer);
+}
+
+// Asks the receiver, or takes `sample` for its answer when there is one.
+int32_t ask(const gps_sentence_query &query, const char *sample, char *body) {
+    if (sample == nullptr)
+        return gps_query_sentence(query, body);
+    return gps_check_sentence(query, sample, body) ? 0 : 1;
 }
 
 // Field by field: an assignment of the whole may carry stray bytes in its padding to the client.
@@ -71,21 +101,8 @@ bool take_field(const char *body, int32_t n, char *token) {
     return false;
 }
 
-// Checks field 0. Only a field of the usual five characters is held against `wanted`.
-bool check_sentence_type(const char *body, const char *wanted, char *token) {
-    if (!take_field(body, 0, token))
-        return false;
-    if (strlen(token) == 5 && strcmp(token, wanted) != 0) {
-        log_error("%s: Incorrect token found\n", "gps_get_pos");
-        return false;
-    }
-    return true;
-}
-
 bool parse_gga(const char *body, gps_pos_data *pos) {
     char token[NMEA_TOKEN_SIZE] = {};
-    if (!check_sentence_type(body, "GPGGA", token))
-        return false;
     if (!take_field(body, 2, token))
         return false;
     gps_ddmm_to_degrees(strtod(token, nullptr), &pos->latitude);
@@ -109,8 +126,6 @@ bool parse_gga(const char *body, gps_pos_data *pos) {
 
 bool parse_gsa(const char *body, gps_pos_data *pos) {
     char token[NMEA_TOKEN_SIZE] = {};
-    if (!check_sentence_type(body, "GPGSA", token))
-        return false;
     if (!take_field(body, 2, token))
         return false;
     pos->fix_type = token[0] == '2' ? GPS_FIX_2D : token[0] == '3' ? GPS_FIX_3D : GPS_FIX_NONE;
@@ -132,35 +147,22 @@ int32_t gps_get_pos(gps_pos_data *pos) {
         return failed(1);
     }
     const bool is_static = stub_location_on_g == 1;
-    char answer[GPS_ANSWER_SIZE] = {};
     char body[NMEA_BUFFER_SIZE] = {};
-    uint32_t length = GPS_COMMAND_SIZE;
+    char sample[GPS_ANSWER_SIZE] = {};
 
-    if (is_static) {
-        static_gga(answer);
-    } else if (const int32_t result = gps_poll_nmea("GPGPQ,GGA", answer, &length); result != 0) {
-        log_error("%s: Failed to get gps data\n", __func__);
+    if (is_static)
+        static_gga(sample);
+    if (const int32_t result = ask(gga, is_static ? sample : nullptr, body); result != 0)
         return failed(result);
-    }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
-        log_error("%s: Failed to extract nmea_msg\n", __func__);
-        return failed(1);
-    }
     if (!parse_gga(body, pos))
         return failed(1);
 
-    std::fill(std::begin(answer), std::end(answer), '\0');
+    ls_hal_clear_rx_buffer();
     std::fill(std::begin(body), std::end(body), '\0');
-    if (is_static) {
-        memcpy(answer, gsa_sample, sizeof(gsa_sample));
-    } else if (const int32_t result = gps_poll_nmea("GPGPQ,GSA", answer, &length); result != 0) {
-        log_error("%s: Failed to get GPS data\n", __func__);
+    if (is_static)
+        memcpy(sample, gsa_sample, sizeof(gsa_sample));
+    if (const int32_t result = ask(gsa, is_static ? sample : nullptr, body); result != 0)
         return failed(result);
-    }
-    if (ls_hal_extract_nmea_msg(answer, body) != 0) {
-        log_error("%s: Error extracting nmea_msg\n", __func__);
-        return failed(1);
-    }
     if (!parse_gsa(body, pos))
         return failed(1);
 

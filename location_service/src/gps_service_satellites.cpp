@@ -11,8 +11,6 @@ static constexpr char log_module[] = "gps_service";
 
 namespace {
 
-constexpr size_t ANSWER_SIZE = 400;
-static_assert(ANSWER_SIZE >= GPS_ANSWER_SIZE);
 constexpr size_t MOST_SENTENCES = 4;
 constexpr int SATELLITES_PER_SENTENCE = 4;
 constexpr int FIRST_SATELLITE_FIELD = 4;
@@ -22,11 +20,13 @@ constexpr int HIGHEST_GPS_PRN = 32; // above are augmentation and other systems
 
 using body_buffer = std::array<char, NMEA_BUFFER_SIZE>;
 
-// Polls `poll` and stores the answer as a string; *length is its size.
-int32_t request(const char *poll, std::array<char, ANSWER_SIZE> &answer, uint32_t *length) {
-    answer.fill('\0');
-    *length = GPS_COMMAND_SIZE;
-    const int32_t result = gps_poll_nmea(poll, answer.data(), length);
+int32_t request(const char *poll, gps_answer *answer) {
+    gps_sentence sentence = {};
+    if (const uint32_t created = gps_build_poll(poll, &sentence); created != 0) {
+        log_error("Failed: To create nmea sentence \n");
+        return static_cast<int32_t>(created);
+    }
+    const int32_t result = gps_get_data_req(gps_sentence_bytes(sentence), answer);
     if (result != 0)
         log_error("Failed: To get gps data \n");
     return result;
@@ -49,11 +49,6 @@ struct field {
     }
     int32_t number() const { return gps_leading_integer(text.data()); }
 };
-
-// A field 0 of the usual five characters must be the wanted one.
-bool is_other_sentence(const field &type, const char *wanted) {
-    return strlen(type.text.data()) == 5 && strcmp(type.text.data(), wanted) != 0;
-}
 
 // Cuts the next line off `rest`: up to its line feed, to the end of what was received, or to what a
 // body can be extracted from.
@@ -90,13 +85,12 @@ bool read_satellites(const std::array<body_buffer, MOST_SENTENCES> &bodies, size
 }
 
 int32_t read_gsv(gps_sat_info *info) {
-    std::array<char, ANSWER_SIZE> answer;
-    uint32_t length = 0;
-    const int32_t result = request("GPGPQ,GSV", answer, &length);
+    gps_answer answer = {};
+    const int32_t result = request("GPGPQ,GSV", &answer);
     if (result != 0)
         return result;
 
-    const char *rest = answer.data();
+    const char *rest = answer.text;
     std::array<body_buffer, MOST_SENTENCES> bodies = {};
     if (!extract(next_line(rest).data(), bodies[0]))
         return 1;
@@ -105,7 +99,7 @@ int32_t read_gsv(gps_sat_info *info) {
         log_error("Failed To get token at line : %d \n", __LINE__);
         return 1;
     }
-    if (is_other_sentence(type, "GPGSV")) {
+    if (gps_is_other_sentence(type.text.data(), "GPGSV")) {
         log_error("ERROR: Incorrect Response message was read back \n");
         return 1;
     }
@@ -135,20 +129,19 @@ int32_t read_gsv(gps_sat_info *info) {
 }
 
 int32_t read_gsa(gps_sat_info *info) {
-    std::array<char, ANSWER_SIZE> answer;
-    uint32_t length = 0;
-    const int32_t result = request("GPGPQ,GSA", answer, &length);
+    gps_answer answer = {};
+    const int32_t result = request("GPGPQ,GSA", &answer);
     if (result != 0)
         return result;
     body_buffer body = {};
-    if (!extract(answer.data(), body))
+    if (!extract(answer.text, body))
         return 1;
     const field type(body, 0);
     if (!type.found) {
         log_error("Failed To get token at line : %d \n", __LINE__);
         return 1;
     }
-    if (is_other_sentence(type, "GPGSA")) {
+    if (gps_is_other_sentence(type.text.data(), "GPGSA")) {
         log_error("%s: Incorrect token found\n", "gps_get_sat_info");
         return 1;
     }

@@ -10,10 +10,10 @@ static constexpr gps_sentence_query vtg = {
     .poll = "GPGPQ,VTG",
     .type = "GPVTG",
     .is_strict = false,
-    .no_answer = ": Failed to get GPS data\n",
-    .no_sentence = ": Failed to extract nmea_msg\n",
-    .no_type = ": Failed to get token\n",
-    .other_type = ": Incorrect token found\n",
+    .no_answer = "%s: Failed to get GPS data\n",
+    .no_sentence = "%s: Failed to extract nmea_msg\n",
+    .no_type = "%s: Failed to get token\n",
+    .other_type = "%s: Incorrect token found\n",
 };
 
 int32_t gps_get_speed(gps_speed_data *speed) {

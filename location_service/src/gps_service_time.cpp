@@ -10,20 +10,20 @@ static constexpr gps_sentence_query zda = {
     .poll = "GPGPQ,ZDA",
     .type = "GPZDA",
     .is_strict = false,
-    .no_answer = ": gps_get_data_req failed\n",
-    .no_sentence = ":could not extract nmea_msg \n",
-    .no_type = ": could not get token\n",
-    .other_type = ": Required message not received\n",
+    .no_answer = "%s: gps_get_data_req failed\n",
+    .no_sentence = "%s:could not extract nmea_msg \n",
+    .no_type = "%s: could not get token\n",
+    .other_type = "%s: Required message not received\n",
 };
 static constexpr gps_sentence_query pubx_04 = {
     .name = "gps_get_tow",
     .poll = "PUBX,04",
     .type = "PUBX",
     .is_strict = true,
-    .no_answer = ": Failed to get GPS data\n",
-    .no_sentence = ": Failed to extract nmea_msg\n",
-    .no_type = ": Failed to get token\n",
-    .other_type = ": Incorrect response message\n",
+    .no_answer = "%s: Failed to get GPS data\n",
+    .no_sentence = "%s: Failed to extract nmea_msg\n",
+    .no_type = "%s: Failed to get token\n",
+    .other_type = "%s: Incorrect response message\n",
 };
 
 int32_t gps_get_time(gps_time_fields *time) {

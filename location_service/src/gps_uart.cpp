@@ -7,28 +7,84 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <termios.h>
 #include <unistd.h>
 
 static constexpr char log_module[] = "gps_uart";
 
+std::mutex ls_uart_lock;
+
 namespace {
 
 constexpr size_t RX_BUFFER_SIZE = 400;
 constexpr cc_t READ_TIMEOUT_DS = 30; // tenths of a second
+constexpr std::chrono::seconds CONFIGURATION_PATIENCE(3);
 
-std::atomic<int> uart_fd = -1; // -1 after a failed open and after close
+// The line's descriptor. A user keeps it open for as long as its read or write takes.
+struct open_line {
+    int fd;
+    explicit open_line(int opened) : fd(opened) {}
+    ~open_line() { close(fd); }
+    open_line(const open_line &) = delete;
+    open_line &operator=(const open_line &) = delete;
+};
+using line_user = std::shared_ptr<const open_line>;
+
+std::mutex line_lock; // guards line_slot()
+
+// Null after a failed open and after close. Never destroyed: a user may outlive main.
+line_user &line_slot() {
+    static auto *const slot = new line_user;
+    return *slot;
+}
+
+line_user use_line() {
+    const std::lock_guard guard(line_lock);
+    return line_slot();
+}
+
+void set_line(line_user line) {
+    const std::lock_guard guard(line_lock);
+    line_slot().swap(line);
+}
+
+std::atomic<bool> line_in_doubt;
+
+std::mutex configuration_lock; // guards is_being_configured
+std::condition_variable configuration_over;
+bool is_being_configured = false;
 
 // Receive scratch buffer, under rx_buffer_lock. Reads do not go through it: what the kernel holds
 // for the line stays there when it is emptied.
 std::mutex rx_buffer_lock;
 std::array<uint8_t, RX_BUFFER_SIZE> rx_buffer;
 
+// Repeats a system call that a signal of the platform's libraries interrupted. Without an open line
+// it fails as the call would.
+template <typename Call>
+ssize_t on_line(Call call) {
+    const line_user line = use_line();
+    if (line == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    ssize_t result = 0;
+    do {
+        result = call(line->fd);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
 // Tells WS that the line failed. `text` is logged when the alarm is out. 1, or -1 without a bus.
-int report_line_failure(const char *text) {
+int report_line_failure(ls_log_text text) {
+    ls_hal_tty_doubt();
     ws_alarm_pld alarm = {};
     snprintf(alarm.text, sizeof(alarm.text), "GPS Communication (RX/TX) error");
     alarm.time = static_cast<int64_t>(time(nullptr));
@@ -43,7 +99,7 @@ int report_line_failure(const char *text) {
     if (send_msg(conn, &hdr, &alarm) == -1)
         log_error("Error while sending WS_NOTIFY_ALARM_UPDATEnotification message to WS.\n");
     else
-        log_error("%s", text);
+        log_text(LS_LOG_ERROR, text, "");
     return 1;
 }
 
@@ -52,16 +108,20 @@ int report_line_failure(const char *text) {
 int ls_hal_uart_init() {
     log_debug("Initialising UART for GPS\n");
     const int fd = open(LS_PATH_UART, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    uart_fd = fd;
     if (fd < 0) {
         log_error("Unable to open /dev/ttymxc2\n");
+        set_line(nullptr);
         return -1;
     }
+    set_line(std::make_shared<const open_line>(fd));
     termios current = {};
     tcgetattr(fd, &current);
     termios raw = {};
     raw.c_iflag = IGNPAR;
-    raw.c_cflag = B9600 | CS8 | CLOCAL | CREAD;
+    raw.c_cflag = CS8 | CLOCAL | CREAD;
+    // Not or'ed in: a C library may have plain numbers for its speeds.
+    cfsetispeed(&raw, B9600);
+    cfsetospeed(&raw, B9600);
     raw.c_cc[VMIN] = 0;
     raw.c_cc[VTIME] = READ_TIMEOUT_DS;
     tcflush(fd, TCIFLUSH);
@@ -70,13 +130,30 @@ int ls_hal_uart_init() {
         ls_hal_uart_close();
         return -1;
     }
+    line_in_doubt = false;
     return 0;
 }
 
 void ls_hal_uart_close() {
-    const int fd = uart_fd.exchange(-1);
-    if (fd >= 0)
-        close(fd);
+    set_line(nullptr);
+}
+
+void ls_hal_uart_begin_configuration() {
+    const std::lock_guard guard(configuration_lock);
+    is_being_configured = true;
+}
+
+void ls_hal_uart_end_configuration() {
+    {
+        const std::lock_guard guard(configuration_lock);
+        is_being_configured = false;
+    }
+    configuration_over.notify_all();
+}
+
+void ls_hal_uart_wait_configured() {
+    std::unique_lock guard(configuration_lock);
+    configuration_over.wait_for(guard, CONFIGURATION_PATIENCE, [] { return !is_being_configured; });
 }
 
 void ls_hal_clear_rx_buffer() {
@@ -96,15 +173,21 @@ int ls_hal_tty_write(const uint8_t *buffer, int32_t length) {
         for (int32_t i = 0; i < length; ++i)
             log_debug("0x%x", buffer[i]);
     }
-    const ssize_t written = write(uart_fd, buffer, static_cast<size_t>(std::max(length, 0)));
+    const auto size = static_cast<size_t>(std::max(length, 0));
+    const ssize_t written = on_line([&](int fd) { return write(fd, buffer, size); });
     log_debug("%s: Bytes written = %ld\n", __func__, static_cast<long>(written));
     if (written < 0)
         return report_line_failure("Write to tty device failed\n");
     return 0;
 }
 
-void ls_hal_tty_discard() {
-    tcflush(uart_fd, TCIFLUSH);
+void ls_hal_tty_doubt() {
+    line_in_doubt = true;
+}
+
+void ls_hal_tty_discard_doubtful() {
+    if (line_in_doubt.exchange(false))
+        on_line([](int fd) { return ssize_t{tcflush(fd, TCIFLUSH)}; });
 }
 
 int ls_hal_tty_read(uint8_t *buffer, int32_t *length) {
@@ -114,11 +197,14 @@ int ls_hal_tty_read(uint8_t *buffer, int32_t *length) {
     }
     std::array<uint8_t, RX_BUFFER_SIZE + 1> answer = {}; // one more: it is logged as a string
     const auto wanted = std::clamp<int32_t>(*length, 0, RX_BUFFER_SIZE);
-    const ssize_t count = read(uart_fd, answer.data(), static_cast<size_t>(wanted));
+    const ssize_t count =
+        on_line([&](int fd) { return read(fd, answer.data(), static_cast<size_t>(wanted)); });
     log_debug("%s: Bytes read = %ld\n", __func__, static_cast<long>(count));
     *length = static_cast<int32_t>(count);
     if (count < 0)
         return report_line_failure("Error while reading from tty device\n");
+    if (count == 0 || count == wanted)
+        ls_hal_tty_doubt(); // late, or longer than what was wanted
     if (count == 0) {
         log_error("Read from tty device failed. Device Timeout..\n");
         return 2;

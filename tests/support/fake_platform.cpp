@@ -167,7 +167,7 @@ int db_set_gps_power_on_status(int32_t status) {
     const std::lock_guard guard(lock);
     fake::database().power_on_status = status;
     ++fake::database().power_on_writes;
-    return 0;
+    return fake::database().power_on_write_result;
 }
 
 int db_read_location_history_settings(location_history_settings *settings) {

@@ -62,6 +62,7 @@ bool wait_for_votes_returned();
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
+    int power_on_write_result = 0;
     location_history_settings history = {};
 };
 inline settings &database() {

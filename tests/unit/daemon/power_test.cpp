@@ -3,6 +3,10 @@
 #include "gps_message_handler.h"
 #include "gps_power.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+
 namespace {
 
 class power : public daemon_fixture {
@@ -55,6 +59,31 @@ TEST_F(power, modes_by_service_and_state) {
     EXPECT_EQ(gps_set_power_mode(0, 3), 0);
     EXPECT_EQ(gps_current_power_mode_g, 0u);
     EXPECT_EQ(gpio("gpio102/value"), "");
+}
+
+// The wake-up that comes while the lines are being driven low is not "on already".
+TEST_F(power, one_change_at_a_time) {
+    mt_gps_status = 0;
+    std::filesystem::remove("sys/class/gpio/gpio102/value");
+    ASSERT_EQ(mkfifo("sys/class/gpio/gpio102/value", 0600), 0); // holds its writer up
+    std::thread off([] { EXPECT_EQ(gps_set_power_mode(0, 3), 0); });
+    while (fake::count_logged(6, "mode = 0 serv_id = 3") == 0)
+        std::this_thread::yield();
+    std::thread on([] { EXPECT_EQ(gps_set_power_mode(2, 9), 0); });
+    usleep(50000); // long enough for a wake-up that does not wait
+    const int reader = open("sys/class/gpio/gpio102/value", O_RDONLY | O_CLOEXEC);
+    off.join();
+    on.join();
+    close(reader);
+    EXPECT_EQ(gps_current_power_mode_g, 2u);
+    EXPECT_EQ(gpio("gpio37/value"), "1");
+}
+
+TEST_F(power, a_mode_that_could_not_be_stored_is_logged) {
+    fake::database().power_on_write_result = -1;
+    gps_current_power_mode_g = 0;
+    EXPECT_EQ(gps_set_power_mode(2, 5), 0);
+    EXPECT_EQ(errors("power mode 2 could not be stored"), 1u);
 }
 
 TEST_F(power, set_mode_replies_and_tells_voip_for_voip_and_ws_only) {

@@ -9,9 +9,9 @@ namespace {
 class request : public daemon_fixture {
   protected:
     int32_t exchange(std::string_view command = "$z*7A\r\n") {
-        std::array<char, GPS_COMMAND_SIZE> buffer = {};
+        gps_sentence buffer = {};
         command.copy(buffer.data(), buffer.size());
-        return gps_get_data_req(buffer.data(), resp.data(), &len);
+        return gps_get_data_req(gps_sentence_bytes(buffer), &answer);
     }
     static void on_board_2(std::string_view answer, uint32_t cmd_len) {
         gps_board_type_g = 2;
@@ -20,8 +20,7 @@ class request : public daemon_fixture {
             [=](const fake::sent_message &) { fake::deliver_ta_answer(answer, cmd_len); });
     }
 
-    std::array<char, GPS_ANSWER_SIZE> resp = {};
-    uint32_t len = 200;
+    gps_answer answer = {};
 };
 
 TEST_F(request, commands_go_out_whole_and_an_answer_is_one_bounded_read) {
@@ -31,20 +30,55 @@ TEST_F(request, commands_go_out_whole_and_an_answer_is_one_bounded_read) {
     const std::string poll = "\xB5\x62\x06\x08\x00\x00\x0E\x30"s;
     const std::string longest = "\xB5\x62\x06\x08\xC0\x00"s + std::string(194, '\0'); // 192 + 8
     for (const std::string &command : {"$z*7A\r\n"s, poll, longest}) {
-        resp.fill('\0');
+        answer = {};
         EXPECT_EQ(exchange(command), 0);
-        EXPECT_EQ(len, 205u);
-        EXPECT_EQ(strlen(resp.data()), 205u);
+        EXPECT_EQ(answer.length, 205u);
+        EXPECT_EQ(strlen(answer.text), 205u);
     }
     EXPECT_EQ(exchange("\xB5\x62\x06\x08\xC1\x00"s), 1); // would not fit its buffer: not sent
     EXPECT_EQ(peer.commands(), (std::vector<std::string>{"$z*7A\r\n", poll, longest}));
 }
 
+// What lies on the line when a command is written: the answer to it behind a sound exchange, left
+// over behind one that was not.
+TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
+    const std::string ubx_poll = "\xB5\x62\x06\x08\x00\x00\x0E\x30"s;
+    const struct {
+        const char *name;
+        std::string command, answer;
+        bool is_sound;
+    } rows[] = {
+        {"a sentence", "$GPGPQ,GGA*3C\r\n", nmea("GPGGA,1"), true},
+        {"of another talker, behind a line end", "$GPGPQ,GGA*3C\r\n", "\r\n$GNGGA,1*00", true},
+        {"of another type", "$GPGPQ,GGA*3C\r\n", nmea("GPGSA,1"), false},
+        {"another message of the maker", "$PUBX,04*37\r\n", nmea("PUBX,00,1"), false},
+        {"the message of the maker", "$PUBX,04*37\r\n", nmea("PUBX,04,1"), true},
+        {"noise", "$PUBX,04*37\r\n", "noise", false},
+        {"the frame", ubx_poll, ubx_poll, true},
+        {"its refusal", ubx_poll, "\xB5\x62\x05\x00\x02\x00\x06\x08"s, true},
+        {"another frame", ubx_poll, "\xB5\x62\x06\x3E\x00\x00\x0E\x30"s, false},
+        {"a sentence for a frame", ubx_poll, nmea("GPGGA,1"), false},
+        {"more than fits", "$GPGPQ,GGA*3C\r\n", "$GPGGA," + std::string(198, '1'), false},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        line_peer peer(
+            [&](const std::string &command) { return command == r.command ? r.answer : "own"s; });
+        ASSERT_EQ(ls_hal_uart_init(), 0);
+        EXPECT_EQ(exchange(r.command), 0);
+        peer.send("queued");
+        answer = {};
+        EXPECT_EQ(exchange("$z*7A\r\n"), 0);
+        EXPECT_STREQ(answer.text, r.is_sound ? "queued" : "own");
+        ls_hal_uart_close();
+    }
+}
+
 TEST_F(request, a_ta_request_needs_the_antenna) {
     on_board_2("$answer", 7);
     EXPECT_EQ(exchange("$GPGPQ,GGA*3C\r\n"), 0);
-    EXPECT_EQ(len, 7u);
-    EXPECT_STREQ(resp.data(), "$answer");
+    EXPECT_EQ(answer.length, 7u);
+    EXPECT_STREQ(answer.text, "$answer");
     const auto sent = fake::sent();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].hdr.dst_serv_id, 12);
@@ -54,13 +88,13 @@ TEST_F(request, a_ta_request_needs_the_antenna) {
 }
 
 TEST_F(request, ta_answers_over_200_bytes_are_corrupt) {
-    const std::string answer(200, 'A');
+    const std::string text(200, 'A');
     for (const uint32_t cmd_len : {200u, 201u, 0xFFFFFFFFu}) {
-        on_board_2(answer, cmd_len);
-        resp.fill('x');
+        on_board_2(text, cmd_len);
+        memset(answer.text, 'x', sizeof(answer.text));
         EXPECT_EQ(exchange(), cmd_len == 200 ? 0 : 1);
-        EXPECT_EQ(len, cmd_len);
-        EXPECT_EQ(resp[2], cmd_len == 200 ? 'A' : 'x');
+        EXPECT_EQ(answer.length, cmd_len);
+        EXPECT_EQ(answer.text[2], cmd_len == 200 ? 'A' : 'x');
     }
 }
 
@@ -79,7 +113,7 @@ TEST_F(request, a_late_or_stray_ta_answer_does_not_answer_the_next_request) {
     rffe_req_sem_wait_time = 15;
     on_board_2("$fresh", 6);
     EXPECT_EQ(exchange(), 0);
-    EXPECT_STREQ(resp.data(), "$fresh");
+    EXPECT_STREQ(answer.text, "$fresh");
 }
 
 } // namespace

@@ -2,8 +2,10 @@
 #include "daemon_fixture.h"
 
 #include <array>
+#include <csignal>
 #include <fcntl.h>
 #include <termios.h>
+#include <thread>
 
 namespace {
 
@@ -32,6 +34,28 @@ TEST_F(uart, the_line_is_raw_at_9600_baud_and_gives_up_after_three_seconds) {
     const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - before;
     EXPECT_EQ(length, 0);
     EXPECT_NEAR(waited.count(), 3.0, 0.3);
+}
+
+// The platform's libraries have signals and handlers of their own, on any thread.
+TEST_F(uart, a_signal_of_somebody_else_is_no_failure_of_the_line) {
+    const line_peer peer(nullptr);
+    ASSERT_EQ(ls_hal_uart_init(), 0);
+    struct sigaction action = {};
+    action.sa_handler = [](int) {}; // and no SA_RESTART
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    std::thread reader([] {
+        std::array<uint8_t, 205> answer = {};
+        int32_t length = 205;
+        EXPECT_EQ(ls_hal_tty_read(answer.data(), &length), 0);
+        EXPECT_EQ(length, 5);
+    });
+    for (int i = 0; i < 20; ++i) {
+        usleep(5000);
+        pthread_kill(reader.native_handle(), SIGUSR1);
+    }
+    peer.send("whole");
+    reader.join();
+    EXPECT_TRUE(fake::sent().empty()); // no alarm
 }
 
 TEST_F(uart, a_read_takes_what_is_there_up_to_what_is_wanted) {
