@@ -41,9 +41,6 @@ static_assert(std::atomic<double>::is_always_lock_free);
 // CLOCK_MONOTONIC at start-up; written before any other thread runs.
 extern timespec ls_start_time;
 
-// Hand-off of a message to a new worker: posted by each worker when it has its copy.
-extern sem_t ls_thread_sem;
-
 // Hand-off of the TA's answer from the bus callback to the waiting receiver request.
 extern sem_t ta_data_sem;
 extern std::mutex ta_data_mutex;                // guards ta_req_timed_out_g and ta_data_req_pld

@@ -1,6 +1,7 @@
 #include "gps_history.h"
 
 #include "dbhandler.h"
+#include "gps_main.h"
 #include "gps_service.h"
 #include "ls_log.h"
 #include "ls_state.h"
@@ -112,6 +113,7 @@ int ls_hal_history_config() {
 }
 
 int ls_history_periodic_timer_handler(void *) {
+    const ls_activity activity;
     log_debug("LH: %s: periodic_update_history_timer_handler!\n", __func__);
     if (!ls_history_acquisition_started) {
         if (is_inside_boot_offset()) {

@@ -20,20 +20,21 @@ constexpr char LS_VERSION[] = "2.0";
 
 // A file in the static location's directory was modified.
 int file_modify_signal() {
-    return SIGRTMIN + 1;
+    return SIGRTMIN + LS_FILE_MODIFY_SIGNAL_OFFSET;
 }
 
 std::atomic<bool> stop_requested; // set by sig_handler, also before the loop runs
 
 void sig_handler(int signal) {
     const ls_signal_scope scope;
-    if (!scope)
+    const ls_activity activity;
+    if (ls_is_stopping())
         return;
     log_info("%s: Received Signal %d", __func__, signal);
     // Not before the platform has taken the vote: the terminal may be about to sleep.
     while (pm_system_state_enable(LS_SYSTEM_STATE_ID) != 1) {
     }
-    if (signal == file_modify_signal()) {
+    if (signal == file_modify_signal() || signal == SIGIO) {
         log_info("%s file is modified\n", LS_PATH_STUB_LOCATION);
         ls_read_stub_location();
         return;
@@ -42,6 +43,11 @@ void sig_handler(int signal) {
     GMainLoop *loop = ls_main_loop;
     if (loop != nullptr)
         g_main_loop_quit(loop);
+}
+
+// Some notifications of the directory did not fit into the queue of signals.
+void reread_after_overflow() {
+    sig_handler(SIGIO);
 }
 
 // First thing the loop runs: a signal that came before the loop did could not quit it.
@@ -72,18 +78,18 @@ void read_control_parameters() {
 bool install_handlers(struct sigaction action) {
     struct handled_signal {
         int number;
-        const char *name;
+        ls_log_text failed;
     };
     const std::array handled = {
-        handled_signal{SIGTSTP, "SIGTSTP"},
-        handled_signal{SIGHUP, "SIGHUP"},
-        handled_signal{SIGTERM, "SIGTERM"},
-        handled_signal{file_modify_signal(), "FILE_MODIFY_SIG"},
+        handled_signal{SIGTSTP, "Failed to set SIGTSTP handler"},
+        handled_signal{SIGHUP, "Failed to set SIGHUP handler"},
+        handled_signal{SIGTERM, "Failed to set SIGTERM handler"},
+        handled_signal{file_modify_signal(), "Failed to set FILE_MODIFY_SIG handler"},
     };
     action.sa_handler = sig_handler;
     for (const handled_signal &signal : handled) {
         if (sigaction(signal.number, &action, nullptr) != 0) {
-            log_error("Failed to set %s handler", signal.name);
+            log_text(LS_LOG_ERROR, signal.failed, "");
             return false;
         }
     }
@@ -100,10 +106,11 @@ void run_main_loop() {
 
 void shut_down() {
     log_info("Signal handler called. Cleaning up and exiting Location Service");
-    ls_stop_signal_handlers();
+    ls_begin_stop();
     rtc_exit();
+    ls_wait_for_activities();
     ls_hal_deinit_device(gps_board_type_g);
-    g_main_loop_unref(ls_main_loop);
+    g_main_loop_unref(ls_main_loop.exchange(nullptr));
 }
 
 } // namespace
@@ -122,7 +129,6 @@ int main() {
         return EXIT_FAILURE;
     }
     read_settings();
-    sem_init(&ls_thread_sem, 0, 0);
     sem_init(&ta_data_sem, 0, 0);
     read_control_parameters();
     if (ls_hal_init_device(gps_board_type_g) == -1) {
@@ -133,6 +139,7 @@ int main() {
     ls_read_stub_location();
     if (!install_handlers(action))
         return EXIT_FAILURE;
+    ls_catch_notification_overflow(reread_after_overflow);
     if (ls_watch_stub_location_dir(file_modify_signal()) == -1)
         log_error("%s file modification failed\n", LS_PATH_STUB_LOCATION);
     run_main_loop();

@@ -2,6 +2,10 @@
 //
 // The daemon's handlers log, allocate and send. On a thread that can be interrupted anywhere they
 // could meet a lock that this thread holds; the signal thread holds none, so they can not.
+//
+// The platform's libraries have signals of their own, waited for by threads of theirs or caught by
+// handlers that may run on any thread. So the daemon's signals are the only ones that the signal
+// thread takes, and the only ones that are blocked anywhere else.
 #include "gps_main.h"
 #include "ls_log.h"
 
@@ -9,92 +13,103 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 static constexpr char log_module[] = "gps_main";
 
 namespace {
 
-// The handlers log one line and read one small file.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t SIGNAL_STACK_SIZE = size_t{512} * 1024;
-#else
-constexpr size_t SIGNAL_STACK_SIZE = size_t{64} * 1024;
-#endif
+std::atomic<int> overflow_fd = -1; // eventfd: directory notifications were lost
+std::atomic<void (*)()> overflow_action;
 
-std::atomic<bool> stopping;        // no handler body runs any more
-std::atomic<int> handlers_running; // bodies that run at this moment: at most one
-
-// The signals of the daemon. Directory notifications turn into SIGIO when the queue of real-time
-// signals is full, and its default would end the process: it is blocked everywhere and never taken.
-sigset_t daemon_signals(bool with_sigio) {
+sigset_t daemon_signals() {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGTSTP);
-    sigaddset(&set, SIGHUP);
-    sigaddset(&set, SIGTERM);
-    for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal)
+    for (const int signal : {SIGTSTP, SIGHUP, SIGTERM, SIGRTMIN + LS_FILE_MODIFY_SIGNAL_OFFSET})
         sigaddset(&set, signal);
-    if (with_sigio)
-        sigaddset(&set, SIGIO);
+    for (int slot = 0; slot < LS_PERIODIC_SLOTS; ++slot)
+        sigaddset(&set, SIGRTMIN + LS_PERIODIC_SIGNAL_OFFSET + slot);
     return set;
 }
 
 void *wait_for_signals(void *) {
     pthread_setname_np(pthread_self(), "ls_signals");
+    const sigset_t taken = daemon_signals();
     sigset_t wait_mask;
-    pthread_sigmask(SIG_BLOCK, nullptr, &wait_mask);
-    const sigset_t taken = daemon_signals(false);
+    sigfillset(&wait_mask);
     for (int signal = 1; signal <= SIGRTMAX; ++signal) {
         if (sigismember(&taken, signal) == 1)
             sigdelset(&wait_mask, signal);
     }
-    while (true)
-        sigsuspend(&wait_mask);
+    while (true) {
+        pollfd overflow = {.fd = overflow_fd, .events = POLLIN, .revents = 0};
+        uint64_t count = 0;
+        // Signals are delivered in here and nowhere else.
+        if (ppoll(&overflow, 1, nullptr, &wait_mask) <= 0 ||
+            read(overflow_fd, &count, sizeof(count)) != sizeof(count))
+            continue;
+        if (void (*action)() = overflow_action; action != nullptr)
+            action();
+    }
+}
+
+// SIGIO, on any thread, which may hold any lock: hands on to the signal thread.
+void report_overflow(int) {
+    const int kept_errno = errno;
+    constexpr uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(overflow_fd, &one, sizeof(one));
+    errno = kept_errno;
 }
 
 } // namespace
 
 int ls_start_signal_thread() {
-    const sigset_t blocked = daemon_signals(true);
+    overflow_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    // The thread is born with all signals blocked, so that they reach it only inside ppoll.
+    sigset_t all;
     sigset_t before;
-    // The thread is born with the signals blocked, so that they reach it only inside sigsuspend.
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, SIGNAL_STACK_SIZE);
+    pthread_attr_setstacksize(&attributes, LS_THREAD_STACK_SIZE);
     pthread_t thread = {};
-    errno = pthread_create(&thread, &attributes, wait_for_signals, nullptr);
-    const int error = errno;
+    const int error = pthread_create(&thread, &attributes, wait_for_signals, nullptr);
     pthread_attr_destroy(&attributes);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
         errno = error;
         log_error("Error while creating the signal thread. error = %d(%m)", error);
         return -1;
     }
+    const sigset_t blocked = daemon_signals();
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     return 0;
 }
 
-ls_signal_scope::ls_signal_scope() : kept_errno(errno), entered(false) {
+void ls_catch_notification_overflow(void (*action)()) {
+    struct sigaction present = {};
+    if (sigaction(SIGIO, nullptr, &present) != 0 || (present.sa_flags & SA_SIGINFO) != 0 ||
+        present.sa_handler != SIG_DFL)
+        return;
+    overflow_action = action;
+    struct sigaction own = {};
+    own.sa_handler = report_overflow;
+    own.sa_flags = SA_RESTART;
+    sigemptyset(&own.sa_mask);
+    sigaction(SIGIO, &own, nullptr);
+}
+
+ls_signal_scope::ls_signal_scope() : kept_errno(errno) {
     // The kernel puts the mask back when the handler returns.
-    const sigset_t set = daemon_signals(true);
+    const sigset_t set = daemon_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    ++handlers_running;
-    entered = !stopping;
 }
 
 ls_signal_scope::~ls_signal_scope() {
-    --handlers_running;
     errno = kept_errno;
-}
-
-void ls_stop_signal_handlers() {
-    stopping = true;
-    constexpr int patience_ms = 1000;
-    for (int waited = 0; handlers_running != 0 && waited < patience_ms; ++waited) {
-        const timespec one_ms = {.tv_sec = 0, .tv_nsec = 1'000'000};
-        nanosleep(&one_ms, nullptr);
-    }
 }

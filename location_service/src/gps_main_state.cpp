@@ -15,7 +15,6 @@ std::atomic<double> loc_hist_offset_time;
 
 timespec ls_start_time;
 
-sem_t ls_thread_sem;
 sem_t ta_data_sem;
 std::mutex ta_data_mutex;
 std::atomic<int32_t> ta_req_timed_out_g;

@@ -1,7 +1,10 @@
 #include "gps_message_handler.h"
 
 #include "dbhandler.h"
+#include "gps_history.h"
+#include "gps_main.h"
 #include "ls_log.h"
+#include "ls_send.h"
 #include "ls_state.h"
 
 #include <algorithm>
@@ -11,6 +14,13 @@
 static constexpr char log_module[] = "gps_message_handler";
 
 namespace {
+
+// Logs a payload that is missing; what `taken` says.
+bool expect_payload(bool taken) {
+    if (!taken)
+        log_error("%s is a NULL POINTER!", "msg->pld");
+    return taken;
+}
 
 bool missing_argument(const scm_conn *conn, const bus_msg *msg) {
     if (conn == nullptr) {
@@ -44,27 +54,38 @@ void refuse_at_gate(scm_conn *conn, const bus_msg *msg) {
 
 // Hands the TA's answer to the waiting receiver request. The answer to a request that has given up
 // refreshes the buffer but wakes nobody, so that the next request does not take it for its own.
-void store_ta_answer(const bus_msg &msg) {
-    gps_data_req_pld answer = {}; // what a short answer lacks is zero
-    memcpy(&answer, msg.pld, std::min<size_t>(msg.hdr.pld_len, sizeof(answer)));
+// False: there is none.
+bool store_ta_answer(const bus_msg &msg) {
+    gps_data_req_pld answer;
+    if (!expect_payload(ls_payload_record(msg, &answer)))
+        return false;
+    if (gps_board_type_g != 2)
+        return true;
     const std::lock_guard guard(ta_data_mutex);
     ta_data_req_pld = answer;
     if (ta_req_timed_out_g == 0)
         sem_post(&ta_data_sem);
     else
         ta_req_timed_out_g = 0;
+    return true;
 }
 
 } // namespace
 
-bool ls_payload_word(const bus_msg &msg, uint32_t *word) {
-    if (msg.pld == nullptr || msg.hdr.pld_len < sizeof(*word))
+bool ls_payload_bytes(const bus_msg &msg, void *record, size_t size) {
+    memset(record, 0, size);
+    if (msg.pld == nullptr || msg.hdr.pld_len == 0)
         return false;
-    memcpy(word, msg.pld, sizeof(*word));
+    memcpy(record, msg.pld, std::min<size_t>(msg.hdr.pld_len, size));
     return true;
 }
 
+bool ls_payload_word(const bus_msg &msg, uint32_t *word) {
+    return msg.hdr.pld_len >= sizeof(*word) && ls_payload_record(msg, word);
+}
+
 int ls_hal_process_message(scm_conn *conn, bus_msg *msg) {
+    const ls_activity activity;
     log_info(">>%s", __func__);
     if (missing_argument(conn, msg))
         return -1;
@@ -106,13 +127,7 @@ int ls_hal_process_response_msg(scm_conn *conn, bus_msg *msg) {
         return 0;
     case TA_REQUEST_GPS_DATA:
         log_info("Received GPS data from TA: Message Id  %d\n", msg->hdr.msg_id);
-        if (msg->pld == nullptr) {
-            log_error("%s is a NULL POINTER!", "msg->pld");
-            return -1;
-        }
-        if (gps_board_type_g == 2)
-            store_ta_answer(*msg);
-        return 0;
+        return store_ta_answer(*msg) ? 0 : -1;
     case SAL_REQUEST_LPP_CAPABILITIES:
         log_info("Recived response from SAL : Message Id  %d", msg->hdr.msg_id);
         return 0;
@@ -125,12 +140,9 @@ int ls_hal_process_response_msg(scm_conn *conn, bus_msg *msg) {
 namespace {
 
 int handle_cfun_level(scm_conn *conn, const bus_msg &msg) {
-    if (msg.pld == nullptr || msg.hdr.pld_len < 1) {
-        log_error("%s is a NULL POINTER!", "msg->pld");
-        return -1;
-    }
     uint8_t level = 0;
-    memcpy(&level, msg.pld, sizeof(level));
+    if (!expect_payload(ls_payload_record(msg, &level)))
+        return -1;
     log_info("pld: ss->cfun_level = %d\n\n", level);
     log_info("txn_id = %d\nmsg_id = %d\nmsg_type = %d\n\n", msg.hdr.txn_id, msg.hdr.msg_id,
              msg.hdr.msg_type);
@@ -144,10 +156,8 @@ int handle_cfun_level(scm_conn *conn, const bus_msg &msg) {
 
 int handle_antenna_type(const bus_msg &msg) {
     uint32_t type = 0;
-    if (!ls_payload_word(msg, &type)) {
-        log_error("%s is a NULL POINTER!", "msg->pld");
+    if (!expect_payload(ls_payload_word(msg, &type)))
         return -1;
-    }
     antenna_type = static_cast<int32_t>(type);
     log_info("antenna_type: %d", antenna_type.load());
     return 0;
@@ -163,7 +173,7 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg) {
         return handle_cfun_level(conn, *msg);
     case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE:
         log_debug("Case WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE\n");
-        ls_start_history_config();
+        ls_hal_history_config();
         return 0;
     case TA_NOTIFY_ANTENNA_TYPE:
         return handle_antenna_type(*msg);
@@ -179,11 +189,11 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg) {
 }
 
 void ls_hal_send_lpp_capabilites(scm_conn *conn, uint16_t capability) {
-    auto *hdr = static_cast<msg_hdr *>(g_try_malloc0_n(1, sizeof(msg_hdr)));
-    if (hdr == nullptr)
+    const ls_sent sent = ls_send(conn, &capability, [&](msg_hdr *hdr) {
+        fill_request_hdr(conn, hdr, sizeof(capability), SAL_REQUEST_LPP_CAPABILITIES, LS_SERV_SAL);
+    });
+    if (sent == ls_sent::no_header)
         log_error("%s is a NULL POINTER!", "hdr");
-    fill_request_hdr(conn, hdr, sizeof(capability), SAL_REQUEST_LPP_CAPABILITIES, LS_SERV_SAL);
-    if (send_msg(conn, hdr, &capability) == -1)
+    if (sent != ls_sent::yes)
         log_error("Error while sending response %s", __func__);
-    g_free(hdr);
 }

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 // --- gps_message_handler.cpp: dispatch, on the bus library's receive thread
 
@@ -23,7 +24,17 @@ int ls_hal_process_notification_msg(scm_conn *conn, bus_msg *msg);
 // Tells SAL whether GNSS is available for LPP (1) or not (0).
 void ls_hal_send_lpp_capabilites(scm_conn *conn, uint16_t capability);
 
-// First 32-bit word of a payload. False when there is none: shorter, or no payload at all.
+bool ls_payload_bytes(const bus_msg &msg, void *record, size_t size);
+
+// The record of a payload; what a short one lacks is zero. False when there is none: a length
+// without bytes is no payload either.
+template <typename Record>
+bool ls_payload_record(const bus_msg &msg, Record *record) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    return ls_payload_bytes(msg, record, sizeof(*record));
+}
+
+// The first 32-bit word of a payload, for what is one word only: half a word means nothing.
 bool ls_payload_word(const bus_msg &msg, uint32_t *word);
 
 // --- gps_message_handler_worker.cpp: request entry and worker threads
@@ -31,20 +42,12 @@ bool ls_payload_word(const bus_msg &msg, uint32_t *word);
 // Power check and start of a worker. -1 when the request is refused (no reply is sent then).
 int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg);
 
-// Copies the message and serves it on a detached thread; 0 when a worker runs. The message is the
-// caller's again on return.
+// Copies the message and serves it on a detached thread; 0 when a worker runs, -1 when it could not
+// be started (logged). The message is the caller's again on return.
 int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg);
 
-// Thread body; `param` is the hand-off record.
+// Thread body; `param` is the worker's request, which it owns.
 void *ls_process_thread_req(void *param);
-
-// Applies the history settings (ls_hal_history_config) on a detached thread that counts as a worker
-// and holds a vote. Not on the bus thread: the deletion of the timer waits for a position that is
-// being taken, whose answer the bus thread itself delivers on board type 2.
-void ls_start_history_config();
-
-// Workers that are running at this moment.
-int ls_active_workers();
 
 // --- gps_message_handler_reply.cpp: reply builders, any thread
 
@@ -67,7 +70,7 @@ int ls_send_power_notification(uint32_t msg_id, const uint32_t *payload, uint32_
 void ls_hal_get_power_mode(scm_conn *conn, const bus_msg *msg);
 void ls_hal_set_power_mode(scm_conn *conn, const bus_msg *msg);
 void ls_hal_get_position(scm_conn *conn, const bus_msg *msg);
-// Fills the position reply: the buffered position while it is young enough, else one query. `name`
+// Fills the reply of a position: the buffered one while it is young enough, else one query. `name`
 // is the caller's, for the log.
 void ls_take_position(const char *name, ls_position_reply *reply);
 

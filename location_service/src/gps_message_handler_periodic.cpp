@@ -15,12 +15,12 @@ static constexpr char log_module[] = "gps_message_handler";
 namespace {
 
 constexpr uint32_t SHORTEST_INTERVAL_S = 4;
-constexpr int FIRST_SIGNAL_OFFSET = 10; // slot 0; the static location's watch has offset 1
 constexpr uint8_t NO_SLOT = 0xFF;
 
 struct registry_slot {
-    ls_periodic_req req; // under registry_lock
-    uint32_t in_use;     // under registry_lock; 1 = occupied
+    ls_periodic_req req;   // under registry_lock
+    uint32_t in_use;       // under registry_lock; 1 = occupied
+    uint64_t registration; // under registry_lock; tells it from the client's earlier ones
     std::atomic<timer_t>
         timer_id; // written under registry_lock, read by the signal handler; 0 = none
     std::atomic<scm_conn *> conn; // of req, for the signal handler
@@ -28,21 +28,22 @@ struct registry_slot {
 
 // Taken by workers only, never in the signal handler.
 std::mutex registry_lock;
-std::array<registry_slot, 3> ls_periodic_req_queue;
+std::array<registry_slot, LS_PERIODIC_SLOTS> ls_periodic_req_queue;
+uint64_t registrations; // under registry_lock; made so far
 
 // Whether two service ids mean the same service: only the low 8 bits count.
 bool same_service(uint32_t a, uint32_t b) {
     return static_cast<uint8_t>(a) == static_cast<uint8_t>(b);
 }
 
-// The next three functions run under registry_lock.
+// The functions up to count_down run under registry_lock.
 
 uint32_t store(const ls_periodic_req *req, uint8_t *slot_out) {
-    uint8_t free_slot = NO_SLOT;
+    uint8_t highest_free = NO_SLOT;
     for (size_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
         registry_slot &slot = ls_periodic_req_queue[i];
         if (slot.in_use != 1) {
-            free_slot = static_cast<uint8_t>(i);
+            highest_free = static_cast<uint8_t>(i);
             continue;
         }
         if (!same_service(slot.req.serv_id, req->serv_id))
@@ -56,19 +57,22 @@ uint32_t store(const ls_periodic_req *req, uint8_t *slot_out) {
     }
     if (req->msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB)
         return 1; // not registered any more
-    if (free_slot == NO_SLOT) {
+    if (highest_free == NO_SLOT) {
         log_error("Periodic update register request queue full\n");
         return 1;
     }
-    registry_slot &slot = ls_periodic_req_queue[free_slot];
+    registry_slot &slot = ls_periodic_req_queue[highest_free];
     slot.req = *req;
     slot.conn = req->conn;
+    slot.registration = ++registrations;
     slot.in_use = 1;
-    *slot_out = free_slot;
+    *slot_out = highest_free;
     return 0;
 }
 
-void free_slot(registry_slot &slot) {
+void free_slot(size_t index) {
+    registry_slot &slot = ls_periodic_req_queue[index];
+    log_debug("!!!Deleting request at %d position !!!\n", static_cast<int>(index));
     delete_timer(slot.timer_id);
     slot.timer_id = timer_t{};
     slot.in_use = 0;
@@ -76,34 +80,60 @@ void free_slot(registry_slot &slot) {
     slot.conn = nullptr;
 }
 
-// Counts one notification down in the client's slot and sees to it that more to come have a timer.
-// False: there is no timer and none could be had.
-bool count_down(ls_periodic_req *req) {
-    req->msg_id = LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB;
-    --req->num_updates;
-    // A client whose registration has gone meanwhile still gets this notification; slot 0 then
-    // stands in for the one it had.
-    uint8_t index = 0;
-    store(req, &index);
+// Creates and starts the timer of a slot. False: neither it nor its start could be had (logged).
+bool start_slot_timer(size_t index) {
     registry_slot &slot = ls_periodic_req_queue[index];
-    if (req->num_updates == 0 || slot.timer_id != timer_t{} || slot.in_use != 1)
-        return true;
     if (create_timer(&slot.timer_id, ls_periodic_timer_signal_handler,
-                     FIRST_SIGNAL_OFFSET + index) != 0) {
+                     LS_PERIODIC_SIGNAL_OFFSET + static_cast<int>(index)) != 0) {
         log_error("Timer creation for periodic GPS updates failed");
         return false;
     }
     return start_timer(slot.timer_id, slot.req.interval) == 0;
 }
 
-// Sends the notification, and ends a registration whose last one it was.
-void notify(scm_conn *conn, const bus_msg *msg, const ls_periodic_req &req) {
+// One notification to be sent, and what it counts for.
+struct due_notification {
+    uint64_t registration; // 0: none that still exists
+    uint32_t left;         // notifications behind this one
+    bool has_timer;        // as far as it needs one
+};
+
+// Counts one notification down in the client's slot and sees to it that more to come have a timer.
+// A client whose registration has gone meanwhile still gets this notification.
+due_notification count_down(ls_periodic_req *req) {
+    req->msg_id = LS_REQUEST_REGISTER_PERIODIC_UPDATE_LB;
+    --req->num_updates;
+    uint8_t index = 0;
+    if (store(req, &index) != 0)
+        return {.registration = 0, .left = req->num_updates, .has_timer = true};
+    const registry_slot &slot = ls_periodic_req_queue[index];
+    const bool needs_timer = req->num_updates != 0 && slot.timer_id == timer_t{};
+    return {.registration = slot.registration,
+            .left = req->num_updates,
+            .has_timer = !needs_timer || start_slot_timer(index)};
+}
+
+// The last notification is out. The client may have ended the registration meanwhile, and made a
+// new one: that is not this one's to end.
+void end_registration(uint64_t registration) {
+    log_debug("#### Num Updates = 0 deleting request...####\n");
+    const std::lock_guard guard(registry_lock);
+    for (size_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
+        const registry_slot &slot = ls_periodic_req_queue[i];
+        if (slot.in_use == 1 && slot.registration == registration)
+            free_slot(i);
+    }
+}
+
+// Sends the notification, and ends a registration whose last one it was. 0; 1 without a timer.
+uint32_t notify(scm_conn *conn, const bus_msg *msg, const due_notification &due) {
+    if (!due.has_timer)
+        return 1;
     log_debug("Sending periodic data\n");
     ls_hal_send_periodic_data(conn, msg);
-    if (req.num_updates == 0) {
-        log_debug("#### Num Updates = 0 deleting request...####\n");
-        ls_delete_periodic_request(static_cast<uint8_t>(req.serv_id));
-    }
+    if (due.left == 0)
+        end_registration(due.registration);
+    return 0;
 }
 
 } // namespace
@@ -131,22 +161,20 @@ uint32_t gps_handle_periodic_update_request(scm_conn *conn, const bus_msg *msg,
         log_error("%s: response code invalid", __func__);
         return 1;
     }
+    due_notification due = {};
     {
         const std::lock_guard guard(registry_lock);
-        if (!count_down(req))
-            return 1;
+        due = count_down(req);
     }
-    notify(conn, msg, *req);
-    return 0;
+    return notify(conn, msg, due);
 }
 
 void ls_hal_register_periodic_update_request(scm_conn *conn, const bus_msg *msg) {
-    ls_register_periodic_req_pld_s wanted = {};
-    if (msg->pld == nullptr || msg->hdr.pld_len < sizeof(wanted)) {
+    ls_register_periodic_req_pld_s wanted;
+    if (!ls_payload_record(*msg, &wanted)) {
         log_error("%s is a NULL POINTER!", "(ls_register_periodic_req_pld_s *)msg->pld");
         return;
     }
-    memcpy(&wanted, msg->pld, sizeof(wanted));
     ls_periodic_req req = {.conn = conn,
                            .serv_id = msg->hdr.src_serv_id,
                            .msg_id = msg->hdr.msg_id,
@@ -161,20 +189,19 @@ void ls_hal_handle_periodic_loopback(scm_conn *conn, const bus_msg *msg) {
         log_error("%s: no such slot", __func__);
         return;
     }
-    ls_periodic_req req = {};
+    bus_msg to_client = *msg;
+    due_notification due = {};
     {
         const std::lock_guard guard(registry_lock);
         const registry_slot &slot = ls_periodic_req_queue[index];
-        req = slot.req;
+        ls_periodic_req req = slot.req;
         // The last notification is on its way already; an expiry that overtook it adds none.
         if (slot.in_use == 1 && req.num_updates == 0)
             return;
-        if (!count_down(&req))
-            return;
+        to_client.hdr.src_serv_id = static_cast<uint8_t>(req.serv_id);
+        due = count_down(&req);
     }
-    bus_msg to_client = *msg;
-    to_client.hdr.src_serv_id = static_cast<uint8_t>(req.serv_id);
-    notify(conn, &to_client, req);
+    notify(conn, &to_client, due);
 }
 
 void ls_hal_unregister_periodic_update_request(scm_conn *conn, const bus_msg *msg) {
@@ -195,7 +222,8 @@ void ls_hal_send_periodic_data(scm_conn *conn, const bus_msg *msg) {
 // Signal context, on the signal thread. Touches only the atomics of a slot.
 void ls_periodic_timer_signal_handler(int, siginfo_t *info, void *) {
     const ls_signal_scope scope;
-    if (!scope)
+    const ls_activity activity;
+    if (ls_is_stopping())
         return;
     for (uint32_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
         registry_slot &slot = ls_periodic_req_queue[i];
@@ -223,10 +251,9 @@ void ls_periodic_timer_signal_handler(int, siginfo_t *info, void *) {
 uint32_t ls_delete_periodic_request(uint8_t serv_id) {
     const std::lock_guard guard(registry_lock);
     for (size_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
-        registry_slot &slot = ls_periodic_req_queue[i];
+        const registry_slot &slot = ls_periodic_req_queue[i];
         if (slot.in_use == 1 && same_service(slot.req.serv_id, serv_id)) {
-            log_debug("!!!Deleting request at %d position !!!\n", static_cast<int>(i));
-            free_slot(slot);
+            free_slot(i);
             return 0;
         }
     }
@@ -243,10 +270,16 @@ void ls_delete_all_periodic_requests() {
     }
 }
 
+namespace {
+
+void dump_rule() {
+    log_debug("\n********************************************************\n");
+}
+
+} // namespace
+
 void ls_dump_periodic_request_queue() {
-    constexpr char rule[] = "\n********************************************************\n";
-    static_assert(sizeof(rule) == 56 + 3);
-    log_debug("%s", rule);
+    dump_rule();
     {
         const std::lock_guard guard(registry_lock);
         for (size_t i = 0; i < ls_periodic_req_queue.size(); ++i) {
@@ -260,5 +293,5 @@ void ls_dump_periodic_request_queue() {
             }
         }
     }
-    log_debug("%s", rule);
+    dump_rule();
 }

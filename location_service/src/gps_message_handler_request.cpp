@@ -8,7 +8,6 @@
 #include "ls_paths.h"
 #include "ls_state.h"
 
-#include <algorithm>
 #include <cstring>
 
 static constexpr char log_module[] = "gps_message_handler";
@@ -36,50 +35,67 @@ void count_pending(int32_t n) {
 
 // One receiver query in the common frame: counted, and alone on the receiver.
 template <typename Query>
-int32_t run_query(Query query) {
+auto run_query(Query query) {
     count_pending(1);
-    int32_t result = 0;
-    {
+    const auto result = [&] {
         const std::lock_guard guard(gps_access_lock);
-        result = query();
-    }
+        return query();
+    }();
     count_pending(-1);
     return result;
 }
 
-// Replies are zeroed with memset: their padding goes to the client too.
+// A reply of zeros, its padding included: all of it goes to the client.
+template <typename Reply>
+Reply zeroed() {
+    Reply reply;
+    memset(&reply, 0, sizeof(reply));
+    return reply;
+}
+
 template <typename Reply>
 void send_reply(scm_conn *conn, const bus_msg *msg, const Reply &reply) {
     ls_send_response(conn, msg, &reply, sizeof(reply), 0);
 }
 
-// Runs an engineering command on a copy of the request's record, which goes back as the reply. A
-// record that did not come whole is not executed.
+// Runs an engineering command on a copy of the request's record, which goes back as the reply.
 void exec_command(scm_conn *conn, const bus_msg *msg, int32_t (*execute)(ls_engg_cmd *),
-                  const char *operation, const char *name) {
-    ls_engg_cmd record = {};
+                  ls_log_text failed, const char *name) {
+    ls_engg_cmd record;
     int32_t result = 1;
-    if (msg->pld != nullptr && msg->hdr.pld_len >= sizeof(record)) {
-        memcpy(&record, msg->pld, sizeof(record));
+    if (ls_payload_record(*msg, &record))
         result = run_query([&] { return execute(&record); });
-    }
     record.status = command_status(result);
     if (record.status != LS_STATUS_OK)
-        log_error("%s: %s failed\n", name, operation);
+        log_text(LS_LOG_ERROR, failed, name);
     send_reply(conn, msg, record);
+}
+
+// The buffered position and the result of the query that left it, or a new query.
+struct position_result {
+    int32_t result;
+    bool is_buffered;
+};
+
+position_result query_position(const char *name, gps_pos_data *pos) {
+    int32_t stored_result = 0;
+    if (!gps_get_buffered_pos(pos, &stored_result))
+        return {gps_get_pos(pos), false};
+    log_info("%s: Sending buffered position data", name);
+    return {stored_result, true};
 }
 
 } // namespace
 
 void ls_hal_get_power_mode(scm_conn *conn, const bus_msg *msg) {
-    ls_power_reply reply = {};
+    auto reply = zeroed<ls_power_reply>();
     const int32_t result = run_query([&] { return gps_get_power_mode(&reply.power_mode); });
     reply.status = command_status(result);
     send_reply(conn, msg, reply);
 }
 
 void ls_hal_set_power_mode(scm_conn *conn, const bus_msg *msg) {
-    ls_power_reply reply = {};
+    auto reply = zeroed<ls_power_reply>();
     uint32_t mode = 0;
     if (!ls_payload_word(*msg, &mode)) {
         log_error("%s: failed to set power mode\n", __func__);
@@ -104,18 +120,10 @@ void ls_hal_set_power_mode(scm_conn *conn, const bus_msg *msg) {
 
 void ls_take_position(const char *name, ls_position_reply *reply) {
     memset(reply, 0, sizeof(*reply));
-    bool buffered = false;
-    const int32_t result = run_query([&] {
-        int32_t stored_result = 0;
-        buffered = gps_get_buffered_pos(&reply->pos, &stored_result);
-        if (!buffered)
-            return gps_get_pos(&reply->pos);
-        log_info("%s: Sending buffered position data", name);
-        return stored_result;
-    });
-    reply->status = position_status(result);
+    const position_result taken = run_query([&] { return query_position(name, &reply->pos); });
+    reply->status = position_status(taken.result);
     // A failed query may have filled part of the record; the client gets zeros.
-    if (reply->status != LS_STATUS_OK && !buffered)
+    if (reply->status != LS_STATUS_OK && !taken.is_buffered)
         memset(&reply->pos, 0, sizeof(reply->pos));
 }
 
@@ -126,8 +134,7 @@ void ls_hal_get_position(scm_conn *conn, const bus_msg *msg) {
 }
 
 void ls_hal_get_time(scm_conn *conn, const bus_msg *msg) {
-    ls_time_reply reply;
-    memset(&reply, 0, sizeof(reply));
+    auto reply = zeroed<ls_time_reply>();
     int32_t result = run_query([&] { return gps_get_time(&reply.time); });
     reply.status = time_status(result);
     if (reply.status == LS_STATUS_OK) {
@@ -140,21 +147,21 @@ void ls_hal_get_time(scm_conn *conn, const bus_msg *msg) {
 }
 
 void ls_hal_get_sat_info(scm_conn *conn, const bus_msg *msg) {
-    ls_sat_info_reply reply = {};
+    auto reply = zeroed<ls_sat_info_reply>();
     const int32_t result = run_query([&] { return gps_get_sat_info(&reply.info); });
     reply.status = position_status(result);
     send_reply(conn, msg, reply);
 }
 
 void ls_hal_get_speed(scm_conn *conn, const bus_msg *msg) {
-    ls_speed_reply reply = {};
+    auto reply = zeroed<ls_speed_reply>();
     const int32_t result = run_query([&] { return gps_get_speed(&reply.speed); });
     reply.status = position_status(result);
     send_reply(conn, msg, reply);
 }
 
 void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg) {
-    ls_history_path_reply reply = {};
+    auto reply = zeroed<ls_history_path_reply>();
     {
         const std::lock_guard guard(ls_history_file_lock);
         reply.status = static_cast<uint32_t>(ls_hal_read_history_data());
@@ -165,19 +172,17 @@ void ls_hal_get_history_file_path(scm_conn *conn, const bus_msg *msg) {
 }
 
 void ls_hal_exec_nmea_cmd(scm_conn *conn, const bus_msg *msg) {
-    exec_command(conn, msg, gps_engg_exec_nmea, "gps_engg_exec_nmea", __func__);
+    exec_command(conn, msg, gps_engg_exec_nmea, "%s: gps_engg_exec_nmea failed\n", __func__);
 }
 
 void ls_hal_exec_ubx_cmd(scm_conn *conn, const bus_msg *msg) {
-    exec_command(conn, msg, gps_engg_exec_ubx, "gps_engg_exec_ubx", __func__);
+    exec_command(conn, msg, gps_engg_exec_ubx, "%s: gps_engg_exec_ubx failed\n", __func__);
 }
 
 int ls_hal_get_lpp_params(scm_conn *conn, const bus_msg *msg) {
-    gps_lpp_location location = {};
-    if (msg->pld == nullptr)
-        log_error("%s is a NULL POINTER!", "msg->pld");
-    else
-        memcpy(&location, msg->pld, std::min<size_t>(msg->hdr.pld_len, sizeof(location)));
+    gps_lpp_location location;
+    if (!ls_payload_record(*msg, &location))
+        log_error("%s is a NULL POINTER!", "msg->pld"); // and starts from zeros
 
     count_pending(1);
     {

@@ -1,6 +1,6 @@
-// Request entry and workers: one detached thread per accepted request, and one per change of the
-// history settings.
+// Request entry and workers: one detached thread per accepted request.
 #include "gps_history.h"
+#include "gps_main.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "ls_log.h"
@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
@@ -16,35 +17,14 @@ static constexpr char log_module[] = "gps_message_handler";
 
 namespace {
 
-// What a new worker copies onto its own stack first of all.
-struct ls_thread_param_s {
+// What a worker needs, in one block that is its own from the moment its thread exists. The copy of
+// the payload stands behind it.
+struct alignas(std::max_align_t) ls_thread_param {
     scm_conn *conn;
-    bus_msg msg;   // pld points to the payload copy when there is one
-    void *payload; // heap copy, owned by the worker from the hand-off on
+    bus_msg msg; // pld points behind this record, or is null
+
+    uint8_t *payload() { return reinterpret_cast<uint8_t *>(this + 1); }
 };
-
-// Hand-off record from the starter to a new worker, reused as soon as the worker has its copy.
-// There are several because a starter that waits for each new worker has the two take turns on a
-// processor for every request, which costs a third of the throughput; with these it waits only
-// when that many workers have not had their first moment yet.
-struct handoff {
-    ls_thread_param_s param; // the starter's while free, else the new worker's
-    std::atomic<bool> taken; // set by the starter, cleared by the worker behind its copy
-};
-
-std::mutex start_lock;           // one start at a time
-std::array<handoff, 8> handoffs; // claimed under start_lock
-size_t posts_due;                // under start_lock; workers started less ls_thread_sem waited for
-
-std::atomic<int> active_workers;
-
-// A worker needs room for its query's buffers and one log line. The default of 8 MB would use up a
-// 32-bit address space with a few hundred requests waiting for the receiver.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t WORKER_STACK_SIZE = size_t{512} * 1024;
-#else
-constexpr size_t WORKER_STACK_SIZE = size_t{64} * 1024;
-#endif
 
 constexpr int LPP_ATTEMPTS = 3;
 
@@ -74,7 +54,7 @@ void serve_lpp_params(scm_conn *conn, const bus_msg *msg) {
 
 struct request_handler {
     uint32_t msg_id;
-    const char *log_text;
+    ls_log_text case_text;
     void (*serve)(scm_conn *conn, const bus_msg *msg);
 };
 
@@ -111,71 +91,44 @@ const request_handler *find_handler(uint32_t msg_id) {
     return nullptr;
 }
 
-// A free record; waits when there is none. Each worker posts once, behind clearing its record, so
-// that a post waited for leaves at least one record free.
-handoff &claim_handoff() {
-    while (posts_due == handoffs.size()) {
-        if (sem_wait(&ls_thread_sem) == 0)
-            --posts_due;
+// Null (logged) when there is no memory.
+ls_thread_param *copy_request(scm_conn *conn, const bus_msg &msg) {
+    const uint32_t size = msg.pld == nullptr ? 0 : msg.hdr.pld_len; // no bytes, no payload
+    auto *param = static_cast<ls_thread_param *>(calloc(1, sizeof(ls_thread_param) + size));
+    if (param == nullptr) {
+        log_error("%s is a NULL POINTER!", "ls_thread_param.pld");
+        return nullptr;
     }
-    size_t i = 0;
-    while (handoffs[i].taken)
-        ++i;
-    return handoffs[i];
+    param->conn = conn;
+    param->msg = {.hdr = msg.hdr, .pld = nullptr};
+    param->msg.hdr.pld_len = size;
+    if (size != 0) {
+        memcpy(param->payload(), msg.pld, size);
+        param->msg.pld = param->payload();
+    }
+    return param;
 }
 
-// Starts a detached thread that counts as a worker; `body` takes it off the count. 0, or an errno
-// value.
+// Starts a detached thread. 0, or an errno value.
 int create_thread(void *(*body)(void *), void *param) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE);
-    ++active_workers;
+    pthread_attr_setstacksize(&attributes, LS_THREAD_STACK_SIZE);
     pthread_t thread_id = {};
     const int error = pthread_create(&thread_id, &attributes, body, param);
-    if (error != 0)
-        --active_workers;
     pthread_attr_destroy(&attributes);
     return error;
 }
 
-int create_worker(handoff &record) {
-    log_info("%s", "ls_msg_req_handler_thread");
-    record.taken = true;
-    errno = create_thread(ls_process_thread_req, &record);
-    if (errno != 0) {
-        log_error("Error while creating the ta_sm_thread. error = %d(%m)", errno);
-        record.taken = false;
-        return -1;
-    }
-    ++posts_due;
-    return 0;
-}
-
-void *apply_history_settings(void *) {
-    ls_hal_history_config();
-    pm_system_state_enable(LS_SYSTEM_STATE_ID);
-    --active_workers;
-    return nullptr;
-}
-
 } // namespace
 
-int ls_active_workers() {
-    return active_workers;
-}
-
-void ls_start_history_config() {
-    pm_system_state_disable(LS_SYSTEM_STATE_ID);
-    errno = create_thread(apply_history_settings, nullptr);
-    if (errno != 0) {
-        log_error("%s: no thread (%m), the settings are not applied", __func__);
-        pm_system_state_enable(LS_SYSTEM_STATE_ID);
-    }
-}
-
 int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {
+    if (ls_is_stopping()) {
+        log_error("unable to process gps request");
+        pm_system_state_enable(LS_SYSTEM_STATE_ID);
+        return -1;
+    }
     const uint32_t id = msg->hdr.msg_id;
     const bool power_request = id == LS_REQUEST_GET_POWER_MODE || id == LS_REQUEST_SET_POWER_MODE;
     const bool wakes_receiver = msg->hdr.src_serv_id == LS_SERV_CLIENT_9;
@@ -199,49 +152,45 @@ int ls_hal_process_request_msg(scm_conn *conn, bus_msg *msg) {
 }
 
 int ls_msg_req_handler_thread(scm_conn *conn, bus_msg *msg) {
-    const std::lock_guard guard(start_lock);
-    handoff &record = claim_handoff();
-    ls_thread_param_s &param = record.param;
-    param = {.conn = conn, .msg = *msg, .payload = nullptr};
-    bus_msg &copy = param.msg;
-    if (copy.pld == nullptr)
-        copy.hdr.pld_len = 0; // a length without bytes is no payload
-    if (copy.hdr.pld_len != 0) {
-        param.payload = calloc(copy.hdr.pld_len, 1);
-        if (param.payload == nullptr) {
-            log_error("%s is a NULL POINTER!", "ls_thread_param.pld");
-            return -1;
-        }
-        memcpy(param.payload, msg->pld, copy.hdr.pld_len);
-        copy.pld = param.payload;
-    } else {
-        copy.pld = nullptr; // may dangle
-    }
-    return create_worker(record);
+    ls_thread_param *param = copy_request(conn, *msg);
+    if (param == nullptr)
+        return -1;
+    log_info("%s", "ls_msg_req_handler_thread");
+    ls_activity::begin(); // the worker's from here on
+    errno = create_thread(ls_process_thread_req, param);
+    if (errno == 0)
+        return 0;
+    log_error("Error while creating the ta_sm_thread. error = %d(%m)", errno);
+    ls_activity::end();
+    if (param->msg.pld == nullptr)
+        free(param); // a payload stays allocated, as behind an unknown id
+    return -1;
 }
 
 void *ls_process_thread_req(void *param) {
-    auto *record = static_cast<handoff *>(param);
-    const ls_thread_param_s own = record->param;
-    record->taken = false;
-    sem_post(&ls_thread_sem);
+    const ls_activity activity{ls_activity::adopt_t()};
+    auto *own = static_cast<ls_thread_param *>(param);
+    const bus_msg &msg = own->msg;
+    const bool has_payload = msg.hdr.pld_len != 0;
     log_info("LS thread unlocked done");
 
-    const request_handler *handler = find_handler(own.msg.hdr.msg_id);
+    const request_handler *handler = find_handler(msg.hdr.msg_id);
     if (handler == nullptr) {
         log_error("%s, Invalid Message Id", __func__);
+        // A payload of an id that nobody knows stays allocated, as the platform's engineers know
+        // it: a client that goes on sending such requests uses up the daemon's memory, and it is
+        // for the bus to refuse them.
+        if (!has_payload)
+            free(own);
         pm_system_state_enable(LS_SYSTEM_STATE_ID);
-        --active_workers;
         // NOLINTNEXTLINE(performance-no-int-to-ptr): a status, nobody dereferences it
         return reinterpret_cast<void *>(intptr_t{-1});
     }
-    log_debug("%s", handler->log_text);
-    handler->serve(own.conn, &own.msg);
-    if (own.msg.hdr.pld_len != 0) {
-        log_info("removing %x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(own.payload)));
-        free(own.payload);
-    }
+    log_text(LS_LOG_DEBUG, handler->case_text, "");
+    handler->serve(own->conn, &msg);
+    if (has_payload)
+        log_info("removing %x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(msg.pld)));
+    free(own);
     pm_system_state_enable(LS_SYSTEM_STATE_ID);
-    --active_workers;
     return nullptr;
 }

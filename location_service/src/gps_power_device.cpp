@@ -1,6 +1,7 @@
 // Brings the service onto the bus and the receiver's line up; takes both down again.
 #include "gps_gpio.h"
 #include "gps_history.h"
+#include "gps_main.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
 #include "gps_uart.h"
@@ -31,9 +32,8 @@ int register_on_bus() {
 void deregister_from_bus() {
     scm_conn *conn = gps_p_g;
     scm_conn_exit(conn);
-    // A worker that still waits for the receiver will try to send its reply; the record then stays
-    // until the process is gone.
-    if (ls_active_workers() == 0)
+    // Who was not done in time may still use the record; it then stays until the process is gone.
+    if (ls_activities() == 0)
         g_free(conn);
 }
 
@@ -87,12 +87,19 @@ int ls_hal_init_gps() {
 }
 
 int ls_hal_init_device(int32_t board_type) {
+    const bool has_line = board_type == 1;
+    if (has_line)
+        ls_hal_uart_begin_configuration(); // the first requests may come with the registration
     if (register_on_bus() != 0) {
         log_error("Scm registration failed");
         return -1;
     }
-    if (board_type == 1 && init_local_receiver() != 0)
-        return -1;
+    if (has_line) {
+        const int ready = init_local_receiver();
+        ls_hal_uart_end_configuration();
+        if (ready != 0)
+            return -1;
+    }
     if (ls_hal_init_gps_history() == -1) {
         log_error("GPS device initialization failed\n");
         return -1;

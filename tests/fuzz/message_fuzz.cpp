@@ -7,6 +7,7 @@
 
 #include "fake_platform.h"
 #include "gps_history.h"
+#include "gps_main.h"
 #include "gps_message_handler.h"
 #include "ls_state.h"
 #include "scratch_dir.h"
@@ -57,7 +58,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     bus_msg msg = fake::make_message(data[1], static_cast<uint32_t>(data[3] | data[4] << 8),
                                      data[2], payload);
     ls_hal_process_message(fake::connection(), &msg);
-    while (ls_active_workers() != 0)
+    while (ls_activities() != 0)
         sched_yield();
     expect_answers(msg);
 

@@ -1,5 +1,6 @@
 #include "fake_platform.h"
 
+#include "gps_main.h"
 #include "gps_message_handler.h"
 #include "ls_state.h"
 
@@ -48,8 +49,7 @@ void reset() {
     ta_req_timed_out_g = 0;
     ta_data_req_pld = {};
     gps_p_g = connection();
-    [[maybe_unused]] static const bool initialised =
-        sem_init(&ls_thread_sem, 0, 0) == 0 && sem_init(&ta_data_sem, 0, 0) == 0;
+    [[maybe_unused]] static const bool initialised = sem_init(&ta_data_sem, 0, 0) == 0;
     while (sem_trywait(&ta_data_sem) == 0) {
     }
 }
@@ -83,7 +83,7 @@ votes system_state_votes() {
 }
 
 bool wait_for_votes_returned() {
-    while (ls_active_workers() != 0)
+    while (ls_activities() != 0)
         std::this_thread::yield();
     const votes now = system_state_votes();
     return now.disabled > 0 && now.disabled <= now.enabled;

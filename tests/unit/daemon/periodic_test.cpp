@@ -70,7 +70,24 @@ TEST_F(periodic, refusals) {
         ASSERT_EQ(sent.size(), r.result + 1u); // refused: no notification
         expect_message(sent[0], 1, 1007, r.from, {r.result, 0, 0, 0});
     }
-    EXPECT_TRUE(serve(1007, 45, bytes(7)).empty()); // no whole payload, no reply
+    EXPECT_TRUE(serve(1007, 45).empty()); // no payload, no reply
+    EXPECT_EQ(serve(1009, 43).at(0).payload, (bytes{1, 0, 0, 0}));
+    EXPECT_EQ(serve(1007, 45, {1, 0, 0, 0, 4}).size(), 2u); // the rest of the interval is zero
+}
+
+// Between the last notification and the end of its registration the client ends it, and makes a new
+// one.
+TEST_F(periodic, the_end_of_a_registration_spares_the_next_one_of_the_same_client) {
+    fake::on_send([](const fake::sent_message &sent) {
+        if (sent.hdr.msg_id != 1010)
+            return;
+        EXPECT_EQ(ls_delete_periodic_request(40), 0u);
+        uint8_t slot = 0;
+        const ls_periodic_req again = {fake::connection(), 40, 1007, 4, 9};
+        EXPECT_EQ(gps_update_periodic_req_struct(&again, &slot), 0u);
+    });
+    EXPECT_EQ(enroll(40, 1, 4).size(), 2u);
+    EXPECT_EQ(occupied(), "2");
 }
 
 TEST_F(periodic, unregistering_frees_the_slot_once) {

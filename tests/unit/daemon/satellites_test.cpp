@@ -129,9 +129,17 @@ TEST_F(satellites, ubx_commands_get_their_checksum) {
     EXPECT_EQ(peer->commands().size(), 3u);
 }
 
-TEST_F(satellites, short_commands_are_refused) {
-    EXPECT_EQ(serve(1011, 40, bytes(283)).at(0).payload, bytes(284));
+TEST_F(satellites, a_short_command_is_completed_and_one_that_was_cut_is_refused) {
+    answer_raw("PUBX,04", "raw");
+    const bytes shortest = {0, 0, 0, 0, 'P', 'U', 'B', 'X', ',', '0', '4'};
+    const auto reply = serve(1011, 40, shortest).at(0).as<ls_engg_cmd>();
+    EXPECT_EQ(reply.status, 1u);
+    EXPECT_EQ(std::string(reply.answer, reply.answer + 4), "raw\0"s);
+
+    bytes cut(284, 'B'); // as much text as fits, and no NUL
+    EXPECT_EQ(serve(1012, 40, cut).at(0).as<ls_engg_cmd>().status, 0u);
     EXPECT_EQ(serve(1012).at(0).payload, bytes(284));
+    EXPECT_EQ(peer->commands().size(), 1u);
 }
 
 } // namespace

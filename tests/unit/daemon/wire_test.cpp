@@ -1,6 +1,7 @@
 // docs/wire.md against the daemon: its samples are what goes in here and what has to come out.
 #include "daemon_fixture.h"
 #include "gps_history.h"
+#include "gps_main.h"
 #include "gps_message_handler.h"
 
 #include <regex>
@@ -50,7 +51,7 @@ class wire : public daemon_fixture {
 
     void deliver(const std::string &key, uint8_t from) {
         fake::deliver(type_of(key), static_cast<uint32_t>(std::stoul(key)), from, sample(key));
-        while (ls_active_workers() != 0)
+        while (ls_activities() != 0)
             std::this_thread::yield();
     }
 
