@@ -83,8 +83,8 @@ static_assert(offsetof(gps_sat_info, sat_prn) == 12);
 static_assert(offsetof(gps_sat_info, sat_snr) == 24);
 static_assert(offsetof(gps_sat_info, sat_used_prn) == 36);
 
-// Speed over ground in km/h. The fraction is the integer its digits form, without their count:
-// 12.5 and 12.05 both have speed_frac 5.
+// Speed over ground in km/h. The fraction is the integer its digits form, without their count: 12.5
+// and 12.05 both have speed_frac 5. Both are cut to 8 bits: 300.826 km/h is 44 and 58.
 struct gps_speed_data {
     gps_time_fields time;
     uint8_t speed_int;

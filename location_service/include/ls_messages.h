@@ -74,7 +74,7 @@ static_assert(offsetof(ls_power_reply, power_mode) == 4);
 struct ls_position_reply {
     uint32_t status;
     uint8_t reserved[4];
-    gps_pos_data pos; // zero unless status is 1
+    gps_pos_data pos; // zero when the query failed; a buffered one stays when the last query did
 };
 static_assert(sizeof(ls_position_reply) == 80);
 static_assert(offsetof(ls_position_reply, pos) == 8);

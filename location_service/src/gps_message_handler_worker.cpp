@@ -3,6 +3,7 @@
 #include "gps_main.h"
 #include "gps_message_handler.h"
 #include "gps_power.h"
+#include "gps_uart.h"
 #include "ls_log.h"
 #include "ls_state.h"
 
@@ -30,6 +31,7 @@ constexpr int LPP_ATTEMPTS = 3;
 
 // The requests of these services also decide what the stored power-on status is to be from now on.
 void serve_set_power_mode(scm_conn *conn, const bus_msg *msg) {
+    ls_hal_uart_wait_configured(); // whose end goes by the stored status, too
     const uint8_t client = msg->hdr.src_serv_id;
     uint32_t mode = 0;
     if ((client == LS_SERV_WS || client == LS_SERV_CLIENT_9 || client == LS_SERV_VOIP) &&

@@ -51,7 +51,8 @@ int32_t mean(int32_t a, int32_t b) {
 }
 
 // Code of an uncertainty: the search starts at 0, where the running value is below any target, and
-// so never takes a step. The service reports zero uncertainty codes.
+// so never takes a step. The service reports zero uncertainty codes, which the cellular side must
+// not read as a position without error.
 uint8_t uncertainty_code(uint32_t target, double base, double scale) {
     uint8_t k = 0;
     for (uint8_t reached = 0; reached > target; ++k)
