@@ -2,7 +2,7 @@
 #include "receiver.h"
 
 #include "receiver_core.h"
-#include "receiver_nmea_fields.h"
+#include "sentence.h"
 #include "truth_time.h"
 
 #include <algorithm>

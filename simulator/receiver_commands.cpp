@@ -1,6 +1,7 @@
 // What the receiver does with a sentence or frame.
 #include "receiver_core.h"
 #include "receiver_ubx.h"
+#include "sentence.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // Cuts a byte stream into sentences and UBX frames.
 #include "receiver_input.h"
 
-#include "receiver_nmea.h"
 #include "receiver_ubx.h"
+#include "sentence.h"
 
 #include <algorithm>
 #include <optional>

@@ -26,14 +26,6 @@ struct nmea_style {
     bool blank = false;            // all value fields empty
 };
 
-// The text between $ and * when the line ($...*CC, without line end) has the right checksum.
-std::optional<std::string_view> verified_nmea_body(std::string_view line);
-
-std::vector<std::string_view> nmea_fields(std::string_view body);
-
-// "$" body "*CC\r\n".
-std::string nmea_sentence(std::string_view body);
-
 // A standard answer, e.g. type "GGA"; GSV has up to four sentences. Empty: no such type.
 std::string nmea_answer(std::string_view type, const nav_report &report, const nmea_style &style);
 

@@ -1,6 +1,7 @@
 // PUBX 00 (position), 03 (satellites) and 04 (time). Pure functions.
 #include "receiver_nmea.h"
 #include "receiver_nmea_fields.h"
+#include "sentence.h"
 #include "truth_time.h"
 
 #include <algorithm>

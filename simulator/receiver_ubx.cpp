@@ -1,7 +1,7 @@
 // UBX frames and the reports among them. Pure functions.
 #include "receiver_ubx.h"
 
-#include "sky.h"
+#include "sky_geometry.h"
 #include "truth_time.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "services_ta.h"
 
+#include "sentence.h"
+
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -92,14 +92,7 @@ std::optional<double> ta_next_event(const ta &unit) {
 std::vector<std::string> ta_start_commands() {
     std::vector<std::string> commands;
     for (const char *sentence : {"GGA", "GLL", "GSA", "GSV", "RMC", "VTG", "ZDA", "TXT"}) {
-        const std::string body = std::string("PUBX,40,") + sentence + ",0,0,0,0,0,0";
-        unsigned checksum = 0;
-        for (const char c : body) {
-            checksum ^= static_cast<unsigned char>(c);
-        }
-        std::array<char, 8> tail;
-        std::snprintf(tail.data(), tail.size(), "*%02X\r\n", checksum);
-        commands.push_back("$" + body + tail.data());
+        commands.push_back(nmea_sentence(std::string("PUBX,40,") + sentence + ",0,0,0,0,0,0"));
     }
     return commands;
 }

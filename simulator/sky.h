@@ -7,13 +7,6 @@
 
 namespace sim {
 
-struct ecef {
-    double x = 0, y = 0, z = 0; // metres, Earth-centred, Earth-fixed
-};
-
-// WGS-84 geodetic to ECEF. `height` is metres above the ellipsoid.
-ecef geodetic_to_ecef(double latitude, double longitude, double height);
-
 struct sky_satellite {
     int prn;          // 1 to 32
     double elevation; // degrees above the horizon

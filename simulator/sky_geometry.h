@@ -3,12 +3,17 @@
 #ifndef SIMULATOR_SKY_GEOMETRY_H
 #define SIMULATOR_SKY_GEOMETRY_H
 
-#include "sky.h"
-
 #include <array>
 #include <span>
 
 namespace sim {
+
+struct ecef {
+    double x = 0, y = 0, z = 0; // metres, Earth-centred, Earth-fixed
+};
+
+// WGS-84 geodetic to ECEF. `height` is metres above the ellipsoid.
+ecef geodetic_to_ecef(double latitude, double longitude, double height);
 
 // One place of the nominal constellation, at the epoch of the table.
 struct orbital_slot {

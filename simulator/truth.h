@@ -5,8 +5,10 @@
 #ifndef SIMULATOR_TRUTH_H
 #define SIMULATOR_TRUTH_H
 
+#include <cstddef>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace sim {
@@ -49,6 +51,29 @@ struct epoch {
 // A source gives the epoch at a simulated time, in seconds since the source's own start. Recordings
 // and routes begin again when they end.
 using truth_source = std::function<epoch(double seconds)>;
+
+// A fixed place (degrees, metres above mean sea level) at the time of day of `wall_clock` (Unix
+// seconds; empty = the system's), which is read once, at the first epoch.
+truth_source make_fixed_place(double latitude, double longitude, double altitude,
+                              std::function<double()> wall_clock = {});
+
+// A route file: lines "SECONDS LATITUDE LONGITUDE [ALTITUDE]", times ascending, # comments; between
+// points position is interpolated, speed and course follow. Without an altitude the last one holds.
+// Empty result: `error` says why.
+truth_source load_route(const std::string &path, std::string &error,
+                        std::function<double()> wall_clock = {});
+
+struct recording_summary {
+    size_t epochs = 0;   // moments to replay
+    size_t damaged = 0;  // lines skipped: no sentence, or a wrong checksum
+    double duration = 0; // seconds until it begins again
+};
+
+// A recording: NMEA lines of any talker, LF or CRLF. Of several constellations the GPS part is
+// kept. Epochs last as long as their times say; 1 s where a time is missing or the recording was
+// cut. Empty result: `error` says why.
+truth_source load_recording(const std::string &path, std::string &error,
+                            recording_summary *summary = nullptr);
 
 } // namespace sim
 

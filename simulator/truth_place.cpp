@@ -1,7 +1,7 @@
 // Sources of truth that are computed: a fixed place and a route. The clock starts with the first
 // epoch, so that a receiver switched on late still tells the time of day.
-#include "receiver.h"
 #include "sky.h"
+#include "truth.h"
 #include "truth_time.h"
 
 #include <algorithm>

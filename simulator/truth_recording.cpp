@@ -1,9 +1,8 @@
 // Recordings of real receivers as a source of truth: what a GPS-only receiver would have told.
 #include "truth_recording.h"
 
-#include "receiver.h"
-#include "receiver_nmea.h"
-#include "truth_time.h"
+#include "sentence.h"
+#include "truth.h"
 
 #include <algorithm>
 #include <charconv>

@@ -6,6 +6,7 @@
 #include "receiver_nmea.h"
 #include "receiver_ubx.h"
 #include "scratch_dir.h"
+#include "sentence.h"
 
 #include <algorithm>
 #include <cstdio>
