@@ -1,7 +1,5 @@
 #include "control.h"
 
-#include "terminal_loop.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -20,6 +18,7 @@ namespace sim {
 namespace {
 
 // The server; the one thread of the loop owns it.
+control_loop loop{};
 int listener = -1;
 std::string listener_path;
 control_handler handle;
@@ -54,7 +53,7 @@ struct short_path {
 
 void drop(int client) {
     if (clients.erase(client) != 0) {
-        loop_forget(client);
+        loop.forget(client);
         close(client);
     }
 }
@@ -99,7 +98,7 @@ void on_connection() {
         return;
     }
     clients[client];
-    loop_watch(client, [client] { on_request(client); });
+    loop.watch(client, [client] { on_request(client); });
 }
 
 control_result unreachable(std::string &answer, const std::string &step) {
@@ -118,7 +117,9 @@ std::vector<std::string> control_words(std::string_view line) {
     return words;
 }
 
-bool control_open(const std::string &path, control_handler handler, std::string &error) {
+bool control_open(const control_loop &around, const std::string &path, control_handler handler,
+                  std::string &error) {
+    loop = around;
     const short_path address(path);
     listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(path.c_str());
@@ -130,7 +131,7 @@ bool control_open(const std::string &path, control_handler handler, std::string 
     }
     listener_path = path;
     handle = std::move(handler);
-    loop_watch(listener, on_connection);
+    loop.watch(listener, on_connection);
     return true;
 }
 
@@ -139,7 +140,7 @@ void control_close() {
         drop(clients.begin()->first);
     }
     if (listener >= 0) {
-        loop_forget(listener);
+        loop.forget(listener);
         close(listener);
         listener = -1;
     }

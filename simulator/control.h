@@ -22,9 +22,17 @@ struct control_reply {
 using control_handler =
     std::function<std::optional<control_reply>(const std::vector<std::string> &words, int client)>;
 
+// The event loop that serves the socket: `handler` is called whenever `fd` is readable, until it is
+// forgotten.
+struct control_loop {
+    void (*watch)(int fd, std::function<void()> handler);
+    void (*forget)(int fd);
+};
+
 // Listens on `path` (a stale socket is replaced: the caller holds the terminal's lock). False:
 // `error` says why.
-bool control_open(const std::string &path, control_handler handler, std::string &error);
+bool control_open(const control_loop &around, const std::string &path, control_handler handler,
+                  std::string &error);
 void control_close(); // clients still waiting are cut off
 
 // Answers `client` and lets it go. Harmless when it has gone by itself.

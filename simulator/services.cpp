@@ -3,10 +3,6 @@
 #include "ls_messages.h"
 #include "mqutils.h"
 #include "services_decode.h"
-#include "services_ta.h"
-#include "terminal.h"
-#include "terminal_loop.h"
-#include "terminal_say.h"
 
 #include <array>
 #include <cerrno>
@@ -53,8 +49,9 @@ std::vector<received> inbox; // in order of arrival
 int inbox_event = -1;        // eventfd: something is in the inbox
 
 // Thread of the loop only.
+services_host host{};
 FILE *log_file = nullptr;
-int bus_notify = -1;       // inotify on the bus directory: the daemon's socket appears
+int bus_notify = -1;       // inotify on the bus directory: the daemon's socket appears; -1 = no TA
 bool daemon_ready = false; // VoIP has been told the power status
 uint32_t antenna_type = 0; // what the TA announces
 ta ta_unit;
@@ -84,7 +81,7 @@ stand_in &service_of(uint8_t id) {
 }
 
 void write_down(const char *name, const std::string &text) {
-    say_detail("%-4s %s", name, text.c_str());
+    host.tell(name, text);
     if (log_file == nullptr) {
         return;
     }
@@ -139,14 +136,14 @@ void announce_antenna() {
 
 // Moves the TA on: commands to the line, replies to the bus.
 void step_ta() {
-    const double now = loop_now();
-    for (const ta_reply &reply : ta_due_replies(ta_unit, terminal_ta_faults(), now)) {
+    const double now = host.now();
+    for (const ta_reply &reply : ta_due_replies(ta_unit, host.faults(), now)) {
         std::array<uint8_t, sizeof reply.payload> payload;
         std::memcpy(payload.data(), &reply.payload, sizeof reply.payload);
         respond(LS_SERV_TA, reply.request, payload);
     }
     if (const auto command = ta_next_command(ta_unit, now); command.has_value()) {
-        terminal_line_send(*command);
+        host.line_send(*command);
     }
 }
 
@@ -209,25 +206,22 @@ bool open_ta(const std::string &bus, std::string &error) {
         error = "watching " + bus + ": " + std::strerror(errno);
         return false;
     }
-    loop_watch(bus_notify, on_bus_change);
-    terminal_on_answer([](std::span<const uint8_t> answer) {
-        ta_take_answer(ta_unit, answer, terminal_ta_faults(), loop_now());
-        step_ta();
-    });
+    host.watch(bus_notify, on_bus_change);
     if (!timer_added) {
-        loop_add_timer([] { return ta_next_event(ta_unit); }, step_ta);
+        host.add_timer([] { return ta_next_event(ta_unit); }, step_ta);
         timer_added = true;
     }
     for (const std::string &command : ta_start_commands()) {
-        terminal_line_send({reinterpret_cast<const uint8_t *>(command.data()), command.size()});
+        host.line_send({reinterpret_cast<const uint8_t *>(command.data()), command.size()});
     }
     return true;
 }
 
 } // namespace
 
-bool services_open(int board, int32_t antenna, const std::string &bus, const std::string &log,
-                   std::string &error) {
+bool services_open(const services_host &around, int board, int32_t antenna, const std::string &bus,
+                   const std::string &log, std::string &error) {
+    host = around;
     antenna_type = static_cast<uint32_t>(antenna);
     log_file = std::fopen(log.c_str(), "ae");
     if (log_file == nullptr) {
@@ -239,7 +233,7 @@ bool services_open(int board, int32_t antenna, const std::string &bus, const std
         error = std::string("creating an event: ") + std::strerror(errno);
         return false;
     }
-    loop_watch(inbox_event, on_inbox);
+    host.watch(inbox_event, on_inbox);
     for (stand_in &service : services) {
         if (service.id == LS_SERV_TA && board != 2) {
             continue;
@@ -262,10 +256,9 @@ void services_close() {
             scm_conn_exit(&service.connection);
         }
     }
-    terminal_on_answer(nullptr);
     for (int *fd : {&inbox_event, &bus_notify}) {
         if (*fd >= 0) {
-            loop_forget(*fd);
+            host.forget(*fd);
             close(std::exchange(*fd, -1));
         }
     }
@@ -279,6 +272,15 @@ void services_close() {
 
 bool services_are_open() {
     return inbox_event >= 0;
+}
+
+bool services_take_answer(std::span<const uint8_t> answer) {
+    if (bus_notify < 0) {
+        return false;
+    }
+    ta_take_answer(ta_unit, answer, host.faults(), host.now());
+    step_ta();
+    return true;
 }
 
 void services_forget_ready() {

@@ -1,7 +1,7 @@
 #include "services_decode.h"
 
 #include "ls_messages.h"
-#include "terminal_say.h"
+#include "printable.h"
 
 #include <array>
 #include <cmath>

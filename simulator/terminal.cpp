@@ -4,6 +4,8 @@
 #include "gpio_tree.h"
 #include "line.h"
 #include "line_pty.h"
+#include "printable.h"
+#include "services.h"
 #include "terminal_loop.h"
 #include "terminal_say.h"
 #include "terminal_source.h"
@@ -33,7 +35,6 @@ int port_watched = -1;            // master descriptor that the loop watches
 gpio_tree gpio;
 std::array<bool, 2> power_levels{}; // of TERMINAL_POWER_LINES, as the receiver knows them
 ta_faults ta_is;                    // for the services
-std::function<void(std::span<const uint8_t>)> answer_handler; // board 2: the TA
 
 fault_targets targets() {
     return {wire.faults, module->faults(), ta_is};
@@ -92,10 +93,7 @@ bool hand_over(std::span<const uint8_t> answer) {
     if (board_type == 1) {
         return line_pty_write(port, answer);
     }
-    if (answer_handler) {
-        answer_handler(answer);
-    }
-    return answer_handler != nullptr;
+    return services_take_answer(answer);
 }
 
 void take_commands(double now) {
@@ -244,10 +242,6 @@ void terminal_line_send(std::span<const uint8_t> command) {
     line_send(wire, command, loop_now());
 }
 
-void terminal_on_answer(std::function<void(std::span<const uint8_t>)> handler) {
-    answer_handler = std::move(handler);
-}
-
 const ta_faults &terminal_ta_faults() {
     return ta_is;
 }
@@ -266,6 +260,7 @@ std::string terminal_faults() {
 }
 
 std::string terminal_power() {
+    terminal_step();
     std::string text;
     for (const int line : TERMINAL_POWER_LINES) {
         text += "gpio" + std::to_string(line) + "=" + (gpio_tree_level(gpio, line) ? "1 " : "0 ");

@@ -9,7 +9,6 @@
 #include "terminal_tree.h"
 
 #include <cstdint>
-#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -33,9 +32,8 @@ void terminal_boot_lines();
 // Takes in everything that has happened outside, up to now.
 void terminal_step();
 
-// The receiver's line on board 2, for the TA: commands go in here, answers come out there.
+// The receiver's line on board 2, for the TA. Answers go to services_take_answer.
 void terminal_line_send(std::span<const uint8_t> command);
-void terminal_on_answer(std::function<void(std::span<const uint8_t>)> handler); // null = nobody
 
 const ta_faults &terminal_ta_faults();
 

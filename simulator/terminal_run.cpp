@@ -26,6 +26,26 @@ bool stop_wanted = false;
 constexpr int CTL_PATIENCE_S = 60;      // longer than stopping and starting a daemon may take
 constexpr double READY_PATIENCE_S = 20; // configuring a receiver that answers takes 2 s
 
+void tell(const char *service, const std::string &what) {
+    say_detail("%-4s %s", service, what.c_str());
+}
+
+constexpr services_host AROUND_SERVICES{
+    .now = loop_now,
+    .watch = loop_watch,
+    .forget = loop_forget,
+    .add_timer = loop_add_timer,
+    .line_send = terminal_line_send,
+    .faults = terminal_ta_faults,
+    .tell = tell,
+};
+
+std::string status() {
+    terminal_step();
+    return terminal_describe() + "settings  " + settings_describe() + "\ndaemon    " +
+           children_describe() + "\n";
+}
+
 bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     bool fresh = false;
     int board = 0;
@@ -48,12 +68,18 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     say_plain("simulated terminal %s, board type %d", paths.root.c_str(), board);
     say_plain("  settings   user/settings.db: %s", settings_describe().c_str());
     say_plain("  bus        bus/            log  log/terminal.log");
+    verbs_use({.status = status,
+               .faults = terminal_faults,
+               .power = terminal_power,
+               .fault = terminal_fault,
+               .have_daemon = children_have_daemon});
     int32_t antenna = 0;
     return terminal_up(options, paths, board, error) &&
            (!options.services ||
             (settings_antenna(antenna, error) &&
-             services_open(board, antenna, paths.bus, paths.services, error))) &&
-           control_open(paths.control, verbs_handle, error);
+             services_open(AROUND_SERVICES, board, antenna, paths.bus, paths.services, error))) &&
+           control_open({.watch = loop_watch, .forget = loop_forget}, paths.control, verbs_handle,
+                        error);
 }
 
 // Starts the daemon and waits until it serves requests. With a receiver that does not answer it

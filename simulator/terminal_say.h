@@ -5,8 +5,6 @@
 #ifndef SIMULATOR_TERMINAL_SAY_H
 #define SIMULATOR_TERMINAL_SAY_H
 
-#include <cstdint>
-#include <span>
 #include <string>
 
 namespace sim {
@@ -18,9 +16,6 @@ void say_plain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void say_event(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void say_detail(const char *format, ...) __attribute__((format(printf, 1, 2))); // verbose only
 void say_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-// Bytes of the line as people read them: text as text, the rest as hexadecimal.
-std::string printable(std::span<const uint8_t> bytes);
 
 // The last `count` lines of a file, each with `indent` in front; empty when there is none.
 std::string last_lines(const std::string &path, size_t count, const std::string &indent);

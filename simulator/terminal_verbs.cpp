@@ -1,9 +1,6 @@
 #include "terminal_verbs.h"
 
 #include "services.h"
-#include "terminal.h"
-#include "terminal_children.h"
-#include "terminal_settings.h"
 
 #include <array>
 #include <charconv>
@@ -13,7 +10,9 @@
 namespace sim {
 namespace {
 
-int restart_client = -1; // waits for a restart of the daemon; thread of the loop
+// Thread of the loop.
+verb_targets target{};
+int restart_client = -1; // waits for a restart of the daemon
 
 using words_of = const std::vector<std::string> &;
 using answer = std::optional<control_reply>;
@@ -28,13 +27,11 @@ bool whole_number(std::string_view text, uint32_t highest, uint32_t &number) {
 }
 
 answer on_status(words_of, int) {
-    terminal_step();
-    return control_reply{true, terminal_describe() + "settings  " + settings_describe() + "\n" +
-                                   "daemon    " + children_describe() + "\n"};
+    return control_reply{true, target.status()};
 }
 
 answer on_faults(words_of, int) {
-    return control_reply{true, terminal_faults()};
+    return control_reply{true, target.faults()};
 }
 
 answer on_fault(words_of words, int) {
@@ -43,18 +40,16 @@ answer on_fault(words_of words, int) {
         return control_reply{false, "usage: fault NAME [ARG] on|off\n"};
     }
     std::string error;
-    const bool ok =
-        terminal_fault(words[1], words.size() == 4 ? words[2] : std::string(), on, error);
+    const bool ok = target.fault(words[1], words.size() == 4 ? words[2] : std::string(), on, error);
     return done_if(ok, error);
 }
 
 answer on_power(words_of, int) {
-    terminal_step();
-    return control_reply{true, terminal_power()};
+    return control_reply{true, target.power()};
 }
 
 answer on_restart(words_of, int client) {
-    if (!children_have_daemon()) {
+    if (!target.have_daemon()) {
         return control_reply{false, "no daemon was started with --daemon\n"};
     }
     if (restart_client >= 0) {
@@ -136,6 +131,10 @@ answer on_help(words_of, int) {
 }
 
 } // namespace
+
+void verbs_use(const verb_targets &terminal) {
+    target = terminal;
+}
 
 answer verbs_handle(words_of words, int client) {
     for (const verb &entry : VERBS) {
