@@ -1,7 +1,7 @@
 // simterm: a directory that behaves like a terminal. The command line; everything else is in
 // terminal_run.
-#include "terminal_options.h"
-#include "terminal_run.h"
+#include "options.h"
+#include "run.h"
 
 #include <CLI/CLI.hpp>
 #include <exception>

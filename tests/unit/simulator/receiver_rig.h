@@ -2,11 +2,11 @@
 #ifndef TESTS_RECEIVER_RIG_H
 #define TESTS_RECEIVER_RIG_H
 
+#include "nmea.h"
 #include "receiver.h"
-#include "receiver_nmea.h"
-#include "receiver_ubx.h"
 #include "scratch_dir.h"
 #include "sentence.h"
+#include "ubx.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,5 +1,5 @@
 // The sky against published coordinates, spherical trigonometry and geometry done by hand.
-#include "sky_geometry.h"
+#include "geometry.h"
 
 #include <cmath>
 #include <gtest/gtest.h>

@@ -1,0 +1,190 @@
+#include "run.h"
+
+#include "children.h"
+#include "control.h"
+#include "loop.h"
+#include "say.h"
+#include "services.h"
+#include "settings.h"
+#include "terminal.h"
+#include "tree.h"
+#include "verbs.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <unistd.h>
+
+namespace sim {
+namespace {
+
+// What the run is about; the one thread of the loop owns it.
+terminal_paths paths;
+bool stop_wanted = false;
+
+constexpr int CTL_PATIENCE_S = 60;      // longer than stopping and starting a daemon may take
+constexpr double READY_PATIENCE_S = 20; // configuring a receiver that answers takes 2 s
+
+void tell(const char *service, const std::string &what) {
+    say_detail("%-4s %s", service, what.c_str());
+}
+
+constexpr services_host AROUND_SERVICES{
+    .now = loop_now,
+    .watch = loop_watch,
+    .forget = loop_forget,
+    .add_timer = loop_add_timer,
+    .line_send = terminal_line_send,
+    .faults = terminal_ta_faults,
+    .tell = tell,
+};
+
+std::string status() {
+    terminal_step();
+    return terminal_describe() + "settings  " + settings_describe() + "\ndaemon    " +
+           children_describe() + "\n";
+}
+
+bool bring_up(const terminal_options &options, int &lock, std::string &error) {
+    bool fresh = false;
+    int board = 0;
+    lock = tree_make(options.directory, paths, fresh, error);
+    if (lock < 0 || !tree_configure(paths, options, board, error)) {
+        return false;
+    }
+    // For this process's own platform libraries and for everything started below. No other thread
+    // runs yet.
+    if (setenv("MQUTILS_DIR", paths.bus.c_str(), 1) != 0 ||
+        setenv("DBHANDLER_FILE", paths.settings.c_str(), 1) != 0 ||
+        setenv("ZUKHAL_CONF", paths.hal.c_str(), 1) != 0 ||
+        setenv("LSCTL_ROOT", paths.root.c_str(), 1) != 0) {
+        error = "setting the environment failed";
+        return false;
+    }
+    if (!settings_apply(options, fresh, error)) {
+        return false;
+    }
+    say_plain("simulated terminal %s, board type %d", paths.root.c_str(), board);
+    say_plain("  settings   user/settings.db: %s", settings_describe().c_str());
+    say_plain("  bus        bus/            log  log/terminal.log");
+    verbs_use({.status = status,
+               .faults = terminal_faults,
+               .power = terminal_power,
+               .fault = terminal_fault,
+               .have_daemon = children_have_daemon});
+    int32_t antenna = 0;
+    return terminal_up(options, paths, board, error) &&
+           (!options.services ||
+            (settings_antenna(antenna, error) &&
+             services_open(AROUND_SERVICES, board, antenna, paths.bus, paths.services, error))) &&
+           control_open({.watch = loop_watch, .forget = loop_forget}, paths.control, verbs_handle,
+                        error);
+}
+
+// Starts the daemon and waits until it serves requests. With a receiver that does not answer it
+// takes more than a minute to come up; then the run goes on without waiting for that.
+bool start_daemon(std::string &error) {
+    services_forget_ready();
+    if (!children_start_daemon(error, [] { return stop_wanted; })) {
+        return false;
+    }
+    if (!services_are_open()) {
+        return true;
+    }
+    const auto enough = [] {
+        return services_daemon_ready() || stop_wanted || children_daemon_died();
+    };
+    if (!loop_until(enough, loop_now() + READY_PATIENCE_S)) {
+        say_event("daemon is still starting");
+    } else if (services_daemon_ready()) {
+        say_event("daemon is ready");
+    }
+    return true;
+}
+
+// Until the command has ended, the daemon has died, or somebody wants to stop. The exit status.
+int stay() {
+    for (;;) {
+        loop_until(
+            [] {
+                return stop_wanted || children_daemon_died() || children_command_ended() ||
+                       verbs_restart_wanted();
+            },
+            std::nullopt);
+        if (children_daemon_died()) {
+            children_report_death();
+            return EXIT_FAILURE;
+        }
+        if (children_command_ended()) {
+            return children_command_status();
+        }
+        if (stop_wanted) {
+            say_event("stopping");
+            return EXIT_SUCCESS;
+        }
+        std::string error;
+        const bool orderly = children_stop_daemon();
+        const bool started = start_daemon(error);
+        verbs_restart_done(orderly && started,
+                           started ? "the daemon did not stop in order" : error);
+        if (!started) {
+            say_error("%s", error.c_str());
+            return EXIT_FAILURE;
+        }
+    }
+}
+
+} // namespace
+
+int terminal_run(const terminal_options &options) {
+    say_to_stderr(!options.command.empty());
+    say_verbose(options.verbose);
+    std::string error;
+    int lock = -1;
+    int status = EXIT_FAILURE;
+    children_use(options, paths);
+    bool up =
+        children_watch_signals([] { stop_wanted = true; }, error) && bring_up(options, lock, error);
+    if (up && !options.daemon.empty()) {
+        up = start_daemon(error);
+    }
+    if (up && !stop_wanted && !options.command.empty()) {
+        up = children_start_command(error);
+    }
+    if (up) {
+        if (options.command.empty()) {
+            say_plain("running; stop with Ctrl-C or SIGTERM");
+        }
+        status = stay();
+    } else {
+        say_error("%s", error.c_str());
+    }
+    const bool orderly = children_stop_all();
+    control_close();
+    services_close();
+    terminal_down();
+    children_close();
+    loop_close();
+    if (lock >= 0) {
+        close(lock);
+    }
+    return status == EXIT_SUCCESS && !orderly ? EXIT_FAILURE : status;
+}
+
+int terminal_ctl(const std::string &directory, const std::vector<std::string> &words) {
+    std::string answer;
+    const control_result result =
+        control_ask(tree_paths(directory).control, words, CTL_PATIENCE_S, answer);
+    if (result == control_result::ok) {
+        std::fputs(answer.c_str(), stdout);
+        return 0;
+    }
+    while (answer.ends_with('\n')) {
+        answer.pop_back();
+    }
+    say_error("%s", answer.c_str());
+    return result == control_result::refused ? 1 : 3;
+}
+
+} // namespace sim
