@@ -7,7 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include "lsctl_history_file.h"
-#include "lsctl_track.h"
+#include "track.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 //
 // Nothing in a history is free text: only numbers and times go into the documents, which therefore
 // need no escaping.
-#include "lsctl_track.h"
+#include "track.h"
 
 #include <cinttypes>
 

@@ -3,7 +3,7 @@
 #ifndef LSCTL_TRACK_PAGE_H
 #define LSCTL_TRACK_PAGE_H
 
-#include "lsctl_track.h"
+#include "track.h"
 
 struct page_point {
     double x;

@@ -1,5 +1,5 @@
 // The location history as a track: lines, times, the antimeridian, values.
-#include "lsctl_track_page.h"
+#include "page.h"
 
 #include <cstdlib>
 #include <ctime>

@@ -1,5 +1,5 @@
 // lsctl: a track as stretches on the globe.
-#include "lsctl_track.h"
+#include "track.h"
 
 #include <algorithm>
 #include <array>

@@ -3,8 +3,8 @@
 // Pure functions: no bus, no options. The lines carry the terminal's local time; they are taken in
 // the time zone of this process (TZ). A track refers to the text it was read from, which must
 // outlive it. Writers write to a stream and leave it to the caller to look at its error mark.
-#ifndef LSCTL_TRACK_H
-#define LSCTL_TRACK_H
+#ifndef LSCTL_TRACK_TRACK_H
+#define LSCTL_TRACK_TRACK_H
 
 #include <cstdint>
 #include <cstdio>

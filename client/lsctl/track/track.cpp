@@ -1,5 +1,5 @@
 // lsctl: reading an exported location history.
-#include "lsctl_track.h"
+#include "track.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // lsctl: layout of a track on a page.
-#include "lsctl_track_page.h"
+#include "page.h"
 
 #include <algorithm>
 #include <array>

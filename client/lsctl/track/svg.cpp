@@ -1,6 +1,6 @@
 // lsctl: a track drawn to scale on one page, as SVG 1.1 without scripts, style sheets or fonts of
 // its own.
-#include "lsctl_track_page.h"
+#include "page.h"
 
 #include <algorithm>
 #include <array>
