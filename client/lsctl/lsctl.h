@@ -7,6 +7,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -34,12 +36,21 @@ struct lsctl_options {
     uint32_t as = 0;       // service id; 0 = first free tool id
 };
 
-struct lsctl_command {
-    const char *name;
-    const char *help;
-    void (*add_options)(CLI::App &app); // may be null; resets the command's own options
-    int (*run)(const lsctl_options &options);
-};
+// Carries out one sub-command with the options it has parsed; returns the exit status.
+using lsctl_runner = std::function<int(const lsctl_options &options)>;
+
+// Makes a sub-command: adds its options to `app` and returns what carries it out. The options live
+// as long as the runner, which must outlive the parsing.
+using lsctl_maker = lsctl_runner (*)(CLI::App &app);
+
+// The runner of a struct that holds the options of one sub-command, with add_options(app) and
+// run(options).
+template <class command>
+lsctl_runner lsctl_make(CLI::App &app) {
+    const auto made = std::make_shared<command>();
+    made->add_options(app);
+    return [made](const lsctl_options &options) { return made->run(options); };
+}
 
 // --- lsctl_app.cpp ---
 
@@ -97,21 +108,16 @@ int lsctl_signals_last();
 
 // --- the sub-commands ---
 
-int lsctl_run_position(const lsctl_options &options);
-int lsctl_run_time(const lsctl_options &options);
-int lsctl_run_satellites(const lsctl_options &options);
-int lsctl_run_speed(const lsctl_options &options);
-void lsctl_add_power(CLI::App &app);
-int lsctl_run_power(const lsctl_options &options);
-void lsctl_add_watch(CLI::App &app);
-int lsctl_run_watch(const lsctl_options &options);
-void lsctl_add_nmea(CLI::App &app);
-int lsctl_run_nmea(const lsctl_options &options);
-void lsctl_add_ubx(CLI::App &app);
-int lsctl_run_ubx(const lsctl_options &options);
-int lsctl_run_lpp(const lsctl_options &options);
-void lsctl_add_history(CLI::App &app);
-int lsctl_run_history(const lsctl_options &options);
+lsctl_runner lsctl_position(CLI::App &app);
+lsctl_runner lsctl_time(CLI::App &app);
+lsctl_runner lsctl_satellites(CLI::App &app);
+lsctl_runner lsctl_speed(CLI::App &app);
+lsctl_runner lsctl_power(CLI::App &app);
+lsctl_runner lsctl_watch(CLI::App &app);
+lsctl_runner lsctl_nmea(CLI::App &app);
+lsctl_runner lsctl_ubx(CLI::App &app);
+lsctl_runner lsctl_lpp(CLI::App &app);
+lsctl_runner lsctl_history(CLI::App &app);
 void lsctl_add_settings(CLI::App &app);
 int lsctl_run_settings(const lsctl_options &options);
 

@@ -10,21 +10,30 @@
 
 namespace {
 
+struct lsctl_command {
+    const char *name;
+    const char *help;
+    lsctl_maker make;
+};
+
+lsctl_runner make_settings(CLI::App &app) {
+    lsctl_add_settings(app);
+    return lsctl_run_settings;
+}
+
 constexpr std::array COMMANDS = {
-    lsctl_command{"position", "Position, fix and accuracy", nullptr, lsctl_run_position},
-    lsctl_command{"time", "UTC date, time and time of week", nullptr, lsctl_run_time},
-    lsctl_command{"satellites", "Satellites in view and used", nullptr, lsctl_run_satellites},
-    lsctl_command{"speed", "Speed over ground", nullptr, lsctl_run_speed},
-    lsctl_command{"power", "Show or change the receiver's power mode", lsctl_add_power,
-                  lsctl_run_power},
-    lsctl_command{"watch", "Position updates as they come", lsctl_add_watch, lsctl_run_watch},
-    lsctl_command{"nmea", "Send an NMEA sentence to the receiver", lsctl_add_nmea, lsctl_run_nmea},
-    lsctl_command{"ubx", "Send a UBX frame to the receiver", lsctl_add_ubx, lsctl_run_ubx},
-    lsctl_command{"lpp", "LPP location parameters, asked as SAL", nullptr, lsctl_run_lpp},
+    lsctl_command{"position", "Position, fix and accuracy", lsctl_position},
+    lsctl_command{"time", "UTC date, time and time of week", lsctl_time},
+    lsctl_command{"satellites", "Satellites in view and used", lsctl_satellites},
+    lsctl_command{"speed", "Speed over ground", lsctl_speed},
+    lsctl_command{"power", "Show or change the receiver's power mode", lsctl_power},
+    lsctl_command{"watch", "Position updates as they come", lsctl_watch},
+    lsctl_command{"nmea", "Send an NMEA sentence to the receiver", lsctl_nmea},
+    lsctl_command{"ubx", "Send a UBX frame to the receiver", lsctl_ubx},
+    lsctl_command{"lpp", "LPP location parameters, asked as SAL", lsctl_lpp},
     lsctl_command{"history", "The location history, as lines, table, map file or drawing",
-                  lsctl_add_history, lsctl_run_history},
-    lsctl_command{"settings", "Show or change the stored settings", lsctl_add_settings,
-                  lsctl_run_settings},
+                  lsctl_history},
+    lsctl_command{"settings", "Show or change the stored settings", make_settings},
 };
 
 constexpr const char *FOOTER =
@@ -50,14 +59,11 @@ int run_parsed(int argc, const char *const *argv) {
     app.footer(FOOTER);
     app.set_version_flag("--version", "lsctl " LSCTL_VERSION);
     app.require_subcommand(1);
-    const lsctl_command *chosen = nullptr;
+    lsctl_runner chosen;
     for (const lsctl_command &command : COMMANDS) {
         CLI::App *sub = app.add_subcommand(command.name, command.help);
         add_common_options(*sub, options);
-        if (command.add_options != nullptr) {
-            command.add_options(*sub);
-        }
-        sub->callback([&chosen, &command] { chosen = &command; });
+        sub->callback([&chosen, runner = command.make(*sub)] { chosen = runner; });
     }
     try {
         app.parse(argc, argv);
@@ -69,7 +75,7 @@ int run_parsed(int argc, const char *const *argv) {
         lsctl_complain("cannot wait for signals");
         return LSCTL_NO_ANSWER;
     }
-    const int status = chosen->run(options);
+    const int status = chosen(options);
     lsctl_signals_stop();
     return status;
 }

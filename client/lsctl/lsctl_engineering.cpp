@@ -12,9 +12,19 @@
 
 namespace {
 
-// Options.
-std::string nmea_body;
-std::vector<std::string> ubx_words;
+struct nmea_command {
+    std::string body;
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+};
+
+struct ubx_command {
+    std::vector<std::string> words;
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+};
 
 constexpr const char *SILENT_NOTE =
     "the receiver did not answer (the service reports that as success)";
@@ -159,38 +169,38 @@ lsctl_json ubx_answer_json(std::span<const ubx_piece> pieces) {
     return list;
 }
 
-void lsctl_add_nmea(CLI::App &app) {
-    nmea_body.clear();
-    app.add_option("body", nmea_body, "Sentence without $, * and checksum, such as PUBX,00")
+namespace {
+
+void nmea_command::add_options(CLI::App &app) {
+    app.add_option("body", body, "Sentence without $, * and checksum, such as PUBX,00")
         ->option_text("BODY")
         ->required();
 }
 
-int lsctl_run_nmea(const lsctl_options &options) {
+int nmea_command::run(const lsctl_options &options) const {
     location_client_answer answer;
     if (const auto status = exchange_failed<std::string_view>(
-            options, nmea_problem(nmea_body), location_client_exec_nmea, nmea_body, answer)) {
+            options, nmea_problem(body), location_client_exec_nmea, body, answer)) {
         return *status;
     }
-    lsctl_json object = {{"sent", nmea_body}};
+    lsctl_json object = {{"sent", body}};
     object.update(nmea_answer_json(answer));
     const std::string text = nmea_answer_text(answer);
-    return text.empty() ? show_silence(options, nmea_expects_answer(nmea_body), object)
+    return text.empty() ? show_silence(options, nmea_expects_answer(body), object)
                         : lsctl_show(options, object, text);
 }
 
-void lsctl_add_ubx(CLI::App &app) {
-    ubx_words.clear();
-    app.add_option("hex", ubx_words,
+void ubx_command::add_options(CLI::App &app) {
+    app.add_option("hex", words,
                    "A frame (B5 62 06 08 00 00), or class, id and payload (06 08); length and "
                    "checksum are added where missing")
         ->option_text("HEX ...")
         ->required();
 }
 
-int lsctl_run_ubx(const lsctl_options &options) {
+int ubx_command::run(const lsctl_options &options) const {
     std::vector<uint8_t> frame;
-    const std::string problem = ubx_parse(ubx_words, frame);
+    const std::string problem = ubx_parse(words, frame);
     location_client_answer answer;
     if (const auto status = exchange_failed<std::span<const uint8_t>>(
             options, problem, location_client_exec_ubx, frame, answer)) {
@@ -214,4 +224,14 @@ int lsctl_run_ubx(const lsctl_options &options) {
         return LSCTL_FAILED;
     }
     return status;
+}
+
+} // namespace
+
+lsctl_runner lsctl_nmea(CLI::App &app) {
+    return lsctl_make<nmea_command>(app);
+}
+
+lsctl_runner lsctl_ubx(CLI::App &app) {
+    return lsctl_make<ubx_command>(app);
 }

@@ -26,14 +26,26 @@ constexpr std::array<format, 7> FORMATS = {{
     {"svg", track_write_svg},
 }};
 
-// As typed.
-std::string format_name;
-std::string since;
-std::string until;
-std::string output;
-std::string root;
-std::string input;
-int64_t gap_s = 0;
+struct history_command {
+    // As typed.
+    std::string format_name;
+    std::string since;
+    std::string until;
+    std::string output;
+    std::string root;
+    std::string input;
+    int64_t gap_s = 0;
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+
+  private:
+    const format &chosen_format(const lsctl_options &options) const;
+    // Where the exported file is, or an exit status other than 0. *incomplete: the service could
+    // not write all of it.
+    int have_exported(const lsctl_options &options, std::string *path, bool *incomplete) const;
+    track_range wanted_range() const;
+};
 
 std::string check_time(const std::string &text) {
     int64_t utc = 0;
@@ -42,7 +54,7 @@ std::string check_time(const std::string &text) {
                : "'" + text + "' is neither YYYY-MM-DD[ HH:MM[:SS]], HH:MM[:SS] nor an age (90m)";
 }
 
-const format &chosen_format(const lsctl_options &options) {
+const format &history_command::chosen_format(const lsctl_options &options) const {
     const std::string name = !format_name.empty() ? format_name : options.json ? "json" : "text";
     for (const format &each : FORMATS) {
         if (name == each.name) {
@@ -52,9 +64,8 @@ const format &chosen_format(const lsctl_options &options) {
     return FORMATS.front();
 }
 
-// Where the exported file is, or an exit status other than 0. *incomplete: the service could not
-// write all of it.
-int have_exported(const lsctl_options &options, std::string *path, bool *incomplete) {
+int history_command::have_exported(const lsctl_options &options, std::string *path,
+                                   bool *incomplete) const {
     if (!input.empty()) {
         *path = input;
         return LSCTL_OK;
@@ -83,7 +94,7 @@ int fail(const lsctl_options &options, const std::string &sentence) {
     return lsctl_fail(options, location_result::failed, sentence);
 }
 
-track_range wanted_range() {
+track_range history_command::wanted_range() const {
     track_range range;
     const int64_t now = time(nullptr);
     if (!since.empty()) {
@@ -113,16 +124,7 @@ void tell_what_was_left_out(const track &all, bool needs_places) {
     }
 }
 
-} // namespace
-
-void lsctl_add_history(CLI::App &app) {
-    format_name.clear();
-    since.clear();
-    until.clear();
-    output.clear();
-    root.clear();
-    input.clear();
-    gap_s = 0;
+void history_command::add_options(CLI::App &app) {
     std::vector<std::string> names;
     names.reserve(std::size(FORMATS));
     for (const format &each : FORMATS) {
@@ -152,7 +154,7 @@ void lsctl_add_history(CLI::App &app) {
         ->option_text("FILE");
 }
 
-int lsctl_run_history(const lsctl_options &options) {
+int history_command::run(const lsctl_options &options) const {
     if (options.json && !format_name.empty() && format_name != "json") {
         lsctl_complain("--json and --format " + format_name + " exclude each other");
         return LSCTL_USAGE;
@@ -200,4 +202,10 @@ int lsctl_run_history(const lsctl_options &options) {
         return LSCTL_FAILED;
     }
     return LSCTL_OK;
+}
+
+} // namespace
+
+lsctl_runner lsctl_history(CLI::App &app) {
+    return lsctl_make<history_command>(app);
 }

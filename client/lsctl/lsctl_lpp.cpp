@@ -70,7 +70,9 @@ lsctl_json lpp_json(const gps_lpp_location &lpp) {
     };
 }
 
-int lsctl_run_lpp(const lsctl_options &options) {
+namespace {
+
+int run_lpp(const lsctl_options &options) {
     if (options.as != 0 && options.as != LS_SERV_SAL) {
         return lsctl_fail(options, location_result::bad_argument,
                           "LPP parameters go to service 2 (SAL) only: leave --as out");
@@ -94,4 +96,10 @@ int lsctl_run_lpp(const lsctl_options &options) {
     }
     return result == location_result::answered ? lsctl_show(as_sal, lpp_json(lpp), lpp_text(lpp))
                                                : lsctl_fail(as_sal, result, link.client);
+}
+
+} // namespace
+
+lsctl_runner lsctl_lpp(CLI::App &) {
+    return run_lpp;
 }

@@ -5,7 +5,12 @@
 
 namespace {
 
-std::string wanted; // as typed; empty = show
+struct power_command {
+    std::string wanted; // as typed; empty = show
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+};
 
 int show_mode(const lsctl_options &options, uint32_t mode) {
     return lsctl_show(options, lsctl_power_json(mode),
@@ -34,16 +39,13 @@ std::string why_refused(uint32_t mode, uint32_t in_force, uint32_t serv_id) {
            "; lsctl power off --as 6 uses mode 0";
 }
 
-} // namespace
-
-void lsctl_add_power(CLI::App &app) {
-    wanted.clear();
+void power_command::add_options(CLI::App &app) {
     app.add_option("mode", wanted, "on (2) or off (0, or 1); without it the mode is shown")
         ->option_text("[on|off|0|1|2]")
         ->check(CLI::IsMember({"on", "off", "0", "1", "2"}));
 }
 
-int lsctl_run_power(const lsctl_options &options) {
+int power_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
     if (link.result != location_result::answered) {
         return lsctl_fail(options, link.result);
@@ -66,4 +68,10 @@ int lsctl_run_power(const lsctl_options &options) {
     }
     return result == location_result::answered ? show_mode(options, in_force)
                                                : lsctl_fail(options, result, link.client);
+}
+
+} // namespace
+
+lsctl_runner lsctl_power(CLI::App &app) {
+    return lsctl_make<power_command>(app);
 }

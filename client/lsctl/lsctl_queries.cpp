@@ -14,9 +14,7 @@ int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
     return result == location_result::answered ? show() : lsctl_fail(options, result, link.client);
 }
 
-} // namespace
-
-int lsctl_run_position(const lsctl_options &options) {
+int run_position(const lsctl_options &options) {
     gps_pos_data position{};
     return run_query(
         options,
@@ -29,7 +27,7 @@ int lsctl_run_position(const lsctl_options &options) {
         });
 }
 
-int lsctl_run_time(const lsctl_options &options) {
+int run_time(const lsctl_options &options) {
     gps_time_fields utc{};
     uint32_t time_of_week = 0;
     return run_query(
@@ -43,7 +41,7 @@ int lsctl_run_time(const lsctl_options &options) {
         });
 }
 
-int lsctl_run_satellites(const lsctl_options &options) {
+int run_satellites(const lsctl_options &options) {
     gps_sat_info info{};
     return run_query(
         options,
@@ -55,7 +53,7 @@ int lsctl_run_satellites(const lsctl_options &options) {
         });
 }
 
-int lsctl_run_speed(const lsctl_options &options) {
+int run_speed(const lsctl_options &options) {
     gps_speed_data speed{};
     return run_query(
         options,
@@ -63,4 +61,22 @@ int lsctl_run_speed(const lsctl_options &options) {
             return location_client_get_speed(client, timeout, &speed);
         },
         [&] { return lsctl_show(options, lsctl_speed_json(speed), lsctl_speed_text(speed)); });
+}
+
+} // namespace
+
+lsctl_runner lsctl_position(CLI::App &) {
+    return run_position;
+}
+
+lsctl_runner lsctl_time(CLI::App &) {
+    return run_time;
+}
+
+lsctl_runner lsctl_satellites(CLI::App &) {
+    return run_satellites;
+}
+
+lsctl_runner lsctl_speed(CLI::App &) {
+    return run_speed;
 }

@@ -16,10 +16,14 @@ using std::chrono::seconds;
 constexpr seconds UNREGISTER_TIMEOUT{2};
 constexpr uint32_t MAX_INTERVAL_S = 604800; // a week
 
-// Options.
-uint64_t count;
-uint32_t interval_s;
-bool reconnect;
+struct watch_command {
+    uint64_t count = 0; // 0 = without end
+    uint32_t interval_s = 5;
+    bool reconnect = isatty(STDOUT_FILENO) == 1;
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+};
 
 struct watch_totals {
     uint64_t positions = 0;
@@ -28,11 +32,10 @@ struct watch_totals {
 };
 
 std::string interval_problem(const std::string &text) {
-    uint32_t value = 0;
-    if (!CLI::detail::lexical_cast(text, value) || value > MAX_INTERVAL_S) {
+    if (!CLI::Range(uint32_t{0}, MAX_INTERVAL_S)(text).empty()) {
         return "the interval is a number of seconds up to " + std::to_string(MAX_INTERVAL_S);
     }
-    return value < LOCATION_CLIENT_MIN_INTERVAL_S
+    return !CLI::Range(LOCATION_CLIENT_MIN_INTERVAL_S, MAX_INTERVAL_S)(text).empty()
                ? "the service takes no interval below " +
                      std::to_string(LOCATION_CLIENT_MIN_INTERVAL_S) + " s"
                : "";
@@ -62,6 +65,10 @@ bool show_update(const lsctl_options &options, const ls_position_reply &update) 
                            : "no position: the receiver has no fix, or its answer was not valid\n");
 }
 
+uint32_t interval_of(const watch_plan &plan) {
+    return static_cast<uint32_t>(plan.interval.count());
+}
+
 bool is_tool_id(uint8_t serv_id) {
     return serv_id >= LOCATION_CLIENT_TOOL_ID_FIRST && serv_id <= LOCATION_CLIENT_TOOL_ID_LAST;
 }
@@ -72,7 +79,7 @@ location_result register_first(const lsctl_options &options, location_client *cl
                                const watch_plan &plan, std::string &why) {
     const auto ask = [&] {
         return location_client_register_periodic(client, lsctl_timeout(options), watch_wanted(plan),
-                                                 interval_s);
+                                                 interval_of(plan));
     };
     location_result result = ask();
     if (result != location_result::failed) {
@@ -120,7 +127,8 @@ bool try_register(const lsctl_options &options, location_client *client, watch_p
         std::min(lsctl_timeout(options), std::chrono::duration_cast<milliseconds>(plan.interval));
     const location_result result =
         first ? register_first(options, client, plan, why)
-              : location_client_register_periodic(client, patience, watch_wanted(plan), interval_s);
+              : location_client_register_periodic(client, patience, watch_wanted(plan),
+                                                  interval_of(plan));
     if (result == location_result::cancelled) {
         // It may have been taken; unregistering what is not there does no harm.
         plan.owed = std::max(plan.owed, 1U);
@@ -186,10 +194,10 @@ int watch(const lsctl_options &options, location_client *client, watch_plan &pla
             }
             break;
         case watch_step::say_silent:
-            lsctl_complain(lsctl_format("no update for %u s; watching on", 2 * interval_s));
+            lsctl_complain(lsctl_format("no update for %u s; watching on", 2 * interval_of(plan)));
             break;
         case watch_step::give_up:
-            lsctl_complain(lsctl_format("no update for %u s", 2 * interval_s));
+            lsctl_complain(lsctl_format("no update for %u s", 2 * interval_of(plan)));
             return LSCTL_NO_ANSWER;
         case watch_step::wait:
             take_updates(options, client, plan, totals);
@@ -199,12 +207,7 @@ int watch(const lsctl_options &options, location_client *client, watch_plan &pla
     return exit_of(totals);
 }
 
-} // namespace
-
-void lsctl_add_watch(CLI::App &app) {
-    count = 0;
-    interval_s = 5;
-    reconnect = isatty(STDOUT_FILENO) == 1;
+void watch_command::add_options(CLI::App &app) {
     app.add_option("-n,--count", count, "End after this many updates (default: never)")
         ->option_text("COUNT")
         ->check(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}));
@@ -215,7 +218,7 @@ void lsctl_add_watch(CLI::App &app) {
                  "Register again after the service was restarted (default: on a terminal)");
 }
 
-int lsctl_run_watch(const lsctl_options &options) {
+int watch_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
     if (link.result != location_result::answered) {
         return lsctl_fail(options, link.result);
@@ -228,4 +231,10 @@ int lsctl_run_watch(const lsctl_options &options) {
         lsctl_complain(lsctl_format("%u updates were lost", lost));
     }
     return status;
+}
+
+} // namespace
+
+lsctl_runner lsctl_watch(CLI::App &app) {
+    return lsctl_make<watch_command>(app);
 }
