@@ -47,6 +47,10 @@ add_library(ls_records INTERFACE)
 target_include_directories(ls_records INTERFACE "${PROJECT_SOURCE_DIR}/location_service/include")
 target_compile_definitions(ls_records INTERFACE LS_ROOT="${LS_ROOT}")
 
+# Small helpers, headers only, for everything in this project: descriptors, FILEs, signals, the clock.
+add_library(ls_common INTERFACE)
+target_include_directories(ls_common INTERFACE "${PROJECT_SOURCE_DIR}/common")
+
 # The three headers between the daemon and the platform.
 add_library(platform_headers INTERFACE)
 target_include_directories(platform_headers INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")

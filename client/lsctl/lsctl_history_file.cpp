@@ -6,17 +6,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ls_clock.h"
+#include "ls_descriptor.h"
+#include "ls_file.h"
+
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr size_t LARGE = size_t{256} * 1024; // bytes from which on progress is shown
 
@@ -25,20 +27,6 @@ constexpr size_t LARGE = size_t{256} * 1024; // bytes from which on progress is 
 constexpr milliseconds SETTLED{50};
 constexpr milliseconds SETTLED_ODDLY{1000};
 constexpr milliseconds LOOK_AGAIN{10};
-
-struct file_closer {
-    void operator()(FILE *file) const { std::fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
-struct fd_guard {
-    int fd;
-    ~fd_guard() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-};
 
 std::string reason(const std::string &step) {
     return step + ": " + std::strerror(errno);
@@ -92,7 +80,7 @@ attempt read_once(int fd, std::string *text) {
 // Writes by way of a stream and says what went wrong.
 std::string fill(int fd, const std::function<void(FILE *)> &write, int *error) {
     *error = 0;
-    file_ptr stream(fdopen(fd, "we"));
+    ls_file stream(fdopen(fd, "we"));
     if (stream == nullptr) {
         *error = errno;
         close(fd);
@@ -126,10 +114,10 @@ bool is_special(const std::string &path) {
 
 std::string history_read(const std::string &path, milliseconds limit,
                          const std::function<bool()> &ended, std::string *text) {
-    const auto deadline = steady_clock::now() + limit;
+    const int64_t deadline = ls_monotonic_ms() + limit.count();
     for (;;) {
         // Not blocked by a pipe that nobody writes to.
-        const fd_guard file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+        const ls_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
         if (file.fd < 0) {
             return reason(path);
         }
@@ -141,7 +129,7 @@ std::string history_read(const std::string &path, milliseconds limit,
         case attempt::again:
             break;
         }
-        if (steady_clock::now() >= deadline || ended()) {
+        if (ls_monotonic_ms() >= deadline || ended()) {
             return path + ": others have it written anew all the time";
         }
         std::this_thread::sleep_for(LOOK_AGAIN);

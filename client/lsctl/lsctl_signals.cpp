@@ -17,6 +17,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "ls_descriptor.h"
+#include "ls_signals_blocked.h"
+
 namespace {
 
 // Held over the noting of a signal and the ending of the waits: who sees the number may resume the
@@ -49,13 +52,6 @@ void wait_for_signals() {
     }
 }
 
-void close_fd(int &fd) {
-    if (fd >= 0) {
-        close(fd);
-        fd = -1;
-    }
-}
-
 } // namespace
 
 bool lsctl_signals_start() {
@@ -74,6 +70,7 @@ bool lsctl_signals_start() {
     signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (signal_fd >= 0 && stop_fd >= 0) {
+        const ls_signals_blocked blocked;
         thread_g = std::thread(wait_for_signals);
         return true;
     }
@@ -89,8 +86,8 @@ void lsctl_signals_stop() {
         thread_g.join();
     }
     if (signal_fd >= 0 || stop_fd >= 0) {
-        close_fd(signal_fd);
-        close_fd(stop_fd);
+        ls_close(signal_fd);
+        ls_close(stop_fd);
         pthread_sigmask(SIG_SETMASK, &former_mask, nullptr);
     }
 }

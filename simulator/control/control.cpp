@@ -1,5 +1,7 @@
 #include "control.h"
 
+#include "ls_descriptor.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -30,23 +32,15 @@ constexpr size_t LONGEST_REQUEST = 4096;
 // A socket address holds 107 characters; a terminal's directory may be deeper. The way through a
 // descriptor of the directory is always short.
 struct short_path {
-    int directory = -1;
+    ls_descriptor directory;
     sockaddr_un address{};
 
-    explicit short_path(const std::string &path) {
-        const std::filesystem::path whole(path);
-        directory = open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    explicit short_path(const std::filesystem::path &whole)
+        : directory(open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
         address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", directory,
-                      whole.filename().c_str());
+        std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s",
+                      directory.fd, whole.filename().c_str());
     }
-    ~short_path() {
-        if (directory >= 0) {
-            close(directory);
-        }
-    }
-    short_path(const short_path &) = delete;
-    short_path &operator=(const short_path &) = delete;
 
     const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&address); }
 };
@@ -54,7 +48,7 @@ struct short_path {
 void drop(int client) {
     if (clients.erase(client) != 0) {
         loop.forget(client);
-        close(client);
+        ls_close(client);
     }
 }
 
@@ -89,14 +83,11 @@ void on_request(int client) {
 }
 
 void on_connection() {
-    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (client < 0) {
+    ls_descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (accepted.fd < 0 || clients.size() >= MOST_CLIENTS) {
         return;
     }
-    if (clients.size() >= MOST_CLIENTS) {
-        close(client);
-        return;
-    }
+    const int client = accepted.release();
     clients[client];
     loop.watch(client, [client] { on_request(client); });
 }
@@ -141,8 +132,7 @@ void control_close() {
     }
     if (listener >= 0) {
         loop.forget(listener);
-        close(listener);
-        listener = -1;
+        ls_close(listener);
     }
     if (!listener_path.empty()) {
         unlink(listener_path.c_str());
@@ -164,7 +154,8 @@ void control_answer(int client, const control_reply &reply) {
 control_result control_ask(const std::string &path, const std::vector<std::string> &words,
                            int patience_s, std::string &answer) {
     const short_path address(path);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const ls_descriptor asking(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int fd = asking.fd;
     if (fd < 0) {
         return unreachable(answer, "creating a socket");
     }
@@ -201,7 +192,6 @@ control_result control_ask(const std::string &path, const std::vector<std::strin
             result = verdict == "ok" ? control_result::ok : control_result::refused;
         }
     }
-    close(fd);
     return result;
 }
 

@@ -1,5 +1,7 @@
 #include "line_pty.h"
 
+#include "ls_descriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -22,17 +24,10 @@ bool failed(line_pty &port, std::string &error, const std::string &step) {
 // Raw, and once opened and closed: only then does the master report a hang-up while nobody has the
 // slave open, which is how line_pty_check knows.
 bool prepare_slave(const std::string &path) {
-    const int slave = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (slave < 0) {
-        return false;
-    }
+    const ls_descriptor slave(open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     termios attributes{};
-    const bool raw = tcgetattr(slave, &attributes) == 0 &&
-                     (cfmakeraw(&attributes), tcsetattr(slave, TCSANOW, &attributes) == 0);
-    const int saved = errno;
-    close(slave);
-    errno = saved;
-    return raw;
+    return slave.fd >= 0 && tcgetattr(slave.fd, &attributes) == 0 &&
+           (cfmakeraw(&attributes), tcsetattr(slave.fd, TCSANOW, &attributes) == 0);
 }
 
 // Replaced by renaming, so the path never points nowhere in between.
@@ -70,11 +65,8 @@ bool line_pty_plug(line_pty &port, const std::string &link, std::string &error) 
 }
 
 void line_pty_unplug(line_pty &port) {
-    for (const int fd : {port.master, port.notify}) {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
+    ls_close(port.master);
+    ls_close(port.notify);
     if (!port.link.empty()) {
         unlink(port.link.c_str());
     }

@@ -1,6 +1,7 @@
 // The battery-backed memory in its file.
 #include "battery.h"
 
+#include "ls_descriptor.h"
 #include "nmea_fields.h"
 
 #include <array>
@@ -18,17 +19,6 @@ namespace {
 
 constexpr std::string_view heading = "receiver-battery 1\n";
 constexpr size_t largest_file = 16384;
-
-struct descriptor {
-    int fd;
-    explicit descriptor(int opened) : fd(opened) {}
-    ~descriptor() {
-        if (fd >= 0)
-            close(fd);
-    }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-};
 
 uint32_t crc32_of(std::string_view text) {
     uint32_t crc = 0xffffffff;
@@ -118,7 +108,7 @@ bool write_all(int fd, std::string_view text) {
 } // namespace
 
 battery_memory battery_load(const std::string &path) {
-    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const ls_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text(largest_file, '\0');
     size_t length = 0;
     while (file.fd >= 0 && length < text.size()) {
@@ -134,7 +124,8 @@ battery_memory battery_load(const std::string &path) {
 bool battery_store(const std::string &path, const battery_memory &memory) {
     const std::string fresh = path + ".new";
     {
-        const descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        const ls_descriptor file(
+            open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (file.fd < 0 || !write_all(file.fd, text_of_memory(memory))) {
             unlink(fresh.c_str());
             return false;
@@ -148,7 +139,7 @@ bool battery_store(const std::string &path, const battery_memory &memory) {
     const size_t slash = path.rfind('/');
     const std::string folder =
         slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-    const descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const ls_descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return directory.fd >= 0 && fsync(directory.fd) == 0;
 }
 

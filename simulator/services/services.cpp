@@ -1,6 +1,8 @@
 #include "services.h"
 
 #include "decode.h"
+#include "ls_descriptor.h"
+#include "ls_file.h"
 #include "ls_messages.h"
 #include "mqutils.h"
 
@@ -50,7 +52,7 @@ int inbox_event = -1;        // eventfd: something is in the inbox
 
 // Thread of the loop only.
 services_host host{};
-FILE *log_file = nullptr;
+ls_file log_file;
 int bus_notify = -1;       // inotify on the bus directory: the daemon's socket appears; -1 = no TA
 bool daemon_ready = false; // VoIP has been told the power status
 uint32_t antenna_type = 0; // what the TA announces
@@ -91,9 +93,9 @@ void write_down(const char *name, const std::string &text) {
     gmtime_r(&now.tv_sec, &utc);
     std::array<char, 32> when;
     std::strftime(when.data(), when.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-    std::fprintf(log_file, "%s.%03ldZ %-4s %s\n", when.data(), now.tv_nsec / 1000000, name,
+    std::fprintf(log_file.get(), "%s.%03ldZ %-4s %s\n", when.data(), now.tv_nsec / 1000000, name,
                  text.c_str());
-    std::fflush(log_file);
+    std::fflush(log_file.get());
 }
 
 bool notify(uint8_t from, uint32_t id, std::span<const uint8_t> payload, std::string &error) {
@@ -223,7 +225,7 @@ bool services_open(const services_host &around, int board, int32_t antenna, cons
                    const std::string &log, std::string &error) {
     host = around;
     antenna_type = static_cast<uint32_t>(antenna);
-    log_file = std::fopen(log.c_str(), "ae");
+    log_file.reset(std::fopen(log.c_str(), "ae"));
     if (log_file == nullptr) {
         error = "opening " + log + ": " + std::strerror(errno);
         return false;
@@ -259,12 +261,10 @@ void services_close() {
     for (int *fd : {&inbox_event, &bus_notify}) {
         if (*fd >= 0) {
             host.forget(*fd);
-            close(std::exchange(*fd, -1));
+            ls_close(*fd);
         }
     }
-    if (log_file != nullptr) {
-        std::fclose(std::exchange(log_file, nullptr));
-    }
+    log_file.reset();
     inbox.clear();
     ta_unit = ta{};
     timer_added = false;

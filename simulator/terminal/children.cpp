@@ -1,6 +1,7 @@
 #include "children.h"
 
 #include "loop.h"
+#include "ls_descriptor.h"
 #include "process.h"
 #include "say.h"
 #include "terminal.h"
@@ -68,20 +69,13 @@ void look_at_children() {
 
 // A live owner accepts a connection; the socket file of a dead one refuses it.
 bool on_the_bus() {
-    const int directory = open(where->bus.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const ls_descriptor directory(open(where->bus.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const ls_descriptor bus(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/8", directory);
-    const bool there =
-        directory >= 0 && fd >= 0 &&
-        connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    for (const int open_fd : {fd, directory}) {
-        if (open_fd >= 0) {
-            close(open_fd);
-        }
-    }
-    return there;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/8", directory.fd);
+    return directory.fd >= 0 && bus.fd >= 0 &&
+           connect(bus.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
 bool wait_for_bus(const std::function<bool()> &cancelled) {
@@ -250,8 +244,7 @@ bool children_stop_all() {
 void children_close() {
     if (signals >= 0) {
         loop_forget(signals);
-        close(signals);
-        signals = -1;
+        ls_close(signals);
     }
 }
 

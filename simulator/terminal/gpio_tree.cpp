@@ -1,5 +1,7 @@
 #include "gpio_tree.h"
 
+#include "ls_descriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -23,13 +25,9 @@ std::string line_directory(const gpio_tree &tree, int line) {
 }
 
 std::string read_file(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return {};
-    }
+    const ls_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, 64> text;
-    const ssize_t count = read(fd, text.data(), text.size());
-    close(fd);
+    const ssize_t count = read(file.fd, text.data(), text.size());
     return {text.data(), count > 0 ? static_cast<size_t>(count) : 0};
 }
 
@@ -42,13 +40,9 @@ std::string_view without_line_end(std::string_view text) {
 
 // In place: whoever has the file open keeps the file that counts.
 bool write_file(const std::string &path, std::string_view text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return written;
+    const ls_descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    return file.fd >= 0 &&
+           write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 std::optional<int> line_number(std::string_view text) {
@@ -218,9 +212,7 @@ bool gpio_tree_open(gpio_tree &tree, const std::string &root, std::string &error
 }
 
 void gpio_tree_close(gpio_tree &tree) {
-    if (tree.notify >= 0) {
-        close(tree.notify);
-    }
+    ls_close(tree.notify);
     tree = gpio_tree{};
 }
 

@@ -1,5 +1,8 @@
 #include "loop.h"
 
+#include "ls_clock.h"
+#include "ls_descriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -93,9 +96,7 @@ bool wait_once(std::optional<double> deadline) {
 } // namespace
 
 double loop_now() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return static_cast<double>(ls_monotonic_ns()) * 1e-9;
 }
 
 void loop_watch(int fd, std::function<void()> handler) {
@@ -123,10 +124,7 @@ bool loop_until(const std::function<bool()> &done, std::optional<double> deadlin
 void loop_close() {
     watches.clear();
     timers.clear();
-    if (timer_fd >= 0) {
-        close(timer_fd);
-        timer_fd = -1;
-    }
+    ls_close(timer_fd);
 }
 
 } // namespace sim

@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include "loop.h"
+#include "ls_descriptor.h"
 #include "say.h"
 
 #include <array>
@@ -86,9 +87,9 @@ pid_t process_start(const process_plan &plan, std::string &error) {
         become(plan, arguments.data(), parent, report[1]);
     }
     const int fork_error = errno;
-    close(report[1]);
+    ls_close(report[1]);
     if (pid < 0) {
-        close(report[0]);
+        ls_close(report[0]);
         error = std::string("fork: ") + std::strerror(fork_error);
         return -1;
     }
@@ -98,7 +99,7 @@ pid_t process_start(const process_plan &plan, std::string &error) {
     do {
         count = read(report[0], &failed, sizeof failed);
     } while (count < 0 && errno == EINTR);
-    close(report[0]);
+    ls_close(report[0]);
     if (count == static_cast<ssize_t>(sizeof failed)) {
         waitpid(pid, nullptr, 0);
         error = explain(plan, failed);

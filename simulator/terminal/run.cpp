@@ -3,6 +3,7 @@
 #include "children.h"
 #include "control.h"
 #include "loop.h"
+#include "ls_descriptor.h"
 #include "say.h"
 #include "services.h"
 #include "settings.h"
@@ -14,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
-#include <unistd.h>
 
 namespace sim {
 namespace {
@@ -166,9 +166,7 @@ int terminal_run(const terminal_options &options) {
     terminal_down();
     children_close();
     loop_close();
-    if (lock >= 0) {
-        close(lock);
-    }
+    ls_close(lock);
     return status == EXIT_SUCCESS && !orderly ? EXIT_FAILURE : status;
 }
 
