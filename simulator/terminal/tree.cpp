@@ -1,5 +1,7 @@
 #include "tree.h"
 
+#include "ls_descriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -30,13 +32,11 @@ std::string reason(const std::string &step) {
 
 // Only a file that is not there yet is written: an existing terminal keeps what it has.
 bool write_if_missing(const std::string &path, std::string_view text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    const ls_descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (file.fd < 0) {
         return errno == EEXIST;
     }
-    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return written;
+    return write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 // An empty directory or an existing terminal may be used; anything else is somebody's files.
@@ -59,7 +59,8 @@ bool may_become_terminal(const terminal_paths &paths, std::string &error) {
 }
 
 int lock_marker(const terminal_paths &paths, std::string &error) {
-    const int fd = open(paths.marker.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ls_descriptor marker(open(paths.marker.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    const int fd = marker.fd;
     if (fd < 0) {
         error = reason("opening " + paths.marker);
         return -1;
@@ -67,7 +68,6 @@ int lock_marker(const terminal_paths &paths, std::string &error) {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         error = errno == EWOULDBLOCK ? paths.root + ": another simterm runs this terminal"
                                      : reason("locking " + paths.marker);
-        close(fd);
         return -1;
     }
     std::array<char, 64> text{};
@@ -76,16 +76,14 @@ int lock_marker(const terminal_paths &paths, std::string &error) {
     if (count < 0 ||
         (!empty && std::string_view(text.data(), static_cast<size_t>(count)) != MARKER_TEXT)) {
         error = paths.marker + " is not the mark of a terminal of this version; not touched";
-        close(fd);
         return -1;
     }
     if (empty && pwrite(fd, MARKER_TEXT.data(), MARKER_TEXT.size(), 0) !=
                      static_cast<ssize_t>(MARKER_TEXT.size())) {
         error = reason("writing " + paths.marker);
-        close(fd);
         return -1;
     }
-    return fd;
+    return marker.release();
 }
 
 } // namespace
@@ -120,8 +118,8 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
     if (!may_become_terminal(paths, error)) {
         return -1;
     }
-    const int lock = lock_marker(paths, error);
-    if (lock < 0) {
+    ls_descriptor lock(lock_marker(paths, error));
+    if (lock.fd < 0) {
         return -1;
     }
     for (const char *name : {"/dev", "/sys/class", "/sys/power", "/user/location",
@@ -129,7 +127,6 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
         fs::create_directories(root + name, wrong);
         if (wrong) {
             error = "making directory " + root + name + ": " + wrong.message();
-            close(lock);
             return -1;
         }
     }
@@ -139,12 +136,11 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
           {paths.stub, STUB_TEXT}}) {
         if (!write_if_missing(path, text)) {
             error = reason("writing " + path);
-            close(lock);
             return -1;
         }
     }
     fresh_settings = !fs::exists(paths.settings, wrong);
-    return lock;
+    return lock.release();
 }
 
 bool tree_configure(const terminal_paths &paths, const terminal_options &options, int &board,
