@@ -8,7 +8,7 @@ import re
 import sys
 
 root = pathlib.Path(sys.argv[1])
-page = (root / "docs/architecture.md").read_text(encoding="utf-8")
+page, simulator, client = re.split(r"(?m)^# ", (root / "docs/architecture.md").read_text(encoding="utf-8"))[1:]
 diagram = page.split("```")[1]
 daemon = {path.name: path.read_text(encoding="utf-8") for path in sorted(root.glob("location_service/*/*.*"))}
 code = "\n".join(daemon.values())
@@ -52,6 +52,22 @@ for name in sorted(names):
     check(known or name == "location_service", f"{name}: no such name")
 for path in re.findall(r"`([\w/]+(?:/|\.\w+))`", page):
     check((root / path).exists() or path in daemon, f"{path}: no such file")
+
+# The pages of simulator and client: names, files, locks and threads are those of their code.
+for folder, page in (("simulator", simulator), ("client", client)):
+    sources = {path.name: path.read_text(encoding="utf-8") for path in root.glob(f"{folder}/**/*.*") if path.is_file()}
+    code = "\n".join(sources.values())
+    diagram = page.split("```")[1]
+    for name in set(re.findall(r"\b[a-z]+(?:_[a-z]+)+\b", diagram)) | set(re.findall(r"`(\w+_\w+)`", page)):
+        check(re.search(rf"\b{name}\b", code) or name == "location_service", f"{folder}: {name}: no such name")
+    for path in re.findall(r"`([\w/]+(?:/|\.\w+))`", page):
+        known = path in sources or any((root / before / path).exists() for before in ("", folder, "common"))
+        check(known, f"{folder}: {path}: no such file")
+    for name in re.findall(r"^ *std::mutex (\w+)", code, re.M):
+        check(f"{name}`" in page and f"{name}" in diagram, f"{folder}: lock {name} is not on the page")
+rooms = re.findall(r"`(\w+)/` \(", simulator)
+built = re.findall(r"^sim_room\((\w+)", (root / "simulator/CMakeLists.txt").read_text(encoding="utf-8"), re.M)
+check(rooms == built, f"rooms: the page has {rooms}, the build {built}")
 
 print(f"{len(locks)} locks, {len(names)} names, {wrong} wrong")
 sys.exit(1 if wrong or not locks or not names else 0)
