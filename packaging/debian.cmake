@@ -33,7 +33,10 @@ macro(ls_package component name section depends summary description)
     DESTINATION share/doc/${name} COMPONENT ${component})
 endmacro()
 
-execute_process(COMMAND "${GZIP}" -9nc "${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog"
+execute_process(
+  COMMAND awk -v "maintainer=${contact}" -f "${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog.awk"
+    "${PROJECT_SOURCE_DIR}/CHANGELOG.md"
+  COMMAND "${GZIP}" -9nc
   OUTPUT_FILE "${CMAKE_CURRENT_BINARY_DIR}/changelog.gz" COMMAND_ERROR_IS_FATAL ANY)
 
 set(same "(= ${PROJECT_VERSION})")
