@@ -65,6 +65,9 @@ for folder, page in (("simulator", simulator), ("client", client)):
         check(known, f"{folder}: {path}: no such file")
     for name in re.findall(r"^ *std::mutex (\w+)", code, re.M):
         check(f"{name}`" in page and f"{name}" in diagram, f"{folder}: lock {name} is not on the page")
+# The files that the page for developers sends one to.
+for path in re.findall(r"`((?:\w[\w-]*/)+[\w.-]*)`", (root / "docs/development.md").read_text(encoding="utf-8")):
+    check((root / path).exists() or path.startswith("build/") or "NAME" in path, f"development: {path}: no such file")
 rooms = re.findall(r"`(\w+)/` \(", simulator)
 built = re.findall(r"^sim_room\((\w+)", (root / "simulator/CMakeLists.txt").read_text(encoding="utf-8"), re.M)
 check(rooms == built, f"rooms: the page has {rooms}, the build {built}")
