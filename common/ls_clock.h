@@ -3,6 +3,7 @@
 #ifndef LS_CLOCK_H
 #define LS_CLOCK_H
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 
@@ -14,6 +15,13 @@ inline int64_t ls_monotonic_ns() noexcept {
 
 inline int64_t ls_monotonic_ms() noexcept {
     return ls_monotonic_ns() / 1'000'000;
+}
+
+// A pause, shorter than a second, that a signal does not cut short.
+inline void ls_sleep_us(long microseconds) noexcept {
+    timespec left = {.tv_sec = 0, .tv_nsec = microseconds * 1000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
 }
 
 #endif

@@ -1,5 +1,6 @@
 #include "gps_gpio.h"
 
+#include "ls_descriptor.h"
 #include "ls_log.h"
 #include "ls_paths.h"
 
@@ -35,15 +36,14 @@ int open_line_file(const path_buffer &path) {
 
 // Opens the export or unexport file and writes the line's number.
 int write_number(const char *path, int gpio, ls_log_text failed) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const ls_descriptor file(open(path, O_WRONLY | O_CLOEXEC));
+    if (file.fd < 0) {
         log_text(LS_LOG_ERROR, failed, "");
         return -1;
     }
     std::array<char, 16> text = {};
     snprintf(text.data(), text.size(), "%d", gpio);
-    write_text(fd, text.data());
-    close(fd);
+    write_text(file.fd, text.data());
     return 0;
 }
 
@@ -65,26 +65,28 @@ int u_gpio_unexport(int gpio) {
 }
 
 int u_gpio_set_direction(int gpio, int direction) {
-    const int fd = open_line_file(line_path(gpio, "direction"));
-    if (fd < 0)
-        return -1;
     const bool valid = direction == 0 || direction == 1;
-    if (valid)
-        write_text(fd, direction == 1 ? "out" : "in");
-    close(fd);
+    {
+        const ls_descriptor file(open_line_file(line_path(gpio, "direction")));
+        if (file.fd < 0)
+            return -1;
+        if (valid)
+            write_text(file.fd, direction == 1 ? "out" : "in");
+    }
     if (!valid)
         log_error("Invalid direction value\n");
     return valid ? 0 : -1;
 }
 
 int u_gpio_set_value(int gpio, int value) {
-    const int fd = open_line_file(line_path(gpio, "value"));
-    if (fd < 0)
-        return -1;
     const bool valid = value == 0 || value == 1;
-    if (valid)
-        write_text(fd, value == 1 ? "1" : "0");
-    close(fd);
+    {
+        const ls_descriptor file(open_line_file(line_path(gpio, "value")));
+        if (file.fd < 0)
+            return -1;
+        if (valid)
+            write_text(file.fd, value == 1 ? "1" : "0");
+    }
     if (!valid)
         log_error("Invalid GPIO value\n");
     return valid ? 0 : -1;

@@ -17,8 +17,6 @@ static constexpr char log_module[] = "gps_main";
 
 namespace {
 
-constexpr char LS_VERSION[] = "2.0";
-
 // A file in the static location's directory was modified.
 int file_modify_signal() {
     return SIGRTMIN + LS_FILE_MODIFY_SIGNAL_OFFSET;

@@ -8,6 +8,7 @@
 // thread takes, and the only ones that are blocked anywhere else.
 #include "gps_main.h"
 #include "ls_log.h"
+#include "ls_signals_blocked.h"
 
 #include <atomic>
 #include <cerrno>
@@ -68,19 +69,17 @@ void report_overflow(int) {
 
 int ls_start_signal_thread() {
     overflow_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    // The thread is born with all signals blocked, so that they reach it only inside ppoll.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, LS_THREAD_STACK_SIZE);
     pthread_t thread = {};
-    const int error = pthread_create(&thread, &attributes, wait_for_signals, nullptr);
+    int error = 0;
+    {
+        const ls_signals_blocked scope; // they reach the thread inside ppoll only
+        error = pthread_create(&thread, &attributes, wait_for_signals, nullptr);
+    }
     pthread_attr_destroy(&attributes);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
         errno = error;
         log_error("Error while creating the signal thread. error = %d(%m)", error);

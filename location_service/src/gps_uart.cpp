@@ -1,5 +1,6 @@
 #include "gps_uart.h"
 
+#include "ls_descriptor.h"
 #include "ls_log.h"
 #include "ls_messages.h"
 #include "ls_paths.h"
@@ -28,14 +29,7 @@ constexpr cc_t READ_TIMEOUT_DS = 30; // tenths of a second
 constexpr std::chrono::seconds CONFIGURATION_PATIENCE(3);
 
 // The line's descriptor. A user keeps it open for as long as its read or write takes.
-struct open_line {
-    int fd;
-    explicit open_line(int opened) : fd(opened) {}
-    ~open_line() { close(fd); }
-    open_line(const open_line &) = delete;
-    open_line &operator=(const open_line &) = delete;
-};
-using line_user = std::shared_ptr<const open_line>;
+using line_user = std::shared_ptr<const ls_descriptor>;
 
 std::mutex line_lock; // guards line_slot()
 
@@ -113,7 +107,7 @@ int ls_hal_uart_init() {
         set_line(nullptr);
         return -1;
     }
-    set_line(std::make_shared<const open_line>(fd));
+    set_line(std::make_shared<const ls_descriptor>(fd));
     termios current = {};
     tcgetattr(fd, &current);
     termios raw = {};
