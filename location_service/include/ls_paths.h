@@ -14,8 +14,9 @@
 #define LS_PATH_CONTROL_PARAMETERS LS_ROOT "/user/gps_control_prm.txt"
 #define LS_PATH_STUB_LOCATION_DIR LS_ROOT "/user/stub_location/"
 #define LS_PATH_STUB_LOCATION LS_PATH_STUB_LOCATION_DIR "stub_loc.gps"
-#define LS_PATH_HISTORY LS_ROOT "/user/location/location_history"
-#define LS_PATH_HISTORY_EXPORT LS_ROOT "/user/location/location_history.txt"
+#define LS_PATH_HISTORY_DIR LS_ROOT "/user/location"
+#define LS_PATH_HISTORY LS_PATH_HISTORY_DIR "/location_history"
+#define LS_PATH_HISTORY_EXPORT LS_PATH_HISTORY_DIR "/location_history.txt"
 
 // What reply 1013 says, the same text in every build: clients know the file by this name.
 #define LS_HISTORY_EXPORT_NAME "/user/location/location_history.txt"

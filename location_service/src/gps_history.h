@@ -5,7 +5,8 @@
 // where the oldest surviving data begins. The first of the older lines may be a partial one. The
 // file is never truncated.
 //
-// A failed operation may leave the file open; the next open then uses it where it stands.
+// Both files are regular files by their own names, or they are not touched. A failed operation may
+// leave the file open; the next open then uses it where it stands.
 #ifndef GPS_HISTORY_H
 #define GPS_HISTORY_H
 
@@ -24,6 +25,7 @@ using ls_history_line = std::array<char, LS_HISTORY_LINE_SIZE>;
 // --- gps_history_file.cpp: the file. Every call is made under this lock, but for start-up's.
 extern std::mutex ls_history_file_lock;
 
+// A missing file is made, empty; one that cannot be opened stays as it is (logged).
 void ls_history_file_open();
 void ls_history_file_close();
 
@@ -33,7 +35,7 @@ void ls_hal_metadata_default();
 // 0 when a whole header was read that fits the file, -1 otherwise.
 int ls_hal_read_metadata_from_file();
 
-// 0 when the whole header was written, -1 otherwise.
+// 0 when the whole header was written, and that of an empty file is on the disk; -1 otherwise.
 int ls_hal_write_metadata_to_file();
 
 // Appends the line of a position to a zeroed buffer: local time, fix, place, accuracy, satellites.
@@ -43,7 +45,7 @@ void ls_position_to_string(const gps_pos_data *pos, ls_history_line *line);
 int ls_write_to_file(const char *line);
 
 // Exports the lines, oldest first, to the text file. 0; 255 when something could not be written;
-// -1.
+// -1 when it could not be begun, or the ring could not be read to its end (logged).
 int ls_hal_read_history_data();
 
 // --- gps_history.cpp: acquisition and its settings. Any thread.

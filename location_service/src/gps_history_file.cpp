@@ -26,13 +26,60 @@ struct history_metadata {
 };
 static_assert(sizeof(history_metadata) == 8);
 
-constexpr mode_t FILE_MODE = 0644;
+constexpr mode_t FILE_MODE = 0666; // less what the process's umask takes
 constexpr size_t COPY_CHUNK = size_t{64} * 1024;
 
 // All under ls_history_file_lock.
 int history_fd = -1; // -1 = closed
 history_metadata metadata = {sizeof(history_metadata), sizeof(history_metadata)};
 uint32_t metadata_size = sizeof(history_metadata);
+
+// Opens a file of the history; -1 and errno. Regular files by their own name only: a link leads
+// elsewhere, and a FIFO would hold its opener until somebody writes to it.
+int open_regular(const char *path, int flags) {
+    const int fd =
+        open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags, FILE_MODE);
+    struct stat status = {};
+    if (fd < 0 || (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)))
+        return fd;
+    close(fd);
+    errno = EINVAL;
+    return -1;
+}
+
+// Opens the export and empties it; -1 and errno. It may be one more name of the ring's file.
+int open_export() {
+    const int out = open_regular(LS_PATH_HISTORY_EXPORT, O_CREAT);
+    if (out < 0)
+        return -1;
+    struct stat ring = {};
+    struct stat text = {};
+    int error = EINVAL;
+    if (fstat(history_fd, &ring) == 0 && fstat(out, &text) == 0 &&
+        (ring.st_dev != text.st_dev || ring.st_ino != text.st_ino)) {
+        if (ftruncate(out, 0) == 0)
+            return out;
+        error = errno;
+    }
+    close(out);
+    errno = error;
+    return -1;
+}
+
+// After a power loss a new file is there with its header only if both it and its directory have
+// been synced. A directory that may not be read costs the name, not the daemon's start.
+bool sync_new_file(const char *caller) {
+    if (fsync(history_fd) != 0) {
+        log_error("LH: %s, file write error: %d\n", caller, errno);
+        return false;
+    }
+    const int directory = open(LS_PATH_HISTORY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0 || fsync(directory) != 0)
+        log_error("LH: %s, directory sync error: %d\n", caller, errno);
+    if (directory >= 0)
+        close(directory);
+    return true;
+}
 
 // A header of another file, of a cut one or of none at all must not lead outside.
 bool is_plausible(const history_metadata &header, int fd) {
@@ -58,39 +105,39 @@ __attribute__((format(printf, 2, 3))) void append(ls_history_line *line, const c
     va_end(args);
 }
 
-constexpr size_t DATE_SIZE = 19;
-
-// The line that ends at `end`, with its line end; empty when there is none.
-std::string_view line_before(off_t end, ls_history_line *buffer) {
-    const off_t from = std::max<off_t>(end - static_cast<off_t>(buffer->size()), metadata_size);
-    const auto size = static_cast<size_t>(end - from);
-    if (size == 0 || pread(history_fd, buffer->data(), size, from) != static_cast<ssize_t>(size))
-        return {};
-    const std::string_view text(buffer->data(), size);
-    return text.substr(text.find_last_of('\n', size - 2) + 1);
+// Whether a line begins here, by the shape of its date alone: the clock may have been set since.
+bool begins_line(std::string_view text) {
+    return text.size() > 19 && text[4] == '-' && text[7] == '-' && text[10] == ' ' &&
+           text[13] == ':' && text[16] == ':' && text[19] == ',';
 }
 
-// A power loss between a line and its header leaves a line that the header does not know: newer
-// than the newest. The line that now replaces it from `start` to `end` may be shorter; then the
-// rest of it is zeroed, which the export leaves out.
+// A power loss between a line and its header leaves a line that no header counts. The one that now
+// replaces it from `start` to `end` may be shorter; then the rest of it is zeroed, which the export
+// leaves out.
 void clear_rest_of_unknown_line(off_t start, off_t end) {
-    ls_history_line known = {};
-    ls_history_line found = {};
+    std::array<char, 2 *LS_HISTORY_LINE_SIZE> found = {};
     const ssize_t size = pread(history_fd, found.data(), found.size(), start);
-    const std::string_view unknown(found.data(), size > 0 ? static_cast<size_t>(size) : 0);
-    const std::string_view newest = line_before(metadata.write_offset, &known);
-    const size_t line_end = unknown.find('\n');
-    if (line_end == std::string_view::npos || line_end < DATE_SIZE || unknown[10] != ' ' ||
-        unknown.substr(0, DATE_SIZE) <= newest.substr(0, DATE_SIZE))
+    const std::string_view text(found.data(), size > 0 ? static_cast<size_t>(size) : 0);
+    // Nothing lies behind the newest line of a file that has not wrapped, but one not counted.
+    size_t unknown = text.size();
+    if (metadata.wrap_offset != metadata_size) {
+        // In the ring the oldest data lie there: the rest of a cut line, or a whole one with whole
+        // ones behind it. Only a line that is not counted has cut the one behind it.
+        unknown = text.find('\n') + 1; // 0 = no line end
+        if (unknown == text.size() || !begins_line(text) || begins_line(text.substr(unknown)))
+            return;
+    }
+    // More than a line can hold: no line, or those of a file whose header was made anew.
+    if (unknown >= LS_HISTORY_LINE_SIZE)
         return;
-    const off_t rest = start + static_cast<off_t>(line_end) + 1 - end;
+    const off_t rest = start + static_cast<off_t>(unknown) - end;
     const ls_history_line zeros = {};
     if (rest > 0 && pwrite(history_fd, zeros.data(), static_cast<size_t>(rest), end) != rest)
         log_error("LH: %s, file write error: %d\n", "ls_write_to_file", errno);
 }
 
 // Copies the history's bytes from `from` to `to` (or to the end of the file). Bytes that no line
-// has are left out. 0, or 255 when something could not be written.
+// has are left out. 0; 255 when something could not be written; -1 when it could not be read.
 int copy_range(int out, off_t from, off_t to) {
     static std::array<char, COPY_CHUNK> chunk; // under the lock; too large for a worker's stack
     int result = 0;
@@ -98,7 +145,11 @@ int copy_range(int out, off_t from, off_t to) {
     while (from < to) {
         const size_t wanted = std::min<size_t>(chunk.size(), static_cast<size_t>(to - from));
         const ssize_t count = read(history_fd, chunk.data(), wanted);
-        if (count <= 0)
+        if (count < 0) {
+            log_error("LH: %s, file read error: %d\n", "ls_hal_read_history_data", errno);
+            return -1;
+        }
+        if (count == 0)
             break;
         from += count;
         char *end = std::remove(chunk.data(), chunk.data() + count, '\0');
@@ -118,9 +169,12 @@ void ls_history_file_open() {
         log_debug("LH: %s, file already open!\n", __func__);
         return;
     }
-    history_fd = open(LS_PATH_HISTORY, O_RDWR | O_CLOEXEC);
+    history_fd = open_regular(LS_PATH_HISTORY, 0);
+    // Only a missing file is made: a moment without descriptors must not cost the lines.
+    if (history_fd < 0 && errno == ENOENT)
+        history_fd = open_regular(LS_PATH_HISTORY, O_CREAT);
     if (history_fd < 0)
-        history_fd = open(LS_PATH_HISTORY, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE);
+        log_error("LH: %s, file open error: %d\n", __func__, errno);
 }
 
 void ls_history_file_close() {
@@ -159,9 +213,11 @@ int ls_hal_write_metadata_to_file() {
     log_debug("LH: %s\n", __func__);
     ls_history_file_open();
     lseek(history_fd, 0, SEEK_SET);
-    const ssize_t written = write(history_fd, &metadata, sizeof(metadata));
+    const bool written = write(history_fd, &metadata, sizeof(metadata)) == sizeof(metadata);
+    const bool is_new = metadata.write_offset == metadata_size;
+    const bool safe = written && (!is_new || sync_new_file(__func__));
     ls_history_file_close();
-    return written == sizeof(metadata) ? 0 : -1;
+    return safe ? 0 : -1;
 }
 
 void ls_position_to_string(const gps_pos_data *pos, ls_history_line *line) {
@@ -199,6 +255,8 @@ int ls_write_to_file(const char *line) {
         return -1;
     }
     ls_history_file_open();
+    if (history_fd < 0)
+        return -1;
     const auto size = static_cast<uint32_t>(strlen(line));
     uint32_t start = metadata.write_offset;
     if (start + size > LS_HISTORY_FILE_SIZE) {
@@ -219,11 +277,15 @@ int ls_write_to_file(const char *line) {
         log_error("LH: %s, %d != %d\n", __func__, end, static_cast<int>(position));
         return -1;
     }
+    // The header must not reach the flash before the line it points behind.
+    if (fdatasync(history_fd) != 0) {
+        log_error("LH: %s, file write error: %d\n", __func__, errno);
+        ls_history_file_close();
+        return -1;
+    }
     if (metadata.wrap_offset > metadata_size)
         metadata.wrap_offset = end;
     metadata.write_offset = end;
-    // The header must not reach the flash before the line it points behind.
-    fdatasync(history_fd);
     ls_history_file_close();
     return ls_hal_write_metadata_to_file();
 }
@@ -235,14 +297,16 @@ int ls_hal_read_history_data() {
         return -1;
     }
     ls_history_file_open();
-    const int out = open(LS_PATH_HISTORY_EXPORT, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE);
+    if (history_fd < 0)
+        return -1;
+    const int out = open_export();
     if (out < 0) {
         log_error("LH: %s, file open error: %d\n", __func__, errno);
         return -1;
     }
     const int older = copy_range(out, metadata.wrap_offset, LS_HISTORY_FILE_SIZE);
-    const int newer = copy_range(out, metadata_size, metadata.wrap_offset);
+    const int newer = older == -1 ? -1 : copy_range(out, metadata_size, metadata.wrap_offset);
     close(out);
     ls_history_file_close();
-    return std::max(older, newer);
+    return newer == -1 ? -1 : std::max(older, newer);
 }

@@ -11,7 +11,6 @@
 #include "ls_paths.h"
 #include "scratch_dir.h"
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -175,36 +174,6 @@ void fill_to_the_end() {
     unsure.clear();
 }
 
-// The same without chance: the loss comes between a line and its header, and the line that takes
-// its place is shorter. What is exported then.
-std::string staged(const std::string &file, const std::string &lost, const std::string &next) {
-    scratch_dir::write(LS_PATH_HISTORY, file);
-    const std::lock_guard guard(ls_history_file_lock);
-    ls_write_to_file(lost.c_str());
-    const std::string left = scratch_dir::read(LS_PATH_HISTORY);
-    scratch_dir::write(LS_PATH_HISTORY, file.substr(0, HEADER_SIZE) + left.substr(HEADER_SIZE));
-    ls_write_to_file(next.c_str());
-    ls_hal_read_history_data();
-    return scratch_dir::read(LS_PATH_HISTORY_EXPORT);
-}
-
-void check_staged() {
-    // The lengths of the lines turn in a circle of three; the lost one is the longest.
-    const std::string first = line_of(3);
-    const std::string lost = line_of(4);
-    const std::string next = line_of(6);
-    const size_t end = HEADER_SIZE + first.size();
-    if (staged(with_header(HEADER_SIZE, end, first), lost, next) != first + next)
-        fault("staged loss before the wrap");
-    // The oldest line is half overwritten by the first one.
-    const std::string old = "6N,11.516667E,+2.25m,08\n";
-    const std::string older = line_of(1);
-    const std::string text = staged(with_header(end, end, first + old + older + older), lost, next);
-    const size_t rest = text.find(older + first + next);
-    if (!text.ends_with(older + first + next) || std::count(&text[0], &text[rest], '\n') > 1)
-        fault("staged loss after the wrap: " + text);
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -223,8 +192,6 @@ int main(int argc, char **argv) {
         std::abort();
     shared = static_cast<counters *>(memory);
     fake::reset();
-    check_staged();
-    std::filesystem::remove(LS_PATH_HISTORY);
     for (uint32_t i = 0; i < kills && faults == 0; ++i) {
         if (i == kills / 2)
             fill_to_the_end();

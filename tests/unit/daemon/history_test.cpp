@@ -3,6 +3,40 @@
 #include "gps_history.h"
 #include "gps_service.h"
 
+#include <sys/stat.h>
+
+namespace {
+
+// One call of the daemon's modules that fails, once, after `skip` that do not.
+struct {
+    std::string call;
+    int error = 0;
+    int skip = 0;
+} failing;
+
+bool fails(const char *call) {
+    if (failing.call != call || failing.skip-- > 0)
+        return false;
+    failing.call.clear();
+    errno = failing.error;
+    return true;
+}
+
+} // namespace
+
+// The linker's --wrap sends these calls here; open64 is open where files are large by default.
+#define WRAP(name, result, parameters, ...)                                                        \
+    extern "C" result __real_##name parameters;                                                    \
+    extern "C" result __wrap_##name parameters;                                                    \
+    result __wrap_##name parameters {                                                              \
+        return fails(#name) ? -1 : __real_##name(__VA_ARGS__);                                     \
+    }
+WRAP(open, int, (const char *path, int flags, mode_t mode), path, flags, mode)
+WRAP(open64, int, (const char *path, int flags, mode_t mode), path, flags, mode)
+WRAP(read, ssize_t, (int fd, void *buffer, size_t size), fd, buffer, size)
+WRAP(fsync, int, (int fd), fd)
+WRAP(fdatasync, int, (int fd), fd)
+
 namespace {
 
 using intervals = std::vector<uint32_t>;
@@ -100,6 +134,100 @@ TEST_F(history, files_from_elsewhere_are_refused_until_start_up_makes_them_usabl
     scratch_dir::write(ring, header(8, 12) + "one\n");
     EXPECT_EQ(ls_hal_init_gps_history(), 0); // a good one is left alone
     EXPECT_EQ(exported(), "one\n");
+}
+
+// A power loss between a line and its header leaves a line that no header counts; the next one
+// takes its place, and what stays of it must not be read. The clock may have been set in between.
+TEST_F(history, a_line_that_no_header_counts_is_replaced) {
+    const auto line = [](const char *year, const char *degrees) {
+        return year + "-02-05 10:51:05,2D,70.132317N,"s + degrees + ".516667E,+2.25m,08\n";
+    };
+    const std::string newest = line("2019", "11"), next = line("2019", "1");
+    const std::string oldest = line("2018", "11"), rest = "667E,+2.25m,08\n";
+    const std::string longer = line("2030", "111"), unknown = line("2000", "111");
+    const std::string endless = longer.substr(0, 20) + std::string(80, 'x') + "\n";
+    const auto end = static_cast<uint32_t>(8 + newest.size());
+    const std::string open_end = header(8, end) + newest, wrapped = header(end, end) + newest;
+    const struct {
+        const char *name;
+        std::string file, older; // what is exported before the two newest lines
+    } rows[] = {
+        {"in the ring", wrapped + unknown + rest + oldest, rest + oldest},
+        {"none; clock set back", wrapped + longer + oldest, "8\n" + oldest},
+        {"none; the last of the file", wrapped + longer, "8\n"},
+        {"none; too long for a line", wrapped + endless + rest, endless.substr(54) + rest},
+        {"none; other text", wrapped + std::string(55, 'x') + "\n" + rest, "x\n" + rest},
+        {"at the end", open_end + unknown, ""},
+        {"at the end, half written", open_end + longer.substr(0, 56), ""},
+    };
+    for (const auto &r : rows) {
+        scratch_dir::write(ring, r.file);
+        EXPECT_EQ(ls_write_to_file(next.c_str()), 0) << r.name;
+        EXPECT_EQ(exported(), r.older + newest + next) << r.name;
+    }
+    scratch_dir::write(ring, header(8, 8) + newest + oldest); // the header was made anew
+    EXPECT_EQ(ls_write_to_file(next.c_str()), 0);
+    EXPECT_EQ(exported(), next + "\n" + oldest);
+}
+
+TEST_F(history, a_new_file_is_synced_with_its_directory_and_the_group_may_write_it) {
+    std::filesystem::remove(ring);
+    failing = {"fsync", EIO, 1};
+    const mode_t before = umask(0007);
+    EXPECT_EQ(ls_hal_init_gps_history(), 0);
+    EXPECT_EQ(errors("directory sync error: 5"), 1U);
+    EXPECT_EQ(exported(), "");
+    umask(before);
+    for (const char *name : {ring, text})
+        EXPECT_EQ(static_cast<int>(std::filesystem::status(name).permissions()), 0660) << name;
+    failing = {"fsync", EIO, 0};
+    EXPECT_EQ(ls_hal_write_metadata_to_file(), -1);
+}
+
+TEST_F(history, a_call_that_fails_once_costs_one_line_and_no_more) {
+    const std::string open_call = sizeof(off_t) > sizeof(long) ? "open64" : "open";
+    const std::string file = header(8, 12) + "one\n";
+    for (const auto &failure :
+         {decltype(failing){open_call, EMFILE, 0}, {open_call, EINTR, 1}, {"fdatasync", EIO, 0}}) {
+        scratch_dir::write(ring, file);
+        fake::reset_log();
+        failing = failure;
+        EXPECT_EQ(ls_write_to_file("two\n"), -1) << failure.call;
+        EXPECT_EQ(scratch_dir::read(ring).substr(0, file.size()), file) << failure.call;
+        EXPECT_EQ(errors("error: " + std::to_string(failure.error)), 1U) << failure.call;
+        EXPECT_EQ(errors("error: "), 1U) << failure.call;
+        EXPECT_EQ(ls_write_to_file("two\n"), 0) << failure.call;
+        EXPECT_EQ(exported(), "one\ntwo\n") << failure.call;
+    }
+    scratch_dir::write(ring, header(12, 12) + "one\nold\n");
+    for (const int skip : {1, 3}) { // behind the header; the newer lines
+        failing = {"read", EIO, skip};
+        EXPECT_EQ(ls_hal_read_history_data(), -1) << skip;
+    }
+    EXPECT_EQ(errors("LH: ls_hal_read_history_data, file read error: 5"), 2U);
+}
+
+// Whoever may write in the directory can put something else under a name.
+TEST_F(history, nothing_but_regular_files_is_touched) {
+    const std::string file = header(8, 12) + "one\n", real = "user/location/elsewhere";
+    const auto fifo = [](const char *name) { EXPECT_EQ(mkfifo(name, 0660), 0); };
+    const auto link = [](const char *name) { std::filesystem::create_symlink("elsewhere", name); };
+    const auto second = [&](const char *name) { std::filesystem::create_hard_link(real, name); };
+    const std::pair<const char *, std::function<void(const char *)>> rows[] = {
+        {ring, fifo}, {ring, link}, {text, fifo}, {text, link}, {text, second}};
+    for (const auto &[name, make] : rows) {
+        fake::reset_log();
+        std::filesystem::remove_all("user/location");
+        scratch_dir::write(real, file);
+        if (name == text)
+            second(ring);
+        make(name);
+        EXPECT_EQ(ls_hal_read_history_data(), -1) << name;
+        EXPECT_GE(errors("file open error: "), 1U) << name;
+        EXPECT_EQ(ls_write_to_file("two\n"), name == ring ? -1 : 0) << name;
+        EXPECT_EQ(scratch_dir::read(real), name == ring ? file : header(8, 16) + "one\ntwo\n");
+        ls_history_file_close();
+    }
 }
 
 TEST_F(history, settings_start_restart_and_stop_the_timer) {
