@@ -26,6 +26,10 @@ constexpr std::string_view MARKER_TEXT = "simulated terminal 1\n";
 // length with OFF, and stay so when OFF becomes ON.
 constexpr std::string_view STUB_TEXT = "STATIC_LOCATION = OFF\n7007.939,N,01131.000,E\n";
 
+// The history's ring without a line: both offsets point behind its header. A daemon whose history
+// is on at its very first start makes none.
+constexpr std::string_view EMPTY_RING("\x08\0\0\0\x08\0\0\0", 8);
+
 std::string reason(const std::string &step) {
     return step + ": " + std::strerror(errno);
 }
@@ -104,6 +108,7 @@ terminal_paths tree_paths(const std::string &root) {
         .control = root + "/control",
         .battery = root + "/receiver.bbr",
         .stub = root + "/user/stub_location/stub_loc.gps",
+        .history = root + "/user/location/location_history",
     };
 }
 
@@ -133,7 +138,8 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
     for (const auto &[path, text] :
          {std::pair<std::string, std::string_view>{paths.power + "/wake_lock", ""},
           {paths.power + "/wake_unlock", ""},
-          {paths.stub, STUB_TEXT}}) {
+          {paths.stub, STUB_TEXT},
+          {paths.history, EMPTY_RING}}) {
         if (!write_if_missing(path, text)) {
             error = reason("writing " + path);
             return -1;

@@ -24,6 +24,7 @@ struct terminal_paths {
     std::string control;    // socket of `simterm ctl`
     std::string battery;    // battery-backed memory of the receiver
     std::string stub;       // static location switch
+    std::string history;    // ring file of the location history
 };
 
 terminal_paths tree_paths(const std::string &root);
