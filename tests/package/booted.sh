@@ -23,6 +23,18 @@ property() { systemctl show -P "$1" location_service.service; }
 failed_once() { [ "$(property ExecMainStatus)" = 255 ]; }
 check "a start without the serial line fails with 255" until_true 50 failed_once
 systemctl stop location_service.service
+# Quicker than in earnest: ten starts, and then none until somebody says so.
+starts() { journalctl --no-pager -b -u location_service.service | grep -c 'status=255'; }
+before=$(starts)
+mkdir /run/systemd/system/location_service.service.d
+printf '[Service]\nRestartSec=100ms\n' >/run/systemd/system/location_service.service.d/quick.conf
+systemctl daemon-reload
+systemctl start location_service.service
+check "it is left alone after some failures" until_true 300 systemctl is-failed location_service.service
+[ $(($(starts) - before)) = 10 ] || fail "starts without a serial line: $(starts), $before of them before"
+! systemctl start location_service.service 2>/dev/null || fail "it started again without reset-failed"
+rm -r /run/systemd/system/location_service.service.d
+systemctl daemon-reload
 
 useradd --system --groups terminal-tools,terminal-data technician
 useradd --system stranger
@@ -53,7 +65,9 @@ while sleep 0.2; do
 done &
 udev=$!
 
-as terminal-ws lsctl settings --antenna 4
+# The history is on at the very first start.
+rm -f /user/location/location_history*
+as terminal-ws lsctl settings --antenna 4 --history on --interval 1
 systemctl reset-failed location_service.service
 check "systemctl start" systemctl start location_service.service
 check "an answer" until_true 200 as technician lsctl position
@@ -106,12 +120,17 @@ for who in 'terminal-ta --as 3' 'terminal-ta --as 13' 'stranger' 'terminal-locat
 done
 
 printf 'history and settings:\n'
-check "settings" as terminal-ws lsctl settings --history on --interval 1
-check "a history line" until_true 100 test -s /user/location/location_history
-sleep 2
-check "history" as technician lsctl history
+has_lines() { [ "$(as technician lsctl history | grep -c ',2D,70.1')" -ge "$1" ]; }
+check "a history from the first start on" until_true 100 has_lines 3
+check "settings" as terminal-ws lsctl settings --history off
 ls -l /user /user/location
 [ -z "$(find /user -type f ! -group terminal-data)" ] || fail "a file of another group in /user"
+for file in gps_control_prm.txt settings.db stub_location/stub_loc.gps location/location_history{,.txt}; do
+    for who in technician terminal-location terminal-ws; do
+        check "$who may write $file" as $who test -w "/user/$file"
+    done
+    ! as stranger test -w "/user/$file" || fail "anybody may write $file"
+done
 
 printf 'killed:\n'
 kill -KILL "$pid"

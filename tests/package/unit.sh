@@ -12,7 +12,7 @@ fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
 
 # verify wants to see the programs; these are the ones of the build.
 unit=$work/location_service.service
-sed -e "s|=/usr/sbin/location_service|=$daemon|" -e "s|=/usr/libexec/location_service/|=$packaging/libexec/|" \
+sed -e "s|=/usr/sbin/location_service|=$daemon|" -e "s|=\(-\?\)/usr/libexec/location_service/|=\1$packaging/libexec/|" \
     "$packaging/systemd/location_service.service" >"$unit"
 said=$(systemd-analyze verify --man=no "$unit" 2>&1 | grep -F location_service || true)
 [ -z "$said" ] || fail "verify: $said"
@@ -23,12 +23,17 @@ tail -n 1 "$work/exposure"
 cat "$packaging/examples/suspend.conf" >>"$unit"
 exposure "$unit" >"$work/exposure" || fail "exposure with suspend.conf above 1.5: $(tail -n 1 "$work/exposure")"
 
-# A second line of one of these would widen the sandbox unseen: exactly these values, once.
+# A second line of one of these would widen the sandbox, or the limit of starts, unseen: exactly these, once.
 while read -r setting; do
-    found=$(grep "^${setting%%=*}=" "$packaging/systemd/location_service.service")
+    found=$(grep "^${setting%%=*}=" "$packaging/systemd/location_service.service" || true)
     [ "$found" = "$setting" ] || fail "wanted $setting, found $found"
 done <<'SETTINGS'
+StartLimitIntervalSec=600
+StartLimitBurst=10
+RestartSec=5
 User=terminal-location
+SupplementaryGroups=terminal-data
+UMask=0007
 CapabilityBoundingSet=
 AmbientCapabilities=
 NoNewPrivileges=yes
@@ -48,5 +53,21 @@ for row in '1: ' '2:[board]\ntype=2 ; behind the TA' '1:[other]\ntype=2\n[board]
     exported=
     [ "${row%%:*}" != 1 ] || exported=102
     [ "$(cat "$gpio/export")" = "$exported" ] || fail "board of '$row': exported $(cat "$gpio/export")"
+done
+
+# A ring is made where there is none or one too short for its header; anything else is left alone.
+ring=$work/location_history
+for row in 'rm -f RING' ': >RING' 'printf 1234567 >RING' 'printf 12345678 >RING' 'echo lines >>RING' \
+    'rm RING; ln -s nowhere RING' 'rm RING; mkfifo RING'; do
+    eval "${row//RING/$ring}"
+    before=$(stat -c '%i %s %F' "$ring" 2>/dev/null || true)
+    timeout 5 "$packaging/libexec/history-ring" "$work" || fail "history-ring after '$row'"
+    case $row in
+    'rm -f'* | ':'* | *1234567\ *) [ "$(od -An -tx1 "$ring")" = ' 08 00 00 00 08 00 00 00' ] || fail "ring after '$row'" ;;
+    *) [ "$(stat -c '%i %s %F' "$ring")" = "$before" ] || fail "ring touched after '$row'" ;;
+    esac
+done
+for path in "$work/nowhere" "$ring.new"; do
+    [ ! -e "$path" ] || fail "history-ring left $path"
 done
 exit $failed

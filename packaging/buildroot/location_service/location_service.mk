@@ -39,6 +39,7 @@ endef
 define LOCATION_SERVICE_PERMISSIONS
 	/etc/terminal.conf f 644 0 0 - - - - -
 	/usr/libexec/location_service/power-lines f 755 0 0 - - - - -
+	/usr/libexec/location_service/history-ring f 755 0 0 - - - - -
 endef
 
 # CMake installs it, too; this is where Buildroot looks for a service.
