@@ -1,5 +1,6 @@
 #include "gps_history.h"
 
+#include "ls_file.h"
 #include "ls_log.h"
 #include "ls_paths.h"
 
@@ -26,7 +27,6 @@ struct history_metadata {
 };
 static_assert(sizeof(history_metadata) == 8);
 
-constexpr mode_t FILE_MODE = 0666; // less what the process's umask takes
 constexpr size_t COPY_CHUNK = size_t{64} * 1024;
 
 // All under ls_history_file_lock.
@@ -34,36 +34,18 @@ int history_fd = -1; // -1 = closed
 history_metadata metadata = {sizeof(history_metadata), sizeof(history_metadata)};
 uint32_t metadata_size = sizeof(history_metadata);
 
-// Opens a file of the history; -1 and errno. Regular files by their own name only: a link leads
-// elsewhere, and a FIFO would hold its opener until somebody writes to it.
-int open_regular(const char *path, int flags) {
-    const int fd =
-        open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags, FILE_MODE);
-    struct stat status = {};
-    if (fd < 0 || (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)))
-        return fd;
-    close(fd);
-    errno = EINVAL;
-    return -1;
-}
-
 // Opens the export and empties it; -1 and errno. It may be one more name of the ring's file.
 int open_export() {
-    const int out = open_regular(LS_PATH_HISTORY_EXPORT, O_CREAT);
-    if (out < 0)
-        return -1;
+    ls_descriptor out(ls_open_regular(LS_PATH_HISTORY_EXPORT, O_RDWR | O_CREAT));
     struct stat ring = {};
     struct stat text = {};
-    int error = EINVAL;
-    if (fstat(history_fd, &ring) == 0 && fstat(out, &text) == 0 &&
-        (ring.st_dev != text.st_dev || ring.st_ino != text.st_ino)) {
-        if (ftruncate(out, 0) == 0)
-            return out;
-        error = errno;
+    if (out.fd < 0 || fstat(history_fd, &ring) != 0 || fstat(out.fd, &text) != 0)
+        return -1;
+    if (ring.st_dev == text.st_dev && ring.st_ino == text.st_ino) {
+        errno = EINVAL;
+        return -1;
     }
-    close(out);
-    errno = error;
-    return -1;
+    return ftruncate(out.fd, 0) == 0 ? out.release() : -1;
 }
 
 // After a power loss a new file is there with its header only if both it and its directory have
@@ -73,11 +55,9 @@ bool sync_new_file(const char *caller) {
         log_error("LH: %s, file write error: %d\n", caller, errno);
         return false;
     }
-    const int directory = open(LS_PATH_HISTORY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0 || fsync(directory) != 0)
+    const ls_descriptor directory(open(LS_PATH_HISTORY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.fd < 0 || fsync(directory.fd) != 0)
         log_error("LH: %s, directory sync error: %d\n", caller, errno);
-    if (directory >= 0)
-        close(directory);
     return true;
 }
 
@@ -169,10 +149,10 @@ void ls_history_file_open() {
         log_debug("LH: %s, file already open!\n", __func__);
         return;
     }
-    history_fd = open_regular(LS_PATH_HISTORY, 0);
+    history_fd = ls_open_regular(LS_PATH_HISTORY, O_RDWR);
     // Only a missing file is made: a moment without descriptors must not cost the lines.
     if (history_fd < 0 && errno == ENOENT)
-        history_fd = open_regular(LS_PATH_HISTORY, O_CREAT);
+        history_fd = ls_open_regular(LS_PATH_HISTORY, O_RDWR | O_CREAT);
     if (history_fd < 0)
         log_error("LH: %s, file open error: %d\n", __func__, errno);
 }
@@ -299,14 +279,13 @@ int ls_hal_read_history_data() {
     ls_history_file_open();
     if (history_fd < 0)
         return -1;
-    const int out = open_export();
-    if (out < 0) {
+    const ls_descriptor out(open_export());
+    if (out.fd < 0) {
         log_error("LH: %s, file open error: %d\n", __func__, errno);
         return -1;
     }
-    const int older = copy_range(out, metadata.wrap_offset, LS_HISTORY_FILE_SIZE);
-    const int newer = older == -1 ? -1 : copy_range(out, metadata_size, metadata.wrap_offset);
-    close(out);
+    const int older = copy_range(out.fd, metadata.wrap_offset, LS_HISTORY_FILE_SIZE);
+    const int newer = older == -1 ? -1 : copy_range(out.fd, metadata_size, metadata.wrap_offset);
     ls_history_file_close();
     return newer == -1 ? -1 : std::max(older, newer);
 }
