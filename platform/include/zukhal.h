@@ -15,18 +15,22 @@ void zuk_log_tmplt(int level, const char *format, const char *module, int line, 
 
 int get_zuk_type(void); /* board type: 1 receiver on the local UART, 2 receiver behind the TA */
 
-/* Periodic timers that also count while the terminal sleeps. Callbacks run on one thread of the
- * library, with all signals blocked. */
-int rtc_init_timers(void); /* 0 = success */
-int rtc_reinit(void);
+/* Periodic timers that also count while the terminal sleeps. Callbacks run one at a time on one
+ * thread of the library, with all signals blocked. Any thread; not across a fork. */
+int rtc_init_timers(void); /* 0 = success, also where they run already */
+int rtc_reinit(void);      /* the same */
+
+/* Deletes all timers and waits for a callback that is under way, 1 s at most. 0 = the library's
+ * thread has ended (called from a callback: ends with it). -1 with errno ETIMEDOUT: the callback
+ * still runs; the thread ends with it, and no other begins. */
 int rtc_exit(void);
 
 /* Calls `callback(timer_id)` every `interval_s` seconds, first after one interval. Returns the new
  * handle (the caller stores it); 0 = failed. */
 int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int *timer_id);
 
-/* 0 = success. When it returns (and was not called from the callback itself), the callback of this
- * timer does not run any more. */
+/* Returns at once; no callback of this timer starts any more. One that is under way ends by itself.
+ * 0 = success, also for a timer that rtc_exit has ended; -1 with errno EINVAL: no such timer. */
 int rtc_del_timer(int timer_id);
 
 /* Counted votes, one count per state id. enable takes one vote back, disable adds one. */

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <mutex>
 
@@ -25,21 +24,6 @@ struct votes {
 
 std::mutex g_lock;               // guards g_votes and the order of writes to the kernel
 std::array<votes, 64> g_votes{}; // different ids that may hold votes at once
-
-class signals_blocked {
-  public:
-    signals_blocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    signals_blocked(const signals_blocked &) = delete;
-    signals_blocked &operator=(const signals_blocked &) = delete;
-
-  private:
-    sigset_t before_{};
-};
 
 // The slot of the id, or else a free one; null: neither.
 votes *find_votes(int state_id) {

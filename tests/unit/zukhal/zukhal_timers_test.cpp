@@ -41,7 +41,7 @@ int count(void *) {
 
 int wait_to_go_on(void *) {
     g_begun = true;
-    EXPECT_TRUE(reached([] { return g_go_on.load(); }, 10s));
+    EXPECT_TRUE(reached([] { return g_go_on.load(); }, 20s));
     g_returned = true;
     return 0;
 }
@@ -72,23 +72,26 @@ TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) 
     });
 }
 
-TEST_F(zukhal_timers, deletion_and_exit_wait_for_the_running_callback) {
-    for (const bool by_exit : {false, true})
-        in_child([by_exit] {
-            ASSERT_EQ(rtc_init_timers(), 0);
-            const int handle = rtc_start_timer(1, wait_to_go_on, nullptr);
-            ASSERT_TRUE(reached([] { return g_begun.load(); }));
-            std::atomic<bool> deleted{false};
-            std::thread deleter([&] {
-                EXPECT_EQ(by_exit ? rtc_exit() : rtc_del_timer(handle), 0);
-                EXPECT_TRUE(g_returned);
-                deleted = true;
-            });
-            EXPECT_FALSE(reached([&] { return deleted.load(); }, 100ms));
-            g_go_on = true;
-            deleter.join();
-            EXPECT_NE(rtc_del_timer(handle), 0) << "it is gone";
-        });
+TEST_F(zukhal_timers, a_running_callback_holds_up_no_deletion_and_exit_for_its_bound) {
+    in_child([] {
+        ASSERT_EQ(rtc_init_timers(), 0);
+        const int running = rtc_start_timer(1, wait_to_go_on, nullptr);
+        ASSERT_TRUE(reached([] { return g_begun.load(); }));
+        const int other = rtc_start_timer(1, count, nullptr);
+        EXPECT_EQ(rtc_del_timer(running), 0);
+        EXPECT_FALSE(g_returned) << "deletion waited";
+        EXPECT_EQ(rtc_exit(), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        EXPECT_FALSE(g_returned) << "exit waited to the end";
+        EXPECT_EQ(rtc_init_timers(), -1) << "the callback still runs";
+        EXPECT_EQ(rtc_del_timer(other), 0) << "ended by exit";
+        EXPECT_EQ(rtc_del_timer(other + 1), -1) << "there never was one";
+        std::this_thread::sleep_for(1s); // the other would be due
+        g_go_on = true;
+        EXPECT_TRUE(reached([] { return rtc_exit() == 0; }, 20s));
+        EXPECT_TRUE(g_returned) << "exit did not wait";
+        EXPECT_EQ(g_calls, 0);
+    });
 }
 
 TEST_F(zukhal_timers, there_are_32_and_exit_frees_them) {
