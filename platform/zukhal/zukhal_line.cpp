@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 
 #include <syslog.h>
@@ -33,11 +33,9 @@ constexpr std::array<utf8_range, 9> utf8_ranges{{
     {0xf4, 0xf4, 0x80, 0x8f, 4},
 }};
 
-// Bytes of the printable character at the front of `text`; 0: escape its first byte.
+// Bytes of the printable character beyond ASCII at the front of `text`; 0: escape its first byte.
 size_t printable_length(std::string_view text) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    if (byte(0) < 0x80)
-        return byte(0) >= 0x20 && byte(0) != 0x7f ? 1 : 0;
     for (const utf8_range &range : utf8_ranges) {
         if (byte(0) < range.first_low || byte(0) > range.first_high)
             continue;
@@ -63,9 +61,31 @@ void add_whole(log_line &line, std::string_view unit) {
     line.length += unit.size();
 }
 
-template <size_t Size>
-std::string_view printed(const std::array<char, Size> &text, int length) {
-    return {text.data(), length < 0 ? 0 : std::min(static_cast<size_t>(length), Size - 1)};
+// Printable ASCII, which may be cut anywhere.
+void add_plain(log_line &line, std::string_view text) {
+    const size_t room =
+        line.bytes.size() - std::min(line.bytes.size(), line.length + cut_mark.size() + 1);
+    add_whole(line, text.substr(0, room));
+    if (text.size() > room)
+        add_whole(line, text.substr(room));
+}
+
+// Like printf's %0*d, or %*d with a blank for `fill`; that takes many times as long.
+void add_number(log_line &line, int value, size_t width = 0, char fill = '0') {
+    std::array<char, 12> digits;
+    const char *end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+    const std::string_view text(digits.data(), static_cast<size_t>(end - digits.data()));
+    for (size_t missing = width - std::min(width, text.size()); missing > 0; missing--)
+        add_whole(line, {&fill, 1});
+    add_whole(line, text);
+}
+
+void add_clock(log_line &line, int hours, int minutes, int seconds) {
+    add_number(line, hours, 2);
+    add_whole(line, ":");
+    add_number(line, minutes, 2);
+    add_whole(line, ":");
+    add_number(line, seconds, 2);
 }
 
 void add_file_prefix(log_line &line, const timespec &now, int level) {
@@ -75,14 +95,19 @@ void add_file_prefix(log_line &line, const timespec &now, int level) {
     const auto day = floor<days>(second);
     const year_month_day date{day};
     const hh_mm_ss clock{second - day};
-    std::array<char, 64> text;
-    const int n = snprintf(
-        text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ %s ",
-        static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-        static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
-        static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()),
-        static_cast<int>(now.tv_nsec / 1'000'000), level_names[static_cast<size_t>(level)]);
-    add_whole(line, printed(text, n));
+    add_number(line, static_cast<int>(date.year()), 4);
+    add_whole(line, "-");
+    add_number(line, static_cast<int>(static_cast<unsigned>(date.month())), 2);
+    add_whole(line, "-");
+    add_number(line, static_cast<int>(static_cast<unsigned>(date.day())), 2);
+    add_whole(line, "T");
+    add_clock(line, static_cast<int>(clock.hours().count()),
+              static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
+    add_whole(line, ".");
+    add_number(line, static_cast<int>(now.tv_nsec / 1'000'000), 3);
+    add_whole(line, "Z ");
+    add_whole(line, level_names[static_cast<size_t>(level)]);
+    add_whole(line, " ");
 }
 
 void add_syslog_prefix(log_line &line, const timespec &now, int level) {
@@ -90,19 +115,33 @@ void add_syslog_prefix(log_line &line, const timespec &now, int level) {
                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    std::array<char, 128> text;
-    const int n = snprintf(
-        text.data(), text.size(), "<%d>%s %2d %02d:%02d:%02d %s[%d]: ", LOG_DAEMON | level,
-        months[static_cast<size_t>(local.tm_mon)], local.tm_mday, local.tm_hour, local.tm_min,
-        local.tm_sec, program_invocation_short_name, static_cast<int>(getpid()));
-    add_whole(line, printed(text, n));
+    add_whole(line, "<");
+    add_number(line, LOG_DAEMON | level);
+    add_whole(line, ">");
+    add_whole(line, months[static_cast<size_t>(local.tm_mon)]);
+    add_whole(line, " ");
+    add_number(line, local.tm_mday, 2, ' ');
+    add_whole(line, " ");
+    add_clock(line, local.tm_hour, local.tm_min, local.tm_sec);
+    add_whole(line, " ");
+    line_append(line, std::string_view(program_invocation_short_name).substr(0, 64));
+    add_whole(line, "[");
+    add_number(line, getpid());
+    add_whole(line, "]: ");
 }
 
 } // namespace
 
 void line_append(log_line &line, std::string_view text) {
     while (!text.empty() && !line.cut) {
-        size_t length = printable_length(text);
+        size_t length = 0;
+        while (length < text.size() && text[length] >= 0x20 && text[length] < 0x7f)
+            length++;
+        add_plain(line, text.substr(0, length));
+        text.remove_prefix(length);
+        if (text.empty())
+            return;
+        length = printable_length(text);
         if (length > 0) {
             add_whole(line, text.substr(0, length));
         } else if (text[0] == '\n') {
@@ -128,9 +167,9 @@ void line_compose(log_line &line, line_form form, const timespec &now, const log
     else
         add_syslog_prefix(line, now, place.level);
     line_append(line, std::string_view(place.module != nullptr ? place.module : "?").substr(0, 64));
-    std::array<char, 16> number;
-    const int n = snprintf(number.data(), number.size(), ":%d: ", place.line);
-    add_whole(line, printed(number, n));
+    add_whole(line, ":");
+    add_number(line, place.line);
+    add_whole(line, ": ");
     line_append(line, text);
     if (form == line_form::file)
         line.bytes[line.length++] = '\n';

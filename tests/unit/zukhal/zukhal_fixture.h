@@ -7,7 +7,23 @@
 #include "scratch_dir.h"
 #include "zukhal.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+template <typename Condition>
+bool reached(Condition condition, steady_clock::duration patience = 10s) {
+    const auto deadline = steady_clock::now() + patience;
+    while (!condition()) {
+        if (steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
 
 class zukhal_fixture : public testing::Test {
   protected:

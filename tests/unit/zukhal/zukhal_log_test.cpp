@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <regex>
@@ -10,7 +11,11 @@
 #include <sstream>
 #include <thread>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 namespace {
@@ -84,7 +89,7 @@ TEST_F(zukhal_log, lines_of_threads_processes_and_handlers_stay_whole) {
         for (std::thread &thread : threads)
             thread.join();
         if (child)
-            _exit(0);
+            raise(SIGKILL); // every line is out already
         EXPECT_GT(wait(nullptr), 0);
     });
     std::istringstream lines(content("log"));
@@ -99,38 +104,118 @@ TEST_F(zukhal_log, lines_of_threads_processes_and_handlers_stay_whole) {
     EXPECT_EQ(different.size(), 2U * 3 * each + 2) << "handlers log the same text";
 }
 
-TEST_F(zukhal_log, a_log_file_that_was_renamed_or_removed_is_made_anew) {
+TEST_F(zukhal_log, a_log_file_that_was_renamed_or_removed_is_made_anew_within_a_second) {
     in_child([] {
-        zuk_log_tmplt(6, "first", "m", 1);
+        long logged = 0;
+        const auto log_until_there = [&logged](const char *text) {
+            return reached([&] {
+                zuk_log_tmplt(6, "%s", "m", 1, text);
+                logged++;
+                return content("log").ends_with(std::string(text) + "\n");
+            });
+        };
+        EXPECT_TRUE(log_until_there("first"));
         std::filesystem::rename("log", "log.1");
-        zuk_log_tmplt(6, "second", "m", 1);
-        EXPECT_TRUE(content("log").ends_with("second\n"));
+        EXPECT_TRUE(log_until_there("second"));
+        const std::string all = content("log.1") + content("log");
+        EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), logged) << all;
         std::filesystem::remove("log");
-        zuk_log_tmplt(6, "third", "m", 1);
+        EXPECT_TRUE(log_until_there("third"));
     });
-    EXPECT_TRUE(content("log.1").ends_with("first\n"));
-    EXPECT_TRUE(content("log").ends_with("third\n"));
 }
 
-TEST_F(zukhal_log, syslog_gets_a_line_and_stops_nobody) {
+// Every system call of this thread from now on, but those that a line may cost.
+std::atomic<int> g_other_calls;
+
+void count_calls_other_than_write() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { g_other_calls++; }; // the call itself is not made
+    sigaction(SIGSYS, &action, nullptr);
+    const auto allow = [](unsigned call, uint8_t rest) {
+        return sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, rest, 0);
+    };
+    std::array filter{sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                      allow(SYS_write, 4),
+                      allow(SYS_rt_sigreturn, 3),
+                      allow(SYS_exit_group, 2),
+                      allow(SYS_clock_gettime, 1), // where it is one
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{filter.size(), filter.data()};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(zukhal_log, a_line_to_a_file_costs_one_write) {
+    in_child([] {
+        zuk_log_tmplt(6, "the first reads the configuration", "m", 1);
+        count_calls_other_than_write();
+        for (int i = 0; i < 1000; i++)
+            zuk_log_tmplt(6, "line %d", "m", 1, i);
+        EXPECT_LT(g_other_calls, 100) << "a few a second are for rotation";
+        syscall(SYS_exit_group, HasFailure() ? 1 : 0); // as little as an end can be
+    });
+    const std::string log = content("log");
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1001);
+}
+
+// A log daemon's socket that nobody reads yet.
+int bound_socket(const std::string &path) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    std::filesystem::remove(path);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    return fd;
+}
+std::string received(int fd) {
+    std::array<char, 4096> line{};
+    return recv(fd, line.data(), line.size() - 1, 0) > 0 ? line.data() : "";
+}
+
+TEST_F(zukhal_log, syslog_gets_a_line_also_after_its_restart) {
     configure("[log]\ntarget=syslog\nsocket=" + path("socket"));
     in_child([this] {
-        sockaddr_un address{AF_UNIX, {}};
-        path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
-        const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         zuk_log_tmplt(3, "nobody listens", "m", 5);
         EXPECT_TRUE(content("stderr").ends_with(" error m:5: nobody listens\n"));
-        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-        zuk_log_tmplt(4, "low\nbattery\n", "m", 5);
-        std::array<char, 4096> line{};
-        EXPECT_GT(recv(fd, line.data(), line.size() - 1, 0), 0);
-        EXPECT_TRUE(std::regex_match(line.data(),
-                                     std::regex("<28>[A-Z][a-z]{2} [ 1-3]\\d \\d\\d:\\d\\d:\\d\\d "
-                                                "zukhal_log_test\\[\\d+\\]: m:5: low\\\\nbattery")))
-            << line.data();
-        for (int i = 0; i < 10'000 && !content("stderr").ends_with("queued\n"); i++)
-            zuk_log_tmplt(3, "queued", "m", 5);
-        EXPECT_TRUE(content("stderr").ends_with("queued\n")) << "the socket is full";
+        for (const char *start : {"first", "second"}) {
+            const int fd = bound_socket(path("socket"));
+            zuk_log_tmplt(4, "low\nbattery\n", "m", 5);
+            EXPECT_TRUE(std::regex_match(
+                received(fd), std::regex("<28>[A-Z][a-z]{2} [ 1-3]\\d \\d\\d:\\d\\d:\\d\\d "
+                                         "zukhal_log_test\\[\\d+\\]: m:5: low\\\\nbattery")))
+                << start;
+            close(fd);
+        }
+    });
+}
+
+TEST_F(zukhal_log, a_log_daemon_that_hangs_costs_one_wait_and_hears_later_what_it_missed) {
+    configure("[log]\ntarget=syslog\nsocket=" + path("socket"));
+    in_child([this] {
+        const int fd = bound_socket(path("socket"));
+        zuk_log_tmplt(6, "the first reads the configuration", "m", 1);
+        const auto start = steady_clock::now();
+        int logged = 0;
+        for (int stuck = 0; stuck < 40; logged++) {
+            zuk_log_tmplt(6, "queued", "m", 5);
+            stuck += content("stderr").ends_with("queued\n") ? 1 : 0;
+        }
+        EXPECT_LT(steady_clock::now() - start, 4s) << "200 ms each";
+        int taken = -1; // the first line
+        while (!received(fd).empty())
+            taken++;
+        std::string report;
+        EXPECT_TRUE(reached(
+            [&] {
+                zuk_log_tmplt(6, "it reads again", "m", 6);
+                while (report.find("zukhal:") == std::string::npos)
+                    if ((report = received(fd)).empty())
+                        return false;
+                return true;
+            },
+            20s));
+        EXPECT_TRUE(report.ends_with(": " + std::to_string(logged - taken))) << report;
     });
 }
 

@@ -4,14 +4,10 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <thread>
 
 namespace {
-
-using namespace std::chrono_literals;
-using std::chrono::steady_clock;
 
 // What callbacks saw and did; each test uses them in child processes of its own.
 std::atomic<int> g_calls, g_once_calls;
@@ -19,13 +15,6 @@ std::atomic<bool> g_begun, g_go_on, g_returned, g_signals_blocked;
 std::atomic<int> g_own, g_victim; // handles
 int g_argument;                   // only its address counts
 
-template <typename Condition>
-bool reached(Condition condition, steady_clock::duration patience = 3s) {
-    const auto deadline = steady_clock::now() + patience;
-    while (!condition() && steady_clock::now() < deadline)
-        std::this_thread::sleep_for(2ms);
-    return condition();
-}
 bool called(int times) {
     return reached([times] { return g_calls >= times; });
 }
