@@ -4,7 +4,7 @@
 // 1003 and 1005 through the client library, divided by the time that the bytes of their exchanges
 // take on the line, ten bits each. Reach: 1.03.
 //
-// Buffered (board type 2, log level error): see position_buffered.cpp.
+// Buffered (board type 2, log levels error and info): see position_buffered.cpp.
 //
 // Usage: position_benchmark [--brief | --line | --buffered]. Prints a table; exit status 1 when
 // something did not run.
