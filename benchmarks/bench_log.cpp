@@ -16,7 +16,7 @@ bool bench_log_at_info() {
     }
     const std::string conf = dir + "/terminal.conf";
     const std::string log = dir + "/terminal.log";
-    std::ofstream(conf) << "[log]\nlevel=info\ntarget=file\nfile=" << log << "\n";
+    std::ofstream(conf) << "[board]\ntype=1\n[log]\nlevel=info\ntarget=file\nfile=" << log << "\n";
     setenv("ZUKHAL_CONF", conf.c_str(), 1);
     zuk_log_tmplt(6, "%s", "benchmark", __LINE__, "started");
     zuk_log_tmplt(7, "%s", "benchmark", __LINE__, "not to be written");

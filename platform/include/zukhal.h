@@ -13,7 +13,9 @@ extern "C" {
 void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...)
     __attribute__((format(printf, 2, 5)));
 
-int get_zuk_type(void); /* board type: 1 receiver on the local UART, 2 receiver behind the TA */
+/* Board type: 1 receiver on the local UART, 2 receiver behind the TA; 0 = unknown, because the
+ * configuration is missing or wrong. */
+int get_zuk_type(void);
 
 /* Periodic timers that also count while the terminal sleeps. Callbacks run one at a time on one
  * thread of the library, with all signals blocked. Any thread; not across a fork. */

@@ -1,6 +1,7 @@
 // The configuration file of the HAL, and the board type in it. Read once per process, on the first
 // use of anything in this library; a change needs a restart. A value that makes no sense is
-// reported once in the log and counts as its default. terminal.conf beside this file shows all of
+// reported once in the log and counts as its default. The board type has none: a wrong one would
+// drive lines that another board uses for other things. terminal.conf beside this file shows all of
 // it.
 #include "zukhal.h"
 #include "zukhal_internal.h"
@@ -106,7 +107,9 @@ char *path_of(const reader &from, const char *group, const char *key) {
 }
 
 void load_values(reader &from) {
-    g_config.board_type = choose(from, "board", "type", board_types, g_config.board_type);
+    g_config.board_type = choose(from, "board", "type", board_types, 0);
+    if (value_of(from, "board", "type").empty())
+        complain(from, "board", "type", "is missing");
     g_config.level = choose(from, "log", "level", log_levels, g_config.level);
     g_config.target = static_cast<log_target>(
         choose(from, "log", "target", log_targets, static_cast<int>(g_config.target)));
@@ -129,7 +132,7 @@ void load_values(reader &from) {
 }
 
 void load() {
-    const char *named = getenv("ZUKHAL_CONF");
+    const char *named = secure_getenv("ZUKHAL_CONF");
     reader from{named != nullptr && *named != '\0' ? named : "/etc/terminal.conf",
                 std::unique_ptr<GKeyFile, free_key_file>(g_key_file_new()),
                 {}};
@@ -138,11 +141,8 @@ void load() {
         load_values(from);
     } else {
         const std::unique_ptr<GError, free_error> error(raw);
-        // A terminal without the file is complete: the defaults are its board. A file that was
-        // asked for by name is another matter.
-        if (!g_error_matches(raw, G_FILE_ERROR, G_FILE_ERROR_NOENT) || named != nullptr)
-            from.complaints.push_back(std::string(from.path) + ": " + error->message +
-                                      ", using the defaults");
+        from.complaints.push_back(std::string(from.path) + ": " + error->message +
+                                  "; the board type is unknown, the log has its defaults");
     }
     if (!log_start(g_config))
         complain(from, "log", "file",

@@ -32,7 +32,7 @@ enum class log_target { syslog, standard_error, file };
 
 // Texts are allocated once and never freed: other threads may log while the process exits.
 struct zukhal_config {
-    int board_type = 1;
+    int board_type = 0; // unknown
     log_target target = log_target::syslog;
     int level = 6;                       // as in syslog(3)
     const char *log_file = nullptr;      // for log_target::file; absolute

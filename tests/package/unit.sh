@@ -44,7 +44,7 @@ ProtectSystem=strict
 SETTINGS
 
 # The power lines are exported on board type 1 alone; there it waits at the first, because no udev is here.
-for row in '1: ' '2:[board]\ntype=2 ; behind the TA' '1:[other]\ntype=2\n[board]\n#type=2\ntype = 1'; do
+for row in '0: ' '2:[board]\ntype=2 ; behind the TA' '1:[other]\ntype=2\n[board]\n#type=2\ntype = 1'; do
     gpio=$work/gpio-$RANDOM
     mkdir "$gpio"
     : >"$gpio/export"

@@ -29,7 +29,7 @@ class zukhal_fixture : public testing::Test {
   protected:
     scratch_dir dir;
 
-    void SetUp() override { configure("[log]\ntarget=file\nfile=" + path("log")); }
+    void SetUp() override { configure("[board]\ntype=1\n[log]\ntarget=file\nfile=" + path("log")); }
 
     std::string path(const char *name) const { return dir.path() / name; }
     static std::string content(const char *name) { return scratch_dir::read(name); }

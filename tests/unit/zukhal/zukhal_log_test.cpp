@@ -174,7 +174,7 @@ std::string received(int fd) {
 }
 
 TEST_F(zukhal_log, syslog_gets_a_line_also_after_its_restart) {
-    configure("[log]\ntarget=syslog\nsocket=" + path("socket"));
+    configure("[board]\ntype=1\n[log]\ntarget=syslog\nsocket=" + path("socket"));
     in_child([this] {
         zuk_log_tmplt(3, "nobody listens", "m", 5);
         EXPECT_TRUE(content("stderr").ends_with(" error m:5: nobody listens\n"));
@@ -191,7 +191,7 @@ TEST_F(zukhal_log, syslog_gets_a_line_also_after_its_restart) {
 }
 
 TEST_F(zukhal_log, a_log_daemon_that_hangs_costs_one_wait_and_hears_later_what_it_missed) {
-    configure("[log]\ntarget=syslog\nsocket=" + path("socket"));
+    configure("[board]\ntype=1\n[log]\ntarget=syslog\nsocket=" + path("socket"));
     in_child([this] {
         const int fd = bound_socket(path("socket"));
         zuk_log_tmplt(6, "the first reads the configuration", "m", 1);
@@ -219,18 +219,19 @@ TEST_F(zukhal_log, a_log_daemon_that_hangs_costs_one_wait_and_hears_later_what_i
     });
 }
 
-TEST_F(zukhal_log, impossible_configuration_is_reported_once_and_the_default_serves) {
+TEST_F(zukhal_log, impossible_configuration_is_reported_once_and_means_no_wrong_board) {
     const struct {
         std::string conf; // after [log], socket and target=stderr
         const char *complaint;
-        int board = 1;
+        int board = 0;
     } rows[] = {
         {"[board]\ntype=2 ; comment\n[log]\nlevel=warning", "", 2},
         {"[board]\ntype=3", "[board] type: '3' is none of 1, 2"},
-        {"level=8", "[log] level: '8' is none of error,"},
-        {"target=file", "[log] file: is missing"},
-        {"socket=/" + std::string(108, 's'), "[log] socket: is too long"},
-        {"type 1\n", ", using the defaults"},
+        {"", "[board] type: is missing"},
+        {"level=8\n[board]\ntype=1", "[log] level: '8' is none of error,", 1},
+        {"target=file\n[board]\ntype=1", "[log] file: is missing", 1},
+        {"socket=/" + std::string(108, 's') + "\n[board]\ntype=1", "[log] socket: is too long", 1},
+        {"[board]\ntype=1\ntype 1\n", "; the board type is unknown, the log has its defaults"},
     };
     for (const auto &row : rows) {
         configure("[log]\nsocket=/nonexistent\ntarget=stderr\n" + row.conf);

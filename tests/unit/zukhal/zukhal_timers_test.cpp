@@ -102,7 +102,7 @@ TEST_F(zukhal_timers, there_are_32_and_exit_frees_them) {
 class zukhal_votes : public zukhal_fixture {
   protected:
     void SetUp() override {
-        configure("[log]\ntarget=file\nfile=" + path("log") +
+        configure("[board]\ntype=1\n[log]\ntarget=file\nfile=" + path("log") +
                   "\n[power]\ndirectory=" + dir.path().string());
         empty_files();
     }
