@@ -55,7 +55,8 @@ It runs as a user of its own, without privileges.")
     "bus, settings and hardware abstraction of the terminal"
     "The three libraries between the terminal's services and the system:
 libmqutils (the message bus), libdbhandler (the settings database) and
-libzukhal (log, board type, timers and votes against sleep).
+libzukhal (log, board type, timers and votes against sleep). A fourth,
+libdbhandler_admin, lets tools change the settings.
 .
 With them come the bus directory, in which every service owns the place of
 its own id and no other, and the users of the services.")

@@ -34,6 +34,7 @@ FILES_SOLIBSDEV = "${libdir}/liblocation_client.so"
 FILES:terminal-platform = "\
     ${libdir}/libmqutils.so \
     ${libdir}/libdbhandler.so \
+    ${libdir}/libdbhandler_admin.so \
     ${libdir}/libzukhal.so \
     ${nonarch_libdir}/sysusers.d/terminal-platform.conf \
     ${nonarch_libdir}/tmpfiles.d/terminal-platform.conf \

@@ -1,6 +1,7 @@
 // Lock, damaged copies and log of the settings database. See dbhandler_files.h.
 #include "dbhandler_files.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -9,21 +10,53 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::chrono::seconds lock_patience{5};      // longer than a user waits inside SQLite
 constexpr std::chrono::milliseconds lock_interval{5}; // flock has no timed form
 constexpr int most_copies_per_second = 100;
+constexpr int64_t repeated_after_ms = 1000;
+
+// The last line of the log: two threads that race for it log a line too many, no more.
+std::atomic<size_t> last_print{0};
+std::atomic<int64_t> last_time{0}; // ms
+
+// syslog(3) waits for a log daemon that takes nothing, with a lock that all threads share.
+void to_syslog(std::string_view line) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return;
+    const time_t now = time(nullptr);
+    tm local{};
+    std::array<char, 32> stamp{};
+    if (localtime_r(&now, &local) != nullptr)
+        strftime(stamp.data(), stamp.size(), "%b %e %H:%M:%S", &local);
+    std::array<char, 1200> datagram{};
+    const int length =
+        snprintf(datagram.data(), datagram.size(), "<%d>%s %.64s[%ld]: dbhandler: %.*s",
+                 LOG_DAEMON | LOG_ERR, stamp.data(), program_invocation_short_name,
+                 static_cast<long>(getpid()), static_cast<int>(line.size()), line.data());
+    sockaddr_un log{};
+    log.sun_family = AF_UNIX;
+    strcpy(log.sun_path, _PATH_LOG);
+    if (length > 0)
+        sendto(fd, datagram.data(), std::min(datagram.size() - 1, static_cast<size_t>(length)),
+               MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&log), sizeof log);
+    close(fd);
+}
 
 void sync_directory_of(const std::string &path) {
     const size_t slash = path.rfind('/');
@@ -56,45 +89,61 @@ std::string free_name(const std::string &path) {
 
 } // namespace
 
+// The environment of a privileged process is not its own: hence secure_getenv().
 const char *settings_path() {
-    const char *path = getenv("DBHANDLER_FILE");
+    const char *path = secure_getenv("DBHANDLER_FILE");
     return path != nullptr && *path != '\0' ? path : "/user/settings.db";
 }
 
 void log_error(const char *format, ...) {
-    const char *target = getenv("DBHANDLER_LOG");
+    std::array<char, 1024> text{};
     va_list args;
     va_start(args, format);
-    if (target != nullptr && strcmp(target, "stderr") == 0) {
-        std::array<char, 1024> text{};
-        vsnprintf(text.data(), text.size(), format, args);
-        fprintf(stderr, "dbhandler: %s\n", text.data());
-    } else {
-        vsyslog(LOG_DAEMON | LOG_ERR, format, args);
-    }
+    vsnprintf(text.data(), text.size(), format, args);
     va_end(args);
+    const std::string_view line(text.data());
+    std::replace_if(
+        text.begin(), text.begin() + static_cast<std::ptrdiff_t>(line.size()),
+        [](char c) { return c == 0x7f || (c >= 0 && c < ' '); }, '?');
+
+    const size_t print = std::hash<std::string_view>{}(line);
+    const int64_t now = settings_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+    if (last_print.exchange(print) == print && now - last_time.load() < repeated_after_ms)
+        return;
+    last_time = now;
+
+    const char *target = secure_getenv("DBHANDLER_LOG");
+    if (target != nullptr && strcmp(target, "stderr") == 0)
+        fprintf(stderr, "dbhandler: %s\n", text.data());
+    else
+        to_syslog(line);
 }
 
-path_lock::path_lock(int how) : fd_(-1) {
-    const std::string name = std::string(settings_path()) + ".lock";
-    // Read-only is enough for flock, and lets users without write permission read the settings.
-    fd_ = open(name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ < 0) {
-        log_error("settings lock %s: %s", name.c_str(), strerror(errno));
-        return;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + lock_patience;
-    while (flock(fd_, how | LOCK_NB) != 0) {
-        if ((errno == EWOULDBLOCK || errno == EINTR) &&
-            std::chrono::steady_clock::now() < deadline) {
+path_lock::path_lock(const std::string &path, int how, settings_clock::time_point deadline) {
+    const std::string name = path + ".lock";
+    struct stat database {};
+    const bool exists = lstat(path.c_str(), &database) == 0;
+    // Who may not have the database has no business with its lock either.
+    const mode_t mode = exists ? database.st_mode & 0666 : 0666;
+    int fd = open(name.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd >= 0 && exists)
+        fchmod(fd, mode); // less the mask, which others who share the database need not have
+    else if (fd < 0 && errno == EEXIST)
+        fd = open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    while (fd >= 0 && flock(fd, how | LOCK_NB) != 0) {
+        busy_ = errno == EWOULDBLOCK || errno == EINTR;
+        if (busy_ && settings_clock::now() < deadline) {
             std::this_thread::sleep_for(lock_interval);
             continue;
         }
-        log_error("settings lock %s: %s", name.c_str(), strerror(errno));
-        close(fd_);
-        fd_ = -1;
-        return;
+        const int why = errno;
+        close(std::exchange(fd, -1));
+        errno = why;
     }
+    if (fd < 0)
+        log_error("settings lock %s: %s", name.c_str(),
+                  busy_ ? "somebody keeps it" : strerror(errno));
+    fd_ = fd;
 }
 
 path_lock::~path_lock() {
@@ -102,8 +151,7 @@ path_lock::~path_lock() {
         close(fd_);
 }
 
-bool set_aside() {
-    const std::string path = settings_path();
+bool set_aside(const std::string &path) {
     const std::string name = free_name(path);
     if (name.empty()) {
         log_error("settings database %s is damaged, and no name is free to keep it", path.c_str());

@@ -4,51 +4,65 @@
 // default, so a later version may add settings and a technician may delete a row.
 #include "dbhandler_store.h"
 
-#include "dbhandler_files.h"
-
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <functional>
 #include <limits>
-#include <memory>
+#include <string_view>
+#include <thread>
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int busy_timeout_ms = 2000;
+constexpr std::chrono::milliseconds busy_interval{2};
+constexpr std::string_view sqlite_header("SQLite format 3\0", 16);
+
+struct range {
+    int64_t lowest, highest;
+    bool holds(int64_t value) const { return value >= lowest && value <= highest; }
+};
+constexpr int64_t int32_lowest = std::numeric_limits<int32_t>::min();
+constexpr int64_t int32_highest = std::numeric_limits<int32_t>::max();
+constexpr int64_t uint32_highest = std::numeric_limits<uint32_t>::max();
 
 struct setting {
     const char *name;
     int64_t fallback;
-    int64_t lowest;
-    int64_t highest;
+    range written;
+    range read; // what the service itself judges, and what its record can hold
 };
 
 // In the order of setting_id.
 constexpr std::array<setting, setting_count> settings{{
-    {"gps_power_on_status", 2, 0, 2},
-    {"ta_power_on_status", 0, 0, std::numeric_limits<int32_t>::max()},
-    {"location_history_status", 0, 0, 1},
-    {"location_history_interval", 60, 1, std::numeric_limits<uint32_t>::max()},
+    {"gps_power_on_status", 2, {0, 2}, {int32_lowest, int32_highest}},
+    {"ta_power_on_status", 0, {0, int32_highest}, {0, int32_highest}},
+    {"location_history_status", 0, {0, 1}, {0, 255}},
+    {"location_history_interval", 60, {1, uint32_highest}, {1, uint32_highest}},
 }};
 
-enum class outcome {
-    done,
-    failed,  // logged; the file is left alone
-    fresh,   // there is no database yet
-    damaged, // not a database, or not ours
-};
-
-struct close_database {
-    void operator()(sqlite3 *db) const { sqlite3_close(db); }
-};
 struct finalize_statement {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
-using database = std::unique_ptr<sqlite3, close_database>;
 using statement = std::unique_ptr<sqlite3_stmt, finalize_statement>;
+
+// Waits a little for a lock, until the deadline.
+int wait_for_lock(void *deadline, int) {
+    if (settings_clock::now() >= *static_cast<const settings_clock::time_point *>(deadline))
+        return 0;
+    std::this_thread::sleep_for(busy_interval);
+    return 1;
+}
+
+const char *path_of(sqlite3 *db) {
+    const char *name = db != nullptr ? sqlite3_db_filename(db, "main") : nullptr;
+    return name != nullptr ? name : settings_path();
+}
 
 outcome judge(sqlite3 *db, int result, const char *what) {
     switch (result & 0xff) {
@@ -59,8 +73,12 @@ outcome judge(sqlite3 *db, int result, const char *what) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
         return outcome::damaged;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_PROTOCOL: // SQLite's own end of patience
+        return outcome::busy;
     default:
-        log_error("settings database %s: %s: %s (%d)", settings_path(), what,
+        log_error("settings database %s: %s: %s (%d)", path_of(db), what,
                   db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(result), result);
         return outcome::failed;
     }
@@ -72,44 +90,160 @@ outcome execute(sqlite3 *db, const char *sql) {
 
 outcome prepare(sqlite3 *db, const char *sql, statement &prepared) {
     sqlite3_stmt *raw = nullptr;
-    const int result = sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
+    int result = sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
     prepared.reset(raw);
     if (result != SQLITE_ERROR)
         return judge(db, result, sql);
     // Our own text does not fit the tables: either there are none yet, or they are not ours.
-    if (sqlite3_prepare_v2(db, "SELECT 1 FROM sqlite_master", -1, &raw, nullptr) != SQLITE_OK)
-        return outcome::damaged;
+    result = sqlite3_prepare_v2(db, "SELECT 1 FROM sqlite_master", -1, &raw, nullptr);
     prepared.reset(raw);
-    const int row = sqlite3_step(raw);
+    if (result == SQLITE_OK)
+        result = sqlite3_step(raw);
     prepared.reset();
-    return row == SQLITE_DONE  ? outcome::fresh
-           : row == SQLITE_ROW ? outcome::damaged
-                               : judge(db, row, sql);
+    if (result == SQLITE_DONE)
+        return outcome::fresh;
+    if (result != SQLITE_ROW)
+        return judge(db, result, sql);
+    log_error("%s is the database of something else; it is left as it is", path_of(db));
+    return outcome::failed;
 }
 
-outcome open_database(bool create, database &opened) {
-    if (!create && access(settings_path(), F_OK) != 0 && errno == ENOENT)
-        return outcome::fresh;
+outcome refuse(const std::string &path, const char *why) {
+    log_error("settings database %s: %s; it is left as it is", path.c_str(), why);
+    return outcome::failed;
+}
+
+// Whether an opened file may be what it should be, read through SQLite: closing a descriptor of
+// one's own would let go of all locks that the process has on the file.
+outcome check_header(sqlite3 *db, const std::string &path) {
+    sqlite3_file *file = nullptr;
+    sqlite3_int64 size = 0;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
+    if (file == nullptr || file->pMethods == nullptr ||
+        file->pMethods->xFileSize(file, &size) != SQLITE_OK)
+        return refuse(path, "cannot be read");
+    if (size == 0)
+        return outcome::done;
+    std::array<char, sqlite_header.size()> header{};
+    const int result = file->pMethods->xRead(file, header.data(), header.size(), 0);
+    if (result != SQLITE_OK && result != SQLITE_IOERR_SHORT_READ)
+        return judge(db, result, "read");
+    const bool ours =
+        result == SQLITE_OK && std::equal(header.begin(), header.end(), sqlite_header.begin());
+    return ours ? outcome::done : refuse(path, "is no database");
+}
+
+// Opens what is at the path, and leaves in `there` which file that is.
+outcome open_database(const std::string &path, bool create, database &opened, struct stat &there) {
+    if (lstat(path.c_str(), &there) != 0) {
+        if (errno == ENOENT && !create)
+            return outcome::fresh;
+        // Made here: SQLite would follow a link, and would leave no write permission for a group.
+        const int fd =
+            open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd < 0 || fstat(fd, &there) != 0) {
+            log_error("settings database %s: %s", path.c_str(), strerror(errno));
+            return outcome::failed;
+        }
+        close(fd);
+    }
+    if (!S_ISREG(there.st_mode))
+        return refuse(path, "is no regular file");
     sqlite3 *raw = nullptr;
-    const int flags =
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
-    const int result = sqlite3_open_v2(settings_path(), &raw, flags, nullptr);
+    const int result =
+        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     opened.reset(raw);
     if (const outcome o = judge(raw, result, "open"); o != outcome::done)
         return o;
-    sqlite3_busy_timeout(raw, busy_timeout_ms);
+    struct stat now {};
+    if (lstat(path.c_str(), &now) != 0 || now.st_dev != there.st_dev || now.st_ino != there.st_ino)
+        return outcome::busy; // exchanged at this moment
+    if (const outcome o = check_header(raw, path); o != outcome::done)
+        return o;
     // Keep -wal and -shm between calls: a user who may only read the files could not make them.
     int keep = 1;
     sqlite3_file_control(raw, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
-    // Until the file has proved to be sound, closing it must not change it.
+    // Closing changes nothing in a file that has not proved to be sound, and a reader never.
     sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    // A limit makes the close truncate the kept -wal.
-    return execute(raw, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=0");
+    return outcome::done;
 }
 
-outcome write_values(sqlite3 *db, std::span<const stored_value> values) {
-    if (const outcome o = execute(db, "BEGIN IMMEDIATE"); o != outcome::done)
+struct finding {
+    std::array<bool, setting_count> impossible{};
+    std::array<std::string, setting_count> text;
+};
+
+outcome read_values(sqlite3 *db, settings_values &values, finding &found) {
+    statement select;
+    if (const outcome o = prepare(
+            db, "SELECT name, value, quote(value) FROM settings WHERE name IN (?1, ?2, ?3, ?4)",
+            select);
+        o != outcome::done)
         return o;
+    static_assert(setting_count == 4, "the text above");
+    for (size_t i = 0; i < settings.size(); i++)
+        sqlite3_bind_text(select.get(), static_cast<int>(i) + 1, settings[i].name, -1,
+                          SQLITE_STATIC);
+    settings_values read = store_defaults();
+    found = {};
+    int row = 0;
+    while ((row = sqlite3_step(select.get())) == SQLITE_ROW) {
+        const auto *name = reinterpret_cast<const char *>(sqlite3_column_text(select.get(), 0));
+        const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(select.get(), 2));
+        for (size_t i = 0; name != nullptr && text != nullptr && i < settings.size(); i++) {
+            if (strcmp(name, settings[i].name) != 0)
+                continue;
+            const int64_t value = sqlite3_column_int64(select.get(), 1);
+            found.impossible[i] = sqlite3_column_type(select.get(), 1) != SQLITE_INTEGER ||
+                                  !settings[i].read.holds(value);
+            found.text[i] = text;
+            if (!found.impossible[i])
+                read[i] = value;
+        }
+    }
+    const outcome o = judge(db, row, "read");
+    if (o == outcome::done)
+        values = read;
+    return o;
+}
+
+// One line a change, not one a read.
+void complain(open_settings &link, const finding &found) {
+    for (size_t i = 0; i < settings.size(); i++) {
+        const size_t print = found.impossible[i] ? std::hash<std::string>{}(found.text[i]) | 1 : 0;
+        if (print != link.complained[i] && print != 0)
+            log_error("settings database %s: %s cannot be %.40s: its default, %lld, serves",
+                      link.path.c_str(), settings[i].name, found.text[i].c_str(),
+                      static_cast<long long>(settings[i].fallback));
+        link.complained[i] = print;
+    }
+}
+
+// A file system that is read-only or full has no room for a -shm. Where no -wal has anything to
+// add, the file itself is all there is.
+outcome read_without_companions(const std::string &path, settings_values &values, finding &found) {
+    struct stat wal {};
+    if (stat((path + "-wal").c_str(), &wal) == 0 ? wal.st_size != 0 : errno != ENOENT)
+        return outcome::failed;
+    std::string uri = "file:";
+    for (const char c : path) {
+        if (c == '%' || c == '?' || c == '#')
+            uri.append("%")
+                .append(1, "0123456789ABCDEF"[c >> 4])
+                .append(1, "0123456789ABCDEF"[c & 15]);
+        else
+            uri.append(1, c);
+    }
+    sqlite3 *raw = nullptr;
+    const int result =
+        sqlite3_open_v2(uri.append("?immutable=1").c_str(), &raw,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
+    const database alone(raw);
+    const outcome o = judge(raw, result, "open");
+    return o == outcome::done ? read_values(raw, values, found) : o;
+}
+
+outcome upsert(sqlite3 *db, std::span<const setting_change> changes) {
     statement insert;
     if (const outcome o = prepare(db,
                                   "INSERT INTO settings(name, value) VALUES(?1, ?2) "
@@ -117,113 +251,151 @@ outcome write_values(sqlite3 *db, std::span<const stored_value> values) {
                                   insert);
         o != outcome::done)
         return o;
-    for (const stored_value &value : values) {
-        sqlite3_bind_text(insert.get(), 1, settings[value.id].name, -1, SQLITE_STATIC);
-        sqlite3_bind_int64(insert.get(), 2, value.value);
+    for (const setting_change &change : changes) {
+        sqlite3_bind_text(insert.get(), 1, settings[change.id].name, -1, SQLITE_STATIC);
+        sqlite3_bind_int64(insert.get(), 2, change.value);
         if (const outcome o = judge(db, sqlite3_step(insert.get()), "write"); o != outcome::done)
             return o;
         sqlite3_reset(insert.get());
     }
-    return execute(db, "COMMIT");
-}
-
-outcome read_values(sqlite3 *db, std::span<stored_value> values) {
-    if (const outcome o = execute(db, "BEGIN"); o != outcome::done)
-        return o;
-    statement select;
-    if (const outcome o = prepare(db, "SELECT value FROM settings WHERE name = ?1", select);
-        o != outcome::done)
-        return o;
-    for (stored_value &value : values) {
-        const setting &known = settings[value.id];
-        sqlite3_bind_text(select.get(), 1, known.name, -1, SQLITE_STATIC);
-        const int row = sqlite3_step(select.get());
-        if (const outcome o = judge(db, row, "read"); o != outcome::done)
-            return o;
-        value.value = known.fallback;
-        if (row == SQLITE_ROW) {
-            value.value = sqlite3_column_int64(select.get(), 0);
-            if (sqlite3_column_type(select.get(), 0) != SQLITE_INTEGER ||
-                value.value < known.lowest || value.value > known.highest) {
-                log_error("settings database %s: %s has an impossible value", settings_path(),
-                          known.name);
-                return outcome::failed;
-            }
-        }
-        sqlite3_reset(select.get());
-    }
     return outcome::done;
 }
 
-outcome create_tables(sqlite3 *db) {
-    // Not on every open: it would write into files that turn out not to be ours. Another journal
-    // mode is as safe, only slower, so not getting this one is no failure.
-    sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
-    if (const outcome o = execute(db, "BEGIN IMMEDIATE;"
-                                      "CREATE TABLE settings(name TEXT PRIMARY KEY NOT NULL,"
-                                      " value INTEGER NOT NULL) WITHOUT ROWID; COMMIT");
-        o != outcome::done)
-        return o;
-    std::array<stored_value, setting_count> defaults{};
+outcome create_table(sqlite3 *db) {
+    std::array<setting_change, setting_count> defaults{};
     for (size_t i = 0; i < defaults.size(); i++)
         defaults[i] = {static_cast<setting_id>(i), settings[i].fallback};
-    return write_values(db, defaults);
+    const outcome o = execute(db, "CREATE TABLE settings(name TEXT PRIMARY KEY NOT NULL,"
+                                  " value INTEGER NOT NULL) WITHOUT ROWID");
+    return o == outcome::done ? upsert(db, defaults) : o;
 }
 
-// One try of a call: a read fills `reading`, a write stores `writing`.
+// What a call writes, and for how long.
 struct request {
-    std::span<stored_value> reading;
-    std::span<const stored_value> writing;
+    std::span<const setting_change> changes;
+    settings_clock::time_point deadline;
+    const std::atomic<bool> &given_up;
 };
 
-outcome attempt(const request &call, bool create) {
+outcome transact(sqlite3 *db, const request &call, bool create, settings_values &after) {
+    outcome o = execute(db, "BEGIN IMMEDIATE");
+    finding found;
+    if (o == outcome::done)
+        o = read_values(db, after, found);
+    if (o == outcome::fresh && create)
+        o = create_table(db);
+    if (o == outcome::done)
+        o = upsert(db, call.changes);
+    if (o == outcome::done)
+        o = read_values(db, after, found);
+    if (o == outcome::done && call.given_up)
+        o = outcome::busy;
+    if (o == outcome::done)
+        o = execute(db, "COMMIT");
+    if (o != outcome::done)
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return o;
+}
+
+outcome attempt(const std::string &path, request call, bool create, settings_values &after) {
     database db;
-    outcome o = open_database(create, db);
-    for (bool created = false; o == outcome::done;) {
-        o = call.writing.empty() ? read_values(db.get(), call.reading)
-                                 : write_values(db.get(), call.writing);
-        if (o != outcome::fresh || !create || created)
-            break;
-        sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-        o = create_tables(db.get());
-        created = true;
-    }
+    struct stat there {};
+    outcome o = open_database(path, create, db, there);
+    if (o != outcome::done)
+        return o;
+    sqlite3_busy_handler(db.get(), wait_for_lock, &call.deadline);
+    // A small -wal is soon read again after a power loss; at the close it goes to nothing.
+    o = execute(
+        db.get(),
+        "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=0; PRAGMA wal_autocheckpoint=32");
+    // Not on every open: it would write into files that turn out not to be ours. Another journal
+    // mode is as safe, only slower, so not getting this one is no failure.
+    if (o == outcome::done && create && there.st_size == 0)
+        sqlite3_exec(db.get(), "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    if (o == outcome::done)
+        o = transact(db.get(), call, create, after);
     if (o == outcome::done)
         sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     return o;
 }
 
-int run(const request &call) {
-    {
-        const path_lock shared(LOCK_SH);
-        if (!shared.held())
-            return -1;
-        const outcome o = attempt(call, false);
-        if (o == outcome::done || o == outcome::failed)
-            return o == outcome::done ? 0 : -1;
-    }
-    const path_lock alone(LOCK_EX);
-    if (!alone.held())
-        return -1;
-    // Another process may have repaired the file while this one waited: look again first.
-    outcome o = attempt(call, true);
-    if (o == outcome::damaged && set_aside())
-        o = attempt(call, true);
-    return o == outcome::done ? 0 : -1;
-}
-
 } // namespace
 
-int store_read(std::span<stored_value> values) {
-    return run({values, {}});
+void close_database::operator()(sqlite3 *db) const {
+    sqlite3_close(db);
 }
 
-int store_write(std::span<const stored_value> values) {
-    for (const stored_value &value : values)
-        if (value.value < settings[value.id].lowest || value.value > settings[value.id].highest) {
-            log_error("settings database: %lld refused for %s", static_cast<long long>(value.value),
-                      settings[value.id].name);
-            return -1;
+settings_values store_defaults() {
+    settings_values values{};
+    std::transform(settings.begin(), settings.end(), values.begin(),
+                   [](const setting &known) { return known.fallback; });
+    return values;
+}
+
+bool store_accepts(std::span<const setting_change> changes) {
+    return std::all_of(changes.begin(), changes.end(), [](const setting_change &change) {
+        const bool right = settings[change.id].written.holds(change.value);
+        if (!right)
+            log_error("settings database: %lld refused for %s",
+                      static_cast<long long>(change.value), settings[change.id].name);
+        return right;
+    });
+}
+
+outcome store_read(open_settings &link, const std::string &path,
+                   settings_clock::time_point deadline, settings_values &values) {
+    struct stat there {};
+    const auto is_still_there = [&] {
+        return path == link.path && lstat(path.c_str(), &there) == 0 &&
+               there.st_dev == link.device && there.st_ino == link.inode;
+    };
+    for (;;) {
+        outcome o = outcome::done;
+        if (link.db == nullptr || !is_still_there()) {
+            o = open_database(path, false, link.db, there);
+            if (path != link.path)
+                link.complained = {};
+            link.path = path;
+            link.device = there.st_dev;
+            link.inode = there.st_ino;
         }
-    return run({{}, values});
+        finding found;
+        if (o == outcome::done) {
+            sqlite3_busy_handler(link.db.get(), wait_for_lock, &deadline);
+            o = read_values(link.db.get(), values, found);
+            if (o == outcome::failed)
+                o = read_without_companions(path, values, found);
+            // A -wal is opened by its name: it was this file's if the file is still there.
+            if (!is_still_there())
+                o = outcome::busy;
+        }
+        if (o == outcome::done)
+            complain(link, found);
+        else
+            link.db.reset();
+        if (o != outcome::busy || settings_clock::now() >= deadline)
+            return o;
+    }
+}
+
+outcome store_write(const std::string &path, std::span<const setting_change> changes,
+                    settings_clock::time_point deadline, const std::atomic<bool> &given_up,
+                    settings_values &after) {
+    const request call{changes, deadline, given_up};
+    {
+        const path_lock shared(path, LOCK_SH, deadline);
+        if (!shared.held())
+            return shared.busy() ? outcome::busy : outcome::failed;
+        const outcome o = attempt(path, call, false, after);
+        if (o != outcome::fresh && o != outcome::damaged)
+            return o;
+    }
+    const path_lock alone(path, LOCK_EX, deadline);
+    if (!alone.held())
+        return alone.busy() ? outcome::busy : outcome::failed;
+    // Another process may have repaired the file while this one waited: look again first.
+    outcome o = attempt(path, call, true, after);
+    if (o == outcome::damaged && set_aside(path))
+        o = attempt(path, call, true, after);
+    return o == outcome::damaged ? outcome::failed : o;
 }

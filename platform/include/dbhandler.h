@@ -1,7 +1,10 @@
 /* The settings database of the terminal, as far as the location service uses it.
  *
- * Each call is complete in itself: it opens what it needs, is safe from any thread, and returns 0
- * for success and anything else for failure, in which case the result is left untouched.
+ * Safe from any thread; 0 for success and anything else for failure, in which case the result is
+ * left untouched and the reason is in the log. A read waits for nobody who writes, and 100 ms at
+ * most, then gives what was last read (the first read of a process: 1 s, then it fails). A write
+ * waits 1 s at most, then fails. A stored value that cannot be meant is logged and read as its
+ * default; those that the record can hold are the caller's to judge.
  */
 #ifndef DBHANDLER_H
 #define DBHANDLER_H

@@ -40,7 +40,7 @@ indirect=-Wl,-rpath-link,$library_dir
 read -ra flags < <(pkg-config --cflags --libs location_client)
 g++ -std=c++20 -Wall -Wextra -Werror "$out/dev.cpp" -o "$out/by_pkg_config" "${flags[@]}" "$indirect"
 read -ra flags < <(pkg-config --cflags --libs terminal-platform)
-gcc -std=c11 -Wall -Wextra -Werror "$out/dev.c" -o "$out/by_c" "${flags[@]}" "$indirect"
+gcc -std=c11 -Wall -Wextra -Werror "$out/dev.c" -o "$out/by_c" "${flags[@]}" -ldbhandler_admin "$indirect"
 cat >"$out/cmake/CMakeLists.txt" <<PROJECT
 cmake_minimum_required(VERSION 3.25)
 project(dev CXX)

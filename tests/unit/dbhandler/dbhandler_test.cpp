@@ -5,17 +5,29 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
+#include <functional>
 #include <regex>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace {
 
 namespace fs = std::filesystem;
+using std::chrono::seconds;
+
+auto now() {
+    return std::chrono::steady_clock::now();
+}
 
 class settings_db : public testing::Test {
   protected:
@@ -42,6 +54,21 @@ class settings_db : public testing::Test {
         sqlite3_close(db);
         return result;
     }
+    // The bytes of a sound database with power-on status 1; nothing stays of the files.
+    std::string make_database() const {
+        sql("CREATE TABLE settings(name TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) "
+            "WITHOUT ROWID; INSERT INTO settings VALUES('gps_power_on_status', 1)");
+        sql("PRAGMA journal_mode=WAL");
+        std::string bytes = dir.read(file_);
+        fs::remove(file_);
+        return bytes;
+    }
+    static size_t occurrences(const std::string &text, const std::string &what) {
+        size_t count = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+            count++;
+        return count;
+    }
     static auto damaged_copies() {
         const std::regex name("settings\\.db\\.damaged-\\d{8}-\\d{6}(-\\d+)?");
         return std::count_if(fs::directory_iterator("."), {}, [&name](const auto &entry) {
@@ -50,65 +77,74 @@ class settings_db : public testing::Test {
     }
 };
 
-TEST_F(settings_db, defaults_are_stored_and_setters_store_what_is_in_range) {
+TEST_F(settings_db, defaults_are_stored_and_changes_in_range_hold_together) {
     int32_t gps = -7;
     EXPECT_EQ(db_read_gps_power_on_status(&gps), 0);
     EXPECT_EQ(sql("SELECT group_concat(name || '=' || value) FROM settings"),
               "gps_power_on_status=2,location_history_interval=60,location_history_status=0,"
               "ta_power_on_status=0");
-    const auto history = [](uint8_t status, uint32_t interval) {
-        const location_history_settings settings{status, interval};
-        return db_set_location_history_settings(&settings);
+    const struct {
+        unsigned members;
+        db_settings wanted;
+        const char *result, *stored; // power, interval, status, antenna
+    } rows[] = {
+        {8, {{}, 0, 3}, "refused", "2,60,0,0"},
+        {8, {{}, 0, 0}, "stored", "0,60,0,0"},
+        {4, {{}, -1, 0}, "refused", "0,60,0,0"},
+        {4, {{}, 4, 9}, "stored", "0,60,0,4"},
+        {3, {{1, 4294967295U}, 0, 0}, "stored", "0,4294967295,1,4"},
+        {3, {{0, 0}, 0, 0}, "refused", "0,4294967295,1,4"},
+        {3, {{2, 5}, 0, 0}, "refused", "0,4294967295,1,4"},
+        {9, {{0, 5}, 0, 1}, "stored", "1,4294967295,0,4"},
+        {0, {}, "refused", "1,4294967295,0,4"},
+        {17, {{1, 5}, 0, 0}, "refused", "1,4294967295,0,4"},
     };
-    EXPECT_NE(db_set_gps_power_on_status(3), 0);
-    EXPECT_EQ(db_set_gps_power_on_status(0), 0);
-    EXPECT_NE(db_set_ta_power_on_status(-1), 0);
-    EXPECT_EQ(db_set_ta_power_on_status(4), 0);
-    EXPECT_EQ(history(1, 4294967295U), 0);
-    EXPECT_NE(history(0, 0), 0);
-    EXPECT_NE(history(2, 5), 0);
-    EXPECT_EQ(sql("SELECT group_concat(value) FROM settings"), "0,4294967295,1,4");
+    for (const auto &row : rows) {
+        const int result = db_change_settings(row.members, &row.wanted, nullptr);
+        EXPECT_STREQ(result == 0 ? "stored" : "refused", row.result) << row.members;
+        EXPECT_EQ(sql("SELECT group_concat(value) FROM settings"), row.stored) << row.members;
+    }
 }
 
-TEST_F(settings_db, values_stored_by_hand_are_checked) {
+TEST_F(settings_db, a_value_that_cannot_be_meant_counts_as_its_default_and_is_logged_once) {
     const struct {
-        const char *value, *readable; // as GPS status, antenna type, history status, interval
+        const char *value;
+        int32_t power, antenna;
+        uint8_t status;
+        uint32_t interval;
+        size_t logged;
     } rows[] = {
-        {"'on'", "----"}, {"1.5", "----"}, {"-1", "----"},         {"0", "yyy-"},
-        {"2", "yy-y"},    {"3", "-y-y"},   {"2147483648", "---y"}, {"4294967296", "----"},
+        {"'on'", 2, 0, 0, 60, 4},       {"1.5", 2, 0, 0, 60, 4},
+        {"-1", -1, 0, 0, 60, 3},        {"0", 0, 0, 0, 60, 1},
+        {"2", 2, 2, 2, 2, 0},           {"255", 255, 255, 255, 255, 0},
+        {"256", 256, 256, 0, 256, 1},   {"2147483648", 2, 0, 0, 2147483648, 3},
+        {"4294967296", 2, 0, 0, 60, 4},
     };
     ASSERT_EQ(db_set_gps_power_on_status(1), 0);
     for (const auto &row : rows) {
-        std::string readable;
-        for (const char *name : {"gps_power_on_status", "ta_power_on_status",
-                                 "location_history_status", "location_history_interval"}) {
-            sql("DELETE FROM settings"); // rows that are missing count as defaults
-            sql(std::string("INSERT INTO settings VALUES('") + name + "'," + row.value + ")");
-            int32_t value = -77;
+        SCOPED_TRACE(row.value);
+        sql(std::string("UPDATE settings SET value = ") + row.value);
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < 2; i++) {
+            int32_t power = -77, antenna = -77;
             location_history_settings history{77, 77};
-            const int result = name[0] == 'l'   ? db_read_location_history_settings(&history)
-                               : name[0] == 'g' ? db_read_gps_power_on_status(&value)
-                                                : db_read_ta_power_on_status(&value);
-            readable += result == 0 ? 'y' : '-';
-            EXPECT_EQ(value == -77 && history.status == 77 && history.interval == 77, result != 0)
-                << name << " " << row.value;
+            EXPECT_TRUE(db_read_gps_power_on_status(&power) == 0 && power == row.power);
+            EXPECT_TRUE(db_read_ta_power_on_status(&antenna) == 0 && antenna == row.antenna);
+            EXPECT_EQ(db_read_location_history_settings(&history), 0);
+            EXPECT_TRUE(history.status == row.status && history.interval == row.interval);
         }
-        EXPECT_EQ(readable, row.readable) << row.value;
+        EXPECT_EQ(occurrences(testing::internal::GetCapturedStderr(), "cannot be"), row.logged);
     }
-    EXPECT_TRUE(damaged_copies() == 0);
 }
 
 TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
-    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-    fs::remove("settings.db-wal");
-    fs::remove("settings.db-shm");
-    const std::string good = dir.read(file_);
+    const std::string good = make_database();
     ASSERT_GE(good.size(), 8192U);
     const struct {
         const char *name;
         std::string content;
     } rows[] = {
-        {"ten bytes", "0123456789"},
+        {"header alone", good.substr(0, 16)},
         {"second page lost", good.substr(0, 4096)},
         {"second page overwritten", good.substr(0, 4096) + std::string(4096, 'y')},
     };
@@ -129,21 +165,46 @@ TEST_F(settings_db, a_damaged_file_is_kept_and_defaults_serve) {
         EXPECT_TRUE(dir.read(copy) == row.content);
         EXPECT_EQ(dir.read(copy + "-wal"), "left over");
         EXPECT_EQ(db_set_gps_power_on_status(0), 0);
+        fs::remove(file_);
     }
 }
 
-TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
+TEST_F(settings_db, what_never_was_our_database_is_left_untouched) {
+    const std::string good = make_database();
+    std::string other_header = good;
+    other_header[0] = 's';
+    dir.write("elsewhere", good);
+    const struct {
+        const char *name;
+        std::function<void()> make;
+    } rows[] = {
+        {"text", [this] { dir.write(file_, "interval = 60\n"); }},
+        {"another header", [&] { dir.write(file_, other_header); }},
+        {"fifo", [this] { ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0); }},
+        {"link", [this] { fs::create_symlink("elsewhere", file_); }},
+        {"link to nothing", [this] { fs::create_symlink("nowhere", file_); }},
+        {"database of others", [this] { sql("CREATE TABLE bookmarks(x)"); }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        for (const char *ending : {"", "-wal", "-shm", "-journal"})
+            fs::remove(file_.string() + ending);
+        row.make();
+        const std::string before = fs::is_fifo(file_) ? "" : dir.read(file_);
+        int32_t value = -7;
+        EXPECT_NE(db_read_gps_power_on_status(&value), 0);
+        EXPECT_NE(db_set_gps_power_on_status(0), 0);
+        EXPECT_EQ(value, -7);
+        EXPECT_TRUE(fs::exists(fs::symlink_status(file_)));
+        EXPECT_TRUE(fs::is_fifo(file_) || dir.read(file_) == before);
+    }
+    EXPECT_EQ(damaged_copies(), 0);
+    EXPECT_FALSE(fs::exists("nowhere"));
+    EXPECT_TRUE(dir.read("elsewhere") == good);
+}
+
+TEST_F(settings_db, a_file_that_cannot_be_written_now_is_left_alone) {
     ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-
-    sqlite3 *writer = nullptr;
-    sqlite3_open(file_.c_str(), &writer);
-    sqlite3_exec(writer, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-    int32_t value = -7;
-    EXPECT_EQ(db_read_gps_power_on_status(&value), 0) << "a reader does not wait for a writer";
-    EXPECT_EQ(value, 1);
-    EXPECT_NE(db_set_gps_power_on_status(0), 0) << "busy";
-    sqlite3_close(writer);
-
     EXPECT_EQ(run_in_child([] { // nothing can be written: a full disk
                   signal(SIGXFSZ, SIG_IGN);
                   const rlimit none{0, 0};
@@ -152,14 +213,142 @@ TEST_F(settings_db, a_file_that_cannot_be_used_now_is_left_alone) {
               }),
               1)
         << "full";
-
-    EXPECT_TRUE(damaged_copies() == 0);
+    int32_t value = -7;
     EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
     EXPECT_EQ(value, 1);
+
+    const std::string good = make_database();
+    const int result = run_in_child([&] {
+        const char *here = dir.path().c_str();
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", here, "tmpfs", 0, nullptr) != 0 || chdir(here) != 0)
+            return 77;
+        dir.write(file_, good);
+        int32_t read_only = -7;
+        return mount("none", here, nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0 &&
+                       db_read_gps_power_on_status(&read_only) == 0 && read_only == 1 &&
+                       db_set_gps_power_on_status(0) != 0
+                   ? 1
+                   : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "no file system can be mounted here";
+    EXPECT_EQ(result, 1) << "a read-only file system without companions";
+}
+
+TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
+    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+    const fs::path lock_file = file_.string() + ".lock";
+    const int lock = open(lock_file.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    sqlite3 *writer = nullptr;
+    sqlite3_open(file_.c_str(), &writer);
+    sqlite3_exec(writer, "UPDATE settings SET value = 0; BEGIN EXCLUSIVE", nullptr, nullptr,
+                 nullptr);
+    const auto start = now();
+    for (int i = 0; i < 5; i++) {
+        int32_t value = -7;
+        EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
+        EXPECT_EQ(value, 0);
+    }
+    EXPECT_LT(now() - start, seconds(1)) << "five messages";
+    const auto refused = [](const char *why) {
+        const auto from = now();
+        EXPECT_NE(db_set_gps_power_on_status(2), 0) << why;
+        EXPECT_LT(now() - from, seconds(2)) << why;
+    };
+    refused("lock file");
+    close(lock);
+    refused("another writer");
+    sqlite3_close(writer);
+    EXPECT_EQ(db_set_gps_power_on_status(2), 0);
+}
+
+TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
+    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+    int32_t value = -7;
+    ASSERT_EQ(db_read_gps_power_on_status(&value), 0);
+    int ready[2], end[2];
+    ASSERT_TRUE(pipe2(ready, O_CLOEXEC) == 0 && pipe2(end, O_CLOEXEC) == 0);
+    const pid_t holder = start_child([&] { // every lock of the -shm, as one stopped in a recovery
+        const int shm = open("settings.db-shm", O_RDWR | O_CLOEXEC);
+        struct flock all = {};
+        all.l_type = F_WRLCK;
+        all.l_start = 120;
+        all.l_len = 8;
+        char byte = fcntl(shm, F_SETLK, &all) == 0 ? 'y' : 'n';
+        close(end[1]);
+        return write(ready[1], &byte, 1) == 1 && read(end[0], &byte, 1) == 0;
+    });
+    char held = 0;
+    ASSERT_EQ(read(ready[0], &held, 1), 1);
+    ASSERT_EQ(held, 'y');
+    testing::internal::CaptureStderr();
+    const auto start = now();
+    for (int i = 0; i < 5; i++) {
+        value = -7;
+        EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
+        EXPECT_EQ(value, 1);
+    }
+    EXPECT_LT(now() - start, seconds(2));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("the last read serve"),
+              std::string::npos);
+    close(end[1]);
+    EXPECT_EQ(end_of_child(holder), 1);
+    const auto until = now() + seconds(60);
+    sql("UPDATE settings SET value = 0");
+    while ((db_read_gps_power_on_status(&value) != 0 || value != 0) && now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(value, 0);
+    for (const int fd : {ready[0], ready[1], end[0]})
+        close(fd);
+}
+
+TEST_F(settings_db, another_file_at_the_path_is_taken_up) {
+    const std::string one = make_database();
+    ASSERT_EQ(db_set_gps_power_on_status(0), 0);
+    int32_t value = -7;
+    EXPECT_TRUE(db_read_gps_power_on_status(&value) == 0 && value == 0);
+    for (const char *ending : {"-wal", "-shm"})
+        fs::remove(file_.string() + ending);
+    dir.write("restored", one);
+    fs::rename("restored", file_);
+    EXPECT_TRUE(db_read_gps_power_on_status(&value) == 0 && value == 1);
+}
+
+TEST_F(settings_db, changes_made_at_once_by_threads_and_processes_all_hold) {
+    constexpr unsigned members[] = {1, 2, 4, 8};
+    const auto change_one = [](unsigned member) {
+        const db_settings wanted{{1, 7}, 4, 1};
+        int good = 0;
+        for (int i = 0; i < 5; i++) {
+            db_settings stored{};
+            location_history_settings history{};
+            good += db_change_settings(member, &wanted, &stored) == 0 &&
+                    db_read_location_history_settings(&history) == 0 &&
+                    (member != 2 || (stored.history.interval == 7 && history.interval == 7));
+        }
+        return good == 5;
+    };
+    std::array<pid_t, 4> children{};
+    for (size_t i = 0; i < children.size(); i++)
+        children[i] = start_child([&, i] { return change_one(members[i]); });
+    for (const pid_t child : children)
+        EXPECT_EQ(end_of_child(child), 1);
+    EXPECT_EQ(sql("SELECT group_concat(value) FROM settings"), "1,7,1,4");
+    sql("DELETE FROM settings");
+    std::vector<std::thread> threads;
+    for (const unsigned member : members)
+        threads.emplace_back([&, member] { EXPECT_TRUE(change_one(member)); });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(sql("SELECT group_concat(value) FROM settings"), "1,7,1,4");
 }
 
 TEST_F(settings_db, processes_that_find_the_same_damage_repair_it_once) {
-    for (const std::string &start : {std::string(9000, 'x'), std::string()}) {
+    const std::string damaged = make_database().substr(0, 4096) + std::string(4096, 'y');
+    for (const std::string &start : {damaged, std::string()}) {
         dir.write(file_, start);
         int gate[2];
         ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);

@@ -1,0 +1,18 @@
+// The library's two threads, one that reads and one that writes, and the waits for them. A caller
+// waits for a limited time, whatever a lock, the disk or another process does to the thread.
+//
+// Any thread may call. The threads start at the first use; a fork finds them at rest, and its
+// child begins with none and nothing open.
+#ifndef DBHANDLER_WORKER_H
+#define DBHANDLER_WORKER_H
+
+#include "dbhandler_store.h"
+
+// All values of one moment. Waits 100 ms at most, then gives the values of the last read of this
+// file, with a line in the log; 1 s where there was none. False: the reason is in the log.
+bool settings_read(settings_values &values);
+
+// As store_write, at settings_path(). Waits 1 s at most. False: the reason is in the log.
+bool settings_write(std::span<const setting_change> changes, settings_values &after);
+
+#endif
