@@ -7,6 +7,7 @@
 #include <optional>
 
 #include <CLI/CLI.hpp>
+#include <dlfcn.h>
 
 #include "dbhandler.h"
 #include "dbhandler_admin.h"
@@ -19,71 +20,129 @@ std::optional<uint32_t> interval_s;
 std::optional<int32_t> antenna;
 std::optional<std::string> power;
 
-struct settings {
-    location_history_settings history;
-    int32_t antenna;
-    int32_t power;
+// What only our own settings library has: looked up here, so that lsctl starts on a terminal whose
+// libdbhandler is another one.
+struct admin_calls {
+    decltype(&db_change_settings) change = nullptr;
+    decltype(&db_settings_file) file = nullptr;
 };
 
-bool read_settings(settings *stored) {
+const admin_calls &admin() {
+    static const admin_calls found = [] {
+        admin_calls calls;
+        if (void *library = dlopen("libdbhandler_admin.so", RTLD_NOW | RTLD_LOCAL)) {
+            calls.change =
+                reinterpret_cast<decltype(calls.change)>(dlsym(library, "db_change_settings"));
+            calls.file = reinterpret_cast<decltype(calls.file)>(dlsym(library, "db_settings_file"));
+        }
+        return calls;
+    }();
+    return found;
+}
+
+bool read_settings(db_settings *stored) {
     return db_read_location_history_settings(&stored->history) == 0 &&
-           db_read_ta_power_on_status(&stored->antenna) == 0 &&
-           db_read_gps_power_on_status(&stored->power) == 0;
+           db_read_ta_power_on_status(&stored->ta_power_on_status) == 0 &&
+           db_read_gps_power_on_status(&stored->gps_power_on_status) == 0;
 }
 
 int database_failure(const lsctl_options &options, const char *what) {
-    return lsctl_fail(
-        options, location_result::failed,
-        lsctl_format("the settings database %s cannot be %s", db_settings_file(), what));
+    const std::string name = admin().file != nullptr
+                                 ? lsctl_format("settings database %s", admin().file())
+                                 : std::string("settings database");
+    return lsctl_fail(options, location_result::failed,
+                      lsctl_format("the %s cannot be %s", name.c_str(), what));
 }
 
 bool wants_history() {
     return history.has_value() || interval_s.has_value();
 }
 
-// Stores what was typed. False: a value could not be stored.
-bool store(settings *stored) {
-    if (wants_history()) {
-        if (history.has_value()) {
-            stored->history.status = *history == "on" ? 1 : 0;
-        }
-        stored->history.interval = interval_s.value_or(stored->history.interval);
-        if (db_set_location_history_settings(&stored->history) != 0) {
-            return false;
-        }
+// The members typed, with their values.
+unsigned wanted_members(db_settings *wanted) {
+    unsigned members = 0;
+    if (history.has_value()) {
+        members |= DB_HISTORY_STATUS;
+        wanted->history.status = *history == "on" ? 1 : 0;
+    }
+    if (interval_s.has_value()) {
+        members |= DB_HISTORY_INTERVAL;
+        wanted->history.interval = *interval_s;
     }
     if (antenna.has_value()) {
-        stored->antenna = *antenna;
-        if (db_set_ta_power_on_status(stored->antenna) != 0) {
-            return false;
-        }
+        members |= DB_TA_POWER_ON_STATUS;
+        wanted->ta_power_on_status = *antenna;
     }
     if (power.has_value()) {
         // The words stand for the modes that lsctl power uses for them.
         const std::string mode = *power == "on" ? "2" : *power == "off" ? "0" : *power;
-        stored->power = mode[0] - '0';
-        if (db_set_gps_power_on_status(stored->power) != 0) {
-            return false;
-        }
+        members |= DB_GPS_POWER_ON_STATUS;
+        wanted->gps_power_on_status = mode[0] - '0';
     }
-    return true;
+    return members;
 }
 
-int show(const lsctl_options &options, const settings &stored) {
-    const bool on = stored.history.status == 1;
-    std::string text = lsctl_format("%-15s %s, every %u s\n", "History", on ? "on" : "off",
+bool holds(const db_settings &stored, unsigned members, const db_settings &wanted) {
+    return ((members & DB_HISTORY_STATUS) == 0 || stored.history.status == wanted.history.status) &&
+           ((members & DB_HISTORY_INTERVAL) == 0 ||
+            stored.history.interval == wanted.history.interval) &&
+           ((members & DB_TA_POWER_ON_STATUS) == 0 ||
+            stored.ta_power_on_status == wanted.ta_power_on_status) &&
+           ((members & DB_GPS_POWER_ON_STATUS) == 0 ||
+            stored.gps_power_on_status == wanted.gps_power_on_status);
+}
+
+// Stores what was typed, all of it or nothing, and reads what is stored then.
+int store_and_read(const lsctl_options &options, db_settings *stored) {
+    db_settings wanted{};
+    const unsigned members = wanted_members(&wanted);
+    if (members == DB_GPS_POWER_ON_STATUS) { // every libdbhandler has this one
+        if (db_set_gps_power_on_status(wanted.gps_power_on_status) != 0) {
+            return database_failure(options, "written");
+        }
+    } else if (members != 0) {
+        if (admin().change == nullptr) {
+            return lsctl_fail(options, location_result::failed,
+                              "nothing is stored: this terminal has no libdbhandler_admin.so, and "
+                              "its libdbhandler stores the receiver's --power-status only");
+        }
+        if (admin().change(members, &wanted, nullptr) != 0) {
+            return database_failure(options, "written");
+        }
+    }
+    if (!read_settings(stored)) {
+        return database_failure(options, "read");
+    }
+    if (!holds(*stored, members, wanted)) {
+        return lsctl_fail(options, location_result::failed,
+                          lsctl_format("stored in %s, but this terminal's libdbhandler reads "
+                                       "something else: it is another one that keeps its settings "
+                                       "elsewhere, or somebody changed them again",
+                                       admin().file != nullptr ? admin().file() : "the database"));
+    }
+    return LSCTL_OK;
+}
+
+int show(const lsctl_options &options, const db_settings &stored) {
+    const uint8_t status = stored.history.status;
+    const std::string acquisition = status == 1   ? "on"
+                                    : status == 0 ? "off"
+                                                  : lsctl_format("not valid (%u)", status);
+    std::string text = lsctl_format("%-15s %s, every %u s\n", "History", acquisition.c_str(),
                                     stored.history.interval);
-    text += lsctl_format("%-15s %d%s\n", "Antenna type", stored.antenna,
-                         stored.antenna == LS_ANTENNA_TYPE_GNSS ? " (GNSS)" : "");
-    text += lsctl_format("%-15s %s\n", "Receiver",
-                         lsctl_power_text(static_cast<uint32_t>(stored.power)).c_str());
-    return lsctl_show(options,
-                      {{"history_on", on},
-                       {"history_interval_s", stored.history.interval},
-                       {"antenna_type", stored.antenna},
-                       {"power_on_status", stored.power},
-                       {"settings_file", db_settings_file()}},
-                      text);
+    text += lsctl_format("%-15s %d%s\n", "Antenna type", stored.ta_power_on_status,
+                         stored.ta_power_on_status == LS_ANTENNA_TYPE_GNSS ? " (GNSS)" : "");
+    text +=
+        lsctl_format("%-15s %s\n", "Receiver",
+                     lsctl_power_text(static_cast<uint32_t>(stored.gps_power_on_status)).c_str());
+    lsctl_json object = {{"history_on", status == 1},
+                         {"history_interval_s", stored.history.interval},
+                         {"antenna_type", stored.ta_power_on_status},
+                         {"power_on_status", stored.gps_power_on_status}};
+    if (admin().file != nullptr) {
+        object["settings_file"] = admin().file();
+    }
+    return lsctl_show(options, object, text);
 }
 
 // Tells the service as WS, or under another id where WS is running.
@@ -140,12 +199,9 @@ void lsctl_add_settings(CLI::App &app) {
 }
 
 int lsctl_run_settings(const lsctl_options &options) {
-    settings stored{};
-    if (!read_settings(&stored)) {
-        return database_failure(options, "read");
-    }
-    if (!store(&stored)) {
-        return database_failure(options, "written");
+    db_settings stored{};
+    if (const int status = store_and_read(options, &stored); status != LSCTL_OK) {
+        return status;
     }
     if (const int status = show(options, stored); status != LSCTL_OK) {
         return status;
@@ -154,7 +210,8 @@ int lsctl_run_settings(const lsctl_options &options) {
         lsctl_complain("antenna type and receiver at start: taken up at the next start of the "
                        "location service");
     }
-    if (wants_history() && stored.history.status == 1 && stored.power != GPS_POWER_ON) {
+    if (wants_history() && stored.history.status == 1 &&
+        stored.gps_power_on_status != GPS_POWER_ON) {
         lsctl_complain("no history is acquired while the receiver is stored as off: lsctl power on "
                        "--as 6");
     }
