@@ -79,17 +79,19 @@ LOCATION_CLIENT_API location_result location_client_get_power(location_client *c
                                                               uint32_t *mode) noexcept;
 
 // Changes the power mode. *in_force, when wanted, is the mode afterwards, on `failed` too, where it
-// is asked with a second request. While the receiver is off only services 3, 6, 8 and 9 may switch
-// it on; switching off what is off fails, switching on what is on does not.
+// is asked with a second request in the time that is left; `no_reply` when that had no answer.
+// While the receiver is off only services 3, 6, 8 and 9 may switch it on; switching off what is off
+// fails, switching on what is on does not.
 LOCATION_CLIENT_API location_result location_client_set_power(location_client *client,
                                                               std::chrono::milliseconds timeout,
                                                               uint32_t mode,
                                                               uint32_t *in_force) noexcept;
 
 // The queries below, the registration and the engineering commands get no reply while the receiver
-// is off. When a reply is not there after 0.3 s, the client asks for the power mode too, and ends
-// the wait with `receiver_off` soon after that says so. It does not ask as service 3 (VoIP), whose
-// answered requests may switch a receiver off.
+// is off. When a reply is not there after 2 s, the client asks for the power mode too, and ends the
+// wait with `receiver_off` soon after that says so. It does not ask as service 2 (SAL) and 3
+// (VoIP), behind whose answers the service may switch the receiver off, nor as service 9, for which
+// it is always on: there, as with a shorter time-out, such a request ends with `no_reply`.
 LOCATION_CLIENT_API location_result location_client_get_position(location_client *client,
                                                                  std::chrono::milliseconds timeout,
                                                                  gps_pos_data *position) noexcept;

@@ -89,7 +89,7 @@ int run_lpp(const lsctl_options &options) {
     gps_lpp_location lpp{};
     const location_result result =
         location_client_get_lpp(link.client, lsctl_timeout(as_sal), &lpp);
-    if (result == location_result::receiver_busy) {
+    if (result == location_result::no_reply) {
         return lsctl_fail(as_sal, result,
                           lsctl_sentence(as_sal, result, link.client) +
                               " (it says nothing without a fix)");

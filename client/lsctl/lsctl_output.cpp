@@ -81,8 +81,10 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result,
     switch (result) {
     case location_result::no_reply:
         sentence += lsctl_format(" (%g s)", options.timeout_s);
-        if (options.as == LS_SERV_VOIP) {
-            sentence += "; the receiver may be switched off, which lsctl does not ask as service 3";
+        if (options.as == LS_SERV_SAL || options.as == LS_SERV_VOIP) {
+            sentence += lsctl_format("; the receiver may be switched off, which lsctl does not ask "
+                                     "as service %u",
+                                     options.as);
         }
         break;
     case location_result::receiver_off:

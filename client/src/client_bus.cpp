@@ -30,6 +30,9 @@ constexpr errno_result SEND_RESULTS[] = {
     {EPERM, location_result::bus_denied},
 };
 
+// A bus library may wait for something at each id; 32 times in vain is too long.
+constexpr std::chrono::seconds TOOL_ID_SEARCH{5};
+
 location_result result_of_errno(std::span<const errno_result> table, int code) {
     const auto found = std::find_if(table.begin(), table.end(),
                                     [code](const errno_result &row) { return row.code == code; });
@@ -48,18 +51,20 @@ location_result connect_as(location_client &client, uint8_t serv_id) {
     return result_of_errno(INIT_RESULTS, errno);
 }
 
+// Not every bus library says why an id cannot be had: whatever it says, the next id may do.
 location_result connect_as_tool(location_client &client) {
-    for (uint8_t id = LOCATION_CLIENT_TOOL_ID_FIRST; id <= LOCATION_CLIENT_TOOL_ID_LAST; ++id) {
-        const location_result result = connect_as(client, id);
-        // An id may also belong to another user's tool.
-        if (result != location_result::id_taken && result != location_result::bus_denied) {
+    const client_clock::time_point last_try = client_clock::now() + TOOL_ID_SEARCH;
+    bool taken = false;
+    location_result result = location_result::ids_exhausted;
+    for (uint8_t id = LOCATION_CLIENT_TOOL_ID_FIRST;
+         id <= LOCATION_CLIENT_TOOL_ID_LAST && client_clock::now() < last_try; ++id) {
+        result = connect_as(client, id);
+        if (result == location_result::answered) {
             return result;
         }
-        if (id == LOCATION_CLIENT_TOOL_ID_LAST && result == location_result::bus_denied) {
-            return result;
-        }
+        taken = taken || result == location_result::id_taken;
     }
-    return location_result::ids_exhausted;
+    return taken ? location_result::ids_exhausted : result;
 }
 
 location_result send_filled(location_client &client, const msg_hdr &hdr,
@@ -106,9 +111,9 @@ void take_update(location_client &client, const bus_msg &msg) {
 }
 
 void take_lpp(location_client &client, const bus_msg &msg) {
-    if (client.lpp_wanted && payload_size(msg) == sizeof(gps_lpp_location)) {
+    if (payload_size(msg) == sizeof(gps_lpp_location)) {
         std::memcpy(&client.lpp, msg.pld, sizeof(gps_lpp_location));
-        client.lpp_here = true;
+        ++client.lpp_count;
     }
 }
 

@@ -12,9 +12,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Least time for the second request of a power change.
-constexpr milliseconds CONFIRM_AT_LEAST{1000};
-
 // One exchange; on `answered` the reply has the size of its record, its status is not looked at.
 template <class record>
 location_result exchange(location_client *client, uint32_t msg_id, std::span<const uint8_t> payload,
@@ -75,8 +72,14 @@ std::span<const uint8_t> bytes_of(const record &value) {
     return {reinterpret_cast<const uint8_t *>(&value), sizeof value};
 }
 
-bool lpp_is_here(const void *client) {
-    return static_cast<const location_client *>(client)->lpp_here;
+struct lpp_asked {
+    const location_client *client;
+    uint64_t count; // of the answers before the question
+};
+
+bool lpp_is_here(const void *context) {
+    const auto *asked = static_cast<const lpp_asked *>(context);
+    return asked->client->lpp_count != asked->count;
 }
 
 bool update_is_here(const void *client) {
@@ -148,9 +151,11 @@ location_result location_client_set_power(location_client *client, milliseconds 
     }
     if (result == location_result::failed) {
         // A failed change and the closed gate look the same on the wire; the mode tells them apart.
-        const auto spent = std::chrono::duration_cast<milliseconds>(client_clock::now() - start);
-        const location_result read = location_client_get_power(
-            client, std::max(timeout - spent, CONFIRM_AT_LEAST), &now_in_force);
+        const auto left =
+            timeout - std::chrono::duration_cast<milliseconds>(client_clock::now() - start);
+        const location_result read = client_timeout_valid(left)
+                                         ? location_client_get_power(client, left, &now_in_force)
+                                         : location_result::no_reply;
         if (read != location_result::answered) {
             result = read;
         }
@@ -263,19 +268,19 @@ location_result location_client_get_lpp(location_client *client, milliseconds ti
     if (client == nullptr || client->serv_id != LS_SERV_SAL || !client_timeout_valid(timeout)) {
         return location_result::bad_argument;
     }
+    const client_clock::time_point start = client_clock::now();
+    lpp_asked asked{client, 0};
     {
         const std::lock_guard guard(client->lock);
-        client->lpp_wanted = true;
-        client->lpp_here = false;
+        asked.count = client->lpp_count;
     }
     location_result result = client_send_notification(
         *client, SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP, bytes_of(gps_lpp_location{}));
     if (result == location_result::answered) {
-        result = client_wait_or_diagnose(*client, timeout, lpp_is_here, client);
+        result = client_wait_or_diagnose(*client, start, timeout, lpp_is_here, &asked);
     }
-    const std::lock_guard guard(client->lock);
-    client->lpp_wanted = false;
     if (result == location_result::answered) {
+        const std::lock_guard guard(client->lock);
         *lpp = client->lpp;
     }
     return result;

@@ -47,9 +47,8 @@ struct location_client {
     std::array<ls_position_reply, CLIENT_UPDATE_SLOTS> updates{}; // ring
     size_t first_update = 0;
     size_t num_updates = 0;
-    bool lpp_wanted = false; // a request 19 is taken only while somebody waits for it
-    bool lpp_here = false;
-    gps_lpp_location lpp{};
+    uint64_t lpp_count = 0; // requests 19 so far: each answers all who asked before it
+    gps_lpp_location lpp{}; // of the last one
 };
 
 // The bus callback; runs on the bus library's receive thread.
@@ -79,13 +78,16 @@ bool client_wait(location_client &client, std::unique_lock<std::mutex> &held,
 location_result client_end_of_wait(const location_client &client,
                                    location_result otherwise) noexcept;
 
-// Waits for the condition. When it does not come true soon, finds out whether it can at all.
-location_result client_wait_or_diagnose(location_client &client, std::chrono::milliseconds timeout,
-                                        client_condition done, const void *context) noexcept;
+// Waits for the condition, which was asked for at `start`. When it does not come true soon, finds
+// out whether it can at all.
+location_result client_wait_or_diagnose(location_client &client, client_clock::time_point start,
+                                        std::chrono::milliseconds timeout, client_condition done,
+                                        const void *context) noexcept;
 
 enum class client_probing : uint8_t { no, yes };
 
 // One request and its reply, which is written only on `answered` and has exactly the wanted size.
+// The time-out counts from the call: only a send that the bus holds up can make it longer.
 location_result client_exchange(location_client &client, uint32_t msg_id,
                                 std::span<const uint8_t> payload, std::chrono::milliseconds timeout,
                                 client_probing probing, std::span<uint8_t> reply) noexcept;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +17,8 @@ using is = location_result;
 using std::chrono::milliseconds;
 
 constexpr milliseconds NONE{0};
-constexpr milliseconds SHORT{40}; // for replies that never come; below the power probe
+constexpr milliseconds SHORT{40};    // for replies that never come; below the power probe
+constexpr milliseconds PROBED{2300}; // long enough for it
 constexpr milliseconds LONG{5000};
 
 const bytes MODE_ON = {1, 0, 0, 0, 2, 0, 0, 0};
@@ -66,11 +68,13 @@ TEST_F(client_test, opening_and_sending_report_why_they_failed) {
 }
 
 TEST_F(client_test, takes_the_first_free_tool_id) {
-    fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}};
+    fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}, {34, EIO}, {35, ENOENT}};
     EXPECT_EQ(open(0), is::answered);
-    EXPECT_EQ(location_client_serv_id(client), 34);
-    fake.init_errno = {{-1, EADDRINUSE}, {31, 0}, {64, 0}};
+    EXPECT_EQ(location_client_serv_id(client), 36);
+    fake.init_errno = {{-1, EADDRINUSE}, {31, 0}, {63, EACCES}, {64, 0}};
     EXPECT_EQ(open(0), is::ids_exhausted);
+    fake.init_errno = {{-1, ENOENT}};
+    EXPECT_EQ(open(0), is::no_bus);
 }
 
 TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
@@ -162,7 +166,7 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
             if (m.hdr.msg_id == 1001)
                 fake_reply(m.hdr, row.first);
         };
-        EXPECT_EQ(location_client_get_position(client, milliseconds(450), &position), row.second);
+        EXPECT_EQ(location_client_get_position(client, PROBED, &position), row.second);
     }
     // An answer that follows the word of an off receiver still counts.
     fake.service = [asked = msg_hdr()](const sent_message &m) mutable {
@@ -173,11 +177,46 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
         asked = m.hdr;
     };
     EXPECT_EQ(location_client_get_position(client, LONG, &position), is::answered);
-    // To VoIP, a reply about the power mode would be news of it.
-    fake_reset();
-    open(LS_SERV_VOIP);
-    EXPECT_EQ(location_client_get_position(client, milliseconds(400), &position), is::no_reply);
+    // Behind an answer to these the service switches a receiver off, unless something is asked.
+    for (const uint8_t service : {LS_SERV_SAL, LS_SERV_VOIP}) {
+        fake_reset();
+        open(service);
+        EXPECT_EQ(location_client_get_position(client, PROBED, &position), is::no_reply);
+        EXPECT_TRUE(fake_sent(1001).empty());
+    }
+}
+
+TEST_F(client_test, a_query_of_a_slow_line_is_not_doubled) {
+    std::thread line;
+    fake.service = [&line](const sent_message &m) {
+        if (!line.joinable())
+            line = std::thread([m] {
+                std::this_thread::sleep_for(milliseconds(700));
+                fake_reply(m.hdr, position_reply());
+            });
+    };
+    EXPECT_EQ(location_client_get_position(client, LONG, &position), is::answered);
+    line.join();
     EXPECT_TRUE(fake_sent(1001).empty());
+}
+
+TEST_F(client_test, a_time_out_counts_from_the_call) {
+    const milliseconds held_up{1000}; // by a full queue
+    fake.service = [&](const sent_message &m) {
+        if (m.hdr.msg_id != 1002)
+            std::this_thread::sleep_for(held_up);
+    };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(location_client_get_power(client, held_up, &mode), is::no_reply);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1800));
+    // Nor is there a second more for the second request of a failed change.
+    fake.service = [](const sent_message &m) {
+        if (m.hdr.msg_id == 1002)
+            fake_reply(m.hdr, bytes(8));
+    };
+    const auto second = std::chrono::steady_clock::now();
+    EXPECT_EQ(location_client_set_power(client, SHORT, 2, &mode), is::no_reply);
+    EXPECT_LT(std::chrono::steady_clock::now() - second, milliseconds(900));
 }
 
 TEST_F(client_test, nmea_travels_as_its_body) {
@@ -252,6 +291,18 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
     fake.service = nullptr;
     EXPECT_EQ(location_client_get_lpp(client, SHORT, &lpp), is::no_reply);
     EXPECT_EQ(lpp.confidence, 0);
+    // An answer counts for all who asked before it, whoever asks behind it.
+    fake.service = [&, asked = false](const sent_message &) mutable {
+        if (std::exchange(asked, true))
+            return;
+        fake_send(LS_MSG_REQUEST, 19, padded({}, 24, {70}, 11));
+        std::thread([&] {
+            gps_lpp_location other;
+            EXPECT_EQ(location_client_get_lpp(client, SHORT, &other), is::no_reply);
+        }).join();
+    };
+    EXPECT_EQ(location_client_get_lpp(client, LONG, &lpp), is::answered);
+    EXPECT_EQ(lpp.confidence, 70);
 }
 
 TEST_F(client_test, cancelling_ends_the_wait_until_resumed) {
