@@ -50,9 +50,23 @@ std::string location(std::span<const uint8_t> payload) {
     return text.data();
 }
 
+// What others wrote must not reach a terminal's or the log's control.
+std::string escaped(std::span<const char> text) {
+    std::string shown;
+    for (const char c : text) {
+        std::array<char, 5> piece{c};
+        if (c < ' ' || c > '~' || c == '"' || c == '\\') {
+            std::snprintf(piece.data(), piece.size(), "\\x%02X", static_cast<unsigned char>(c));
+        }
+        shown += piece.data();
+    }
+    return shown;
+}
+
 std::string alarm(std::span<const uint8_t> payload) {
     const auto raised = copy_of<ws_alarm_pld>(payload);
-    const std::string said(raised.text, strnlen(raised.text, sizeof raised.text));
+    const std::string said =
+        escaped(std::span(raised.text).first(strnlen(raised.text, sizeof raised.text)));
     const time_t seconds = raised.time;
     tm utc{};
     gmtime_r(&seconds, &utc);

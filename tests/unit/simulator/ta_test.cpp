@@ -1,4 +1,6 @@
 // The TA's exchanges; the system tests have it and the other services on a real bus.
+#include "decode.h"
+#include "ls_messages.h"
 #include "receiver_rig.h"
 #include "ta.h"
 
@@ -71,6 +73,17 @@ TEST_F(ta_unit, lengths) {
     EXPECT_EQ(take(std::vector<uint8_t>(411)), "payload of 411 bytes");
     EXPECT_EQ(take(ta_request("", 201)), "command of 201 bytes");
     EXPECT_EQ(take(ta_request("", 200)), "none");
+}
+
+TEST(stand_ins, the_text_of_an_alarm_is_escaped) {
+    std::vector<uint8_t> payload(sizeof(ws_alarm_pld));
+    const std::string text = "a\x1B[2J\n\"\\\xFF~";
+    std::copy(text.begin(), text.end(), payload.begin());
+    msg_hdr hdr{};
+    hdr.msg_id = WS_NOTIFY_ALARM_UPDATE;
+    EXPECT_EQ(services_decode(hdr, payload),
+              "request 810 from 0, alarm: \"a\\x1B[2J\\x0A\\x22\\x5C\\xFF~\" at "
+              "1970-01-01T00:00:00Z");
 }
 
 } // namespace
