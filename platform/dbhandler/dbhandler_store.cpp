@@ -308,14 +308,14 @@ outcome attempt(const std::string &path, request call, bool create, settings_val
     o = execute(
         db.get(),
         "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=0; PRAGMA wal_autocheckpoint=32");
-    // Not on every open: it would write into files that turn out not to be ours. Another journal
-    // mode is as safe, only slower, so not getting this one is no failure.
-    if (o == outcome::done && create && there.st_size == 0)
-        sqlite3_exec(db.get(), "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     if (o == outcome::done)
         o = transact(db.get(), call, create, after);
-    if (o == outcome::done)
+    if (o == outcome::done) {
+        // Not before: it would write into files that turn out not to be ours. In another journal
+        // mode readers wait for writers; not getting this one is no failure.
+        sqlite3_exec(db.get(), "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
         sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    }
     return o;
 }
 
