@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # lsctl on a terminal whose libdbhandler has the service's four calls only, with and without our library for tools.
-# Usage: foreign_dbhandler.sh LSCTL FOREIGN-LIBRARY
+# Usage: four_calls_dbhandler.sh LSCTL FOREIGN-LIBRARY OUR-DIRECTORY
 set -euo pipefail
 lsctl=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$2" "$work/libdbhandler.so"
-export LD_LIBRARY_PATH=$work DBHANDLER_FILE=$work/settings.db MQUTILS_DIR=$work/bus
+export LD_LIBRARY_PATH=$work:$3 DBHANDLER_FILE=$work/settings.db MQUTILS_DIR=$work/bus
 failed=0
 # expect STATUS TEXT ARGUMENT...
 expect() {
