@@ -48,8 +48,8 @@ class line_peer {
         close(master);
     }
 
-    void send(const std::string &bytes) const {
-        if (::write(master, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+    void send(const std::string &text) const {
+        if (::write(master, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
             std::abort();
     }
     std::vector<std::string> commands() {
@@ -67,9 +67,9 @@ class line_peer {
                 usleep(1000); // nobody has the other end open
                 continue;
             }
-            std::array<char, 1024> bytes;
-            const ssize_t count = ::read(master, bytes.data(), bytes.size());
-            pending.append(bytes.data(), count > 0 ? static_cast<size_t>(count) : 0);
+            std::array<char, 1024> arrived;
+            const ssize_t count = ::read(master, arrived.data(), arrived.size());
+            pending.append(arrived.data(), count > 0 ? static_cast<size_t>(count) : 0);
             while (!pending.empty()) {
                 const size_t end = pending[0] == '$' ? pending.find('\n') : pending.size() - 1;
                 if (end == std::string::npos)
