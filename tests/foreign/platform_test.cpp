@@ -1,0 +1,145 @@
+// What the daemon must stand from libraries it has never met: their signals, their stacks, their
+// threads.
+#include "bench.h"
+
+#include <sys/resource.h>
+
+#include "line_peer.h"
+
+namespace {
+
+constexpr int OWN_SIGNALS = 50;
+
+class signals : public bench, public testing::WithParamInterface<foreign_place> {};
+
+TEST_P(signals, of_a_library_all_arrive_at_the_thread_that_waits_for_them) {
+    state->own_signal = GetParam();
+    start();
+    for (int i = 0; i < OWN_SIGNALS && lives(); ++i) {
+        kill(state->pid, SIGRTMIN + 5);
+        usleep(2000);
+    }
+    EXPECT_TRUE(wait_until([&] { return state->signals_taken == OWN_SIGNALS || !lives(); }));
+    EXPECT_EQ(state->signals_taken, OWN_SIGNALS);
+    EXPECT_EQ(std::string(ask("A").command), "A");
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_P(signals, sigio_of_a_library_reaches_its_handler) {
+    state->own_sigio = GetParam();
+    start();
+    kill(state->pid, SIGIO);
+    EXPECT_TRUE(wait_until([&] { return state->sigio_taken == 1; }));
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_P(signals, nothing_but_the_daemons_own_is_blocked_in_a_librarys_thread) {
+    start();
+    uint64_t own = 0;
+    for (const int signal :
+         {SIGTERM, SIGHUP, SIGTSTP, SIGRTMIN + 1, SIGRTMIN + 10, SIGRTMIN + 11, SIGRTMIN + 12})
+        own |= uint64_t{1} << (signal - 1);
+    EXPECT_EQ(state->born_mask[GetParam()], own) << std::hex << state->born_mask[GetParam()];
+    EXPECT_EQ(end(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(in, signals, testing::Values(IN_RTC_INIT_TIMERS, IN_SCM_CONN_INIT),
+                         [](const auto &row) {
+                             return row.param == IN_SCM_CONN_INIT ? "scm_conn_init"
+                                                                  : "rtc_init_timers";
+                         });
+
+// With no room for a queued signal the kernel reports a change as SIGIO instead.
+TEST_F(bench, a_change_that_the_kernel_cannot_queue_is_still_read) {
+    start();
+    const rlimit none = {};
+    ASSERT_EQ(prlimit(state->pid, RLIMIT_SIGPENDING, &none, nullptr), 0);
+    const int before = now();
+    scratch_dir::write("user/stub_location/stub_loc.gps",
+                       "STATIC_LOCATION = ON\n7007.939,N,01131.000,E\n");
+    await_log("static location is ON", before);
+    EXPECT_TRUE(lives());
+    EXPECT_EQ(end(), 0);
+}
+
+// A message, a log line and a record of settings on the stack, nested, twice over.
+TEST_F(bench, every_thread_carries_a_librarys_stack) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer keeps its own record of a thread on the thread's stack";
+#endif
+    state->stack_rounds = 2;
+    start();
+    EXPECT_EQ(reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)).size(), sizeof(ls_power_reply));
+    EXPECT_EQ(std::string(ask("A").command), "A");
+    EXPECT_EQ(reply(deliver(LS_REQUEST_SET_POWER_MODE, LS_SERV_WS, {2, 0, 0, 0})).size(),
+              sizeof(ls_power_reply));
+    const int before = now();
+    scratch_dir::write("user/stub_location/stub_loc.gps", "STATIC_LOCATION = OF\n");
+    await_log("static location is OFF", before);
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(bench, changed_history_settings_are_applied_in_the_callback) {
+    start();
+    reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)); // and its worker's vote
+    await_call("pm_system_state_enable", await_call("send_msg returns"));
+    constexpr uint32_t id = WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE;
+    constexpr int burst = 20;
+    const int before = now();
+    for (int i = 0; i < burst; ++i)
+        deliver(id, LS_SERV_WS, {}, LS_MSG_NOTIFICATION);
+    int last = before;
+    for (int i = 0; i < burst; ++i)
+        last = await_call("on_message returned", last) + 1;
+    std::string calls;
+    std::vector<int> threads;
+    for (const foreign_event &event : events(before)) {
+        if (event.kind == EVENT_CALL)
+            calls += event.first + "\n";
+        if (std::find(threads.begin(), threads.end(), event.thread) == threads.end())
+            threads.push_back(event.thread);
+    }
+    std::string wanted;
+    for (int i = 0; i < burst; ++i)
+        wanted += "on_message\npm_system_state_disable\ndb_read_location_history_settings\n"
+                  "pm_system_state_enable\non_message returned\n";
+    EXPECT_EQ(calls, wanted);
+    EXPECT_EQ(threads.size(), 1u);
+    EXPECT_EQ(end(), 0);
+}
+
+class deletion : public bench, public testing::WithParamInterface<int> {};
+
+// The timer's callback waits for the TA, whose answer comes through the thread that deletes the
+// timer.
+TEST_P(deletion, of_a_timer_whose_callback_waits_for_the_ta) {
+    state->history = 1;
+    state->deletion_waits = GetParam();
+    ta_silent = true;
+    start();
+    const int asked =
+        await("1416", [](const auto &e) { return e.is_send(0, TA_REQUEST_GPS_DATA); });
+    deliver(WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE, LS_SERV_WS, {},
+            LS_MSG_NOTIFICATION);
+    const int applied = await_call("on_message returned", asked);
+    if (GetParam() == 0) { // the acquisition is not disturbed
+        ta_silent = false;
+        answer_ta(echo("GPGPQ,GGA"));
+        await(
+            "GSA", [](const auto &e) { return e.is_send(0, TA_REQUEST_GPS_DATA); }, applied);
+        EXPECT_EQ(count([](const auto &e) { return e.is_log("semaphore timed out"); }), 0);
+    } else { // it ends by its wait time
+        EXPECT_LT(await_log("semaphore timed out", asked), applied);
+        ta_silent = false;
+        answer_ta(echo("GPGPQ,GGA")); // late
+    }
+    await_call("timer callback returned", asked);
+    EXPECT_EQ(ask("A").status, 1u);
+    EXPECT_EQ(end(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(that, deletion, testing::Values(0, 1), [](const auto &row) {
+    return row.param == 0 ? "returns_at_once" : "waits_for_the_callback";
+});
+
+} // namespace
