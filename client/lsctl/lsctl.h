@@ -118,7 +118,6 @@ lsctl_runner lsctl_nmea(CLI::App &app);
 lsctl_runner lsctl_ubx(CLI::App &app);
 lsctl_runner lsctl_lpp(CLI::App &app);
 lsctl_runner lsctl_history(CLI::App &app);
-void lsctl_add_settings(CLI::App &app);
-int lsctl_run_settings(const lsctl_options &options);
+lsctl_runner lsctl_settings(CLI::App &app);
 
 #endif

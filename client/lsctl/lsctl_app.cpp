@@ -16,11 +16,6 @@ struct lsctl_command {
     lsctl_maker make;
 };
 
-lsctl_runner make_settings(CLI::App &app) {
-    lsctl_add_settings(app);
-    return lsctl_run_settings;
-}
-
 constexpr std::array COMMANDS = {
     lsctl_command{"position", "Position, fix and accuracy", lsctl_position},
     lsctl_command{"time", "UTC date, time and time of week", lsctl_time},
@@ -33,7 +28,7 @@ constexpr std::array COMMANDS = {
     lsctl_command{"lpp", "LPP location parameters, asked as SAL", lsctl_lpp},
     lsctl_command{"history", "The location history, as lines, table, map file or drawing",
                   lsctl_history},
-    lsctl_command{"settings", "Show or change the stored settings", make_settings},
+    lsctl_command{"settings", "Show or change the stored settings", lsctl_settings},
 };
 
 constexpr const char *FOOTER =

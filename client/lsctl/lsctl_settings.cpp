@@ -14,11 +14,21 @@
 
 namespace {
 
-// As typed.
-std::optional<std::string> history;
-std::optional<uint32_t> interval_s;
-std::optional<int32_t> antenna;
-std::optional<std::string> power;
+struct settings_command {
+    // As typed.
+    std::optional<std::string> history;
+    std::optional<uint32_t> interval_s;
+    std::optional<int32_t> antenna;
+    std::optional<std::string> power;
+
+    void add_options(CLI::App &app);
+    int run(const lsctl_options &options) const;
+
+  private:
+    bool wants_history() const;
+    unsigned wanted_members(db_settings *wanted) const;
+    int store_and_read(const lsctl_options &options, db_settings *stored) const;
+};
 
 // What only our own settings library has: looked up here, so that lsctl starts on a terminal whose
 // libdbhandler is another one.
@@ -54,12 +64,12 @@ int database_failure(const lsctl_options &options, const char *what) {
                       lsctl_format("the %s cannot be %s", name.c_str(), what));
 }
 
-bool wants_history() {
+bool settings_command::wants_history() const {
     return history.has_value() || interval_s.has_value();
 }
 
 // The members typed, with their values.
-unsigned wanted_members(db_settings *wanted) {
+unsigned settings_command::wanted_members(db_settings *wanted) const {
     unsigned members = 0;
     if (history.has_value()) {
         members |= DB_HISTORY_STATUS;
@@ -93,7 +103,7 @@ bool holds(const db_settings &stored, unsigned members, const db_settings &wante
 }
 
 // Stores what was typed, all of it or nothing, and reads what is stored then.
-int store_and_read(const lsctl_options &options, db_settings *stored) {
+int settings_command::store_and_read(const lsctl_options &options, db_settings *stored) const {
     db_settings wanted{};
     const unsigned members = wanted_members(&wanted);
     if (members == DB_GPS_POWER_ON_STATUS) { // every libdbhandler has this one
@@ -176,13 +186,7 @@ int tell_the_service(const lsctl_options &options) {
     }
 }
 
-} // namespace
-
-void lsctl_add_settings(CLI::App &app) {
-    history.reset();
-    interval_s.reset();
-    antenna.reset();
-    power.reset();
+void settings_command::add_options(CLI::App &app) {
     app.add_option("--history", history, "Acquisition of the location history")
         ->option_text("on|off")
         ->check(CLI::IsMember({"on", "off"}));
@@ -198,7 +202,7 @@ void lsctl_add_settings(CLI::App &app) {
         ->check(CLI::IsMember({"on", "off", "0", "1", "2"}));
 }
 
-int lsctl_run_settings(const lsctl_options &options) {
+int settings_command::run(const lsctl_options &options) const {
     db_settings stored{};
     if (const int status = store_and_read(options, &stored); status != LSCTL_OK) {
         return status;
@@ -216,4 +220,10 @@ int lsctl_run_settings(const lsctl_options &options) {
                        "--as 6");
     }
     return wants_history() ? tell_the_service(options) : LSCTL_OK;
+}
+
+} // namespace
+
+lsctl_runner lsctl_settings(CLI::App &app) {
+    return lsctl_make<settings_command>(app);
 }
