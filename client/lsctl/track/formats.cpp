@@ -1,12 +1,17 @@
 // lsctl: a track as lines, CSV, JSON, GPX 1.1, KML 2.2 and GeoJSON (RFC 7946).
 //
-// Nothing in a history is free text: only numbers and times go into the documents, which therefore
-// need no escaping.
+// A JSON document is written an object at a time, so that it never stands in memory as a whole. In
+// the XML ones nothing is free text: only numbers and times go into them, which need no escaping.
 #include "track.h"
 
 #include <cinttypes>
+#include <cmath>
+
+#include <nlohmann/json.hpp>
 
 namespace {
+
+using json = nlohmann::ordered_json;
 
 constexpr size_t PROGRESS_EVERY = 512; // points
 
@@ -73,24 +78,37 @@ void write_kml_piece(const track_piece &piece, FILE *out) {
     put("</coordinates>\n</LineString>\n", out);
 }
 
+// Degrees as the exported lines have them, to the sixth digit.
+double rounded(double degrees) {
+    return std::round(degrees * 1e6) / 1e6;
+}
+
+json point_json(const track_point &at) {
+    const char *fix = fix_name(at.fix);
+    return {{"time_utc", track_utc_text(at.utc)},
+            {"time_local", local_text(at)},
+            {"fix_type", fix == nullptr ? json() : json(fix)},
+            {"latitude_deg", at.placed ? json(rounded(at.latitude)) : json()},
+            {"longitude_deg", at.placed ? json(rounded(at.longitude)) : json()},
+            {"horizontal_accuracy_m", std::round(at.accuracy_m * 100) / 100},
+            {"satellites_used", at.satellites}};
+}
+
 // A line of two points or more, or a single point.
-void write_geojson_feature(const track_piece &piece, FILE *out) {
+json geojson_feature(const track_piece &piece) {
     const bool line = piece.size() > 1;
-    std::fprintf(out, R"({"type":"Feature","geometry":{"type":"%s","coordinates":)",
-                 line ? "LineString" : "Point");
-    put(line ? "[\n" : "", out);
-    for (size_t i = 0; i < piece.size(); ++i) {
-        std::fprintf(out, "%s[%.6f,%.6f]", i == 0 ? "" : ",\n", piece[i].longitude,
-                     piece[i].latitude);
+    json places = json::array();
+    json times = json::array();
+    for (const track_vertex &at : piece) {
+        places.push_back({rounded(at.longitude), rounded(at.latitude)});
+        times.push_back(track_utc_text(at.utc));
     }
-    put(line ? "\n]" : "", out);
-    std::fprintf(out, R"(},"properties":{"start":"%s","end":"%s","times":[)",
-                 track_utc_text(piece.front().utc).c_str(),
-                 track_utc_text(piece.back().utc).c_str());
-    for (size_t i = 0; i < piece.size(); ++i) {
-        std::fprintf(out, "%s\"%s\"", i == 0 ? "" : ",\n", track_utc_text(piece[i].utc).c_str());
-    }
-    put("]}}", out);
+    json feature = {{"type", "Feature"},
+                    {"geometry", {{"type", line ? "LineString" : "Point"}}},
+                    {"properties", {{"start", times.front()}, {"end", times.back()}}}};
+    feature["geometry"]["coordinates"] = line ? std::move(places) : places.front();
+    feature["properties"]["times"] = std::move(times);
+    return feature;
 }
 
 } // namespace
@@ -125,20 +143,8 @@ void track_write_csv(const track &all, int64_t, FILE *out, const track_progress 
 void track_write_json(const track &all, int64_t, FILE *out, const track_progress &progress) {
     put("{\"positions\":[", out);
     for (size_t i = 0; i < all.points.size(); ++i) {
-        const track_point &at = all.points[i];
-        const char *fix = fix_name(at.fix);
-        const char *quote = fix == nullptr ? "" : "\"";
-        std::fprintf(out, R"(%s{"time_utc":"%s","time_local":"%s","fix_type":%s%s%s,)",
-                     i == 0 ? "\n" : ",\n", track_utc_text(at.utc).c_str(), local_text(at).c_str(),
-                     quote, fix == nullptr ? "null" : fix, quote);
-        if (at.placed) {
-            std::fprintf(out, R"("latitude_deg":%.6f,"longitude_deg":%.6f,)", at.latitude,
-                         at.longitude);
-        } else {
-            put(R"("latitude_deg":null,"longitude_deg":null,)", out);
-        }
-        std::fprintf(out, R"("horizontal_accuracy_m":%.2f,"satellites_used":%)" PRIu32 "}",
-                     at.accuracy_m, at.satellites);
+        put(i == 0 ? "\n" : ",\n", out);
+        put(point_json(all.points[i]).dump(), out);
         tell(progress, i, all.points.size());
     }
     std::fprintf(out, "\n],\"skipped_lines\":%zu}\n", all.bad_lines);
@@ -207,7 +213,7 @@ void track_write_geojson(const track &all, int64_t gap_s, FILE *out,
     for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
         for (const track_piece &piece : track_pieces(all, stretch)) {
             put(before, out);
-            write_geojson_feature(piece, out);
+            put(geojson_feature(piece).dump(), out);
             before = ",\n";
         }
     });
