@@ -1,11 +1,14 @@
-// The log of dropped datagrams: syslog(3) at LOG_WARNING and, when asked for, stderr as well.
+// The log of dropped datagrams.
 //
 // A peer that floods us with rubbish must not flood the log: at most drop_lines_per_window lines in
-// a window of drop_window_ms; how many were left out is told by the next line written.
+// a window of drop_window_ms. How many were left out, or found no log daemon that took them, is
+// told by the next line written.
 //
 // Thread contract: one drop_log belongs to one receive thread.
 #ifndef MQUTILS_DROP_LOG_H
 #define MQUTILS_DROP_LOG_H
+
+#include "mqutils_log.h"
 
 #include <sys/types.h>
 
@@ -19,7 +22,7 @@ constexpr int64_t drop_window_ms = 1000;
 
 struct drop_log {
     uint8_t serv_id = 0;
-    bool to_stderr = false;
+    log_target target;
     bool started = false;
     int64_t window_start_ms = 0;
     unsigned lines_in_window = 0;
@@ -29,13 +32,12 @@ struct drop_log {
 struct dropped_datagram {
     const char *reason;
     size_t bytes;    // its real length
-    int claimed_src; // -1 = it has no header
-    pid_t pid;       // of the sender; 0 and uid -1 = not known
+    int claimed_src; // -1 = it has no header; the next two are then 0
+    unsigned msg_id;
+    unsigned msg_type;
+    pid_t pid; // of the sender; 0 and uid -1 = not known
     uid_t uid;
 };
-
-// Whether a line may be written at `now_ms`; counts it either way.
-bool drop_log_admit(drop_log &log, int64_t now_ms);
 
 // Counts the drop and writes a line if one may be written.
 void drop_log_write(drop_log &log, int64_t now_ms, const dropped_datagram &drop);

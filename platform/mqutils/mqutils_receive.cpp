@@ -126,7 +126,7 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     if (!has_arrived) {
         if (read_error != EINTR) {
             // No ordinary state of a datagram socket; do not spin on it.
-            drop_log_write(log, monotonic_ms(), {strerrordesc_np(read_error), 0, -1, 0, 0});
+            drop_log_write(log, monotonic_ms(), {strerrordesc_np(read_error), 0, -1, 0, 0, 0, 0});
             poll(nullptr, 0, failed_read_pause_ms);
         }
         return;
@@ -134,10 +134,11 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     msg_hdr &hdr = buffer.msg.hdr;
     const char *reason = reason_to_drop(conn, hdr, arrived);
     if (reason != nullptr) {
-        const int claimed = arrived.bytes < sizeof hdr ? -1 : hdr.src_serv_id;
-        drop_log_write(
-            log, monotonic_ms(),
-            {reason, arrived.bytes, claimed, arrived.credentials.pid, arrived.credentials.uid});
+        const bool has_header = arrived.bytes >= sizeof hdr;
+        drop_log_write(log, monotonic_ms(),
+                       {reason, arrived.bytes, has_header ? hdr.src_serv_id : -1,
+                        has_header ? hdr.msg_id : 0, has_header ? hdr.msg_type : 0U,
+                        arrived.credentials.pid, arrived.credentials.uid});
         return;
     }
     if (log.suppressed > 0) {
@@ -150,7 +151,7 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
 void *receive_main(void *argument) {
     connection &conn = *static_cast<connection *>(argument);
     const std::unique_ptr<receive_buffer> buffer(conn.buffer);
-    drop_log log{.serv_id = conn.serv_id, .to_stderr = conn.log_to_stderr};
+    drop_log log{.serv_id = conn.serv_id, .target = {.to_stderr = conn.log_to_stderr}};
 
     std::array<char, 16> name{};
     std::snprintf(name.data(), name.size(), "mqutils-%u", conn.serv_id);
