@@ -5,10 +5,11 @@
  * errno then says why. After success errno is what it was before.
  *
  * The bus is a directory in which service N owns the socket file "N", or the one that "N" leads to
- * when it is a symbolic link of the directory's owner. Who may enter the socket's directory may
- * send, who may write to it may own the id (and needs to read it, too). A sender is believed
- * when the user the kernel names owns the socket of the service it claims to be; the rest, and
- * whatever is malformed, is dropped with a warning in the log, at most five lines a second.
+ * when it is a symbolic link of the directory's owner. Who may write to the socket's directory may
+ * own the id (and needs to read it, too). Sockets have mode 0660: who is in the socket's group, which
+ * is its directory's where that has the set-group-id bit, may send. A sender is believed when the
+ * user the kernel names owns the socket of the service it claims to be; the rest, and whatever is
+ * malformed, is dropped with a warning in the log, at most five lines a second.
  * A child forked by a service shares the socket: while it lives, the id has a live owner.
  *
  * Environment, read by every scm_conn_init (ignored in set-user-id programs):
@@ -73,7 +74,8 @@ static_assert(sizeof(void *) != 4 || offsetof(struct scm_conn, on_message) == 76
  *   ENOENT, ENOTDIR, ENAMETOOLONG, EACCES, EROFS: no such directory, or no right to own an id
  *   EPERM       the process runs with a real user other than its effective one
  *   ENOTSOCK    a file that is no socket is in the way
- *   EBUSY       the directory stayed locked by another process for a second
+ *   EBUSY       a dead owner's socket is to be replaced, and the directory stayed locked by another
+ *               process for a fifth of a second
  *   EMFILE, ENFILE, ENOMEM, EAGAIN: out of descriptors, connections (64), memory or threads */
 int scm_conn_init(struct scm_conn *conn, uint8_t serv_id);
 

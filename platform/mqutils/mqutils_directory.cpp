@@ -1,20 +1,26 @@
 // The bus directory: see mqutils_directory.h.
 //
-// Taking an id. Looking whether the present socket has an owner, removing it when it has none and
-// binding the new one are one step under flock() of the directory, and so is giving an id back. So
-// of two starters one runs through all of it and the other finds a live owner. The proof of life is
-// the kernel's: connect() to a datagram socket succeeds as long as some process holds the bound
-// socket, whatever became of its owner, and is refused afterwards. The kernel also drops the lock
-// of a process that dies half-way; what such a process leaves is no socket or a dead one, both of
-// which the next starter deals with. There is no lock file that could be removed under a waiter.
+// Taking an id is bind(), which fails where the name exists. Giving it back is unlink(), while the
+// socket is still alive. Neither needs a lock. Only to replace what a dead owner left takes two
+// steps, proof of death and removal, which must be one: of two starters the second would remove the
+// first one's new socket. They hold flock() of the directory. The proof is the kernel's: connect()
+// to a datagram socket succeeds as long as some process holds the bound socket, whatever became of
+// its owner, and is refused afterwards. It is refused, too, in the moment that bind() needs between
+// the file and the socket behind it: so a file is born with another mode than it gets then, and one
+// that still has that mode is dead only when it is older than any such moment. The kernel drops the
+// lock of a process that dies half-way; there is no lock file that could be removed under a waiter.
 //
 // Where the name of a service is a symbolic link, its target is the service's place: all of the
 // above happens there, in the directory that the target is in. So a directory in which nobody may
 // create anything can still give each service a place of its own. Only links of the user who owns
 // the bus directory count; any other is what it always was, something in the way.
 //
-// Whoever may read a place's directory may hold that lock; waiting for it is therefore bounded.
-// Owners need read, write and search permission there, senders only search permission.
+// Whoever may read a place's directory may hold that lock: waiting for it is bounded, and who meets
+// no dead owner never asks for it. Owners need read, write and search permission there, senders
+// only search permission.
+//
+// Who may send is the socket's group, to which the file is born: its directory's where that has the
+// set-group-id bit, else that of its user.
 
 #include "mqutils_directory.h"
 
@@ -31,17 +37,20 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 namespace mqutils {
 namespace {
 
-constexpr int lock_wait_ms = 1000;
+constexpr int lock_wait_ms = 200; // the holder needs microseconds
 constexpr int lock_retry_ms = 2;
 
-// Any service may send to any other: who it is, the receiver learns from the kernel. Who takes part
-// at all is decided by the permissions of the directory.
-constexpr mode_t socket_mode = 0666;
+// Members of the group may send: who it was, the receiver learns from the kernel. Nobody else can
+// fill its short queue.
+constexpr mode_t socket_mode = 0660;
+constexpr mode_t newborn_mode = 0600;
+constexpr time_t longest_birth_s = 1;
 
 constexpr size_t id_characters = 4; // "255" and its NUL
 using id_text = std::array<char, id_characters>;
@@ -169,9 +178,11 @@ int remove_socket(const socket_place &place) {
     return unlinkat(place.directory.descriptor, place.name, 0) == 0 ? 0 : errno;
 }
 
-// 0 = nothing has the name any more.
-int clear_the_name(const socket_place &place) {
+// What has the name: 0 = nothing, ECONNREFUSED = the socket of a dead owner, EADDRINUSE = that of a
+// live one, ENOTSOCK = something else, EPERM = a dead owner's that this user may not remove.
+int look_at_name(const socket_place &place) {
     struct stat status {};
+    struct stat parent {};
     if (fstatat(place.directory.descriptor, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? 0 : errno;
     }
@@ -186,7 +197,45 @@ int clear_the_name(const socket_place &place) {
                 sizeof place.address) == 0) {
         return EADDRINUSE;
     }
-    return errno == ECONNREFUSED ? remove_socket(place) : errno;
+    if (errno != ECONNREFUSED || fstat(place.directory.descriptor, &parent) != 0) {
+        return errno == ENOENT ? 0 : errno; // its owner has just left
+    }
+    const time_t age_s = time(nullptr) - status.st_ctim.tv_sec;
+    if ((status.st_mode & S_IWGRP) == 0 && age_s >= 0 && age_s <= longest_birth_s) {
+        return EADDRINUSE;
+    }
+    // The kernel would say so, too, but only behind the lock.
+    const uid_t self = geteuid();
+    const bool may_remove = (parent.st_mode & S_ISVTX) == 0 || self == status.st_uid ||
+                            self == parent.st_uid || self == 0;
+    return may_remove ? ECONNREFUSED : EPERM;
+}
+
+// 0, or an errno value: EADDRINUSE = something has the name.
+int bind_socket(const socket_place &place, int socket) {
+    // The file is born with the mode of the socket, less the mask of the process.
+    if (fchmod(socket, newborn_mode) != 0 ||
+        bind(socket, reinterpret_cast<const sockaddr *>(&place.address), sizeof place.address) !=
+            0) {
+        return errno;
+    }
+    return 0;
+}
+
+// The name is taken. Asks for the lock only when it seems to be by a dead owner.
+int replace_dead_socket(const socket_place &place, int socket) {
+    place_lock lock(place);
+    int error = look_at_name(place);
+    if (error == ECONNREFUSED) {
+        error = lock.take();
+        if (error == 0) {
+            error = look_at_name(place); // again: another starter may have been faster
+        }
+        if (error == ECONNREFUSED) {
+            error = remove_socket(place);
+        }
+    }
+    return error == 0 ? bind_socket(place, socket) : error;
 }
 
 // Sets mode and learns identity of the file just bound. Held by a descriptor, not looked up again:
@@ -202,9 +251,6 @@ int adopt_the_file(const socket_place &place, socket_identity &identity) {
         return EADDRINUSE;
     }
     identity = {status.st_dev, status.st_ino};
-    if ((status.st_mode & 0777) == socket_mode) {
-        return 0;
-    }
     // fchmod() refuses an O_PATH descriptor; its entry in /proc names the same file.
     std::array<char, sizeof "/proc/self/fd/-2147483648"> name{};
     std::snprintf(name.data(), name.size(), "/proc/self/fd/%d", file.descriptor);
@@ -250,24 +296,18 @@ sockaddr_un directory_address(const bus_directory &directory, uint8_t serv_id) {
 int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
                     socket_identity &identity) {
     socket_place place;
-    place_lock lock(place);
     int error = find_place(directory, serv_id, place);
     if (error == 0) {
-        error = lock.take();
+        error = bind_socket(place, socket);
+        if (error == EADDRINUSE) {
+            error = replace_dead_socket(place, socket);
+        }
     }
     if (error == 0) {
-        error = clear_the_name(place);
-    }
-    if (error != 0) {
-        return error;
-    }
-    if (bind(socket, reinterpret_cast<const sockaddr *>(&place.address), sizeof place.address) !=
-        0) {
-        return errno;
-    }
-    error = adopt_the_file(place, identity);
-    if (error != 0) {
-        remove_socket(place);
+        error = adopt_the_file(place, identity);
+        if (error != 0 && error != EADDRINUSE) {
+            remove_socket(place);
+        }
     }
     return error;
 }
@@ -275,12 +315,9 @@ int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
 void directory_give_back(const bus_directory &directory, uint8_t serv_id,
                          const socket_identity &identity) {
     socket_place place;
-    place_lock lock(place);
-    if (find_place(directory, serv_id, place) != 0 || lock.take() != 0) {
-        return; // the file stays, without an owner: the next starter replaces it
-    }
     struct stat status {};
-    if (fstatat(place.directory.descriptor, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (find_place(directory, serv_id, place) == 0 &&
+        fstatat(place.directory.descriptor, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         status.st_dev == identity.device && status.st_ino == identity.inode) {
         remove_socket(place);
     }

@@ -36,12 +36,14 @@ sockaddr_un directory_address(const bus_directory &directory, uint8_t serv_id);
 
 // Binds `socket` as service `serv_id`, at the target of its name where that is a link of the
 // directory's owner, and says in `identity` which file that made. 0, or an errno value: EADDRINUSE
-// = a live owner, ENOTSOCK = something that is no socket is in the way, EBUSY = the place stayed
-// locked, EACCES, EPERM, EROFS = no right to own a socket there.
+// = a live owner, ENOTSOCK = something that is no socket is in the way, EBUSY = a dead owner's
+// socket is in the way and the place stayed locked, EACCES, EPERM, EROFS = no right to own a socket
+// there.
 int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
                     socket_identity &identity);
 
-// Removes the socket file of `serv_id` if it is still the one of `identity`.
+// Removes the socket file of `serv_id` if it is still the one of `identity`. To be called while the
+// socket is open: it keeps starters from replacing the file meanwhile.
 void directory_give_back(const bus_directory &directory, uint8_t serv_id,
                          const socket_identity &identity);
 

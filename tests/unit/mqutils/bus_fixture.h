@@ -97,6 +97,7 @@ class bus : public testing::Test {
         const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const sockaddr_un address = address_of(id);
         EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(chmod(address.sun_path, 0660), 0);
         return fd;
     }
     [[nodiscard]] bool raw_send(int id, std::string bytes, int attached_fd = -1) const {
@@ -113,7 +114,9 @@ class bus : public testing::Test {
         if (attached_fd < 0)
             message.msg_controllen = 0;
         const ssize_t sent = sendmsg(fd, &message, 0);
+        const int error = errno;
         close(fd);
+        errno = error;
         return sent == static_cast<ssize_t>(bytes.size());
     }
     // Runs `body` while this thread is interrupted by `handler` again and again.

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <csignal>
+#include <sys/file.h>
 
 namespace {
 
@@ -16,6 +17,7 @@ constexpr uid_t user_41 = 61041;
 constexpr uid_t user_42 = 61042;
 constexpr uid_t stranger = 61099;
 constexpr gid_t tool_users = 61032;
+constexpr gid_t bus_users = 61000; // may send to services
 
 class bus_of_places : public bus {
   protected:
@@ -26,11 +28,13 @@ class bus_of_places : public bus {
         bus::SetUp();
         ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
         make_directory("/own", 0755, 0, 0);
-        make_directory("/own/41", 0711, user_41, user_41);
-        make_directory("/own/42", 0711, user_42, user_42);
-        make_directory("/own/tools", 01771, 0, tool_users);
+        make_directory("/own/41", 02711, user_41, bus_users);
+        make_directory("/own/42", 02711, user_42, bus_users);
+        make_directory("/own/43", 02711, 0, bus_users);
+        make_directory("/own/tools", 03771, 0, tool_users);
         make_link(41, "own/41/socket");
         make_link(42, dir + "/own/42/socket");
+        make_link(43, "own/43/socket");
         make_link(32, "own/tools/32");
         make_link(33, "own/tools/33");
     }
@@ -44,7 +48,8 @@ class bus_of_places : public bus {
         ASSERT_EQ(symlink(target.c_str(), path_of(id).c_str()), 0);
     }
     static bool become(uid_t user, gid_t group) {
-        return setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(user) == 0;
+        return setgroups(user != stranger, &bus_users) == 0 && setgid(group) == 0 &&
+               setuid(user) == 0;
     }
     // Runs `body` as that user in a process of its own.
     template <typename Body>
@@ -77,7 +82,7 @@ TEST_F(bus_of_places, everybody_gets_the_own_id_only) {
         {"own id", user_41, user_41, 41, 0, 0},
         {"own id behind an absolute link", user_42, user_42, 42, 0, 0},
         {"absent other", user_41, user_41, 42, 0, EACCES},
-        {"id of nobody", user_41, user_41, 43, 0, EACCES},
+        {"id of nobody", user_41, user_41, 44, 0, EACCES},
         {"owner who dies", user_42, user_42, 42, SIGKILL, killed},
         {"other's stale socket", user_41, user_41, 42, 0, EACCES},
         {"own stale socket", user_42, user_42, 42, 0, 0},
@@ -92,6 +97,18 @@ TEST_F(bus_of_places, everybody_gets_the_own_id_only) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(init_as(row.user, row.group, row.id, row.signal), row.result);
     }
+    // Whoever may read the tools' directory may hold its lock: that touches nobody who does not
+    // have to remove a dead owner's socket.
+    EXPECT_EQ(init_as(user_42, tool_users, 32, SIGKILL), killed);
+    const int locked = open((dir + "/own/tools").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(locked, LOCK_EX), 0);
+    const auto start = steady_clock::now();
+    EXPECT_EQ(init_as(stranger, tool_users, 33), 0);
+    EXPECT_EQ(init_as(stranger, tool_users, 32), EPERM);
+    EXPECT_EQ(init_as(user_42, tool_users, 32), EBUSY);
+    EXPECT_LT(elapsed_ms(start), 900);
+    close(locked);
+    EXPECT_EQ(init_as(user_42, tool_users, 32), 0);
     for (const int id : {41, 42, 32, 33}) {
         struct stat status {};
         EXPECT_EQ(lstat(path_of(id).c_str(), &status), 0) << id; // the link stays
@@ -119,8 +136,9 @@ TEST_F(bus_of_places, owner_who_is_present_keeps_the_id_and_alone_is_believed) {
 
     testing::internal::CaptureStderr();
     ASSERT_EQ(self.init(43), 0);
-    EXPECT_EQ(
-        as_user(user_42, user_42, [&] { return raw_send(43, datagram(42, 43, 1, 1)) ? 0 : 1; }), 0);
+    const auto send_to_43 = [&] { return raw_send(43, datagram(42, 43, 1, 1)) ? 0 : errno; };
+    EXPECT_EQ(as_user(stranger, stranger, send_to_43), EACCES); // not of the group: not even heard
+    EXPECT_EQ(as_user(user_42, user_42, send_to_43), 0);
     EXPECT_EQ(write(go[1], "g", 1), 1);
     EXPECT_EQ(end_of_child(user_of_41), 0);
     close(go[0]);
