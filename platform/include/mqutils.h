@@ -6,16 +6,17 @@
  *
  * The bus is a directory in which service N owns the socket file "N", or the one that "N" leads to
  * when it is a symbolic link of the directory's owner. Who may write to the socket's directory may
- * own the id (and needs to read it, too). Sockets have mode 0660: who is in the socket's group, which
- * is its directory's where that has the set-group-id bit, may send. A sender is believed when the
- * user the kernel names owns the socket of the service it claims to be; the rest, and whatever is
+ * own the id (and needs to read it, too). Sockets have mode 0660: who is in the socket's group,
+ * which is its directory's where that has the set-group-id bit, may send. A sender is believed when
+ * the user the kernel names owns the socket of the service it claims to be; the rest, and whatever is
  * malformed, is dropped with a warning in the log, at most five lines a second.
+ * What a peer leaves unread takes room from what it is sent, not from what others are.
  * A child forked by a service shares the socket: while it lives, the id has a live owner.
  *
  * Environment, read by every scm_conn_init (ignored in set-user-id programs):
  *   MQUTILS_DIR              the directory; default /run/terminal-bus
  *   MQUTILS_SEND_TIMEOUT_MS  how long a send waits for a full peer: 10 to 10000, default 1000
- *   MQUTILS_LOG              "stderr": the warnings go to stderr, too, besides syslog
+ *   MQUTILS_LOG              "stderr": the warnings go to stderr, too, besides the system log
  */
 #ifndef MQUTILS_H
 #define MQUTILS_H
@@ -85,13 +86,16 @@ int scm_conn_init(struct scm_conn *conn, uint8_t serv_id);
  * been read, at most as long as a send would; messages not yet delivered to this service are
  * lost. Sends that other threads have under way fail, or have succeeded. Not callable from a signal
  * handler. In a child forked by the service it only closes the child's descriptors.
+ *   EAGAIN      ended all the same, but something sent is still unread. It is believed when it is
+ *               read: the socket file stays, without an owner, until somebody takes the id
  *   ENOTCONN    not registered (any more), EINVAL no record */
 int scm_conn_exit(struct scm_conn *conn);
 
 /* Fill a header for one send; they write `hdr` only, and all of it. Requests and notifications get
- * the next transaction id of the connection, counted from 1; a response gets message id and
- * transaction id of its request and goes to where that came from. `req` may be the bus_msg that
- * holds `hdr`. From any thread and from a signal handler.
+ * the next transaction id of the connection, counted from a random one; a response gets message id
+ * and transaction id of its request and goes to where that came from. A response whose id this
+ * connection did not give out is not delivered: the previous owner of the service id may have
+ * asked. `req` may be the bus_msg that holds `hdr`. From any thread and from a signal handler.
  *   ENOTCONN    not registered (any more), EINVAL an argument is missing; `hdr` is unchanged */
 int fill_request_hdr(struct scm_conn *conn, struct msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
                      uint8_t dst_serv_id);
@@ -110,7 +114,7 @@ int fill_response_hdr(struct scm_conn *conn, struct msg_hdr *hdr, const struct b
  *   ENOTCONN      this end is not registered (any more)
  *   EMSGSIZE      header and payload together exceed 65536 bytes
  *   EINVAL        an argument is missing, or `hdr->src_serv_id` is not this connection's
- *   EACCES        no right to enter the directory */
+ *   EACCES        no right to enter the directory, or not in the group of the peer's socket */
 int send_msg(struct scm_conn *conn, const struct msg_hdr *hdr, const void *pld);
 
 #ifdef __cplusplus

@@ -2,7 +2,9 @@
 //
 // State: none here; the connections live in mqutils_connection.cpp. scm_conn_init takes an entry of
 // that table, opens the directory, makes the socket, claims the id and starts the receive thread;
-// scm_conn_exit waits for the last words to be read, gives the id back and ends the thread.
+// scm_conn_exit waits for the last words to be read, gives the id back and ends the thread. Where
+// they are not read in time the socket file stays, without an owner: by it they are believed when
+// they are read, and the next starter replaces it.
 
 #include "mqutils.h"
 
@@ -12,6 +14,7 @@
 #include "mqutils_send.h"
 
 #include <pthread.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +22,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <ctime>
 #include <string_view>
 
 #define MQUTILS_EXPORT extern "C" [[gnu::visibility("default")]]
@@ -54,6 +58,19 @@ int configured_send_timeout_ms() {
     return std::clamp(parsed, min_send_timeout_ms, max_send_timeout_ms);
 }
 
+// Never waits: a terminal that has just been switched on may have no entropy yet, but its clocks do
+// not repeat.
+uint32_t random_number() {
+    uint32_t number = 0;
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) != sizeof number) {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        number = static_cast<uint32_t>(now.tv_nsec) * 2654435761U ^
+                 static_cast<uint32_t>(now.tv_sec) ^ static_cast<uint32_t>(getpid()) << 16;
+    }
+    return number;
+}
+
 int failed(int error) {
     errno = error;
     return -1;
@@ -66,10 +83,11 @@ int set_up(connection &conn, scm_conn *record, uint8_t serv_id) {
     conn.process = getpid();
     conn.send_timeout_ms = configured_send_timeout_ms();
     conn.log_to_stderr = environment("MQUTILS_LOG") == "stderr";
-    conn.next_txn_id = 1;
+    conn.first_txn_id = random_number();
+    conn.transactions = 0;
     conn.stop = false;
-    conn.has_sent = false;
     conn.receiver = pthread_t{};
+    conn.buffer = nullptr;
 
     int error = directory_open(conn.directory, configured_directory());
     if (error != 0) {
@@ -81,7 +99,7 @@ int set_up(connection &conn, scm_conn *record, uint8_t serv_id) {
     }
     error = receive_prepare(conn);
     if (error == 0) {
-        error = send_prepare(conn);
+        error = send_prepare(conn, conn.socket);
     }
     if (error == 0) {
         error = directory_claim(conn.directory, serv_id, conn.socket, conn.identity);
@@ -98,7 +116,7 @@ int fill(scm_conn *record, msg_hdr *hdr, const msg_hdr &values) {
     *hdr = values;
     hdr->src_serv_id = conn->serv_id;
     if (hdr->msg_type != response) {
-        hdr->txn_id = conn->next_txn_id.fetch_add(1, std::memory_order_relaxed);
+        hdr->txn_id = conn->first_txn_id + static_cast<uint32_t>(conn->transactions.fetch_add(1));
     }
     connection_release(*conn);
     errno = errno_before;
@@ -130,6 +148,7 @@ MQUTILS_EXPORT int scm_conn_init(scm_conn *record, uint8_t serv_id) {
     }
     int error = set_up(*conn, record, serv_id);
     if (error != 0) {
+        receive_abandon(*conn);
         connection_release(*conn);
         return failed(error);
     }
@@ -140,6 +159,7 @@ MQUTILS_EXPORT int scm_conn_init(scm_conn *record, uint8_t serv_id) {
     error = receive_start(*conn);
     if (error != 0) {
         connection_close(record);
+        receive_abandon(*conn);
         directory_give_back(conn->directory, serv_id, conn->identity);
         connection_release(*conn); // the one of the thread that is not
         connection_release(*conn); // the one scm_conn_exit would have given back
@@ -161,9 +181,13 @@ MQUTILS_EXPORT int scm_conn_exit(scm_conn *record) {
     if (conn == nullptr) {
         return failed(ENOTCONN);
     }
+    bool all_read = true;
     if (conn->process == getpid()) {
-        send_linger(*conn);
-        directory_give_back(conn->directory, conn->serv_id, conn->identity);
+        send_stop(*conn);
+        all_read = send_linger(*conn);
+        if (all_read) {
+            directory_give_back(conn->directory, conn->serv_id, conn->identity);
+        }
         receive_stop(*conn);
         if (receive_is_this_thread(*conn)) {
             pthread_detach(pthread_self());
@@ -175,6 +199,9 @@ MQUTILS_EXPORT int scm_conn_exit(scm_conn *record) {
         connection_release(*conn);
     }
     connection_release(*conn);
+    if (!all_read) {
+        return failed(EAGAIN);
+    }
     errno = errno_before;
     return 0;
 }

@@ -104,13 +104,15 @@ connection *connection_close(const scm_conn *record) {
     if (conn == nullptr) {
         return nullptr;
     }
-    const uint64_t before = conn->word.fetch_and(~open_bit, std::memory_order_acq_rel);
+    // In one total order with the look of a send that has just opened a socket: see
+    // mqutils_send.cpp.
+    const uint64_t before = conn->word.fetch_and(~open_bit);
     connection_release(*conn);
     return (before & open_bit) != 0 ? conn : nullptr;
 }
 
 bool connection_is_open(const connection &conn) {
-    return (conn.word.load(std::memory_order_relaxed) & open_bit) != 0;
+    return (conn.word.load() & open_bit) != 0;
 }
 
 void connection_release(connection &conn) {
@@ -121,6 +123,11 @@ void connection_release(connection &conn) {
             if (conn.socket >= 0) {
                 close(conn.socket);
                 conn.socket = -1;
+            }
+            for (std::atomic<int> &sender : conn.senders) {
+                if (const int held = sender.exchange(0, std::memory_order_relaxed); held != 0) {
+                    close(held - 1);
+                }
             }
             directory_close(conn.directory);
             conn.word.store(word - 1U, std::memory_order_release);

@@ -15,6 +15,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +23,7 @@
 namespace mqutils {
 
 constexpr size_t max_datagram_bytes = 65536;
+constexpr size_t max_services = 256; // ids 0 to 255
 constexpr size_t max_payload_bytes = max_datagram_bytes - sizeof(msg_hdr);
 
 struct receive_buffer;
@@ -30,23 +32,29 @@ struct connection {
     // generation (bits 63..32), open (bit 31), references (bits 30..0)
     std::atomic<uint64_t> word{0};
 
+    // Transaction ids: how many were given out, and the first of them.
+    std::atomic<uint64_t> transactions{0};
+    uint32_t first_txn_id = 0;
+
     // Written by scm_conn_init before the connection opens, constant until its last reference.
     scm_conn *record = nullptr;
     scm_msg_cb on_message = nullptr;
     uint8_t serv_id = 0;
     bool log_to_stderr = false;
     int send_timeout_ms = 0;
-    int socket = -1;          // bound to <directory>/<serv_id>
+    int socket = -1;          // bound to <directory>/<serv_id>; receives
     pid_t process = 0;        // a forked child has no receive thread and must not remove the socket
     bus_directory directory;  // owns its descriptor
     socket_identity identity; // of our socket file
 
-    // The receive thread's: handed over by scm_conn_init, deleted by the thread.
+    // The receive thread's: made by scm_conn_init, deleted by the thread.
     receive_buffer *buffer = nullptr;
 
-    std::atomic<uint32_t> next_txn_id{1};
-    std::atomic<bool> stop{false};     // the receive thread is to end
-    std::atomic<bool> has_sent{false}; // scm_conn_exit has something to wait for
+    // The sending socket of each peer, by its id: descriptor + 1, 0 = none yet. Set once by the
+    // first send to that peer, closed with the connection.
+    std::array<std::atomic<int>, max_services> senders{};
+
+    std::atomic<bool> stop{false}; // the receive thread is to end
     // Known before the first callback and before scm_conn_init returns.
     std::atomic<pthread_t> receiver{};
 };

@@ -3,6 +3,9 @@
 // It runs with all signals blocked, delivers one message at a time in arrival order and answers to
 // nobody but the stop flag. It touches the record of the service only to hand it to the callback:
 // a callback that ends the connection may free the record.
+//
+// A datagram is looked at first, judged, and only then taken from the queue. The sender, which
+// waits for that before it removes its socket file, so stays until the judge has seen the file.
 
 #include "mqutils_receive.h"
 
@@ -16,6 +19,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cerrno>
@@ -56,8 +60,8 @@ struct arrival {
     ucred credentials;
 };
 
-// False = nothing arrived; errno says why.
-bool read_datagram(const connection &conn, receive_buffer &buffer, arrival &arrived) {
+// Reads the next datagram and leaves it in the queue. False = nothing arrived; errno says why.
+bool look_at_datagram(const connection &conn, receive_buffer &buffer, arrival &arrived) {
     std::array<iovec, 2> parts{
         {{&buffer.msg.hdr, sizeof buffer.msg.hdr}, {buffer.payload.data(), buffer.payload.size()}}};
     // Room for the credentials and nothing else: descriptors that a peer attaches do not get in.
@@ -68,7 +72,7 @@ bool read_datagram(const connection &conn, receive_buffer &buffer, arrival &arri
     message.msg_control = control.data();
     message.msg_controllen = control.size();
 
-    const ssize_t bytes = recvmsg(conn.socket, &message, MSG_TRUNC | MSG_CMSG_CLOEXEC);
+    const ssize_t bytes = recvmsg(conn.socket, &message, MSG_PEEK | MSG_TRUNC | MSG_CMSG_CLOEXEC);
     if (bytes < 0) {
         return false;
     }
@@ -83,6 +87,21 @@ bool read_datagram(const connection &conn, receive_buffer &buffer, arrival &arri
         }
     }
     return true;
+}
+
+// Takes the datagram just looked at from the queue: nobody else reads this socket.
+void remove_datagram(const connection &conn) {
+    recv(conn.socket, nullptr, 0, MSG_DONTWAIT);
+}
+
+// Whether `txn_id` is one of the last two thousand million that this connection gave out. A
+// connection starts at a random id, so what was meant for the previous owner of the service id is
+// not.
+bool is_own_transaction(const connection &conn, uint32_t txn_id) {
+    constexpr uint64_t longest_memory = UINT64_C(1) << 31;
+    const uint64_t given_out = conn.transactions.load();
+    const uint32_t newest = conn.first_txn_id + static_cast<uint32_t>(given_out) - 1;
+    return newest - txn_id < std::min(given_out, longest_memory);
 }
 
 // Why the datagram must not be delivered; null = deliver it. The file is looked at anew for every
@@ -113,12 +132,15 @@ const char *reason_to_drop(const connection &conn, const msg_hdr &hdr, const arr
     if (owner != arrived.credentials.uid) {
         return "sending service belongs to another user";
     }
+    if (hdr.msg_type == response_type && !is_own_transaction(conn, hdr.txn_id)) {
+        return "answers no request of this connection";
+    }
     return nullptr;
 }
 
 void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     arrival arrived{};
-    const bool has_arrived = read_datagram(conn, buffer, arrived);
+    const bool has_arrived = look_at_datagram(conn, buffer, arrived);
     const int read_error = errno;
     if (conn.stop.load(std::memory_order_acquire)) {
         return;
@@ -133,6 +155,7 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     }
     msg_hdr &hdr = buffer.msg.hdr;
     const char *reason = reason_to_drop(conn, hdr, arrived);
+    remove_datagram(conn);
     if (reason != nullptr) {
         const bool has_header = arrived.bytes >= sizeof hdr;
         drop_log_write(log, monotonic_ms(),
@@ -174,7 +197,9 @@ void *receive_main(void *argument) {
     return nullptr;
 }
 
-int start_thread(connection &conn) {
+} // namespace
+
+int receive_start(connection &conn) {
     pthread_attr_t attributes;
     int error = pthread_attr_init(&attributes);
     if (error != 0) {
@@ -197,27 +222,18 @@ int start_thread(connection &conn) {
     return error;
 }
 
-} // namespace
-
 int receive_prepare(connection &conn) {
     const int on = 1;
     if (setsockopt(conn.socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
         return errno;
     }
-    return 0;
+    conn.buffer = new (std::nothrow) receive_buffer;
+    return conn.buffer == nullptr ? ENOMEM : 0;
 }
 
-int receive_start(connection &conn) {
-    std::unique_ptr<receive_buffer> buffer(new (std::nothrow) receive_buffer);
-    if (buffer == nullptr) {
-        return ENOMEM;
-    }
-    conn.buffer = buffer.get();
-    const int error = start_thread(conn);
-    if (error == 0) {
-        (void)buffer.release(); // the thread's now
-    }
-    return error;
+void receive_abandon(connection &conn) {
+    delete conn.buffer;
+    conn.buffer = nullptr;
 }
 
 void receive_stop(connection &conn) {

@@ -9,6 +9,9 @@ namespace mqutils {
 // Makes the socket one that tells who sends. To be called before it is bound. 0, or an errno value.
 int receive_prepare(connection &conn);
 
+// Gives back what receive_prepare made, whatever it returned, when no thread was started.
+void receive_abandon(connection &conn);
+
 // Starts the thread of an open connection; it gives the connection's second reference back when it
 // ends. 0, or an errno value: then that reference is still the caller's.
 int receive_start(connection &conn);

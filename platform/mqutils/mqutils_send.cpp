@@ -1,4 +1,11 @@
 // The sending half of a connection: see mqutils_send.h.
+//
+// The kernel charges a datagram that its receiver has not read to the socket it was sent from, and
+// stops that socket at its buffer's size, which nobody without privileges can raise beyond
+// net.core.wmem_max. Therefore each peer is sent to from a socket of its own: what one peer leaves
+// unread takes room from that peer alone. These sockets have no name; the receiver knows the sender
+// by the credentials that the kernel adds. Where the process has no descriptor left for one, the
+// bound socket stands in for it.
 
 #include "mqutils_send.h"
 
@@ -9,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -20,21 +28,42 @@ namespace {
 // Initial-exec: the general model may allocate on first use, which a signal handler must not.
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool on_a_receive_thread = false;
 
-// Datagrams that a peer has not read yet are charged to the sender's buffer. With the system's
-// default a dozen clients that stopped reading would fill it, and stall the sends to all others.
-constexpr int send_buffer_bytes = 4 * 1024 * 1024;
+// What one peer may have unread. Cut to net.core.wmem_max, some 150 short messages on most systems.
+constexpr int send_buffer_bytes = 1024 * 1024;
 
-constexpr int retry_ms = 2;         // between two looks at a full peer
-constexpr int linger_look_ms = 1;   // between two looks at our own backlog
-constexpr int linger_settle_ms = 5; // from a peer's recvmsg() to its look at our socket file
+constexpr int retry_ms = 2;       // between two looks at a full peer
+constexpr int linger_look_ms = 1; // between two looks at our own backlog
 
-// The kernel waits twice in one call: for room in our buffer, then in the peer's queue.
+// The kernel waits twice in one call: for room in our buffer, then in the peer's queue. Short, so
+// that little of the bound is left to looking now and then.
 int kernel_wait_ms(const connection &conn) {
-    return std::max(conn.send_timeout_ms / 4, 1);
+    return std::max(conn.send_timeout_ms / 16, 1);
 }
 
-int attempt(const connection &conn, const msghdr &message, int flags) {
-    if (sendmsg(conn.socket, &message, MSG_NOSIGNAL | flags) >= 0) {
+// The socket for `peer`, opened at the first use. Of several threads, or a thread and a signal
+// handler in the middle of it, one opens it for all.
+int sending_socket(connection &conn, uint8_t peer) {
+    std::atomic<int> &slot = conn.senders[peer];
+    int held = slot.load();
+    if (held != 0) {
+        return held - 1;
+    }
+    const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (opened < 0 || send_prepare(conn, opened) != 0) {
+        if (opened >= 0) {
+            close(opened);
+        }
+        return conn.socket;
+    }
+    if (!slot.compare_exchange_strong(held, opened + 1)) {
+        close(opened);
+        return held - 1;
+    }
+    return opened;
+}
+
+int attempt(const connection &conn, int socket, const msghdr &message, int flags) {
+    if (sendmsg(socket, &message, MSG_NOSIGNAL | flags) >= 0) {
         return 0;
     }
     if (errno == EPIPE) {
@@ -48,23 +77,55 @@ bool is_worth_waiting(int error) {
     return error == EAGAIN || error == EINTR;
 }
 
+// Full. Let the kernel wait as long as one such wait, interrupted late or not, still ends within
+// the bound; then look now and then. The bound holds whatever signals arrive.
+int send_patiently(const connection &conn, int socket, const msghdr &message) {
+    const int64_t deadline = monotonic_ms() + conn.send_timeout_ms;
+    for (;;) {
+        const int64_t left_ms = deadline - monotonic_ms();
+        if (left_ms <= 0) {
+            return EAGAIN;
+        }
+        if (!connection_is_open(conn)) {
+            return ENOTCONN;
+        }
+        const bool may_block = left_ms >= 2 * int64_t{kernel_wait_ms(conn)};
+        const int error = attempt(conn, socket, message, may_block ? 0 : MSG_DONTWAIT);
+        if (!is_worth_waiting(error)) {
+            return error;
+        }
+        if (!may_block) {
+            poll(nullptr, 0, static_cast<int>(std::min<int64_t>(left_ms, retry_ms)));
+        }
+    }
+}
+
+bool has_unread(int socket) {
+    int unread = 0;
+    return ioctl(socket, SIOCOUTQ, &unread) == 0 && unread > 0;
+}
+
+bool has_unread(const connection &conn) {
+    return has_unread(conn.socket) ||
+           std::any_of(conn.senders.begin(), conn.senders.end(), [](const auto &sender) {
+               const int held = sender.load();
+               return held != 0 && has_unread(held - 1);
+           });
+}
+
 } // namespace
 
 void send_never_waits_here() {
     on_a_receive_thread = true;
 }
 
-int send_prepare(const connection &conn) {
+int send_prepare(const connection &conn, int socket) {
     const int wait_ms = kernel_wait_ms(conn);
     const timeval wait{wait_ms / 1000, suseconds_t{1000} * (wait_ms % 1000)};
-    if (setsockopt(conn.socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0) {
+    if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0 ||
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes) !=
+            0) {
         return errno;
-    }
-    // The first needs CAP_NET_ADMIN, the second is cut to net.core.wmem_max: as much as we may.
-    if (setsockopt(conn.socket, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer_bytes,
-                   sizeof send_buffer_bytes) != 0) {
-        setsockopt(conn.socket, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes,
-                   sizeof send_buffer_bytes);
     }
     return 0;
 }
@@ -80,45 +141,35 @@ int send_datagram(connection &conn, const msg_hdr &hdr, const void *pld) {
     message.msg_iov = parts.data();
     message.msg_iovlen = hdr.pld_len > 0 ? 2 : 1;
 
-    conn.has_sent.store(true, std::memory_order_relaxed);
-    int error = attempt(conn, message, MSG_DONTWAIT);
-    if (on_a_receive_thread || !is_worth_waiting(error)) {
-        return error;
+    const int socket = sending_socket(conn, hdr.dst_serv_id);
+    // Looked at after the socket is in its slot: either scm_conn_exit finds it there and shuts it,
+    // or this finds the connection closed.
+    if (!connection_is_open(conn)) {
+        return ENOTCONN;
     }
-    // Full. Let the kernel wait as long as one such wait, interrupted late or not, still ends
-    // within the bound; then look now and then. The bound holds whatever signals arrive.
-    const int64_t deadline = monotonic_ms() + conn.send_timeout_ms;
-    for (;;) {
-        const int64_t left_ms = deadline - monotonic_ms();
-        if (left_ms <= 0) {
-            return EAGAIN;
-        }
-        if (!connection_is_open(conn)) {
-            return ENOTCONN;
-        }
-        const bool may_block = left_ms >= 2 * int64_t{kernel_wait_ms(conn)};
-        error = attempt(conn, message, may_block ? 0 : MSG_DONTWAIT);
-        if (!is_worth_waiting(error)) {
-            return error;
-        }
-        if (!may_block) {
-            poll(nullptr, 0, static_cast<int>(std::min<int64_t>(left_ms, retry_ms)));
+    const int error = attempt(conn, socket, message, MSG_DONTWAIT);
+    return on_a_receive_thread || !is_worth_waiting(error) ? error
+                                                           : send_patiently(conn, socket, message);
+}
+
+void send_stop(const connection &conn) {
+    shutdown(conn.socket, SHUT_WR);
+    for (const std::atomic<int> &sender : conn.senders) {
+        if (const int held = sender.load(); held != 0) {
+            shutdown(held - 1, SHUT_WR);
         }
     }
 }
 
-void send_linger(const connection &conn) {
-    // A receiver believes a message by looking at our socket file. Removed too early, the last
-    // words of a service that says something and leaves would be dropped as forged.
-    if (on_a_receive_thread || !conn.has_sent.load(std::memory_order_relaxed)) {
-        return;
-    }
-    const int64_t deadline = monotonic_ms() + conn.send_timeout_ms;
-    int unread = 0;
-    while (ioctl(conn.socket, SIOCOUTQ, &unread) == 0 && unread > 0 && monotonic_ms() < deadline) {
+bool send_linger(const connection &conn) {
+    const int64_t deadline = monotonic_ms() + (on_a_receive_thread ? 0 : conn.send_timeout_ms);
+    while (has_unread(conn)) {
+        if (monotonic_ms() >= deadline) {
+            return false;
+        }
         poll(nullptr, 0, linger_look_ms);
     }
-    poll(nullptr, 0, linger_settle_ms);
+    return true;
 }
 
 } // namespace mqutils

@@ -68,12 +68,28 @@ TEST_F(bus, exit_amid_traffic_refuses_sends_and_ends_callbacks) {
 
 // The receiver learns who sent by looking at a file that exit removes.
 TEST_F(bus, last_words_of_a_service_that_leaves_are_believed) {
-    self.hook = [](service &, const bus_msg &) { std::this_thread::sleep_for(milliseconds(10)); };
+    std::atomic<bool> hangs{false};
+    self.hook = [&](service &, const bus_msg &) {
+        do
+            std::this_thread::sleep_for(milliseconds(10));
+        while (hangs);
+    };
     start();
     for (int i = 0; i < 6; ++i)
         ASSERT_EQ(peer.notify(40, "goodbye"), 0);
     EXPECT_EQ(scm_conn_exit(&peer), 0);
+    EXPECT_FALSE(std::filesystem::exists(path_of(41)));
     EXPECT_TRUE(self.wait_for(7));
+
+    hangs = true; // longer than the sender waits
+    ASSERT_EQ(peer.init(41), 0);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(peer.notify(40, "goodbye"), 0);
+    EXPECT_EQ(scm_conn_exit(&peer), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    hangs = false;
+    EXPECT_TRUE(self.wait_for(10));
+    EXPECT_EQ(peer.init(41), 0); // over what stayed behind
 }
 
 } // namespace

@@ -65,6 +65,22 @@ TEST_F(bus, drops_are_logged_and_the_next_good_one_arrives) {
     }
 }
 
+TEST_F(bus, late_answer_to_the_previous_owner_is_not_delivered_to_the_next) {
+    msg_hdr asked{}, answer{};
+    ASSERT_EQ(peer.init(41), 0);
+    for (const bool late : {false, true}) {
+        service tool; // the next one that takes the id
+        ASSERT_EQ(tool.init(40), 0);
+        ASSERT_EQ(late ? 0 : fill_request_hdr(&tool, &asked, 0, 1011, 41), 0);
+        const bus_msg request{asked, nullptr};
+        ASSERT_EQ(fill_response_hdr(&peer, &answer, &request, 4), 0);
+        ASSERT_EQ(send_msg(&peer, &answer, "late"), 0);
+        ASSERT_EQ(peer.notify(40, "good"), 0);
+        ASSERT_TRUE(tool.wait_for(late ? 2 : 3));
+        EXPECT_EQ(tool.messages[1].pld, late ? "good" : "late");
+    }
+}
+
 // /dev is the child's own; what would log to it must not wait for it.
 TEST_F(bus, log_daemon_that_hangs_holds_up_nothing) {
     const int result = run_in_child([&] {
