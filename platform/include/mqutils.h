@@ -8,8 +8,9 @@
  * when it is a symbolic link of the directory's owner. Who may write to the socket's directory may
  * own the id (and needs to read it, too). Sockets have mode 0660: who is in the socket's group,
  * which is its directory's where that has the set-group-id bit, may send. A sender is believed when
- * the user the kernel names owns the socket of the service it claims to be; the rest, and whatever is
- * malformed, is dropped with a warning in the log, at most five lines a second.
+ * the user the kernel names owns the socket of the service it claims to be. A file "policy" of the
+ * directory's owner says what else must be true of a message: see docs/bus.md. All other messages,
+ * and whatever is malformed, are dropped with a warning in the log, at most five lines a second.
  * What a peer leaves unread takes room from what it is sent, not from what others are.
  * A child forked by a service shares the socket: while it lives, the id has a live owner.
  *
@@ -77,6 +78,7 @@ static_assert(sizeof(void *) != 4 || offsetof(struct scm_conn, on_message) == 76
  *   ENOTSOCK    a file that is no socket is in the way
  *   EBUSY       a dead owner's socket is to be replaced, and the directory stayed locked by another
  *               process for a fifth of a second
+ *   EBADMSG     the policy is the directory owner's and not to be believed: the log says why
  *   EMFILE, ENFILE, ENOMEM, EAGAIN: out of descriptors, connections (64), memory or threads */
 int scm_conn_init(struct scm_conn *conn, uint8_t serv_id);
 

@@ -11,6 +11,7 @@
 
 #include "mqutils_clock.h"
 #include "mqutils_drop_log.h"
+#include "mqutils_policy.h"
 #include "mqutils_send.h"
 
 #include <poll.h>
@@ -32,10 +33,11 @@ static_assert(std::endian::native == std::endian::little, "headers go out as the
 
 namespace mqutils {
 
-// What one datagram is read into; the payload may be read as any type.
+// What one datagram is read into; the payload may be read as any type. And what it is judged by.
 struct receive_buffer {
     alignas(std::max_align_t) std::array<unsigned char, max_payload_bytes> payload;
     bus_msg msg;
+    policy rules;
 };
 
 namespace {
@@ -106,7 +108,8 @@ bool is_own_transaction(const connection &conn, uint32_t txn_id) {
 
 // Why the datagram must not be delivered; null = deliver it. The file is looked at anew for every
 // message: a service may have given its id to another user since the last one.
-const char *reason_to_drop(const connection &conn, const msg_hdr &hdr, const arrival &arrived) {
+const char *reason_to_drop(const connection &conn, const policy &rules, const msg_hdr &hdr,
+                           const arrival &arrived) {
     if (arrived.bytes < sizeof(msg_hdr)) {
         return "shorter than a header";
     }
@@ -132,6 +135,9 @@ const char *reason_to_drop(const connection &conn, const msg_hdr &hdr, const arr
     if (owner != arrived.credentials.uid) {
         return "sending service belongs to another user";
     }
+    if (!policy_allows(rules, hdr.msg_id, hdr.msg_type, hdr.src_serv_id)) {
+        return "refused by the policy";
+    }
     if (hdr.msg_type == response_type && !is_own_transaction(conn, hdr.txn_id)) {
         return "answers no request of this connection";
     }
@@ -154,7 +160,7 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
         return;
     }
     msg_hdr &hdr = buffer.msg.hdr;
-    const char *reason = reason_to_drop(conn, hdr, arrived);
+    const char *reason = reason_to_drop(conn, buffer.rules, hdr, arrived);
     remove_datagram(conn);
     if (reason != nullptr) {
         const bool has_header = arrived.bytes >= sizeof hdr;
@@ -228,7 +234,13 @@ int receive_prepare(connection &conn) {
         return errno;
     }
     conn.buffer = new (std::nothrow) receive_buffer;
-    return conn.buffer == nullptr ? ENOMEM : 0;
+    if (conn.buffer == nullptr) {
+        return ENOMEM;
+    }
+    log_target log{.to_stderr = conn.log_to_stderr};
+    const int error = policy_read(conn.buffer->rules, conn.directory, conn.serv_id, log);
+    log_close(log);
+    return error;
 }
 
 void receive_abandon(connection &conn) {

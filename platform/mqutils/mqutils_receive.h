@@ -6,7 +6,8 @@
 
 namespace mqutils {
 
-// Makes the socket one that tells who sends. To be called before it is bound. 0, or an errno value.
+// Makes the socket one that tells who sends, and reads the policy. To be called before it is bound.
+// 0, or an errno value.
 int receive_prepare(connection &conn);
 
 // Gives back what receive_prepare made, whatever it returned, when no thread was started.
