@@ -72,7 +72,7 @@ This package contains the shared library.")
 time, speed, satellites, power, periodic updates, history, engineering
 commands and settings, in people's units or as JSON.
 .
-Its users must be members of the group terminal-tools.")
+Its users must be members of the groups terminal-bus and terminal-tools.")
   ls_package(dev liblocation-client-dev libdevel
     "liblocation-client2 ${same}, terminal-platform ${same}"
     "development files of the terminal's location service"

@@ -39,6 +39,7 @@ FILES:terminal-platform = "\
     ${nonarch_libdir}/sysusers.d/terminal-platform.conf \
     ${nonarch_libdir}/tmpfiles.d/terminal-platform.conf \
     ${sysconfdir}/terminal.conf \
+    ${sysconfdir}/terminal-bus.policy \
 "
 FILES:liblocation-client = "${libdir}/liblocation_client.so.*"
 FILES:lsctl = "${bindir}/lsctl ${datadir}/bash-completion ${datadir}/zsh"
@@ -51,7 +52,7 @@ FILES:${PN} = "\
     ${nonarch_libdir}/tmpfiles.d/location_service.conf \
 "
 FILES:${PN}-dev += "${libdir}/cmake"
-CONFFILES:terminal-platform = "${sysconfdir}/terminal.conf"
+CONFFILES:terminal-platform = "${sysconfdir}/terminal.conf ${sysconfdir}/terminal-bus.policy"
 
 RDEPENDS:${PN} = "terminal-platform"
 RRECOMMENDS:${PN} = "lsctl"
@@ -61,14 +62,14 @@ SYSTEMD_SERVICE:${PN} = "location_service.service"
 
 # As the two sysusers.d files say, for images whose root is read-only at the first boot already.
 USERADD_PACKAGES = "terminal-platform ${PN}"
-GROUPADD_PARAM:terminal-platform = "--system terminal-tools; --system terminal-data"
+GROUPADD_PARAM:terminal-platform = "--system terminal-bus; --system terminal-tools; --system terminal-data"
 NO_LOGIN = "--system --no-create-home --home-dir / --shell /sbin/nologin --user-group"
 USERADD_PARAM:terminal-platform = "\
-    ${NO_LOGIN} terminal-sal; \
-    ${NO_LOGIN} terminal-voip; \
-    ${NO_LOGIN} --groups terminal-data terminal-ws; \
-    ${NO_LOGIN} terminal-client9; \
-    ${NO_LOGIN} terminal-ta \
+    ${NO_LOGIN} --groups terminal-bus terminal-sal; \
+    ${NO_LOGIN} --groups terminal-bus terminal-voip; \
+    ${NO_LOGIN} --groups terminal-bus,terminal-data terminal-ws; \
+    ${NO_LOGIN} --groups terminal-bus terminal-client9; \
+    ${NO_LOGIN} --groups terminal-bus terminal-ta \
 "
-USERADD_PARAM:${PN} = "${NO_LOGIN} --groups terminal-data terminal-location"
-GROUPADD_PARAM:${PN} = "--system terminal-data"
+USERADD_PARAM:${PN} = "${NO_LOGIN} --groups terminal-data,terminal-bus,terminal-tools terminal-location"
+GROUPADD_PARAM:${PN} = "--system terminal-data; --system terminal-bus; --system terminal-tools"

@@ -36,7 +36,7 @@ check "it is left alone after some failures" until_true 300 systemctl is-failed 
 rm -r /run/systemd/system/location_service.service.d
 systemctl daemon-reload
 
-useradd --system --groups terminal-tools,terminal-data technician
+useradd --system --groups terminal-bus,terminal-tools,terminal-data technician
 useradd --system stranger
 
 # The machine. The two rules' commands are taken from the rules file.
@@ -84,14 +84,15 @@ diff - <(cd /run/terminal-bus && find . ! -name '3[3-9]' ! -name '[45]?' ! -name
 777 root:root 8 own/8/socket
 777 root:root 9 own/9/socket
 755 root:root own 
-711 terminal-ta:terminal-ta own/12 
-711 terminal-sal:terminal-sal own/2 
-711 terminal-voip:terminal-voip own/3 
-711 terminal-ws:terminal-ws own/6 
-711 terminal-location:terminal-location own/8 
-666 terminal-location:terminal-location own/8/socket 
-711 terminal-client9:terminal-client9 own/9 
-1771 root:terminal-tools own/tools 
+2711 terminal-ta:terminal-bus own/12 
+2711 terminal-sal:terminal-bus own/2 
+2711 terminal-voip:terminal-bus own/3 
+2711 terminal-ws:terminal-bus own/6 
+2711 terminal-location:terminal-bus own/8 
+660 terminal-location:terminal-bus own/8/socket 
+2711 terminal-client9:terminal-bus own/9 
+3771 root:terminal-tools own/tools 
+644 root:root policy 
 LAYOUT
     fail "bus directory"
 

@@ -21,8 +21,8 @@ grep -qx "LOCATION_SERVICE_VERSION = $version" "$package/location_service.mk" ||
 
 # Users as "name its-other-groups", from the files and from both build systems.
 sed -nE 's/^u +([^ ]+).*/\1/p; s/^m +([^ ]+) +(.*)/\1 \2/p' "$packaging"/sysusers/*.conf |
-    awk '{groups[$1] = groups[$1] " " $2} END {for (u in groups) print u, groups[u]}' | tr -s ' ' | sed 's/ $//' |
-    sort >"$work/users"
+    awk '{groups[$1] = groups[$1] (groups[$1] == "" ? "" : ",") $2} END {for (u in groups) print u, groups[u]}' |
+    sed 's/ $//' | sort >"$work/users"
 grep -oE '\$\{NO_LOGIN\} [^;"\\]*' "$recipe" |
     sed -E 's/^[^ ]+ (--groups ([^ ]+) )?([^ ]+) *$/\3 \2/; s/ $//' | sort | diff "$work/users" - ||
     fail "users of the recipe"

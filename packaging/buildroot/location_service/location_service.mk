@@ -25,19 +25,21 @@ endif
 
 # As the two sysusers.d files say.
 define LOCATION_SERVICE_USERS
+	- -1 terminal-bus -1 - - - - Senders on the bus
 	- -1 terminal-tools -1 - - - - Tools of the bus
 	- -1 terminal-data -1 - - - - Data in /user
-	terminal-sal -1 terminal-sal -1 * / - - Terminal service 2
-	terminal-voip -1 terminal-voip -1 * / - - Terminal service 3
-	terminal-ws -1 terminal-ws -1 * / - terminal-data Terminal service 6
-	terminal-location -1 terminal-location -1 * / - terminal-data Terminal service 8
-	terminal-client9 -1 terminal-client9 -1 * / - - Terminal service 9
-	terminal-ta -1 terminal-ta -1 * / - - Terminal service 12
+	terminal-sal -1 terminal-sal -1 * / - terminal-bus Terminal service 2
+	terminal-voip -1 terminal-voip -1 * / - terminal-bus Terminal service 3
+	terminal-ws -1 terminal-ws -1 * / - terminal-bus,terminal-data Terminal service 6
+	terminal-location -1 terminal-location -1 * / - terminal-data,terminal-bus,terminal-tools Terminal service 8
+	terminal-client9 -1 terminal-client9 -1 * / - terminal-bus Terminal service 9
+	terminal-ta -1 terminal-ta -1 * / - terminal-bus Terminal service 12
 endef
 
 # What is in /run and /user is made at every boot, by the tmpfiles.d files.
 define LOCATION_SERVICE_PERMISSIONS
 	/etc/terminal.conf f 644 0 0 - - - - -
+	/etc/terminal-bus.policy f 644 0 0 - - - - -
 	/usr/libexec/location_service/power-lines f 755 0 0 - - - - -
 	/usr/libexec/location_service/history-ring f 755 0 0 - - - - -
 endef
