@@ -29,7 +29,7 @@ enum class location_result : uint8_t {
     receiver_busy,    // no reply in time, though the service is alive and the receiver on
     no_reply,         // no reply in time
     no_bus,           // the bus directory is absent
-    bus_denied,       // this user may not take the service id, or not send to the service
+    bus_denied,       // not permitted: members of terminal-bus are, tools' of terminal-tools, too
     id_taken,         // another process has the service id
     ids_exhausted,    // all ids kept for tools are taken
     no_daemon,        // nobody has the id of the location service
@@ -39,6 +39,7 @@ enum class location_result : uint8_t {
     bad_argument,     // nothing was sent
     cancelled,        // location_client_cancel was called
     no_memory,
+    bus_locked, // a dead process is in the place of the service id, and its lock is held
 };
 
 // Service ids kept for tools; 0 at opening stands for the first free one.

@@ -17,7 +17,7 @@ struct outcome {
 };
 
 // In the order of location_result.
-constexpr std::array<outcome, 18> OUTCOMES = {{
+constexpr std::array<outcome, 19> OUTCOMES = {{
     {"answered", LSCTL_OK, ""},
     {"failed", LSCTL_FAILED, " (the receiver may have no fix yet)"},
     {"receiver_timeout", LSCTL_FAILED, ""},
@@ -37,8 +37,9 @@ constexpr std::array<outcome, 18> OUTCOMES = {{
     {"bad_argument", LSCTL_USAGE, ""},
     {"cancelled", LSCTL_NO_ANSWER, ""},
     {"no_memory", LSCTL_NO_ANSWER, ""},
+    {"bus_locked", LSCTL_NO_ANSWER, "; choose another id with --as"},
 }};
-static_assert(OUTCOMES.size() == static_cast<size_t>(location_result::no_memory) + 1);
+static_assert(OUTCOMES.size() == static_cast<size_t>(location_result::bus_locked) + 1);
 
 const outcome &outcome_of(location_result result) {
     return OUTCOMES.at(static_cast<size_t>(result));

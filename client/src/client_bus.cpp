@@ -20,7 +20,7 @@ struct errno_result {
 constexpr errno_result INIT_RESULTS[] = {
     {ENOENT, location_result::no_bus},       {ENOTDIR, location_result::no_bus},
     {EADDRINUSE, location_result::id_taken}, {EACCES, location_result::bus_denied},
-    {EPERM, location_result::bus_denied},
+    {EPERM, location_result::bus_denied},    {EBUSY, location_result::bus_locked},
 };
 
 constexpr errno_result SEND_RESULTS[] = {
@@ -80,9 +80,20 @@ size_t payload_size(const bus_msg &msg) {
     return msg.pld == nullptr ? 0 : msg.hdr.pld_len;
 }
 
+// A response to a command repeats it. One to another command, of a process that had this service id
+// before, is not the answer. The refusal by the closed gate repeats nothing.
+bool is_of_command(const client_waiter &waiter, const bus_msg &msg) {
+    constexpr size_t at = offsetof(ls_engg_cmd, command);
+    const size_t size = waiter.command.size();
+    return size == 0 || payload_size(msg) != sizeof(ls_engg_cmd) ||
+           std::memcmp(static_cast<const uint8_t *>(msg.pld) + at, waiter.command.data(), size) ==
+               0;
+}
+
 void take_response(location_client &client, const bus_msg &msg) {
     for (client_waiter *waiter = client.waiters; waiter != nullptr; waiter = waiter->next) {
-        if (waiter->txn_id != msg.hdr.txn_id || waiter->msg_id != msg.hdr.msg_id || waiter->done) {
+        if (waiter->txn_id != msg.hdr.txn_id || waiter->msg_id != msg.hdr.msg_id || waiter->done ||
+            !is_of_command(*waiter, msg)) {
             continue;
         }
         const size_t size = payload_size(msg);
@@ -150,6 +161,9 @@ location_result client_send_request(location_client &client, client_waiter &wait
     }
     waiter.msg_id = msg_id;
     waiter.txn_id = hdr.txn_id;
+    if (msg_id == LS_EXEC_NMEA_CMD || msg_id == LS_EXEC_UBX_CMD) {
+        waiter.command = payload.subspan(offsetof(ls_engg_cmd, command), LS_ENGG_CMD_SIZE);
+    }
     {
         // Listed before it is sent: the reply may be faster than the return of the send.
         const std::lock_guard guard(client.lock);

@@ -20,6 +20,8 @@ using client_clock = std::chrono::steady_clock;
 struct client_waiter {
     uint32_t msg_id = 0;
     uint32_t txn_id = 0;
+    std::span<const uint8_t>
+        command{}; // what the response has to repeat; the sender's; may be empty
     bool done = false;
     uint32_t size = 0; // payload bytes on the wire, may exceed what data holds
     std::array<uint8_t, sizeof(ls_engg_cmd)> data{};

@@ -6,7 +6,7 @@
 namespace {
 
 // In the order of location_result.
-constexpr std::array<const char *, 18> TEXTS = {
+constexpr std::array<const char *, 19> TEXTS = {
     "the location service answered",
     "the location service answered that the request failed",
     "the location service answered that the receiver did not answer it in time",
@@ -16,7 +16,8 @@ constexpr std::array<const char *, 18> TEXTS = {
     "the receiver is on, but the location service did not answer this request in time",
     "the location service did not answer in time",
     "the bus directory does not exist",
-    "the bus does not permit this user to do that",
+    "the bus does not permit this user to do that: on a terminal its users are in the group "
+    "terminal-bus, those of tools in terminal-tools, too",
     "another process already uses this service id",
     "all service ids for tools (32 to 63) are in use",
     "the location service is not running",
@@ -26,8 +27,9 @@ constexpr std::array<const char *, 18> TEXTS = {
     "the argument is not valid",
     "the wait was cancelled",
     "there is not enough memory",
+    "another process holds the lock of the bus directory",
 };
-static_assert(TEXTS.size() == static_cast<size_t>(location_result::no_memory) + 1);
+static_assert(TEXTS.size() == static_cast<size_t>(location_result::bus_locked) + 1);
 
 } // namespace
 

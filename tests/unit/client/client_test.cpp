@@ -68,9 +68,11 @@ TEST_F(client_test, opening_and_sending_report_why_they_failed) {
 }
 
 TEST_F(client_test, takes_the_first_free_tool_id) {
-    fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}, {34, EIO}, {35, ENOENT}};
+    fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}, {34, EIO}, {35, EBUSY}};
     EXPECT_EQ(open(0), is::answered);
     EXPECT_EQ(location_client_serv_id(client), 36);
+    fake.init_errno = {{-1, EBUSY}, {31, 0}, {64, 0}};
+    EXPECT_EQ(open(0), is::bus_locked);
     fake.init_errno = {{-1, EADDRINUSE}, {31, 0}, {63, EACCES}, {64, 0}};
     EXPECT_EQ(open(0), is::ids_exhausted);
     fake.init_errno = {{-1, ENOENT}};
@@ -220,7 +222,13 @@ TEST_F(client_test, a_time_out_counts_from_the_call) {
 }
 
 TEST_F(client_test, nmea_travels_as_its_body) {
-    fake.service = always(padded(padded({1}, 85, {'$'}, 84), 284, {'x'}, 283));
+    fake.service = [](const sent_message &m) {
+        bytes reply = padded(padded(m.payload, 284, {1}, 0), 284, {'$'}, 84);
+        reply[5] ^= 1; // of another command
+        fake_reply(m.hdr, reply);
+        reply[5] ^= 1;
+        fake_reply(m.hdr, padded(reply, 284, {'x'}, 283));
+    };
     location_client_answer answer;
     const std::string longest(79, 'A');
     EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), is::answered);

@@ -55,7 +55,12 @@ void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload) {
 }
 
 play always(bytes reply) {
-    return [reply = std::move(reply)](const sent_message &m) { fake_reply(m.hdr, reply); };
+    return [reply = std::move(reply)](const sent_message &m) {
+        bytes answer = reply;
+        if (reply.size() == sizeof(ls_engg_cmd) && m.payload.size() == reply.size())
+            std::copy_n(m.payload.begin() + 4, LS_ENGG_CMD_SIZE, answer.begin() + 4);
+        fake_reply(m.hdr, answer);
+    };
 }
 
 bytes padded(bytes head, size_t size, const bytes &tail, size_t at) {

@@ -43,7 +43,7 @@ void fake_reply(const msg_hdr &request, const bytes &payload);
 void fake_send(ls_msg_type type, uint32_t msg_id, const bytes &payload);
 void fake_deliver(msg_hdr hdr, bytes payload); // with the length of this payload
 
-// A service that answers everything so.
+// A service that answers everything so; to a command with that command in it.
 play always(bytes reply);
 
 // `size` bytes: the given ones, zeros, and `tail` from offset `at`.
