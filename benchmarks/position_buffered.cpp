@@ -146,17 +146,15 @@ class log_daemon {
 
 // --- the client
 
-// One request at a time on a socket of its own. Replies are told apart by their size alone.
+// One request at a time on a socket of its own. It is not connected: the daemon answers from
+// another socket than the one it is asked at. Replies are told apart by their size alone.
 class bare_client {
   public:
     bare_client(const std::string &bus, uint8_t id, const std::string &server, size_t reply_size)
-        : fd(bound_socket(bus + "/" + std::to_string(id))),
+        : fd(bound_socket(bus + "/" + std::to_string(id))), to(address_of(server)),
           wanted(static_cast<ssize_t>(reply_size)) {
         const timeval patience{20, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        const sockaddr_un to = address_of(server);
-        if (connect(fd, generic(to), sizeof to) != 0)
-            perror(server.c_str());
         request.src_serv_id = id;
         request.dst_serv_id = LS_OWN_SERV_ID;
         request.msg_id = LS_REQUEST_GET_POSITION;
@@ -167,7 +165,7 @@ class bare_client {
 
     bool ask() {
         ++request.txn_id;
-        if (send(fd, &request, sizeof request, 0) != sizeof request)
+        if (sendto(fd, &request, sizeof request, 0, generic(to), sizeof to) != sizeof request)
             return false;
         return recv(fd, reply.data(), reply.size(), 0) == wanted;
     }
@@ -179,6 +177,7 @@ class bare_client {
 
   private:
     int fd;
+    sockaddr_un to;
     ssize_t wanted;
     msg_hdr request = {};
     std::array<uint8_t, 256> reply = {};
