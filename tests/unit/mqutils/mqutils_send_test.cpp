@@ -2,6 +2,8 @@
 
 #include "bus_fixture.h"
 
+#include <sys/resource.h>
+
 namespace {
 
 TEST_F(bus, headers_on_the_wire) {
@@ -59,6 +61,17 @@ TEST_F(bus, send_says_why_it_failed) {
         EXPECT_EQ(send_msg(row.conn, &hdr, row.pld), row.error == 0 ? 0 : -1) << row.name;
         EXPECT_EQ(errno, row.error) << row.name;
     }
+}
+
+TEST_F(bus, send_works_without_a_descriptor_to_spare) {
+    start();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(peer.notify(40, "m"), 0) << strerror(errno);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(self.wait_for(2));
 }
 
 // With a signal every few milliseconds no single system call gets to the end of its wait.
