@@ -1,5 +1,6 @@
 // The two threads and the waits for them. See dbhandler_worker.h.
 #include "dbhandler_worker.h"
+#include "ls_signals_blocked.h"
 
 #include <condition_variable>
 #include <csignal>
@@ -153,16 +154,13 @@ bool start(library &own, crew &at, void *(*body)(void *)) {
     if (at.started)
         return true;
     // The process's signals are its own threads' business.
-    sigset_t all, before;
-    sigfillset(&all);
+    const ls_signals_blocked scope;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread;
     const int error = pthread_create(&thread, &attributes, body, &own);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
     if (error != 0)
         log_error("settings database: no thread %s: %s", at.name, strerror(error));

@@ -24,7 +24,8 @@
 
 #include "mqutils_directory.h"
 
-#include "mqutils_clock.h"
+#include "ls_clock.h"
+#include "ls_descriptor.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -63,22 +64,9 @@ id_text text_of(uint8_t serv_id) {
     return text;
 }
 
-struct descriptor_guard {
-    int descriptor;
-
-    explicit descriptor_guard(int opened) : descriptor(opened) {}
-    descriptor_guard(const descriptor_guard &) = delete;
-    descriptor_guard &operator=(const descriptor_guard &) = delete;
-    ~descriptor_guard() {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-    }
-};
-
 // Where the socket of one service is: a name in a directory, and that as a socket address.
 struct socket_place {
-    descriptor_guard directory{-1};        // open for reading: flock() refuses an O_PATH descriptor
+    ls_descriptor directory{-1};           // open for reading: flock() refuses an O_PATH descriptor
     std::array<char, longest_link> text{}; // from the bus directory on, or absolute
     const char *name = nullptr;            // the last component, in `text`
     sockaddr_un address{};
@@ -94,17 +82,17 @@ struct place_lock {
     ~place_lock() {
         if (held) {
             // Not left to close(): a child forked meanwhile shares the open file and its lock.
-            flock(place.directory.descriptor, LOCK_UN);
+            flock(place.directory.fd, LOCK_UN);
         }
     }
 
     int take() {
-        const int64_t deadline = monotonic_ms() + lock_wait_ms;
-        while (flock(place.directory.descriptor, LOCK_EX | LOCK_NB) != 0) {
+        const int64_t deadline = ls_monotonic_ms() + lock_wait_ms;
+        while (flock(place.directory.fd, LOCK_EX | LOCK_NB) != 0) {
             if (errno != EWOULDBLOCK && errno != EINTR) {
                 return errno;
             }
-            if (monotonic_ms() >= deadline) {
+            if (ls_monotonic_ms() >= deadline) {
                 return EBUSY;
             }
             poll(nullptr, 0, lock_retry_ms);
@@ -161,7 +149,7 @@ int find_place(const bus_directory &directory, uint8_t serv_id, socket_place &pl
     if (opened < 0) {
         return errno;
     }
-    place.directory.descriptor = opened;
+    place.directory.fd = opened;
     place.address.sun_family = AF_UNIX;
     constexpr size_t room = sizeof place.address.sun_path;
     int length =
@@ -175,7 +163,7 @@ int find_place(const bus_directory &directory, uint8_t serv_id, socket_place &pl
 }
 
 int remove_socket(const socket_place &place) {
-    return unlinkat(place.directory.descriptor, place.name, 0) == 0 ? 0 : errno;
+    return unlinkat(place.directory.fd, place.name, 0) == 0 ? 0 : errno;
 }
 
 // What has the name: 0 = nothing, ECONNREFUSED = the socket of a dead owner, EADDRINUSE = that of a
@@ -183,21 +171,21 @@ int remove_socket(const socket_place &place) {
 int look_at_name(const socket_place &place) {
     struct stat status {};
     struct stat parent {};
-    if (fstatat(place.directory.descriptor, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(place.directory.fd, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? 0 : errno;
     }
     if (!S_ISSOCK(status.st_mode)) {
         return ENOTSOCK;
     }
-    const descriptor_guard probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (probe.descriptor < 0) {
+    const ls_descriptor probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (probe.fd < 0) {
         return errno;
     }
-    if (connect(probe.descriptor, reinterpret_cast<const sockaddr *>(&place.address),
+    if (connect(probe.fd, reinterpret_cast<const sockaddr *>(&place.address),
                 sizeof place.address) == 0) {
         return EADDRINUSE;
     }
-    if (errno != ECONNREFUSED || fstat(place.directory.descriptor, &parent) != 0) {
+    if (errno != ECONNREFUSED || fstat(place.directory.fd, &parent) != 0) {
         return errno == ENOENT ? 0 : errno; // its owner has just left
     }
     const time_t age_s = time(nullptr) - status.st_ctim.tv_sec;
@@ -241,10 +229,10 @@ int replace_dead_socket(const socket_place &place, int socket) {
 // Sets mode and learns identity of the file just bound. Held by a descriptor, not looked up again:
 // in a directory that others may write to, the name may already be something else.
 int adopt_the_file(const socket_place &place, socket_identity &identity) {
-    const descriptor_guard file(
-        openat(place.directory.descriptor, place.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const ls_descriptor file(
+        openat(place.directory.fd, place.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
-    if (file.descriptor < 0 || fstat(file.descriptor, &status) != 0) {
+    if (file.fd < 0 || fstat(file.fd, &status) != 0) {
         return errno;
     }
     if (!S_ISSOCK(status.st_mode) || status.st_uid != geteuid()) {
@@ -253,7 +241,7 @@ int adopt_the_file(const socket_place &place, socket_identity &identity) {
     identity = {status.st_dev, status.st_ino};
     // fchmod() refuses an O_PATH descriptor; its entry in /proc names the same file.
     std::array<char, sizeof "/proc/self/fd/-2147483648"> name{};
-    std::snprintf(name.data(), name.size(), "/proc/self/fd/%d", file.descriptor);
+    std::snprintf(name.data(), name.size(), "/proc/self/fd/%d", file.fd);
     return chmod(name.data(), socket_mode) == 0 ? 0 : errno;
 }
 
@@ -317,7 +305,7 @@ void directory_give_back(const bus_directory &directory, uint8_t serv_id,
     socket_place place;
     struct stat status {};
     if (find_place(directory, serv_id, place) == 0 &&
-        fstatat(place.directory.descriptor, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        fstatat(place.directory.fd, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         status.st_dev == identity.device && status.st_ino == identity.inode) {
         remove_socket(place);
     }

@@ -9,7 +9,8 @@
 
 #include "mqutils_receive.h"
 
-#include "mqutils_clock.h"
+#include "ls_clock.h"
+#include "ls_signals_blocked.h"
 #include "mqutils_drop_log.h"
 #include "mqutils_policy.h"
 #include "mqutils_send.h"
@@ -154,7 +155,8 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     if (!has_arrived) {
         if (read_error != EINTR) {
             // No ordinary state of a datagram socket; do not spin on it.
-            drop_log_write(log, monotonic_ms(), {strerrordesc_np(read_error), 0, -1, 0, 0, 0, 0});
+            drop_log_write(log, ls_monotonic_ms(),
+                           {strerrordesc_np(read_error), 0, -1, 0, 0, 0, 0});
             poll(nullptr, 0, failed_read_pause_ms);
         }
         return;
@@ -164,14 +166,14 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     remove_datagram(conn);
     if (reason != nullptr) {
         const bool has_header = arrived.bytes >= sizeof hdr;
-        drop_log_write(log, monotonic_ms(),
+        drop_log_write(log, ls_monotonic_ms(),
                        {reason, arrived.bytes, has_header ? hdr.src_serv_id : -1,
                         has_header ? hdr.msg_id : 0, has_header ? hdr.msg_type : 0U,
                         arrived.credentials.pid, arrived.credentials.uid});
         return;
     }
     if (log.suppressed > 0) {
-        drop_log_flush(log, monotonic_ms());
+        drop_log_flush(log, ls_monotonic_ms());
     }
     buffer.msg.pld = hdr.pld_len > 0 ? buffer.payload.data() : nullptr;
     conn.on_message(conn.record, &buffer.msg);
@@ -212,14 +214,11 @@ int receive_start(connection &conn) {
         return error;
     }
     pthread_t thread{};
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
     pthread_attr_setstacksize(&attributes, stack_bytes);
-    // A thread is born with its starter's mask: there is no moment in which a signal could hit it.
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    error = pthread_create(&thread, &attributes, receive_main, &conn);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    {
+        const ls_signals_blocked scope;
+        error = pthread_create(&thread, &attributes, receive_main, &conn);
+    }
     if (error == 0) {
         // The thread does the same: whichever is first, scm_conn_exit finds it.
         conn.receiver.store(thread, std::memory_order_release);

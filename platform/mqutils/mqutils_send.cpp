@@ -9,7 +9,7 @@
 
 #include "mqutils_send.h"
 
-#include "mqutils_clock.h"
+#include "ls_clock.h"
 
 #include <linux/sockios.h>
 #include <poll.h>
@@ -80,9 +80,9 @@ bool is_worth_waiting(int error) {
 // Full. Let the kernel wait as long as one such wait, interrupted late or not, still ends within
 // the bound; then look now and then. The bound holds whatever signals arrive.
 int send_patiently(const connection &conn, int socket, const msghdr &message) {
-    const int64_t deadline = monotonic_ms() + conn.send_timeout_ms;
+    const int64_t deadline = ls_monotonic_ms() + conn.send_timeout_ms;
     for (;;) {
-        const int64_t left_ms = deadline - monotonic_ms();
+        const int64_t left_ms = deadline - ls_monotonic_ms();
         if (left_ms <= 0) {
             return EAGAIN;
         }
@@ -162,9 +162,9 @@ void send_stop(const connection &conn) {
 }
 
 bool send_linger(const connection &conn) {
-    const int64_t deadline = monotonic_ms() + (on_a_receive_thread ? 0 : conn.send_timeout_ms);
+    const int64_t deadline = ls_monotonic_ms() + (on_a_receive_thread ? 0 : conn.send_timeout_ms);
     while (has_unread(conn)) {
-        if (monotonic_ms() >= deadline) {
+        if (ls_monotonic_ms() >= deadline) {
             return false;
         }
         poll(nullptr, 0, linger_look_ms);

@@ -1,30 +1,13 @@
-// What the parts of the HAL library share: configuration, log line, blocked signals.
+// What the parts of the HAL library share: configuration and log line.
 #ifndef ZUKHAL_INTERNAL_H
 #define ZUKHAL_INTERNAL_H
 
 #include <array>
-#include <csignal>
 #include <cstddef>
 #include <ctime>
 #include <string_view>
 
 #define ZUK_EXPORT extern "C" __attribute__((visibility("default")))
-
-// Of the calling thread, as long as the object lives.
-class signals_blocked {
-  public:
-    signals_blocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    signals_blocked(const signals_blocked &) = delete;
-    signals_blocked &operator=(const signals_blocked &) = delete;
-
-  private:
-    sigset_t before_{};
-};
 
 // ---- configuration (zukhal_config.cpp) ----
 

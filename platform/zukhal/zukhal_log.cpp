@@ -8,6 +8,7 @@
 // send_patience_ms, or is not there, loses it to stderr; if stderr does not take it either, it is
 // gone: the log must not stop or end the program. After such a wait nobody waits for some seconds.
 // What the target has not got is counted, and the count logged as soon as it takes lines again.
+#include "ls_clock.h"
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
@@ -53,9 +54,7 @@ std::atomic<unsigned> g_missing{0}; // lines that the target has not got
 constexpr size_t text_size = line_size;
 
 long monotonic_s() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long>(now.tv_sec);
+    return static_cast<long>(ls_monotonic_ms() / 1000);
 }
 
 bool in_hurry() {

@@ -4,6 +4,8 @@
 // expiry that comes while callbacks are busy is served late; several of them count as one. Nobody
 // waits for a callback but rtc_exit, for a second; the thread therefore ends by itself and takes
 // with it what it uses. The threads do not survive a fork, and neither do the timers.
+#include "ls_descriptor.h"
+#include "ls_signals_blocked.h"
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
@@ -56,12 +58,6 @@ timer *find_timer(int handle) {
     return nullptr;
 }
 
-void close_fd(int &fd) {
-    if (fd >= 0)
-        close(fd);
-    fd = -1;
-}
-
 // A running timerfd that also counts in suspend and, where the process may, ends the suspend. -1
 // with errno: failed.
 int open_timer(uint32_t interval_s) {
@@ -71,13 +67,10 @@ int open_timer(uint32_t interval_s) {
     period.it_interval.tv_sec = static_cast<time_t>(std::min<uint64_t>(interval_s, longest));
     period.it_value = period.it_interval;
     for (const clockid_t clock : {CLOCK_BOOTTIME_ALARM, CLOCK_BOOTTIME}) {
-        const int fd = timerfd_create(clock, TFD_NONBLOCK | TFD_CLOEXEC);
-        if (fd >= 0 && timerfd_settime(fd, 0, &period, nullptr) == 0)
-            return fd;
-        const int error = errno;
-        if (fd >= 0)
-            close(fd);
-        errno = error;
+        ls_descriptor opened(timerfd_create(clock, TFD_NONBLOCK | TFD_CLOEXEC));
+        if (opened.fd >= 0 && timerfd_settime(opened.fd, 0, &period, nullptr) == 0)
+            return opened.release();
+        ls_close(opened.fd); // errno stays
         if (clock == CLOCK_BOOTTIME_ALARM && !g_alarms_refused.exchange(true))
             ZUK_LOG(6, "timers cannot wake the terminal: %m");
     }
@@ -117,8 +110,8 @@ void serve(int handle) {
 
 // Called with g_lock held, by the thread at its end or where it could not be started.
 void close_all() {
-    close_fd(g_epoll);
-    close_fd(g_wake);
+    ls_close(g_epoll);
+    ls_close(g_wake);
     g_stopping = false;
 }
 
@@ -150,7 +143,7 @@ int start_thread() {
     if (g_epoll < 0 || g_wake < 0 || !watch(g_wake, wake_event)) {
         error = errno;
     } else {
-        const signals_blocked inherited;
+        const ls_signals_blocked inherited;
         error = pthread_create(&g_thread, nullptr, run_timers, nullptr);
     }
     if (error != 0) {
@@ -241,7 +234,7 @@ ZUK_EXPORT int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int
         }
     }
     if (handle == 0) {
-        close_fd(fd);
+        ls_close(fd);
         errno = error;
         ZUK_LOG(3, "timer of %u s refused: %m", interval_s);
     }

@@ -4,6 +4,7 @@
 //
 // The kernel keeps a wake lock when its process dies. The next process to vote for the same id
 // takes it over and releases it with its own last vote.
+#include "ls_signals_blocked.h"
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
@@ -97,7 +98,7 @@ int change_votes(int state_id, bool (*change)(int)) {
     const int error = errno;
     // Before the first use reads the configuration: a handler that votes would wait for that for
     // ever.
-    const signals_blocked blocked;
+    const ls_signals_blocked blocked;
     zukhal_configuration();
     const std::lock_guard guard(g_lock);
     const bool changed = change(state_id);
