@@ -15,7 +15,7 @@ namespace {
 
 constexpr char EXPORT[] = "t/user/location/location_history.txt";
 const std::string FIRST = "2019-02-05 10:51:05,2D,70.132317N,11.516667E,+2.25m,08\n";
-const std::string SECOND = "2019-02-05 10:52:05,2D,70.132400N,11.516700E,+2.25m,08\n";
+const std::string SECOND = "2019-02-05 10:52:05,2D,70.132400S,11.516700W,+2.25m,08\n";
 const std::string LINES = FIRST + SECOND;
 
 struct lsctl_files : testing::Test {
@@ -33,7 +33,6 @@ struct lsctl_files : testing::Test {
         for (const char *name : {"TZ", "LSCTL_ROOT", "DBHANDLER_FILE"})
             unsetenv(name);
     }
-    // The service exports with a status of four such bytes.
     static void exporting(uint8_t status, uint8_t rest = 0) {
         const std::string path = "/user/location/location_history.txt";
         fake.service =
@@ -44,23 +43,26 @@ struct lsctl_files : testing::Test {
 TEST_F(lsctl_files, exported_lines_are_printed_and_damaged_ones_counted) {
     expect_outcome("history", 0, LINES, "");
     EXPECT_EQ(fake_sent(1013).size(), 1U);
-    expect_outcome("history --since 2019-02-05T10:52", 0, SECOND, "");
-    const std::string nowhere = "2019-02-05 10:53:05,ER,0.000000X,0.000000Y,+0.00m,00\n";
+    exporting(255); // not all of it could be written
+    expect_outcome("history", 1, LINES,
+                   "the location service could not write all of its export: lines are missing");
+    exporting(0xFF, 0xFF); // nothing; what is there is an older one
+    EXPECT_EQ(run("history").out, "");
+    exporting(0);
+    expect_outcome("history --since 2019-02-05T10:52:05", 0, SECOND, "");
+    expect_outcome("history --until 2019-02-05T10:51:05", 0, FIRST, "");
+    const std::string nowhere = "2019-02-05 10:53:05,ER,0.000000X,0.000000Y,+2.25m,08\n";
     scratch_dir::write("elsewhere" + std::string(EXPORT + 1),
                        "16667E,+2.25m,08\n" + FIRST + "\n" + nowhere + SECOND + "2019-02-05 10");
     expect_outcome("history --root elsewhere", 0, FIRST + nowhere + SECOND,
                    "3 lines skipped: cut or damaged (the first one is the oldest, which the newest "
                    "may have overwritten in part)");
-}
-
-TEST_F(lsctl_files, failures_have_their_sentence_and_status) {
-    exporting(0xFF, 0xFF);
-    const outcome got = run("history");
-    EXPECT_EQ(got.status, 1);
-    EXPECT_EQ(got.out, "");
-    exporting(255);
-    expect_outcome("history", 1, LINES,
-                   "the location service could not write all of its export: lines are missing");
+    // Other programs read the other formats in the system tests.
+    EXPECT_TRUE(
+        run("history --root elsewhere --format csv")
+            .out.ends_with(
+                "\n2019-02-05T10:53:05Z,2019-02-05 10:53:05,none,,,2.25,8\n"
+                "2019-02-05T10:52:05Z,2019-02-05 10:52:05,2D,-70.132400,-11.516700,2.25,8\n"));
 }
 
 TEST_F(lsctl_files, an_output_file_is_whole_or_as_it_was) {

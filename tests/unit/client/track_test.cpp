@@ -8,42 +8,19 @@
 
 namespace {
 
-const track_progress silent = [](double) {};
-
 // Central Europe, spelled out: does not need the time zone database.
 constexpr const char *BERLIN = "CET-1CEST,M3.5.0,M10.5.0/3";
-constexpr int64_t NOON = 1549368000; // of 2019-02-05
+// Until the next test sets its own.
+void set_zone(const char *name) {
+    setenv("TZ", name, 1);
+    tzset();
+}
 
-struct lsctl_track : testing::Test {
-    std::string text;
+track parsed(const std::string &text) {
+    return track_parse(text, {}, [](double) {});
+}
 
-    void SetUp() override { set_zone("UTC0"); }
-    static void set_zone(const char *name) {
-        setenv("TZ", name, 1);
-        tzset();
-    }
-    // A line `seconds` after noon, at a place.
-    void add(int seconds, const std::string &place = "47.366800N,8.541300E",
-             const std::string &fix = "2D,") {
-        char clock[16];
-        std::snprintf(clock, sizeof clock, "%02d:%02d:%02d", 12 + seconds / 3600, seconds / 60 % 60,
-                      seconds % 60);
-        text += "2019-02-05 " + std::string(clock) + "," + fix + place + ",+2.25m,08\n";
-    }
-    track parsed() { return track_parse(text, {}, silent); }
-    std::string written(track_writer write) {
-        char *bytes = nullptr;
-        size_t size = 0;
-        FILE *out = open_memstream(&bytes, &size);
-        write(parsed(), 0, out, silent);
-        std::fclose(out);
-        std::string result(bytes, size);
-        std::free(bytes);
-        return result;
-    }
-};
-
-TEST_F(lsctl_track, tells_lines_from_what_is_none) {
+TEST(lsctl_track, tells_lines_from_what_is_none) {
     const struct {
         const char *name;
         const char *line;
@@ -66,29 +43,21 @@ TEST_F(lsctl_track, tells_lines_from_what_is_none) {
     }
 }
 
-TEST_F(lsctl_track, both_ends_of_a_range_belong_to_it) {
-    for (int second = 0; second < 4; ++second)
-        add(second);
-    const track some = track_parse(text, {NOON + 1, NOON + 2}, silent);
-    ASSERT_EQ(some.points.size(), 2U);
-    EXPECT_EQ(some.points[0].utc, NOON + 1);
-    EXPECT_EQ(some.points[1].utc, NOON + 2);
-}
-
-TEST_F(lsctl_track, the_hour_that_comes_twice_runs_on) {
+TEST(lsctl_track, the_hour_that_comes_twice_runs_on) {
     set_zone(BERLIN);
     const std::pair<const char *, int64_t> rows[] = {
         {"01:59:00", 0},    {"02:30:00", 1860}, // summer time
         {"02:59:59", 3659}, {"02:00:00", 3660}, // winter time
         {"02:59:00", 7200}, {"03:00:00", 7260}};
+    std::string text;
     for (const auto &row : rows)
         text += std::string("2019-10-27 ") + row.first + ",2D,1.0N,1.0E,+1.00m,08\n";
-    const track all = parsed();
+    const track all = parsed(text);
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(all.points.at(i).utc - 1572134340, rows[i].second) << rows[i].first;
 }
 
-TEST_F(lsctl_track, times_as_people_type_them) {
+TEST(lsctl_track, times_as_people_type_them) {
     set_zone(BERLIN);
     const int64_t now = 1549360265; // 2019-02-05 10:51:05 local
     const struct {
@@ -106,26 +75,17 @@ TEST_F(lsctl_track, times_as_people_type_them) {
     }
 }
 
-TEST_F(lsctl_track, the_antimeridian_cuts) {
-    add(0, "10.000000S,179.000000E");
-    add(1, "10.000000S,180.000000W"); // exactly there: nothing to add
-    add(2, "10.000000S,179.000000W");
-    const auto pieces = track_pieces(parsed(), track_stretches(parsed(), 0).at(0));
+TEST(lsctl_track, the_antimeridian_cuts) {
+    set_zone("UTC0");
+    // The second is exactly there: nothing to add.
+    const track all = parsed("2019-02-05 12:00:00,2D,10.000000S,179.000000E,+2.25m,08\n"
+                             "2019-02-05 12:00:01,2D,10.000000S,180.000000W,+2.25m,08\n"
+                             "2019-02-05 12:00:02,2D,10.000000S,179.000000W,+2.25m,08\n");
+    const auto pieces = track_pieces(all, track_stretches(all, 0).at(0));
     ASSERT_EQ(pieces.size(), 2U);
     // Drawn the short way: 2 degrees, not 358.
-    EXPECT_LT(page_lay_out(parsed(), 0).metres_per_mm, 5000);
+    EXPECT_LT(page_lay_out(all, 0).metres_per_mm, 5000);
     EXPECT_TRUE(pieces[0].size() == 2 && pieces[1].size() == 2);
-}
-
-// Other programs read the rest of the formats in the system tests.
-TEST_F(lsctl_track, values_of_a_fix_and_of_none) {
-    add(0, "47.366800S,8.541300W");
-    add(1, "0.000000X,0.000000Y", "ER,");
-    EXPECT_TRUE(
-        written(track_write_csv)
-            .ends_with("\n"
-                       "2019-02-05T12:00:00Z,2019-02-05 12:00:00,2D,-47.366800,-8.541300,2.25,8\n"
-                       "2019-02-05T12:00:01Z,2019-02-05 12:00:01,none,,,2.25,8\n"));
 }
 
 } // namespace
