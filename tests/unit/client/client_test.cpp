@@ -121,50 +121,16 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
     EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::failed);
 }
 
-TEST_F(client_test, replies_find_their_requests_from_several_threads) {
-    // Answers each request late and from a thread of its own.
-    std::vector<std::future<void>> workers;
-    std::mutex lock;
-    fake.service = [&](const sent_message &m) {
-        const std::lock_guard guard(lock);
-        workers.push_back(std::async(std::launch::async, [m] {
-            std::this_thread::sleep_for(milliseconds(5));
-            fake_reply(m.hdr, m.hdr.msg_id == 1001 ? MODE_ON : position_reply());
-        }));
-    };
-    const auto ask = [this] {
-        for (int i = 0; i < 10; ++i) {
-            uint32_t own_mode = 0;
-            gps_pos_data own_position;
-            EXPECT_EQ(location_client_get_power(client, LONG, &own_mode), is::answered);
-            EXPECT_EQ(own_mode, 2U);
-            EXPECT_EQ(location_client_get_position(client, LONG, &own_position), is::answered);
-            EXPECT_EQ(own_position.num_satellites, 8);
-        }
-    };
-    std::thread other(ask);
-    ask();
-    other.join();
-}
-
 TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
     // Each waits for more than 2 s, so all do at once; the service hears each on its own thread.
-    static thread_local bytes mode_told;
-    static thread_local bool answers_late = false;
-    static thread_local msg_hdr asked;
+    static thread_local const bytes *mode_told;
     fake.service = [](const sent_message &m) {
-        if (m.hdr.msg_id != 1001) {
-            asked = m.hdr;
-            return;
-        }
-        fake_reply(m.hdr, mode_told);
-        if (answers_late)
-            fake_reply(asked, position_reply());
+        if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE)
+            fake_reply(m.hdr, *mode_told);
     };
-    const auto ask = [](location_client *asking, const bytes &told, bool late = false) {
-        return std::async(std::launch::async, [asking, told, late] {
-            mode_told = told;
-            answers_late = late;
+    const auto ask = [](location_client *asking, const bytes &told) {
+        return std::async(std::launch::async, [asking, &told] {
+            mode_told = &told;
             gps_pos_data got;
             return location_client_get_position(asking, PROBED, &got);
         });
@@ -174,15 +140,24 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
     location_client_open(LS_SERV_SAL, &sal);
     location_client_open(LS_SERV_VOIP, &voip);
     open(40); // the last one gets what is sent
-    auto of_sal = ask(sal, {}), of_voip = ask(voip, {});
-    auto off = ask(client, MODE_OFF), busy = ask(client, MODE_ON),
-         late = ask(client, MODE_OFF, true);
+    auto of_sal = ask(sal, MODE_OFF), of_voip = ask(voip, MODE_OFF);
+    auto off = ask(client, MODE_OFF), busy = ask(client, MODE_ON);
+    auto late = std::async(std::launch::async, [this] {
+        mode_told = &MODE_OFF;
+        gps_speed_data got;
+        return location_client_get_speed(client, PROBED, &got);
+    });
     // A query of a slow line is not doubled.
     std::this_thread::sleep_for(milliseconds(700));
     EXPECT_TRUE(fake_sent(1001).empty());
+    // An answer that follows the word of an off receiver still counts.
+    for (int i = 0; i < 500 && fake_sent(1001).size() < 3; ++i)
+        std::this_thread::sleep_for(milliseconds(5));
+    std::this_thread::sleep_for(milliseconds(20));
+    fake_reply(fake_sent(LS_REQUEST_GET_SPEED).at(0).hdr, padded({1}, sizeof(ls_speed_reply)));
+    EXPECT_EQ(late.get(), is::answered);
     EXPECT_EQ(off.get(), is::receiver_off);
     EXPECT_EQ(busy.get(), is::receiver_busy);
-    EXPECT_EQ(late.get(), is::answered) << "behind the word of an off receiver";
     EXPECT_EQ(of_sal.get(), is::no_reply);
     EXPECT_EQ(of_voip.get(), is::no_reply);
     EXPECT_EQ(fake_sent(1001).size(), 3U);
@@ -243,13 +218,11 @@ TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
 }
 
 TEST_F(client_test, history_path_ends_within_its_field_whatever_arrives) {
-    bytes sent = padded({}, 104, bytes(100, 'x'), 4); // no NUL anywhere in the path
+    const bytes sent = padded({}, 104, bytes(100, 'x'), 4); // no NUL anywhere in the path
     fake.service = [&sent](const sent_message &m) { fake_reply(m.hdr, sent); };
     ls_history_path_reply reply;
     EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::answered);
     EXPECT_EQ(std::string(reply.path), std::string(99, 'x'));
-    sent[0] = 255;
-    EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::failed);
 }
 
 TEST_F(client_test, updates_come_in_order_and_the_oldest_gives_way) {
@@ -299,14 +272,14 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
 }
 
 TEST_F(client_test, cancelling_ends_the_wait_until_resumed) {
-    ls_position_reply got;
-    std::thread canceller([this] {
+    const auto start = std::chrono::steady_clock::now();
+    const auto canceller = std::async(std::launch::async, [this] {
         std::this_thread::sleep_for(milliseconds(20));
         location_client_cancel(client);
     });
+    ls_position_reply got;
     EXPECT_EQ(location_client_next_update(client, LONG, &got), is::cancelled);
-    canceller.join();
-    EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::cancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, LONG);
     location_client_resume(client);
     EXPECT_EQ(location_client_get_power(client, SHORT, &mode), is::no_reply);
 }

@@ -6,16 +6,7 @@
 
 fake_bus fake;
 
-namespace {
-
-std::atomic<uint32_t> next_txn{1};
-
-int fill(msg_hdr *hdr, uint8_t type, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
-    *hdr = {type, 0, fake.serv_id, dst, msg_id, next_txn++, pld_len, 0};
-    return 0;
-}
-
-} // namespace
+static std::atomic<uint32_t> next_txn{1};
 
 void fake_reset() {
     fake.init_errno.clear();
@@ -37,9 +28,8 @@ void fake_deliver(msg_hdr hdr, bytes payload) {
     hdr.pld_len = static_cast<uint32_t>(payload.size());
     bus_msg msg{hdr, payload.empty() ? nullptr : payload.data()};
     const std::lock_guard guard(fake.delivery);
-    if (fake.conn != nullptr) { // a late reply may find nobody
+    if (fake.conn != nullptr) // a late reply may find nobody
         fake.conn->on_message(fake.conn, &msg);
-    }
 }
 
 void fake_reply(const msg_hdr &request, const bytes &payload) {
@@ -86,11 +76,14 @@ int scm_conn_exit(scm_conn *) {
 }
 
 int fill_request_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
-    return fill(hdr, LS_MSG_REQUEST, pld_len, msg_id, dst);
+    *hdr = {LS_MSG_REQUEST, 0, fake.serv_id, dst, msg_id, next_txn++, pld_len, 0};
+    return 0;
 }
 
-int fill_notif_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
-    return fill(hdr, LS_MSG_NOTIFICATION, pld_len, msg_id, dst);
+int fill_notif_hdr(scm_conn *conn, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id, uint8_t dst) {
+    fill_request_hdr(conn, hdr, pld_len, msg_id, dst);
+    hdr->msg_type = LS_MSG_NOTIFICATION;
+    return 0;
 }
 
 int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
@@ -100,10 +93,9 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
     }
     const auto *payload = static_cast<const uint8_t *>(pld);
     const sent_message message{*hdr, bytes(payload, payload + hdr->pld_len)};
-    {
-        const std::lock_guard guard(fake.lock);
-        fake.sent.push_back(message);
-    }
+    std::unique_lock guard(fake.lock);
+    fake.sent.push_back(message);
+    guard.unlock();
     if (fake.service)
         fake.service(message);
     return 0;

