@@ -15,10 +15,6 @@ std::atomic<bool> g_begun, g_go_on, g_returned, g_signals_blocked;
 std::atomic<int> g_own, g_victim; // handles
 int g_argument;                   // only its address counts
 
-bool called(int times) {
-    return reached([times] { return g_calls >= times; });
-}
-
 int count(void *) {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
@@ -52,7 +48,7 @@ TEST_F(zukhal_timers, callbacks_come_each_interval_on_a_thread_without_signals) 
         const auto start = steady_clock::now();
         ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
         g_victim = rtc_start_timer(3600, count, nullptr);
-        EXPECT_TRUE(called(2));
+        EXPECT_TRUE(reached([] { return g_calls >= 2; }));
         EXPECT_GE(steady_clock::now() - start, 1995ms);
         EXPECT_TRUE(g_signals_blocked);
         EXPECT_EQ(g_once_calls, 1);
