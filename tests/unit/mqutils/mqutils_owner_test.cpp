@@ -33,6 +33,7 @@ TEST_F(bus, of_racing_starters_one_wins_also_over_a_dead_owner) {
 
 TEST_F(bus, what_is_in_the_way_stays) {
     scratch_dir::write(path_of(40), "precious");
+    EXPECT_EQ(self.init(0), -1) << "the bus itself";
     EXPECT_EQ(self.init(40), -1);
     EXPECT_EQ(errno, ENOTSOCK);
     EXPECT_EQ(scratch_dir::read(path_of(40)), "precious");

@@ -95,13 +95,15 @@ TEST_F(bus, log_daemon_that_hangs_holds_up_nothing) {
         }
         unsetenv("MQUTILS_LOG"); // stderr would take the line
         start();
-        const bool sent = raw_send(40, "short") && peer.notify(40, "good") == 0 && self.wait_for(2);
+        const auto dropped_and_good = [&](size_t count) {
+            return raw_send(40, "short") && peer.notify(40, "good") == 0 && self.wait_for(count);
+        };
+        const bool sent = dropped_and_good(2);
         // It lives again: the next line tells what was lost.
         std::array<char, 512> line{};
         while (recv(hung, line.data(), line.size() - 1, MSG_DONTWAIT) >= 0) {
         }
-        const bool again =
-            raw_send(40, "short") && peer.notify(40, "good") == 0 && self.wait_for(3);
+        const bool again = dropped_and_good(3);
         recv(hung, line.data(), line.size() - 1, MSG_DONTWAIT);
         return sent && again && std::strstr(line.data(), "1 more datagrams dropped") ? 0 : 2;
     });
