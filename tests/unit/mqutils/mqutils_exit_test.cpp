@@ -28,17 +28,6 @@ TEST_F(bus, forked_child_does_not_end_its_parents_connection) {
     EXPECT_TRUE(self.wait_for(2));
 }
 
-TEST_F(bus, callback_may_end_its_connection) {
-    std::atomic<int> result{-2};
-    self.hook = [&](service &me, const bus_msg &) { result = scm_conn_exit(&me); };
-    ASSERT_EQ(peer.init(41), 0);
-    ASSERT_EQ(self.init(40), 0); // ended by its registration response
-    ASSERT_TRUE(self.wait_for(1));
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(peer.notify(40, "too late"), -1);
-    EXPECT_EQ(self.notify(41, "too late"), -1);
-}
-
 TEST_F(bus, exit_amid_traffic_refuses_sends_and_ends_callbacks) {
     ASSERT_EQ(peer.init(41), 0);
     for (int round = 0; round < 20; ++round) {

@@ -7,19 +7,24 @@
 
 namespace {
 
-TEST_F(bus, registration_response_comes_first_on_a_thread_without_signals) {
-    int blocked = 0;
-    self.hook = [&](service &, const bus_msg &) {
+TEST_F(bus, registration_response_comes_first_without_signals_and_its_callback_may_end_all) {
+    int blocked = 0, result = -2;
+    self.hook = [&](service &me, const bus_msg &) {
         sigset_t mask;
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
         for (const int signal : {SIGTERM, SIGUSR1, SIGRTMIN})
             blocked += sigismember(&mask, signal);
+        result = scm_conn_exit(&me);
     };
+    ASSERT_EQ(peer.init(41), 0);
     ASSERT_EQ(self.init(40), 0);
     ASSERT_TRUE(self.wait_for(1));
     constexpr std::array<unsigned char, 20> expected = {1, 0, 0, 40, 0x97, 1};
     EXPECT_EQ(std::memcmp(&self.messages[0].hdr, expected.data(), expected.size()), 0);
     EXPECT_EQ(blocked, 3);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(peer.notify(40, "too late"), -1);
+    EXPECT_EQ(self.notify(41, "too late"), -1);
 }
 
 // Service 41 is alive, 42 absent, 43 a plain file.
