@@ -40,9 +40,7 @@ bench::~bench() {
          i < seen.size(); ++i) {
         const foreign_event &e = seen[i];
         std::cerr << i << ", thread " << e.thread << ", " << e.number << ": "
-                  << (e.kind == EVENT_LOG    ? e.second
-                      : e.kind == EVENT_CALL ? e.first
-                                             : "send " + std::to_string(e.header().msg_id))
+                  << (e.kind == EVENT_SEND ? "send " + std::to_string(e.header().msg_id) : e.first)
                   << "\n";
     }
     for (const int fd : {memory, ours, theirs})
@@ -113,9 +111,7 @@ void bench::read_events() {
             seen.push_back(std::move(event));
         }
         arrived.notify_all();
-        if (to_ta && on_ta)
-            on_ta(poll);
-        else if (to_ta && !ta_silent)
+        if (to_ta && !ta_silent)
             answers.emplace_back([this, poll, delay = ta_delay_ms.load()] {
                 usleep(static_cast<useconds_t>(delay) * 1000);
                 answer_ta(echo(poll));
@@ -175,11 +171,11 @@ ls_engg_cmd bench::command(const std::string &body) {
     return record;
 }
 
-void bench::answer_ta(const std::string &answer, size_t length) {
+void bench::answer_ta(const std::string &answer) {
     gps_data_req_pld record = {};
     record.status = 1;
     answer.copy(reinterpret_cast<char *>(record.response), sizeof(record.response));
-    record.cmd_len = static_cast<uint32_t>(length);
+    record.cmd_len = static_cast<uint32_t>(answer.size());
     deliver(TA_REQUEST_GPS_DATA, LS_SERV_TA, payload_of(record), LS_MSG_RESPONSE);
 }
 

@@ -23,7 +23,7 @@ struct foreign_event {
         return is_call(function) && number == argument;
     }
     bool is_log(std::string_view part) const {
-        return kind == EVENT_LOG && second.find(part) != std::string::npos;
+        return kind == EVENT_LOG && first.find(part) != std::string::npos;
     }
     bool is_send(uint8_t type, uint32_t id) const {
         return kind == EVENT_SEND && header().msg_type == type && header().msg_id == id;
@@ -49,9 +49,7 @@ class bench : public testing::Test {
     uint32_t deliver_command(const std::string &body, uint8_t from = 40) {
         return deliver(LS_EXEC_NMEA_CMD, from, payload_of(command(body)));
     }
-    // As the TA; `length` is what it says of its answer.
-    void answer_ta(const std::string &answer) { answer_ta(answer, answer.size()); }
-    void answer_ta(const std::string &answer, size_t length);
+    void answer_ta(const std::string &answer); // as the TA
 
     // The first event from `from` on that `wanted` accepts, waited for; its place, or -1 (a
     // failure).
@@ -74,9 +72,6 @@ class bench : public testing::Test {
 
     std::vector<foreign_event> events(int from = 0); // what there is now
     int count(const event_test &wanted, int from = 0);
-    int logged(const std::string &format, int from = 0) {
-        return count([&](const auto &e) { return e.kind == EVENT_LOG && e.first == format; }, from);
-    }
     int now(); // the place of the next event
 
     static ls_engg_cmd command(const std::string &body);
@@ -89,9 +84,6 @@ class bench : public testing::Test {
 
     scratch_dir dir;
     foreign_state *state = nullptr;
-    // On the bench's thread, with each command to the TA; set before the start. Null: echoed at
-    // once.
-    std::function<void(const std::string &command)> on_ta;
     // Silent, and late, in place of the echo. Read when a command comes.
     std::atomic<bool> ta_silent = false;
     std::atomic<int> ta_delay_ms = 0;

@@ -24,15 +24,14 @@ struct foreign_state {
     std::atomic<int> init_ms = 0;               // how long calls take: scm_conn_init,
     std::atomic<int> send_ms = 0, store_ms = 0; // send_msg, db_set_gps_power_on_status
     std::atomic<int> deletion_ms = 0;           // rtc_del_timer
-    std::atomic<int> store_result = 0;
-    std::atomic<int> deletion_waits = 0; // rtc_del_timer waits for a running callback
+    std::atomic<int> deletion_waits = 0;        // rtc_del_timer waits for a running callback
     std::atomic<int> pid = 0;
     std::atomic<int> signals_taken = 0, sigio_taken = 0;
     std::atomic<uint64_t> born_mask[3] = {}; // signal N is bit N-1; of a thread born at that place
 };
 
 enum foreign_event_kind : int {
-    EVENT_LOG,  // number = level; first = the format as given, second = the line
+    EVENT_LOG,  // number = level; first = the line
     EVENT_SEND, // first = header, second = payload
     EVENT_CALL, // first = name of the function; number = its argument
 };

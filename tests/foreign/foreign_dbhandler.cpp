@@ -29,9 +29,8 @@ int db_set_gps_power_on_status(int32_t status) {
     foreign_call("db_set_gps_power_on_status", status);
     foreign_stack(2);
     foreign_pause(foreign().store_ms);
-    foreign_call("db_set_gps_power_on_status returns", status);
     errno = EXDEV;
-    return foreign().store_result;
+    return 0;
 }
 
 int db_read_location_history_settings(location_history_settings *settings) {

@@ -54,7 +54,6 @@ int fill(const scm_conn *conn, msg_hdr *hdr, const msg_hdr &wanted) {
 } // namespace
 
 int scm_conn_init(scm_conn *conn, uint8_t) {
-    foreign_call("scm_conn_init");
     memcpy(conn->library, registered.data(), registered.size());
     foreign_signals(IN_SCM_CONN_INIT);
     for (int i = 0; i < foreign().callback_threads; ++i)
@@ -65,7 +64,6 @@ int scm_conn_init(scm_conn *conn, uint8_t) {
 }
 
 int scm_conn_exit(scm_conn *conn) {
-    foreign_call("scm_conn_exit");
     check(conn);
     ended = true;
     errno = EXDEV;

@@ -65,7 +65,7 @@ void zuk_log_tmplt(int level, const char *format, const char *, int line, ...) {
     errno = error;
     vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    foreign_report(EVENT_LOG, level, format, text.data());
+    foreign_report(EVENT_LOG, level, text.data());
     errno = EXDEV;
 }
 
@@ -74,7 +74,6 @@ int get_zuk_type() {
 }
 
 int rtc_init_timers() {
-    foreign_call("rtc_init_timers");
     foreign_signals(IN_RTC_INIT_TIMERS);
     foreign().pid = getpid();
     errno = EXDEV;
@@ -87,7 +86,6 @@ int rtc_reinit() {
 }
 
 int rtc_exit() {
-    foreign_call("rtc_exit");
     const std::lock_guard guard(timers_lock);
     for (const auto &[handle, ended] : timers)
         end(*ended, false);

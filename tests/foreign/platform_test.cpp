@@ -2,9 +2,8 @@
 // threads.
 #include "bench.h"
 
+#include <set>
 #include <sys/resource.h>
-
-#include "line_peer.h"
 
 namespace {
 
@@ -12,34 +11,23 @@ constexpr int OWN_SIGNALS = 50;
 
 class signals : public bench, public testing::WithParamInterface<foreign_place> {};
 
-TEST_P(signals, of_a_library_all_arrive_at_the_thread_that_waits_for_them) {
-    state->own_signal = GetParam();
-    start();
-    for (int i = 0; i < OWN_SIGNALS && lives(); ++i) {
-        kill(state->pid, SIGRTMIN + 5);
-        usleep(2000);
-    }
-    EXPECT_TRUE(wait_until([&] { return state->signals_taken == OWN_SIGNALS || !lives(); }));
-    EXPECT_EQ(state->signals_taken, OWN_SIGNALS);
-    EXPECT_EQ(std::string(ask("A").command), "A");
-    EXPECT_EQ(end(), 0);
-}
-
-TEST_P(signals, sigio_of_a_library_reaches_its_handler) {
-    state->own_sigio = GetParam();
-    start();
-    kill(state->pid, SIGIO);
-    EXPECT_TRUE(wait_until([&] { return state->sigio_taken == 1; }));
-    EXPECT_EQ(end(), 0);
-}
-
-TEST_P(signals, nothing_but_the_daemons_own_is_blocked_in_a_librarys_thread) {
+TEST_P(signals, of_a_library_reach_it_and_the_daemon_blocks_only_its_own) {
+    state->own_signal = state->own_sigio = GetParam();
     start();
     uint64_t own = 0;
     for (const int signal :
          {SIGTERM, SIGHUP, SIGTSTP, SIGRTMIN + 1, SIGRTMIN + 10, SIGRTMIN + 11, SIGRTMIN + 12})
         own |= uint64_t{1} << (signal - 1);
     EXPECT_EQ(state->born_mask[GetParam()], own) << std::hex << state->born_mask[GetParam()];
+    for (int i = 0; i < OWN_SIGNALS && lives(); ++i) {
+        kill(state->pid, SIGRTMIN + 5);
+        usleep(2000);
+    }
+    kill(state->pid, SIGIO);
+    EXPECT_TRUE(wait_until([&] { return state->signals_taken == OWN_SIGNALS || !lives(); }));
+    EXPECT_EQ(state->signals_taken, OWN_SIGNALS);
+    EXPECT_TRUE(wait_until([&] { return state->sigio_taken == 1; }));
+    EXPECT_EQ(std::string(ask("A").command), "A");
     EXPECT_EQ(end(), 0);
 }
 
@@ -91,15 +79,13 @@ TEST_F(bench, changed_history_settings_are_applied_in_the_callback) {
     int last = before;
     for (int i = 0; i < burst; ++i)
         last = await_call("on_message returned", last) + 1;
-    std::string calls;
-    std::vector<int> threads;
+    std::string calls, wanted;
+    std::set<int> threads;
     for (const foreign_event &event : events(before)) {
         if (event.kind == EVENT_CALL)
             calls += event.first + "\n";
-        if (std::find(threads.begin(), threads.end(), event.thread) == threads.end())
-            threads.push_back(event.thread);
+        threads.insert(event.thread);
     }
-    std::string wanted;
     for (int i = 0; i < burst; ++i)
         wanted += "on_message\npm_system_state_disable\ndb_read_location_history_settings\n"
                   "pm_system_state_enable\non_message returned\n";

@@ -26,6 +26,21 @@ inline std::string nmea(const std::string &body) {
     return "$" + body + tail.data();
 }
 
+inline bool is_frame(const std::string &command) {
+    return command[0] == '\xB5';
+}
+
+// The receiver's answer to a frame: its acknowledge or its refusal.
+inline std::string ubx_acknowledge(const std::string &frame, bool positive) {
+    std::string ack = {'\xB5', 'b', 5, static_cast<char>(positive), 2, 0, frame[2], frame[3]};
+    unsigned a = 0, b = 0;
+    for (size_t i = 2; i < 8; ++i) {
+        a += static_cast<unsigned char>(ack[i]);
+        b += a;
+    }
+    return ack + static_cast<char>(a) + static_cast<char>(b);
+}
+
 // Cannot be copied: it has a lock.
 class line_peer {
   public:

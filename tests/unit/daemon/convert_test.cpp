@@ -48,29 +48,4 @@ TEST(convert, string_to_dec_frac_checks_nothing) {
     EXPECT_EQ(gps_latitude_leading_zeros(), 0u);
 }
 
-TEST(convert, ddmm_to_degrees) {
-    const struct {
-        double value, degrees;
-    } rows[] = {
-        {1131.000, 11.0 + 31.0 / 60},
-        {7007.939, 70.0 + 7.939 / 60},
-        // A hostile field may not overflow the degrees; the number is then far outside the Earth.
-        {1e30, 2147483647.0 + (1e30 - 214748364700.0) / 60},
-    };
-    for (const auto &r : rows) {
-        double degrees = -1;
-        gps_ddmm_to_degrees(r.value, &degrees);
-        EXPECT_NEAR(degrees, r.degrees, 1e-9 * (1 + r.degrees * r.degrees)) << r.value;
-    }
-}
-
-TEST(convert, leading_integer_saturates) {
-    const struct {
-        const char *text;
-        int32_t value;
-    } rows[] = {{"-3x", -3}, {"x", 0}, {"2147483648", 2147483647}, {"-2147483649", -2147483648}};
-    for (const auto &r : rows)
-        EXPECT_EQ(gps_leading_integer(r.text), r.value) << r.text;
-}
-
 } // namespace

@@ -28,8 +28,8 @@ TEST_F(query, time) {
     gps_time_fields time = {};
     EXPECT_EQ(gps_get_time(&time), 0);
     expect_time(time, {23, 59, 59, 0, 31, 12, 2019});
-    for (const char *body : {"GPGGA,235959.00,31,12,2019", "GPZDA,,31,12,2019", ",235959.00",
-                             "GPZDA,235959.00,,12,2019", "GPZDA,235959.00,31,12,"}) {
+    for (const char *body :
+         {"GPZDA,,31,12,2019", "GPZDA,235959.00,,12,2019", "GPZDA,235959.00,31,12,"}) {
         answer("GPGPQ,ZDA", body);
         EXPECT_EQ(gps_get_time(&time), 1) << body;
     }
@@ -44,9 +44,41 @@ TEST_F(query, time_of_week) {
     EXPECT_EQ(gps_get_tow(&seconds), 0);
     EXPECT_EQ(seconds, 113851);
     EXPECT_EQ(peer->commands(), std::vector<std::string>{"$PUBX,04*37\r\n"});
-    for (const char *body : {"GPZDA,1,2,3,4", "PUBX,04,1,2,,4"}) {
-        answer("PUBX,04", body);
-        EXPECT_EQ(gps_get_tow(&seconds), 1);
+    answer("PUBX,04", "PUBX,04,1,2,,4");
+    EXPECT_EQ(gps_get_tow(&seconds), 1);
+}
+
+TEST_F(query, each_failure_has_its_own_text) {
+    const auto time = [] { return gps_get_time(&*std::make_unique<gps_time_fields>()); };
+    const auto tow = [] { return gps_get_tow(&*std::make_unique<int32_t>()); };
+    const auto speed = [] { return gps_get_speed(&*std::make_unique<gps_speed_data>()); };
+    const struct {
+        const char *poll;
+        int32_t (*ask)();
+        const char *no_answer, *no_sentence, *no_type, *other_type;
+    } rows[] = {
+        {"GPGPQ,ZDA", time, "gps_get_time: gps_get_data_req failed\n",
+         "gps_get_time:could not extract nmea_msg \n", "gps_get_time: could not get token\n",
+         "gps_get_time: Required message not received\n"},
+        {"PUBX,04", tow, "gps_get_tow: Failed to get GPS data\n",
+         "gps_get_tow: Failed to extract nmea_msg\n", "gps_get_tow: Failed to get token\n",
+         "gps_get_tow: Incorrect response message\n"},
+        {"GPGPQ,VTG", speed, "gps_get_speed: Failed to get GPS data\n",
+         "gps_get_speed: Failed to extract nmea_msg\n", "gps_get_speed: Failed to get token\n",
+         "gps_get_speed: Incorrect token found\n"},
+    };
+    for (const auto &r : rows) {
+        const auto fails = [&](const std::string &raw, const char *text) {
+            answer_raw(r.poll, raw);
+            EXPECT_EQ(r.ask(), 1) << text;
+            EXPECT_EQ(errors(text), 1u) << text;
+        };
+        fails("noise", r.no_sentence);
+        fails(nmea(",1"), r.no_type);
+        fails(nmea("GPXYZ,1"), r.other_type);
+        gps_board_type_g = 3; // no way to a receiver
+        fails("", r.no_answer);
+        gps_board_type_g = 1;
     }
 }
 

@@ -35,34 +35,21 @@ const commands whole_configuration = {
 };
 constexpr size_t SILENCING = 10; // commands at its start that nobody acknowledges
 
-bool to_be_acknowledged(const std::string &command) {
-    return command[0] == '\xB5' && command[3] != 2;
-}
-
-// Acknowledge (id 1) or its refusal (id 0) of a frame, with its own checksum arithmetic; nothing
-// for what is not acknowledged.
-std::string acknowledge(const std::string &frame, char id) {
-    if (!to_be_acknowledged(frame))
-        return "";
-    std::string ack = {'\xB5', '\x62', 5, id, 2, 0, frame[2], frame[3]};
-    unsigned a = 0;
-    unsigned b = 0;
-    for (size_t i = 2; i < 8; ++i) {
-        a += static_cast<unsigned char>(ack[i]);
-        b += a;
-    }
-    return ack + static_cast<char>(a) + static_cast<char>(b);
+// Nothing for what is not acknowledged.
+std::string acknowledge(const std::string &command, bool positive) {
+    return is_frame(command) && command[3] != 2 ? ubx_acknowledge(command, positive) : "";
 }
 
 using receiver = daemon_fixture;
 
 TEST_F(receiver, refusals_are_retried_logged_and_passed_over) {
-    line_peer peer([](const std::string &frame) { return acknowledge(frame, 0); });
+    line_peer peer([](const std::string &frame) { return acknowledge(frame, false); });
     ASSERT_EQ(ls_hal_uart_init(), 0);
     EXPECT_EQ(ls_hal_power_on_gps(), 0);
     // Five frames are tried 4 times each, the last one 6 times. Three bytes differ, a line each.
     EXPECT_EQ(peer.commands().size(), SILENCING + 26);
     EXPECT_EQ(fake::count_logged(4, "Negative ack for "), 6u * 3);
+    EXPECT_EQ(fake::count_logged(4, "Negative ack for configuring GNSS system\n"), 3u);
 }
 
 class bring_up : public receiver {
@@ -87,8 +74,8 @@ TEST_F(bring_up, leaves_the_receiver_on_or_off_as_stored) {
         gps_current_power_mode_g = static_cast<uint32_t>(status);
         // A fresh receiver: it talks until it is silenced, and what it said waits on the line.
         line_peer peer([](const std::string &command) {
-            return to_be_acknowledged(command) ? acknowledge(command, 1)
-                                               : "$GNRMC,,V,,,,,,,,,,N*4D\r\n";
+            const std::string ack = acknowledge(command, true);
+            return ack.empty() ? "$GNRMC,,V,,,,,,,,,,N*4D\r\n" : ack;
         });
         const auto before = std::chrono::steady_clock::now();
         EXPECT_EQ(ls_hal_init_device(1), 0);

@@ -1,5 +1,6 @@
 // The receiver exchange: the serial path, and the hand-off with the TA's answers.
 #include "daemon_fixture.h"
+#include "gps_power.h"
 #include "gps_service.h"
 
 #include <array>
@@ -58,6 +59,7 @@ TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
         {"its refusal", ubx_poll, "\xB5\x62\x05\x00\x02\x00\x06\x08"s, true},
         {"another frame", ubx_poll, "\xB5\x62\x06\x3E\x00\x00\x0E\x30"s, false},
         {"a sentence for a frame", ubx_poll, nmea("GPGGA,1"), false},
+        {"silence", "$PUBX,04*37\r\n", "", false},
         {"more than fits", "$GPGPQ,GGA*3C\r\n", "$GPGGA," + std::string(198, '1'), false},
     };
     for (const auto &r : rows) {
@@ -66,7 +68,7 @@ TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
             return command == r.command ? r.answer : r.is_sound ? ""s : "own"s;
         });
         ASSERT_EQ(ls_hal_uart_init(), 0);
-        EXPECT_EQ(exchange(r.command), 0);
+        EXPECT_EQ(exchange(r.command), r.answer.empty() ? 2 : 0);
         peer.send("queued");
         answer = {};
         EXPECT_EQ(exchange("$z*7A\r\n"), 0);
@@ -75,7 +77,21 @@ TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
     }
 }
 
-TEST_F(request, a_ta_request_needs_the_antenna) {
+TEST_F(request, what_a_receiver_says_at_its_start_is_dropped) {
+    make_gpio_files();
+    mt_gps_status = 0;
+    line_peer peer([](const std::string &) { return "$own"s; });
+    ASSERT_EQ(ls_hal_uart_init(), 0);
+    EXPECT_EQ(exchange(), 0); // ends the doubt of the open line
+    for (const uint32_t mode : {0u, 2u})
+        EXPECT_EQ(gps_set_power_mode(mode, 3), 0) << mode;
+    peer.send("GPTXT");
+    answer = {};
+    EXPECT_EQ(exchange(), 0);
+    EXPECT_STREQ(answer.text, "$own");
+}
+
+TEST_F(request, a_ta_request_needs_the_antenna_and_room) {
     on_board_2("$answer", 7);
     EXPECT_EQ(exchange("$GPGPQ,GGA*3C\r\n"), 0);
     EXPECT_EQ(answer.length, 7u);
@@ -83,6 +99,7 @@ TEST_F(request, a_ta_request_needs_the_antenna) {
     const auto sent = fake::sent();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].hdr.dst_serv_id, 12);
+    EXPECT_EQ(exchange("\xB5\x62\x06\x08\xC1\x00"s), 1); // would not fit the TA's record
     antenna_type = 3;
     EXPECT_EQ(exchange(), 1);
     EXPECT_EQ(fake::sent().size(), 1u);
@@ -105,6 +122,10 @@ TEST_F(request, a_late_or_stray_ta_answer_does_not_answer_the_next_request) {
     EXPECT_EQ(sem_trywait(&ta_data_sem), -1);
     EXPECT_EQ(ta_data_req_pld.cmd_len, 0u);
     on_board_2("$fresh", 6);
+    for (const char *stray : {"$stray1", "$stray2"})
+        fake::deliver_ta_answer(stray, 7);
+    EXPECT_EQ(exchange(), 0);
+    EXPECT_STREQ(answer.text, "$fresh");
     fake::on_send(nullptr);
     rffe_req_sem_wait_time = 0;
     EXPECT_EQ(exchange(), 1);
