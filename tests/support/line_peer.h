@@ -12,6 +12,7 @@
 #include <mutex>
 #include <poll.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -66,6 +67,16 @@ class line_peer {
     void send(const std::string &text) const {
         if (::write(master, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
             std::abort();
+    }
+    // Sends unasked; returns when it lies on the line before the daemon.
+    void send_unasked(const std::string &text) const {
+        send(text);
+        const int fd = open("dev/ttymxc2", O_RDWR | O_NOCTTY | O_CLOEXEC);
+        for (int count = 0, i = 0; count < static_cast<int>(text.size()) && i < 5000; ++i) {
+            usleep(1000);
+            ioctl(fd, FIONREAD, &count);
+        }
+        close(fd);
     }
     std::vector<std::string> commands() {
         const std::lock_guard guard(lock);

@@ -69,10 +69,12 @@ TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
         });
         ASSERT_EQ(ls_hal_uart_init(), 0);
         EXPECT_EQ(exchange(r.command), r.answer.empty() ? 2 : 0);
-        peer.send("queued");
+        peer.send_unasked("queued");
         answer = {};
         EXPECT_EQ(exchange("$z*7A\r\n"), 0);
-        EXPECT_STREQ(answer.text, r.is_sound ? "queued" : "own");
+        // Its own answer may be there by then, too.
+        EXPECT_TRUE(std::string_view(answer.text).starts_with(r.is_sound ? "queued" : "own"))
+            << answer.text;
         ls_hal_uart_close();
     }
 }
@@ -85,7 +87,7 @@ TEST_F(request, what_a_receiver_says_at_its_start_is_dropped) {
     EXPECT_EQ(exchange(), 0); // ends the doubt of the open line
     for (const uint32_t mode : {0u, 2u})
         EXPECT_EQ(gps_set_power_mode(mode, 3), 0) << mode;
-    peer.send("GPTXT");
+    peer.send_unasked("GPTXT");
     answer = {};
     EXPECT_EQ(exchange(), 0);
     EXPECT_STREQ(answer.text, "$own");
