@@ -51,9 +51,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         for (const std::vector<uint8_t> &message : receiver.take_output(now))
             expect_whole(message);
     }
-    now += 2.0; // an epoch later
-    for (const std::vector<uint8_t> &message : receiver.take_output(now))
+    for (const std::vector<uint8_t> &message : receiver.take_output(now + 2.0)) // an epoch later
         expect_whole(message);
-    fuzz_expect(!receiver.describe(now).empty(), "it can be described");
     return 0;
 }

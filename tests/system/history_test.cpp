@@ -22,13 +22,6 @@ constexpr char EXPORT[] = "+2.25m,08\n"
                           "2019-02-05 11:51:10,2D,17.130000S,179.990000W,+2.25m,12\n"
                           "2019-02-05 11:51:15,ER,0.000000X,0.000000Y,+0.00m,00\n";
 
-size_t count(const std::string &in, const std::string &what) {
-    size_t found = 0;
-    for (size_t at = in.find(what); at != std::string::npos; at = in.find(what, at + 1))
-        ++found;
-    return found;
-}
-
 std::string exported_as(const std::string &format, const std::string &from) {
     scratch_dir::write("export.txt", from);
     std::string file = "out." + format;
@@ -78,7 +71,7 @@ void use_settings_of(const terminal &term) {
 }
 
 size_t lines_of(const terminal &term) {
-    return count(lsctl({"history", "--root", term.dir()}).out, "\n");
+    return count_of("\n", lsctl({"history", "--root", term.dir()}).out);
 }
 
 } // namespace
@@ -92,12 +85,12 @@ TEST(history_formats, are_read_by_others) {
     for (const auto &[format, points] :
          std::map<std::string, size_t>{{"gpx", 4}, {"kml", 8}, {"geojson", 6}}) {
         const std::string read = read_by_gpsbabel(format, EXPORT);
-        EXPECT_EQ(count(read, "\n"), points) << format << "\n" << read;
+        EXPECT_EQ(count_of("\n", read), points) << format << "\n" << read;
         for (const char *place : {"-17.10000, 179.90000", "-17.11000, 179.95000",
                                   "-17.12000, 179.99000", "-17.13000, -179.99000"}) {
-            EXPECT_NE(count(read, place), 0U) << format << place << "\n" << read;
+            EXPECT_NE(count_of(place, read), 0U) << format << place << "\n" << read;
         }
-        EXPECT_EQ(count(read_by_gpsbabel(format, ""), "\n"), 0U) << format;
+        EXPECT_EQ(count_of("\n", read_by_gpsbabel(format, "")), 0U) << format;
     }
     for (const char *format : {"gpx", "kml", "svg"}) {
         for (const char *from : {EXPORT, ""}) {
@@ -115,7 +108,8 @@ TEST(history_of_a_terminal, is_recorded_and_exported) {
     use_settings_of(term);
     EXPECT_TRUE(wait_until([&] { return lines_of(term) >= 3; }));
     const process_result lines = lsctl({"history", "--root", term.dir()});
-    EXPECT_EQ(count(lines.out, ",2D,47.500000N,8.250000E,+"), count(lines.out, "\n")) << lines.out;
+    EXPECT_EQ(count_of(",2D,47.500000N,8.250000E,+", lines.out), count_of("\n", lines.out))
+        << lines.out;
     EXPECT_EQ(lsctl({"settings", "--history", "off"}).status, 0);
     // Some may still be on their way.
     EXPECT_TRUE(wait_until([&] {
@@ -137,7 +131,7 @@ TEST(history_of_a_terminal, a_full_or_read_only_disk_hurts_nothing_else) {
         ring += "2019-02-05 10:51:05,2D,70.132317N,11.516667E,+2.25m,08\n";
     scratch_dir::write(term.dir() / "user/location/location_history", ring);
     disk.fill();
-    const auto logged = [&](const char *text) { return count(term.log(), text); };
+    const auto logged = [&](const char *text) { return count_of(text, term.log()); };
 
     EXPECT_EQ(lsctl({"settings", "--history", "on", "--interval", "1"}).status, 0);
     EXPECT_TRUE(wait_until([&] { return logged("LH: ls_write_to_file, ") >= 2; })) << term.log();

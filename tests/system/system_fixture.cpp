@@ -42,6 +42,13 @@ bool wait_until(const std::function<bool()> &done, milliseconds limit) {
     return true;
 }
 
+size_t count_of(std::string_view what, std::string_view text) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string_view::npos; ++at)
+        ++count;
+    return count;
+}
+
 background::background(const words &command, const std::string &where) {
     files = std::filesystem::absolute("child-" + std::to_string(++children_started));
     constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;

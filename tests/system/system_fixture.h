@@ -19,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -34,6 +35,9 @@ constexpr milliseconds PATIENCE = 30s;
 
 // Looks every few milliseconds until `done` says so; false after `limit`.
 bool wait_until(const std::function<bool()> &done, milliseconds limit = PATIENCE);
+
+// How often `what` is in `text`.
+size_t count_of(std::string_view what, std::string_view text);
 
 struct process_result {
     int status = -1; // exit status; 128 + N after signal N; -1 = killed at its deadline
