@@ -136,6 +136,5 @@ TEST(signal_stress, everything_is_answered) {
     for (bus_client &one : registered)
         for (int update = 0; update < 3; ++update) // the first comes without a signal
             EXPECT_TRUE(one.take(LS_NOTIFY_PERIODIC_UPDATE)) << update;
-    EXPECT_TRUE(term.daemon_lives());
     EXPECT_EQ(term.stop(), 0);
 }

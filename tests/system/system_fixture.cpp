@@ -136,11 +136,8 @@ terminal::~terminal() {
     if (!testing::Test::HasFailure())
         return;
     const std::string all = log();
-    std::cerr << "---- simterm\n"
-              << simterm->out() << simterm->err() << "---- log/terminal.log, its end\n"
-              << all.substr(all.size() - std::min(all.size(), SHOWN_LOG_BYTES))
-              << "---- log/daemon.out\n"
-              << file("log/daemon.out") << "----\n";
+    std::cerr << simterm->out() << simterm->err() << file("log/daemon.out")
+              << all.substr(all.size() - std::min(all.size(), SHOWN_LOG_BYTES));
 }
 
 pid_t terminal::daemon() const {
@@ -148,10 +145,6 @@ pid_t terminal::daemon() const {
     const std::string text = simterm->out();
     const size_t at = text.rfind(before);
     return at == std::string::npos ? -1 : std::stoi(text.substr(at + before.size()));
-}
-
-bool terminal::daemon_lives() const {
-    return kill(daemon(), 0) == 0 && simterm->err().find("the daemon died") == std::string::npos;
 }
 
 std::string terminal::daemon_end() {

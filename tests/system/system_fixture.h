@@ -83,7 +83,6 @@ class terminal {
     std::string file(const std::string &name) const { return scratch_dir::read(root / name); }
     std::string log() const { return file("log/terminal.log"); }
     pid_t daemon() const; // the last one started; -1 = none
-    bool daemon_lives() const;
     // Waits for the end of a daemon that was told to end: "exit status 0" or "signal 15 (...)".
     std::string daemon_end();
     void ctl(words request); // fails the test when refused

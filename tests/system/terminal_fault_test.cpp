@@ -1,7 +1,6 @@
 // The daemon under a bad receiver, a lost line and a lost answer of the TA.
 #include "system_fixture.h"
 
-#include <algorithm>
 #include <ctime>
 #include <gtest/gtest.h>
 
@@ -11,12 +10,7 @@ constexpr uint8_t TOOL = 40; // service id of a client without privileges
 
 uint32_t position_status(bus_client &client) {
     const auto answer = client.ask(LS_REQUEST_GET_POSITION);
-    if (!answer)
-        return 99;
-    const auto status = record_in<ls_position_reply>(answer).status;
-    const auto zeros = std::count(answer->payload.begin() + 4, answer->payload.end(), 0);
-    EXPECT_TRUE(status == LS_STATUS_OK || zeros == 76) << "no position, no bytes of it";
-    return status;
+    return answer ? record_in<ls_position_reply>(answer).status : 99;
 }
 
 } // namespace
@@ -24,25 +18,21 @@ uint32_t position_status(bus_client &client) {
 TEST(receiver_fault, fails_its_request_and_not_the_next) {
     terminal term;
     bus_client client(TOOL);
-    const std::pair<words, uint32_t> faults[] = {
-        {{"silent"}, LS_STATUS_PASSED_THROUGH},
-        {{"late"}, LS_STATUS_PASSED_THROUGH},
-        {{"cut"}, LS_STATUS_FAILED},
-        {{"checksum"}, LS_STATUS_FAILED},
-        {{"garbage-before"}, LS_STATUS_FAILED},
-        {{"empty-fields"}, LS_STATUS_FAILED},
+    const std::pair<std::string, uint32_t> faults[] = {
+        {"silent", LS_STATUS_PASSED_THROUGH},
+        {"late", LS_STATUS_PASSED_THROUGH},
+        {"cut", LS_STATUS_FAILED},
+        {"checksum", LS_STATUS_FAILED},
+        {"garbage-before", LS_STATUS_FAILED},
+        {"empty-fields", LS_STATUS_FAILED},
     };
     for (const auto &[name, status] : faults) {
-        words request = {"fault"};
-        request.insert(request.end(), name.begin(), name.end());
-        request.emplace_back("on");
-        term.ctl(request);
-        EXPECT_EQ(position_status(client), status) << request[1];
-        request.back() = "off";
-        term.ctl(request);
+        term.ctl({"fault", name, "on"});
+        EXPECT_EQ(position_status(client), status) << name;
+        term.ctl({"fault", name, "off"});
         const auto succeeds = [&] { return position_status(client) == LS_STATUS_OK; };
         // Late answers still under way may spoil a few requests more.
-        EXPECT_TRUE(request[1] == "late" ? wait_until(succeeds) : succeeds()) << request[1];
+        EXPECT_TRUE(name == "late" ? wait_until(succeeds) : succeeds()) << name;
     }
     EXPECT_EQ(term.stop(), 0);
 }
@@ -58,9 +48,6 @@ TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
     const auto told = record_in<ws_alarm_pld>(alarm);
     EXPECT_STREQ(told.text, "GPS Communication (RX/TX) error");
     EXPECT_NEAR(static_cast<double>(told.time), static_cast<double>(time(nullptr)), 30);
-    EXPECT_EQ(record_in<ls_power_reply>(client.ask(LS_REQUEST_GET_POWER_MODE)).status,
-              LS_STATUS_OK);
-    EXPECT_EQ(lsctl({"position"}).status, 1);
     // The line is opened once, at the start: a new daemon finds it again.
     term.ctl({"fault", "unplugged", "off"});
     term.restart_daemon();
@@ -68,11 +55,11 @@ TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
     EXPECT_EQ(term.stop(), 0);
 }
 
-// Board type 2, whose TA has one second to answer: what the requests behind each fault get.
+// Board type 2, whose TA has two seconds to answer: what the requests behind each fault get.
 TEST(ta, an_answer_that_is_too_long_late_or_lost) {
     terminal term({"--board", "2"}, true);
     scratch_dir::write(term.dir() / "user/gps_control_prm.txt",
-                       "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 1\n");
+                       "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 2\n");
     term.restart_daemon();
     bus_client client(TOOL);
     const auto succeeds = [&] {
@@ -92,7 +79,7 @@ TEST(ta, an_answer_that_is_too_long_late_or_lost) {
     EXPECT_EQ(logged("rffe module returned corrupt pointer"), 2U);
     EXPECT_EQ(logged("semaphore timed out"), 0U);
 
-    term.ctl({"fault", "ta-late", "1500", "on"});
+    term.ctl({"fault", "ta-late", "4000", "on"});
     const size_t arrived = logged("Received GPS data from TA");
     EXPECT_FALSE(succeeds()) << "late";
     term.ctl({"fault", "ta-late", "off"});

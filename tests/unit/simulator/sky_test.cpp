@@ -31,7 +31,6 @@ TEST(sky, angles_of_points_placed_by_hand) {
     } rows[] = {
         {"overhead is the ellipsoid's normal", 45, 90, geodetic_to_ecef(45, 90, d), 90, -1},
         {"east across the date line", 0, 180, {-6378137, -d, 0}, 0, 90},
-        {"north pole, along 180 degrees", 90, 0, {-d, 0, 6356752.314245 + d}, 45, 0},
         {"a hair west of north is not 360", 0, 0, {6378137, -1e-12, d}, 0, 0},
     };
     for (const auto &row : rows) {
