@@ -140,9 +140,9 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
     for (const auto &[path, text] :
          {std::pair<std::string, std::string_view>{paths.power + "/wake_lock", ""},
           {paths.power + "/wake_unlock", ""},
-           {paths.bus + "/policy", BUS_POLICY},
-           {paths.stub, STUB_TEXT},
-           {paths.history, EMPTY_RING}}) {
+          {paths.bus + "/policy", BUS_POLICY},
+          {paths.stub, STUB_TEXT},
+          {paths.history, EMPTY_RING}}) {
         if (!write_if_missing(path, text)) {
             error = reason("writing " + path);
             return -1;
