@@ -67,6 +67,14 @@ TEST_F(message, while_the_receiver_is_off_only_power_requests_are_served) {
     EXPECT_EQ(serve(1001, 5).at(0).payload, (bytes{1, 0, 0, 0, 0, 0, 0, 0}));
 }
 
+TEST_F(message, a_failing_query_leaves_nothing_but_zeros) {
+    gps_board_type_g = 3; // no way to a receiver
+    antenna_type = 4;
+    EXPECT_EQ(serve(1003).at(0).payload, bytes(80)); // zeros behind status 0
+    EXPECT_EQ(serve(1004).at(0).payload, bytes(20));
+    EXPECT_EQ(pending_req_count, 0);
+}
+
 TEST_F(message, a_young_position_is_served_again_on_board_2) {
     gps_board_type_g = 2;
     static_location_on();
