@@ -9,7 +9,7 @@ import sys
 
 source = pathlib.Path(sys.argv[1])
 SERVICES = {"daemon": "8", "itself": "8", "SAL": "2", "VoIP": "3", "WS": "6", "TA": "12", "modem": "any",
-            "a registered client": "1-7,9-255"}
+            "WS or a tool": "6,32-63", "a registered client": "1-7,9-255"}
 OTHERS = "1-7,9-255"
 
 

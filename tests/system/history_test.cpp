@@ -99,8 +99,10 @@ TEST(history_formats, are_read_by_others) {
 }
 
 TEST(history_of_a_terminal, is_recorded_and_exported) {
-    // On at the very first start: the daemon itself does not look for a ring then.
-    const terminal term({"--place", "47.5,8.25", "--history", "on", "--history-interval", "1"});
+    // On at the very first start: the daemon itself does not look for a ring then. WS has its id
+    // itself, so that the change is told by a tool.
+    const terminal term({"--place", "47.5,8.25", "--history", "on", "--history-interval", "1"},
+                        true);
     use_settings_of(term);
     EXPECT_TRUE(wait_until([&] { return lines_of(term) >= 3; }));
     const process_result lines = lsctl({"history", "--root", term.dir()});
