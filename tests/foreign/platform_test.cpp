@@ -69,8 +69,10 @@ TEST_F(bench, every_thread_carries_a_librarys_stack) {
 
 TEST_F(bench, changed_history_settings_are_applied_in_the_callback) {
     start();
-    reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)); // and its worker's vote
-    await_call("pm_system_state_enable", await_call("send_msg returns"));
+    const int asked = now();
+    reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)); // the callback's end, and its worker's vote
+    await_call("on_message returned", asked);
+    await_call("pm_system_state_enable", await_call("send_msg returns", asked));
     constexpr uint32_t id = WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE;
     constexpr int burst = 20;
     const int before = now();
