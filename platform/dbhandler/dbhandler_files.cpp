@@ -104,7 +104,7 @@ void log_error(const char *format, ...) {
     const std::string_view line(text.data());
     std::replace_if(
         text.begin(), text.begin() + static_cast<std::ptrdiff_t>(line.size()),
-        [](char c) { return c == 0x7f || (c >= 0 && c < ' '); }, '?');
+        [](char c) { return c == 0x7f || static_cast<unsigned char>(c) < ' '; }, '?');
 
     const size_t print = std::hash<std::string_view>{}(line);
     const int64_t now = settings_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
