@@ -41,7 +41,8 @@ std::map<int, uintptr_t> timer_values(pid_t pid) {
             continue;
         const int number = std::stoi(line.substr(8)) - SIGRTMIN - FIRST_TIMER_SIGNAL;
         if (number >= 0 && number < 3)
-            values[number] = std::stoull(line.substr(slash + 1), nullptr, 16);
+            values[number] =
+                static_cast<uintptr_t>(std::stoull(line.substr(slash + 1), nullptr, 16));
     }
     return values;
 }
