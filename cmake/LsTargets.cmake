@@ -55,6 +55,14 @@ target_include_directories(ls_common INTERFACE "${PROJECT_SOURCE_DIR}/common")
 add_library(platform_headers INTERFACE)
 target_include_directories(platform_headers INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")
 
+# ls_exports(NAME): the shared library NAME exports what NAME.map beside its CMakeLists.txt lists, and
+# nothing more. Hidden visibility alone does not reach what the standard library's headers declare visible.
+function(ls_exports name)
+  set(map "${CMAKE_CURRENT_SOURCE_DIR}/${name}.map")
+  target_link_options(${name} PRIVATE "LINKER:--version-script=${map}")
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS "${map}")
+endfunction()
+
 # ls_install_library(NAME COMPONENT C HEADERS FILES...): the shared library with component C; its headers,
 # the link for the linker and what find_package(location_service) knows of it with component dev.
 function(ls_install_library name)

@@ -31,29 +31,27 @@ constexpr const char *SILENT_NOTE =
 
 std::span<const uint8_t> without_fill(std::span<const uint8_t> answer) {
     size_t size = answer.size();
-    while (size != 0 && answer[size - 1] == 0) {
+    while (size != 0 && answer[size - 1] == 0)
         --size;
-    }
     return answer.first(size);
 }
 
 bool is_text(std::span<const uint8_t> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) {
-        return (byte >= ' ' && byte <= '~') || byte == '\r' || byte == '\n' || byte == '\t';
-    });
+    return std::all_of(
+        bytes.begin(), bytes.end(),
+        [](uint8_t byte) {
+            return (byte >= ' ' && byte <= '~') || byte == '\r' || byte == '\n' || byte == '\t';
+        });
 }
 
 // Lines end in CR LF on the wire.
 std::string lines_of(std::span<const uint8_t> bytes) {
     std::string text;
-    for (const uint8_t byte : bytes) {
-        if (byte != '\r') {
+    for (const uint8_t byte : bytes)
+        if (byte != '\r')
             text += static_cast<char>(byte);
-        }
-    }
-    if (!text.empty() && text.back() != '\n') {
+    if (!text.empty() && text.back() != '\n')
         text += '\n';
-    }
     return text;
 }
 
@@ -64,45 +62,37 @@ std::optional<int> exchange_failed(const lsctl_options &options, const std::stri
                                                            std::chrono::milliseconds, Command,
                                                            location_client_answer *) noexcept,
                                    const Command &command, location_client_answer &answer) {
-    if (!problem.empty()) {
+    if (!problem.empty())
         return lsctl_fail(options, location_result::bad_argument, problem);
-    }
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
+    if (link.result != location_result::answered)
         return lsctl_fail(options, link.result);
-    }
     const location_result result = exec(link.client, lsctl_timeout(options), command, &answer);
     if (result == location_result::failed) {
         return lsctl_fail(options, result,
                           "the location service could not exchange this with the receiver");
     }
-    if (result != location_result::answered) {
+    if (result != location_result::answered)
         return lsctl_fail(options, result, link.client);
-    }
     return std::nullopt;
 }
 
 int show_silence(const lsctl_options &options, bool expected, const lsctl_json &object) {
-    if (!expected) {
+    if (!expected)
         return lsctl_show(options, object, "sent; the receiver does not answer this command\n");
-    }
     return lsctl_fail(options, location_result::receiver_timeout, SILENT_NOTE);
 }
 
 } // namespace
 
 std::string nmea_problem(std::string_view body) {
-    if (body.empty()) {
+    if (body.empty())
         return "the sentence is empty";
-    }
-    if (body.find_first_of("$*") != std::string_view::npos) {
+    if (body.find_first_of("$*") != std::string_view::npos)
         return "give the sentence without $, * and checksum: the service adds them";
-    }
-    for (const char c : body) {
-        if (c < ' ' || c > '~') {
+    for (const char c : body)
+        if (c < ' ' || c > '~')
             return "the sentence may hold printable ASCII characters only";
-        }
-    }
     if (body.size() >= LS_ENGG_CMD_SIZE) {
         return lsctl_format("the sentence has %zu characters; the request holds %zu", body.size(),
                             LS_ENGG_CMD_SIZE - 1);
@@ -123,11 +113,10 @@ std::string nmea_answer_text(std::span<const uint8_t> answer) {
 lsctl_json nmea_answer_json(std::span<const uint8_t> answer) {
     const auto bytes = without_fill(answer);
     lsctl_json object = {{"answer_bytes", bytes.size()}};
-    if (is_text(bytes)) {
+    if (is_text(bytes))
         object["answer_text"] = lines_of(bytes);
-    } else {
+    else
         object["answer_hex"] = hex_text(bytes);
-    }
     return object;
 }
 
@@ -160,9 +149,8 @@ lsctl_json ubx_answer_json(std::span<const ubx_piece> pieces) {
                              {"class", piece.msg_class},
                              {"id", piece.id},
                              {"complete", piece.complete}};
-        if (piece.complete) {
+        if (piece.complete)
             object["checksum_good"] = piece.checksum_ok;
-        }
         object["payload_hex"] = hex_text(piece.bytes);
         list.push_back(object);
     }
@@ -180,9 +168,8 @@ void nmea_command::add_options(CLI::App &app) {
 int nmea_command::run(const lsctl_options &options) const {
     location_client_answer answer;
     if (const auto status = exchange_failed<std::string_view>(
-            options, nmea_problem(body), location_client_exec_nmea, body, answer)) {
+            options, nmea_problem(body), location_client_exec_nmea, body, answer))
         return *status;
-    }
     lsctl_json object = {{"sent", body}};
     object.update(nmea_answer_json(answer));
     const std::string text = nmea_answer_text(answer);
@@ -203,9 +190,8 @@ int ubx_command::run(const lsctl_options &options) const {
     const std::string problem = ubx_parse(words, frame);
     location_client_answer answer;
     if (const auto status = exchange_failed<std::span<const uint8_t>>(
-            options, problem, location_client_exec_ubx, frame, answer)) {
+            options, problem, location_client_exec_ubx, frame, answer))
         return *status;
-    }
     const uint8_t msg_class = frame[2];
     const uint8_t id = frame[3];
     const std::vector<ubx_piece> pieces =
@@ -214,9 +200,8 @@ int ubx_command::run(const lsctl_options &options) const {
     const lsctl_json object = {{"sent", ubx_name(msg_class, id)},
                                {"sent_hex", hex_text(frame)},
                                {"answer", ubx_answer_json(pieces)}};
-    if (pieces.empty()) {
+    if (pieces.empty())
         return show_silence(options, ubx_expects_answer(msg_class, id), object);
-    }
     const int status = lsctl_show(options, object, ubx_answer_text(pieces));
     if (std::any_of(pieces.begin(), pieces.end(),
                     [&](const ubx_piece &piece) { return ubx_is_nak(piece, msg_class, id); })) {

@@ -56,11 +56,9 @@ std::string check_time(const std::string &text) {
 
 const format &history_command::chosen_format(const lsctl_options &options) const {
     const std::string name = !format_name.empty() ? format_name : options.json ? "json" : "text";
-    for (const format &each : FORMATS) {
-        if (name == each.name) {
+    for (const format &each : FORMATS)
+        if (name == each.name)
             return each;
-        }
-    }
     return FORMATS.front();
 }
 
@@ -71,9 +69,8 @@ int history_command::have_exported(const lsctl_options &options, std::string *pa
         return LSCTL_OK;
     }
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
+    if (link.result != location_result::answered)
         return lsctl_fail(options, link.result);
-    }
     ls_history_path_reply reply{};
     const location_result result =
         location_client_get_history_path(link.client, lsctl_timeout(options), &reply);
@@ -83,9 +80,8 @@ int history_command::have_exported(const lsctl_options &options, std::string *pa
                           "the location service could not export its history: there is none yet, "
                           "its file is damaged, or its disk is full; the service's log says which");
     }
-    if (result != location_result::answered && !*incomplete) {
+    if (result != location_result::answered && !*incomplete)
         return lsctl_fail(options, result, link.client);
-    }
     *path = root + reply.path;
     return LSCTL_OK;
 }
@@ -97,12 +93,10 @@ int fail(const lsctl_options &options, const std::string &sentence) {
 track_range history_command::wanted_range() const {
     track_range range;
     const int64_t now = time(nullptr);
-    if (!since.empty()) {
+    if (!since.empty())
         track_parse_time(since, now, false, &range.since);
-    }
-    if (!until.empty()) {
+    if (!until.empty())
         track_parse_time(until, now, true, &range.until);
-    }
     return range;
 }
 
@@ -115,9 +109,8 @@ void tell_what_was_left_out(const track &all, bool needs_places) {
                                                   : ""));
     }
     size_t unplaced = 0;
-    for (const track_point &point : all.points) {
+    for (const track_point &point : all.points)
         unplaced += point.placed ? 0 : 1;
-    }
     if (needs_places && unplaced != 0) {
         lsctl_complain(lsctl_format("%zu line%s without a place left out", unplaced,
                                     unplaced == 1 ? "" : "s"));
@@ -127,9 +120,8 @@ void tell_what_was_left_out(const track &all, bool needs_places) {
 void history_command::add_options(CLI::App &app) {
     std::vector<std::string> names;
     names.reserve(std::size(FORMATS));
-    for (const format &each : FORMATS) {
+    for (const format &each : FORMATS)
         names.emplace_back(each.name);
-    }
     app.add_option("-f,--format", format_name, "The lines as they are, or another format")
         ->option_text("text|csv|json|gpx|kml|geojson|svg [text]")
         ->check(CLI::IsMember(names));
@@ -166,9 +158,8 @@ int history_command::run(const lsctl_options &options) const {
     }
     std::string path;
     bool incomplete = false;
-    if (const int status = have_exported(options, &path, &incomplete); status != LSCTL_OK) {
+    if (const int status = have_exported(options, &path, &incomplete); status != LSCTL_OK)
         return status;
-    }
     std::string text;
     const auto ended = [] { return lsctl_signals_last() != 0; };
     if (const std::string error = history_read(path, lsctl_timeout(options), ended, &text);
@@ -185,7 +176,8 @@ int history_command::run(const lsctl_options &options) const {
     track all;
     {
         history_progress progress(text.size());
-        all = track_parse(text, range, [&](double part) { progress.show("Reading", part); });
+        all = track_parse(
+            text, range, [&](double part) { progress.show("Reading", part); });
         error = history_write(output, [&](FILE *out) {
             to.write(all, gap_s, out, [&](double part) { progress.show("Writing", part); });
         });

@@ -51,25 +51,20 @@ enum class attempt : uint8_t { whole, again, failed };
 attempt read_once(int fd, std::string *text) {
     struct stat before = {};
     struct stat after = {};
-    if (fstat(fd, &before) != 0) {
+    if (fstat(fd, &before) != 0)
         return attempt::failed;
-    }
-    if (S_ISREG(before.st_mode) && !is_settled(before, SETTLED)) {
+    if (S_ISREG(before.st_mode) && !is_settled(before, SETTLED))
         return attempt::again;
-    }
     text->clear();
     text->reserve(static_cast<size_t>(before.st_size));
     std::array<char, 65536> chunk;
     ssize_t count = 0;
-    while ((count = read(fd, chunk.data(), chunk.size())) > 0) {
+    while ((count = read(fd, chunk.data(), chunk.size())) > 0)
         text->append(chunk.data(), static_cast<size_t>(count));
-    }
-    if (count < 0 || fstat(fd, &after) != 0) {
+    if (count < 0 || fstat(fd, &after) != 0)
         return attempt::failed;
-    }
-    if (!S_ISREG(after.st_mode)) {
+    if (!S_ISREG(after.st_mode))
         return attempt::whole;
-    }
     const bool odd = text->empty() || text->back() != '\n';
     return same(before, after) && text->size() == static_cast<size_t>(after.st_size) &&
                    (!odd || is_settled(after, SETTLED_ODDLY))
@@ -89,17 +84,15 @@ std::string fill(int fd, const std::function<void(FILE *)> &write, int *error) {
     write(stream.get());
     const bool written = std::ferror(stream.get()) == 0;
     *error = written ? 0 : errno;
-    if (std::fclose(stream.release()) != 0 && *error == 0) {
+    if (std::fclose(stream.release()) != 0 && *error == 0)
         *error = errno;
-    }
     return *error == 0 && written ? std::string() : std::strerror(*error);
 }
 
 std::string write_in_place(int fd, const std::string &name,
                            const std::function<void(FILE *)> &write) {
-    if (fd < 0) {
+    if (fd < 0)
         return reason(name);
-    }
     int error = 0;
     const std::string failed = fill(fd, write, &error);
     return failed.empty() || error == EPIPE ? std::string() : name + ": " + failed;
@@ -118,9 +111,8 @@ std::string history_read(const std::string &path, milliseconds limit,
     for (;;) {
         // Not blocked by a pipe that nobody writes to.
         const ls_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        if (file.fd < 0) {
+        if (file.fd < 0)
             return reason(path);
-        }
         switch (read_once(file.fd, text)) {
         case attempt::whole:
             return {};
@@ -129,9 +121,8 @@ std::string history_read(const std::string &path, milliseconds limit,
         case attempt::again:
             break;
         }
-        if (ls_monotonic_ms() >= deadline || ended()) {
+        if (ls_monotonic_ms() >= deadline || ended())
             return path + ": others have it written anew all the time";
-        }
         std::this_thread::sleep_for(LOOK_AGAIN);
     }
 }
@@ -141,23 +132,20 @@ std::string history_write(const std::string &path, const std::function<void(FILE
         // A stream of its own: that of the process is flushed with each line.
         return write_in_place(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "standard output", write);
     }
-    if (is_special(path)) {
+    if (is_special(path))
         return write_in_place(open(path.c_str(), O_WRONLY | O_CLOEXEC), path, write);
-    }
     // What stands under the name now stays there until there is something better.
     std::string part = path + ".XXXXXX";
     const int fd = mkostemp(part.data(), O_CLOEXEC);
-    if (fd < 0) {
+    if (fd < 0)
         return reason(path);
-    }
     const mode_t mask = umask(0);
     umask(mask);
     fchmod(fd, 0666 & ~mask);
     int error = 0;
     std::string failed = fill(fd, write, &error);
-    if (failed.empty() && std::rename(part.c_str(), path.c_str()) != 0) {
+    if (failed.empty() && std::rename(part.c_str(), path.c_str()) != 0)
         failed = std::strerror(errno);
-    }
     if (!failed.empty()) {
         unlink(part.c_str());
         return path + ": " + failed;
@@ -169,9 +157,8 @@ history_progress::history_progress(size_t size)
     : wanted(size >= LARGE && isatty(STDERR_FILENO) == 1) {}
 
 history_progress::~history_progress() {
-    if (shown >= 0) {
+    if (shown >= 0)
         std::fputs("\r\033[K", stderr);
-    }
 }
 
 void history_progress::show(const char *what, double part) {

@@ -70,9 +70,8 @@ const char *lsctl_result_name(location_result result) {
 }
 
 int lsctl_exit_of(location_result result) {
-    if (result == location_result::cancelled && lsctl_signals_last() != 0) {
+    if (result == location_result::cancelled && lsctl_signals_last() != 0)
         return LSCTL_SIGNAL + lsctl_signals_last();
-    }
     return outcome_of(result).exit_status;
 }
 
@@ -89,9 +88,8 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result,
         }
         break;
     case location_result::receiver_off:
-        if (client != nullptr) {
+        if (client != nullptr)
             sentence += lsctl_format(" (power mode %u)", location_client_power_seen(client));
-        }
         break;
     case location_result::receiver_busy:
         sentence += lsctl_format(" (%g s)", options.timeout_s);
@@ -111,12 +109,10 @@ int lsctl_fail(const lsctl_options &options, location_result result,
 }
 
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence) {
-    if (result == location_result::cancelled && lsctl_signals_last() != 0) {
+    if (result == location_result::cancelled && lsctl_signals_last() != 0)
         return lsctl_exit_of(result); // whoever sent the signal knows
-    }
-    if (options.json) {
+    if (options.json)
         lsctl_print_json({{"error", lsctl_result_name(result)}, {"text", sentence}});
-    }
     lsctl_complain(sentence);
     return lsctl_exit_of(result);
 }

@@ -27,9 +27,8 @@ std::string why_refused(uint32_t mode, uint32_t in_force, uint32_t serv_id) {
                             "that is off; services 3, 6, 8 and 9 may, lsctl power on --as 6",
                             serv_id);
     }
-    if (in_force != GPS_POWER_ON) {
+    if (in_force != GPS_POWER_ON)
         return "the receiver is already " + lsctl_power_text(in_force);
-    }
     if (!is_privileged(serv_id)) {
         return lsctl_format("switching off was refused: service %u may not switch off a receiver "
                             "that is to stay on; services 3, 6 and 9 may, lsctl power off --as 6",
@@ -47,9 +46,8 @@ void power_command::add_options(CLI::App &app) {
 
 int power_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
+    if (link.result != location_result::answered)
         return lsctl_fail(options, link.result);
-    }
     uint32_t in_force = 0;
     if (wanted.empty()) {
         const location_result result =

@@ -107,22 +107,19 @@ int settings_command::store_and_read(const lsctl_options &options, db_settings *
     db_settings wanted{};
     const unsigned members = wanted_members(&wanted);
     if (members == DB_GPS_POWER_ON_STATUS) { // every libdbhandler has this one
-        if (db_set_gps_power_on_status(wanted.gps_power_on_status) != 0) {
+        if (db_set_gps_power_on_status(wanted.gps_power_on_status) != 0)
             return database_failure(options, "written");
-        }
     } else if (members != 0) {
         if (admin().change == nullptr) {
             return lsctl_fail(options, location_result::failed,
                               "nothing is stored: this terminal has no libdbhandler_admin.so, and "
                               "its libdbhandler stores the receiver's --power-status only");
         }
-        if (admin().change(members, &wanted, nullptr) != 0) {
+        if (admin().change(members, &wanted, nullptr) != 0)
             return database_failure(options, "written");
-        }
     }
-    if (!read_settings(stored)) {
+    if (!read_settings(stored))
         return database_failure(options, "read");
-    }
     if (!holds(*stored, members, wanted)) {
         return lsctl_fail(options, location_result::failed,
                           lsctl_format("stored in %s, but this terminal's libdbhandler reads "
@@ -149,9 +146,8 @@ int show(const lsctl_options &options, const db_settings &stored) {
                          {"history_interval_s", stored.history.interval},
                          {"antenna_type", stored.ta_power_on_status},
                          {"power_on_status", stored.gps_power_on_status}};
-    if (admin().file != nullptr) {
+    if (admin().file != nullptr)
         object["settings_file"] = admin().file();
-    }
     return lsctl_show(options, object, text);
 }
 
@@ -204,12 +200,10 @@ void settings_command::add_options(CLI::App &app) {
 
 int settings_command::run(const lsctl_options &options) const {
     db_settings stored{};
-    if (const int status = store_and_read(options, &stored); status != LSCTL_OK) {
+    if (const int status = store_and_read(options, &stored); status != LSCTL_OK)
         return status;
-    }
-    if (const int status = show(options, stored); status != LSCTL_OK) {
+    if (const int status = show(options, stored); status != LSCTL_OK)
         return status;
-    }
     if (antenna.has_value() || power.has_value()) {
         lsctl_complain("antenna type and receiver at start: taken up at the next start of the "
                        "location service");

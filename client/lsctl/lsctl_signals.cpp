@@ -36,16 +36,13 @@ void wait_for_signals() {
     std::array<pollfd, 2> fds = {{{signal_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}}};
     for (;;) {
         // No deadline: ended by lsctl_signals_stop.
-        if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
+        if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR)
             return;
-        }
-        if (fds[1].revents != 0) {
+        if (fds[1].revents != 0)
             return;
-        }
         signalfd_siginfo info{};
-        if (fds[0].revents == 0 || read(signal_fd, &info, sizeof info) != sizeof info) {
+        if (fds[0].revents == 0 || read(signal_fd, &info, sizeof info) != sizeof info)
             continue;
-        }
         const std::lock_guard guard(signal_lock);
         last_signal_g = static_cast<int>(info.ssi_signo);
         location_client_cancel(client_g);
@@ -57,16 +54,14 @@ void wait_for_signals() {
 bool lsctl_signals_start() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         sigaddset(&set, signal);
-    }
     {
         const std::lock_guard guard(signal_lock);
         last_signal_g = 0;
     }
-    if (pthread_sigmask(SIG_BLOCK, &set, &former_mask) != 0) {
+    if (pthread_sigmask(SIG_BLOCK, &set, &former_mask) != 0)
         return false;
-    }
     signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (signal_fd >= 0 && stop_fd >= 0) {
@@ -96,9 +91,8 @@ void lsctl_signals_set_client(location_client *client) {
     const std::lock_guard guard(signal_lock);
     client_g = client;
     // The signal may have been faster than the opening.
-    if (client != nullptr && last_signal_g != 0) {
+    if (client != nullptr && last_signal_g != 0)
         location_client_cancel(client);
-    }
 }
 
 int lsctl_signals_last() {

@@ -72,9 +72,8 @@ std::string lsctl_format(const char *format, ...) {
 
 std::string lsctl_utc(const gps_time_fields &time) {
     if (time.month < 1 || time.month > 12 || time.day < 1 || time.day > 31 || time.hour > 23 ||
-        time.minute > 59 || time.second > 60) {
+        time.minute > 59 || time.second > 60)
         return {};
-    }
     return lsctl_format("%04u-%02u-%02uT%02u:%02u:%02uZ", time.year, time.month, time.day,
                         time.hour, time.minute, time.second);
 }
@@ -84,9 +83,8 @@ std::string lsctl_degrees(double magnitude, char hemisphere) {
 }
 
 std::string lsctl_degrees_minutes(double magnitude, char hemisphere) {
-    if (!std::isfinite(magnitude) || std::fabs(magnitude) > 1000) {
+    if (!std::isfinite(magnitude) || std::fabs(magnitude) > 1000)
         return "unknown";
-    }
     // Rounded once, as a whole, so that minutes never read 60.
     const long long units = std::llround(magnitude * 60 * 10000);
     return lsctl_format("%lld deg %02lld.%04lld' %c", units / 600000, units / 10000 % 60,
@@ -180,9 +178,8 @@ std::string lsctl_satellites_text(const gps_sat_info &info) {
         }
     }
     text += lsctl_format("%u in view, %u used", info.num_sat_in_view, info.num_sat_usable);
-    if (info.num_sat_in_view > GPS_SAT_SLOTS) {
+    if (info.num_sat_in_view > GPS_SAT_SLOTS)
         text += lsctl_format(" (the service lists the first %zu)", GPS_SAT_SLOTS);
-    }
     return text + "\n";
 }
 
@@ -194,11 +191,9 @@ lsctl_json lsctl_satellites_json(const gps_sat_info &info) {
                               {"cn0_dbhz", snr == 0 ? lsctl_json(nullptr) : lsctl_json(snr)},
                               {"used", is_used(info, info.sat_prn[i])}});
     }
-    for (const uint8_t prn : info.sat_used_prn) {
-        if (prn != 0 && !is_listed(info, prn)) {
+    for (const uint8_t prn : info.sat_used_prn)
+        if (prn != 0 && !is_listed(info, prn))
             satellites.push_back({{"prn", prn}, {"cn0_dbhz", nullptr}, {"used", true}});
-        }
-    }
     return {{"time_utc", utc_json(info.time)},
             {"satellites_in_view", info.num_sat_in_view},
             {"satellites_used", info.num_sat_usable},

@@ -56,16 +56,13 @@ bool is_separator(char c) {
 // One word without separators: one byte of one or two digits, or an even run of digits.
 std::string parse_word(std::string_view word, std::vector<uint8_t> &bytes) {
     const std::string shown = "'" + std::string(word) + "'";
-    if (word.substr(0, 2) == "0x" || word.substr(0, 2) == "0X") {
+    if (word.substr(0, 2) == "0x" || word.substr(0, 2) == "0X")
         word.remove_prefix(2);
-    }
     if (word.empty() || !std::all_of(word.begin(), word.end(),
-                                     [](unsigned char c) { return std::isxdigit(c) != 0; })) {
+                                     [](unsigned char c) { return std::isxdigit(c) != 0; }))
         return shown + " is not hexadecimal";
-    }
-    if (word.size() > 2 && word.size() % 2 != 0) {
+    if (word.size() > 2 && word.size() % 2 != 0)
         return shown + " has an odd number of digits";
-    }
     for (size_t at = 0; at < word.size(); at += 2) {
         const std::string_view digits = word.substr(at, 2);
         uint8_t byte = 0;
@@ -85,13 +82,11 @@ std::string parse_bytes(std::span<const std::string> words, std::vector<uint8_t>
                 continue;
             }
             size_t end = at;
-            while (end < text.size() && !is_separator(text[end])) {
+            while (end < text.size() && !is_separator(text[end]))
                 ++end;
-            }
             std::string problem = parse_word(text.substr(at, end - at), bytes);
-            if (!problem.empty()) {
+            if (!problem.empty())
                 return problem;
-            }
             at = end;
         }
     }
@@ -107,9 +102,8 @@ uint16_t frame_checksum(std::span<const uint8_t> frame, size_t payload) {
 }
 
 std::string complete_frame(std::vector<uint8_t> &frame) {
-    if (frame.size() < UBX_HEADER) {
+    if (frame.size() < UBX_HEADER)
         return "the frame ends before its payload length";
-    }
     const size_t payload = payload_length(frame);
     const size_t given = frame.size() - UBX_HEADER;
     if (given != payload && given != payload + 2) {
@@ -179,9 +173,8 @@ uint16_t ubx_checksum(std::span<const uint8_t> covered) {
 std::string ubx_parse(std::span<const std::string> words, std::vector<uint8_t> &frame) {
     std::vector<uint8_t> typed;
     std::string problem = parse_bytes(words, typed);
-    if (!problem.empty()) {
+    if (!problem.empty())
         return problem;
-    }
     if (typed.size() >= 2 && typed[0] == UBX_SYNC_1 && typed[1] == UBX_SYNC_2) {
         frame = std::move(typed);
     } else if (typed.size() < 2) {
@@ -197,9 +190,8 @@ std::string ubx_parse(std::span<const std::string> words, std::vector<uint8_t> &
         frame.insert(frame.end(), typed.begin() + 2, typed.end());
     }
     problem = complete_frame(frame);
-    if (!problem.empty()) {
+    if (!problem.empty())
         return problem;
-    }
     std::array<char, LS_ENGG_CMD_SIZE> text{};
     if (location_client_ubx_text(frame, &text) == 0) {
         return lsctl_format("the frame has %zu bytes; written out it does not fit into the %zu "
@@ -224,9 +216,8 @@ std::vector<ubx_piece> ubx_split(std::span<const uint8_t> answer) {
             continue;
         }
         size_t end = at;
-        while (!ends_here(end) && !is_frame_start(answer.subspan(end))) {
+        while (!ends_here(end) && !is_frame_start(answer.subspan(end)))
             ++end;
-        }
         ubx_piece other;
         other.bytes = answer.subspan(at, end - at);
         pieces.push_back(other);
@@ -248,9 +239,8 @@ bool ubx_expects_answer(uint8_t msg_class, uint8_t id) {
 
 std::string hex_text(std::span<const uint8_t> bytes) {
     std::string text;
-    for (const uint8_t byte : bytes) {
+    for (const uint8_t byte : bytes)
         text += lsctl_format("%s%02X", text.empty() ? "" : " ", byte);
-    }
     return text;
 }
 
@@ -260,9 +250,8 @@ std::string hex_dump(std::span<const uint8_t> bytes) {
     for (size_t at = 0; at < bytes.size(); at += per_line) {
         const auto line = bytes.subspan(at, std::min(per_line, bytes.size() - at));
         std::string shown;
-        for (const uint8_t byte : line) {
+        for (const uint8_t byte : line)
             shown += byte >= ' ' && byte <= '~' ? static_cast<char>(byte) : '.';
-        }
         text += lsctl_format("  %04zx  %-47s  %s\n", at, hex_text(line).c_str(), shown.c_str());
     }
     return text;

@@ -32,9 +32,8 @@ struct watch_totals {
 };
 
 std::string interval_problem(const std::string &text) {
-    if (!CLI::Range(uint32_t{0}, MAX_INTERVAL_S)(text).empty()) {
+    if (!CLI::Range(uint32_t{0}, MAX_INTERVAL_S)(text).empty())
         return "the interval is a number of seconds up to " + std::to_string(MAX_INTERVAL_S);
-    }
     return !CLI::Range(LOCATION_CLIENT_MIN_INTERVAL_S, MAX_INTERVAL_S)(text).empty()
                ? "the service takes no interval below " +
                      std::to_string(LOCATION_CLIENT_MIN_INTERVAL_S) + " s"
@@ -52,14 +51,12 @@ bool show_update(const lsctl_options &options, const ls_position_reply &update) 
     const location_result result = status_result(update.status);
     if (options.json) {
         lsctl_json object = {{"status", lsctl_result_name(result)}};
-        if (result == location_result::answered) {
+        if (result == location_result::answered)
             object.update(lsctl_position_json(update.pos));
-        }
         return lsctl_print(object.dump() + "\n");
     }
-    if (result == location_result::answered) {
+    if (result == location_result::answered)
         return lsctl_print(lsctl_position_line(update.pos) + "\n");
-    }
     return lsctl_print(result == location_result::receiver_timeout
                            ? "no position: the receiver did not answer in time\n"
                            : "no position: the receiver has no fix, or its answer was not valid\n");
@@ -82,9 +79,8 @@ location_result register_first(const lsctl_options &options, location_client *cl
                                                  interval_of(plan));
     };
     location_result result = ask();
-    if (result != location_result::failed) {
+    if (result != location_result::failed)
         return result;
-    }
     const uint8_t id = location_client_serv_id(client);
     if (!is_tool_id(id)) {
         why = lsctl_format("the registration was refused: service %u is registered already, or "
@@ -108,14 +104,12 @@ location_result register_first(const lsctl_options &options, location_client *cl
 
 // Ends the registration, also when a signal has ended the waits of the client.
 void unregister(location_client *client, const watch_plan &plan) {
-    if (plan.owed == 0) {
+    if (plan.owed == 0)
         return;
-    }
     location_client_resume(client);
     const location_result result = location_client_unregister_periodic(client, UNREGISTER_TIMEOUT);
-    if (result != location_result::answered && result != location_result::failed) {
+    if (result != location_result::answered && result != location_result::failed)
         lsctl_complain(std::string("not unregistered: ") + location_client_error_text(result));
-    }
 }
 
 // Handles one registration attempt; false ends the watch with `status`.
@@ -161,19 +155,16 @@ void take_updates(const lsctl_options &options, location_client *client, watch_p
     const milliseconds timeout =
         std::clamp<milliseconds>(until_wake, milliseconds(1), std::chrono::hours(1));
     ls_position_reply update;
-    if (location_client_next_update(client, timeout, &update) != location_result::answered) {
+    if (location_client_next_update(client, timeout, &update) != location_result::answered)
         return;
-    }
-    if (watch_on_update(plan, watch_clock::now())) {
+    if (watch_on_update(plan, watch_clock::now()))
         lsctl_complain("updates come again");
-    }
     ++(update.status == LS_STATUS_OK ? totals.positions : totals.failures);
     errno = 0;
     if (!show_update(options, update)) {
         totals.output_gone = true;
-        if (errno != EPIPE) {
+        if (errno != EPIPE)
             lsctl_complain("cannot write to the standard output");
-        }
     }
 }
 
@@ -189,9 +180,8 @@ int watch(const lsctl_options &options, location_client *client, watch_plan &pla
         case watch_step::finished:
             return exit_of(totals);
         case watch_step::try_register:
-            if (!try_register(options, client, plan, status)) {
+            if (!try_register(options, client, plan, status))
                 return status;
-            }
             break;
         case watch_step::say_silent:
             lsctl_complain(lsctl_format("no update for %u s; watching on", 2 * interval_of(plan)));
@@ -220,16 +210,14 @@ void watch_command::add_options(CLI::App &app) {
 
 int watch_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered) {
+    if (link.result != location_result::answered)
         return lsctl_fail(options, link.result);
-    }
     watch_plan plan = watch_start(seconds(interval_s), count, reconnect, watch_clock::now());
     const int status = watch(options, link.client, plan);
     unregister(link.client, plan);
     const uint32_t lost = location_client_lost_updates(link.client);
-    if (lost != 0) {
+    if (lost != 0)
         lsctl_complain(lsctl_format("%u updates were lost", lost));
-    }
     return status;
 }
 

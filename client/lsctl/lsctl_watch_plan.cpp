@@ -38,17 +38,14 @@ watch_plan watch_start(seconds interval, uint64_t count, bool reconnect,
 }
 
 watch_step watch_next(watch_plan &plan, watch_clock::time_point now) {
-    if (!plan.endless && plan.remaining == 0) {
+    if (!plan.endless && plan.remaining == 0)
         return watch_step::finished;
-    }
     if (plan.phase != watch_phase::starting && !plan.said_silent && now >= silence_limit(plan)) {
         plan.said_silent = true;
-        if (!plan.reconnect) {
+        if (!plan.reconnect)
             return watch_step::give_up;
-        }
-        if (plan.told == location_result::answered) {
+        if (plan.told == location_result::answered)
             return watch_step::say_silent;
-        }
         // Why nothing comes has been said already.
     }
     return may_try(plan) && now >= plan.next_try ? watch_step::try_register : watch_step::wait;
@@ -56,9 +53,8 @@ watch_step watch_next(watch_plan &plan, watch_clock::time_point now) {
 
 watch_clock::time_point watch_wake(const watch_plan &plan) {
     watch_clock::time_point wake = plan.said_silent ? plan.next_try : silence_limit(plan);
-    if (may_try(plan)) {
+    if (may_try(plan))
         wake = std::min(wake, plan.next_try);
-    }
     return wake;
 }
 
@@ -82,16 +78,13 @@ watch_verdict watch_on_registration(watch_plan &plan, location_result result,
         plan.next_try = now + plan.interval + SLACK;
         return again ? watch_verdict::say_again : watch_verdict::go_on;
     }
-    if (before == watch_phase::starting || !plan.reconnect) {
+    if (before == watch_phase::starting || !plan.reconnect)
         return watch_verdict::give_up;
-    }
     plan.next_try = now + (result == location_result::no_daemon ? ABSENT_RETRY : plan.interval);
-    if (result == location_result::failed && before == watch_phase::running) {
+    if (result == location_result::failed && before == watch_phase::running)
         return watch_verdict::go_on; // it stands: the update is only late
-    }
-    if (result == plan.told) {
+    if (result == plan.told)
         return watch_verdict::go_on;
-    }
     plan.told = result;
     return watch_verdict::say_why;
 }
@@ -102,9 +95,8 @@ bool watch_on_update(watch_plan &plan, watch_clock::time_point now) {
     plan.told = location_result::answered;
     plan.heard = now;
     plan.next_try = now + plan.interval + SLACK;
-    if (!plan.endless && plan.remaining != 0) {
+    if (!plan.endless && plan.remaining != 0)
         --plan.remaining;
-    }
     if (plan.owed != 0 && --plan.owed == 0) {
         // The service frees the place only after it has sent the last update, so the next
         // registration waits for the time of the next update; its first one comes at once.

@@ -45,9 +45,8 @@ location_result connect_as(location_client &client, uint8_t serv_id) {
     client.link.conn.on_message = client_on_message;
     client.serv_id = serv_id;
     errno = 0;
-    if (scm_conn_init(&client.link.conn, serv_id) == 0) {
+    if (scm_conn_init(&client.link.conn, serv_id) == 0)
         return location_result::answered;
-    }
     return result_of_errno(INIT_RESULTS, errno);
 }
 
@@ -59,9 +58,8 @@ location_result connect_as_tool(location_client &client) {
     for (uint8_t id = LOCATION_CLIENT_TOOL_ID_FIRST;
          id <= LOCATION_CLIENT_TOOL_ID_LAST && client_clock::now() < last_try; ++id) {
         result = connect_as(client, id);
-        if (result == location_result::answered) {
+        if (result == location_result::answered)
             return result;
-        }
         taken = taken || result == location_result::id_taken;
     }
     return taken ? location_result::ids_exhausted : result;
@@ -70,9 +68,8 @@ location_result connect_as_tool(location_client &client) {
 location_result send_filled(location_client &client, const msg_hdr &hdr,
                             std::span<const uint8_t> payload) {
     errno = 0;
-    if (send_msg(&client.link.conn, &hdr, payload.empty() ? nullptr : payload.data()) != -1) {
+    if (send_msg(&client.link.conn, &hdr, payload.empty() ? nullptr : payload.data()) != -1)
         return location_result::answered;
-    }
     return result_of_errno(SEND_RESULTS, errno);
 }
 
@@ -93,14 +90,12 @@ bool is_of_command(const client_waiter &waiter, const bus_msg &msg) {
 void take_response(location_client &client, const bus_msg &msg) {
     for (client_waiter *waiter = client.waiters; waiter != nullptr; waiter = waiter->next) {
         if (waiter->txn_id != msg.hdr.txn_id || waiter->msg_id != msg.hdr.msg_id || waiter->done ||
-            !is_of_command(*waiter, msg)) {
+            !is_of_command(*waiter, msg))
             continue;
-        }
         const size_t size = payload_size(msg);
         waiter->size = static_cast<uint32_t>(size);
-        if (size != 0) {
+        if (size != 0)
             std::memcpy(waiter->data.data(), msg.pld, std::min(size, waiter->data.size()));
-        }
         waiter->done = true;
         return;
     }
@@ -133,20 +128,18 @@ void take_lpp(location_client &client, const bus_msg &msg) {
 int client_on_message(scm_conn *conn, bus_msg *msg) noexcept {
     // The record is the first member of its link.
     location_client &client = *reinterpret_cast<client_link *>(conn)->owner;
-    if (msg == nullptr || msg->hdr.src_serv_id != LS_OWN_SERV_ID) {
+    if (msg == nullptr || msg->hdr.src_serv_id != LS_OWN_SERV_ID)
         return 0;
-    }
     {
         const std::lock_guard guard(client.lock);
-        if (msg->hdr.msg_type == LS_MSG_RESPONSE) {
+        if (msg->hdr.msg_type == LS_MSG_RESPONSE)
             take_response(client, *msg);
-        } else if (msg->hdr.msg_type == LS_MSG_NOTIFICATION &&
-                   msg->hdr.msg_id == LS_NOTIFY_PERIODIC_UPDATE) {
+        else if (msg->hdr.msg_type == LS_MSG_NOTIFICATION &&
+                 msg->hdr.msg_id == LS_NOTIFY_PERIODIC_UPDATE)
             take_update(client, *msg);
-        } else if (msg->hdr.msg_type == LS_MSG_REQUEST &&
-                   msg->hdr.msg_id == SAL_REQUEST_GNSS_LOCATION) {
+        else if (msg->hdr.msg_type == LS_MSG_REQUEST &&
+                 msg->hdr.msg_id == SAL_REQUEST_GNSS_LOCATION)
             take_lpp(client, *msg);
-        }
     }
     client.changed.notify_all();
     return 0;
@@ -156,14 +149,12 @@ location_result client_send_request(location_client &client, client_waiter &wait
                                     std::span<const uint8_t> payload) noexcept {
     msg_hdr hdr{};
     if (fill_request_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
-                         LS_OWN_SERV_ID) == -1) {
+                         LS_OWN_SERV_ID) == -1)
         return location_result::bus_error;
-    }
     waiter.msg_id = msg_id;
     waiter.txn_id = hdr.txn_id;
-    if (msg_id == LS_EXEC_NMEA_CMD || msg_id == LS_EXEC_UBX_CMD) {
+    if (msg_id == LS_EXEC_NMEA_CMD || msg_id == LS_EXEC_UBX_CMD)
         waiter.command = payload.subspan(offsetof(ls_engg_cmd, command), LS_ENGG_CMD_SIZE);
-    }
     {
         // Listed before it is sent: the reply may be faster than the return of the send.
         const std::lock_guard guard(client.lock);
@@ -171,9 +162,8 @@ location_result client_send_request(location_client &client, client_waiter &wait
         client.waiters = &waiter;
     }
     const location_result result = send_filled(client, hdr, payload);
-    if (result != location_result::answered) {
+    if (result != location_result::answered)
         client_unlist(client, waiter);
-    }
     return result;
 }
 
@@ -181,9 +171,8 @@ location_result client_send_notification(location_client &client, uint32_t msg_i
                                          std::span<const uint8_t> payload) noexcept {
     msg_hdr hdr{};
     if (fill_notif_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
-                       LS_OWN_SERV_ID) == -1) {
+                       LS_OWN_SERV_ID) == -1)
         return location_result::bus_error;
-    }
     return send_filled(client, hdr, payload);
 }
 
@@ -198,17 +187,14 @@ void client_unlist(location_client &client, client_waiter &waiter) noexcept {
 }
 
 location_result location_client_open(uint8_t serv_id, location_client **client) noexcept {
-    if (client == nullptr) {
+    if (client == nullptr)
         return location_result::bad_argument;
-    }
     *client = nullptr;
-    if (serv_id == LS_OWN_SERV_ID) {
+    if (serv_id == LS_OWN_SERV_ID)
         return location_result::bad_argument;
-    }
     auto *opened = new (std::nothrow) location_client;
-    if (opened == nullptr) {
+    if (opened == nullptr)
         return location_result::no_memory;
-    }
     opened->link.owner = opened;
     const location_result result =
         serv_id == 0 ? connect_as_tool(*opened) : connect_as(*opened, serv_id);

@@ -32,8 +32,9 @@ struct unlist_guard {
 // was read has status 1.
 bool is_refusal(const client_waiter &waiter) {
     return waiter.size == LS_REFUSED_REPLY_SIZE &&
-           std::all_of(waiter.data.begin(), waiter.data.begin() + LS_REFUSED_REPLY_SIZE,
-                       [](uint8_t byte) { return byte == 0; });
+           std::all_of(
+               waiter.data.begin(), waiter.data.begin() + LS_REFUSED_REPLY_SIZE,
+               [](uint8_t byte) { return byte == 0; });
 }
 
 bool is_done(const void *waiter) {
@@ -59,14 +60,12 @@ bool may_probe(uint8_t serv_id) {
 
 // What an answer to the question for the power mode says about a request without one.
 location_result result_of_probe(location_client &client, const client_waiter &probe) {
-    if (is_refusal(probe)) {
+    if (is_refusal(probe))
         return location_result::gate_closed;
-    }
     ls_power_reply power{};
     std::memcpy(&power, probe.data.data(), sizeof power);
-    if (probe.size != sizeof power || power.power_mode == GPS_POWER_ON) {
+    if (probe.size != sizeof power || power.power_mode == GPS_POWER_ON)
         return location_result::receiver_busy;
-    }
     client.power_seen = power.power_mode;
     return location_result::receiver_off;
 }
@@ -100,27 +99,22 @@ location_result client_wait_or_diagnose(location_client &client, client_clock::t
 
     const client_clock::time_point probe_at =
         may_probe(client.serv_id) ? std::min(deadline, start + PROBE_AFTER) : deadline;
-    if (client_wait(client, held, probe_at, done, context)) {
+    if (client_wait(client, held, probe_at, done, context))
         return location_result::answered;
-    }
-    if (client.cancelled || client_clock::now() >= deadline) {
+    if (client.cancelled || client_clock::now() >= deadline)
         return client_end_of_wait(client, location_result::no_reply);
-    }
     // The power mode is answered whatever state the receiver is in, at once unless a query runs.
     held.unlock();
     const location_result sent = client_send_request(client, probe, LS_REQUEST_GET_POWER_MODE, {});
     held.lock();
-    if (sent == location_result::no_daemon && !done(context)) {
+    if (sent == location_result::no_daemon && !done(context))
         return sent;
-    }
     const probed both{done, context, &probe};
     client_wait(client, held, deadline, is_done_or_probed, &both);
-    if (done(context)) {
+    if (done(context))
         return location_result::answered;
-    }
-    if (!probe.done) {
+    if (!probe.done)
         return client_end_of_wait(client, location_result::no_reply);
-    }
     const location_result why = result_of_probe(client, probe);
     const client_clock::time_point last =
         why == location_result::receiver_busy
@@ -137,27 +131,22 @@ location_result client_exchange(location_client &client, uint32_t msg_id,
     client_waiter waiter;
     const unlist_guard unlist(client, waiter);
     location_result result = client_send_request(client, waiter, msg_id, payload);
-    if (result != location_result::answered) {
+    if (result != location_result::answered)
         return result;
-    }
     if (probing == client_probing::yes) {
         result = client_wait_or_diagnose(client, start, timeout, is_done, &waiter);
     } else {
         std::unique_lock held(client.lock);
-        if (!client_wait(client, held, start + timeout, is_done, &waiter)) {
+        if (!client_wait(client, held, start + timeout, is_done, &waiter))
             result = client_end_of_wait(client, location_result::no_reply);
-        }
     }
-    if (result != location_result::answered) {
+    if (result != location_result::answered)
         return result;
-    }
     // A failed power change looks the same; its caller tells the two apart.
-    if (is_refusal(waiter) && msg_id != LS_REQUEST_SET_POWER_MODE) {
+    if (is_refusal(waiter) && msg_id != LS_REQUEST_SET_POWER_MODE)
         return location_result::gate_closed;
-    }
-    if (waiter.size != reply.size()) {
+    if (waiter.size != reply.size())
         return location_result::bad_reply;
-    }
     std::memcpy(reply.data(), waiter.data.data(), reply.size());
     return result;
 }

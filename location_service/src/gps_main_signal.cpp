@@ -41,10 +41,9 @@ void *wait_for_signals(void *) {
     const sigset_t taken = daemon_signals();
     sigset_t wait_mask;
     sigfillset(&wait_mask);
-    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    for (int signal = 1; signal <= SIGRTMAX; ++signal)
         if (sigismember(&taken, signal) == 1)
             sigdelset(&wait_mask, signal);
-    }
     while (true) {
         pollfd overflow = {.fd = overflow_fd, .events = POLLIN, .revents = 0};
         uint64_t count = 0;

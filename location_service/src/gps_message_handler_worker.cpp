@@ -47,10 +47,9 @@ void serve_register_periodic(scm_conn *conn, const bus_msg *msg) {
 }
 
 void serve_lpp_params(scm_conn *conn, const bus_msg *msg) {
-    for (int attempt = 0; attempt < LPP_ATTEMPTS; ++attempt) {
+    for (int attempt = 0; attempt < LPP_ATTEMPTS; ++attempt)
         if (ls_hal_get_lpp_params(conn, msg) == 0)
             return;
-    }
     log_error("Maximum retry count reached for ls_hal_get_lpp_params");
 }
 
@@ -86,10 +85,9 @@ constexpr std::array request_handlers = {
 };
 
 const request_handler *find_handler(uint32_t msg_id) {
-    for (const request_handler &handler : request_handlers) {
+    for (const request_handler &handler : request_handlers)
         if (handler.msg_id == msg_id)
             return &handler;
-    }
     return nullptr;
 }
 

@@ -66,10 +66,9 @@ void power_off() {
 } // namespace
 
 int ls_hal_init_gps() {
-    for (const int gpio : GPS_POWER_GPIOS) {
+    for (const int gpio : GPS_POWER_GPIOS)
         if (!raise_power_line(gpio))
             return -1;
-    }
     if (gps_set_power_mode(GPS_POWER_ON, LS_OWN_SERV_ID) == 1) {
         log_error("gps_set_power_mode failed\n");
         return -1;

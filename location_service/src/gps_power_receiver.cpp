@@ -247,10 +247,9 @@ bool run(const acknowledged_frame &step) {
 int32_t ls_hal_power_on_gps() {
     log_info("%s: Powering ON GPS\n", name);
     ls_hal_tty_doubt(); // until it is silenced a fresh receiver talks
-    for (const configuration_step &step : configuration_steps) {
+    for (const configuration_step &step : configuration_steps)
         if (!std::visit([](const auto &kind) { return run(kind); }, step))
             return 1;
-    }
     ls_sleep_us(FRAME_WAIT_US);
     log_info("GPS device Powered ON\n");
     return 0;

@@ -109,10 +109,9 @@ int32_t read_gsv(gps_sat_info *info) {
         return 1;
     }
     const size_t sentences = std::min<size_t>(static_cast<uint8_t>(total.number()), MOST_SENTENCES);
-    for (size_t i = 1; i < sentences; ++i) {
+    for (size_t i = 1; i < sentences; ++i)
         if (!extract(next_line(rest).data(), bodies[i]))
             return 1;
-    }
 
     memset(info->sat_prn, 0, sizeof(info->sat_prn));
     memset(info->sat_snr, 0, sizeof(info->sat_snr));

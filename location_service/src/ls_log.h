@@ -27,10 +27,9 @@ class ls_log_text {
   public:
     consteval ls_log_text(const char *text) : format(text) {
         int names = 0;
-        for (const char *p = text; *p != '\0'; ++p) {
+        for (const char *p = text; *p != '\0'; ++p)
             if (*p == '%' && (*++p != 's' || ++names > 1))
                 takes_more_than_a_name();
-        }
     }
     const char *format;
 

@@ -3,10 +3,9 @@
 #include "dbhandler.h"
 
 #include "dbhandler_worker.h"
+#include "ls_export.h"
 
 #include <exception>
-
-#define DB_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
 
@@ -26,15 +25,15 @@ int read_status(setting_id id, int32_t *status) {
 
 } // namespace
 
-DB_EXPORT int db_read_gps_power_on_status(int32_t *status) {
+LS_EXPORT int db_read_gps_power_on_status(int32_t *status) {
     return read_status(gps_power_on_status, status);
 }
 
-DB_EXPORT int db_read_ta_power_on_status(int32_t *status) {
+LS_EXPORT int db_read_ta_power_on_status(int32_t *status) {
     return read_status(ta_power_on_status, status);
 }
 
-DB_EXPORT int db_read_location_history_settings(struct location_history_settings *result) {
+LS_EXPORT int db_read_location_history_settings(struct location_history_settings *result) {
     settings_values values{};
     if (result == nullptr || !read_all(values))
         return -1;
@@ -43,7 +42,7 @@ DB_EXPORT int db_read_location_history_settings(struct location_history_settings
     return 0;
 }
 
-DB_EXPORT int db_set_gps_power_on_status(int32_t status) try {
+LS_EXPORT int db_set_gps_power_on_status(int32_t status) try {
     settings_values after{};
     const setting_change change{gps_power_on_status, status};
     return settings_write({&change, 1}, after) ? 0 : -1;

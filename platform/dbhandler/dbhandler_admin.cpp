@@ -2,13 +2,12 @@
 #include "dbhandler_admin.h"
 
 #include "dbhandler_worker.h"
+#include "ls_export.h"
 
 #include <exception>
 #include <vector>
 
-#define DB_EXPORT extern "C" __attribute__((visibility("default")))
-
-DB_EXPORT int db_change_settings(unsigned members, const struct db_settings *wanted,
+LS_EXPORT int db_change_settings(unsigned members, const struct db_settings *wanted,
                                  struct db_settings *stored) try {
     if (wanted == nullptr || members == 0)
         return -1;
@@ -40,18 +39,18 @@ DB_EXPORT int db_change_settings(unsigned members, const struct db_settings *wan
     return -1;
 }
 
-DB_EXPORT int db_set_location_history_settings(const struct location_history_settings *wanted) {
+LS_EXPORT int db_set_location_history_settings(const struct location_history_settings *wanted) {
     if (wanted == nullptr)
         return -1;
     const db_settings all{*wanted, 0, 0};
     return db_change_settings(DB_HISTORY_STATUS | DB_HISTORY_INTERVAL, &all, nullptr);
 }
 
-DB_EXPORT int db_set_ta_power_on_status(int32_t status) {
+LS_EXPORT int db_set_ta_power_on_status(int32_t status) {
     const db_settings all{{}, status, 0};
     return db_change_settings(DB_TA_POWER_ON_STATUS, &all, nullptr);
 }
 
-DB_EXPORT const char *db_settings_file(void) {
+LS_EXPORT const char *db_settings_file(void) {
     return settings_path();
 }

@@ -26,9 +26,9 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds lock_interval{5}; // flock has no timed form
-constexpr int most_copies_per_second = 100;
-constexpr int64_t repeated_after_ms = 1000;
+constexpr std::chrono::milliseconds LOCK_INTERVAL{5}; // flock has no timed form
+constexpr int MOST_COPIES_PER_SECOND = 100;
+constexpr int64_t REPEATED_AFTER_MS = 1000;
 
 // The last line of the log: two threads that race for it log a line too many, no more.
 std::atomic<size_t> last_print{0};
@@ -77,7 +77,7 @@ std::string free_name(const std::string &path) {
         strftime(stamp.data(), stamp.size(), "%Y%m%d-%H%M%S", &utc) == 0)
         return {};
     const std::string base = path + ".damaged-" + stamp.data();
-    for (int n = 1; n <= most_copies_per_second; n++) {
+    for (int n = 1; n <= MOST_COPIES_PER_SECOND; n++) {
         std::string name = n == 1 ? base : base + "-" + std::to_string(n);
         struct stat there {};
         if (lstat(name.c_str(), &there) != 0 && lstat((name + "-wal").c_str(), &there) != 0 &&
@@ -108,7 +108,7 @@ void log_error(const char *format, ...) {
 
     const size_t print = std::hash<std::string_view>{}(line);
     const int64_t now = settings_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
-    if (last_print.exchange(print) == print && now - last_time.load() < repeated_after_ms)
+    if (last_print.exchange(print) == print && now - last_time.load() < REPEATED_AFTER_MS)
         return;
     last_time = now;
 
@@ -133,7 +133,7 @@ path_lock::path_lock(const std::string &path, int how, settings_clock::time_poin
     while (fd >= 0 && flock(fd, how | LOCK_NB) != 0) {
         busy_ = errno == EWOULDBLOCK || errno == EINTR;
         if (busy_ && settings_clock::now() < deadline) {
-            std::this_thread::sleep_for(lock_interval);
+            std::this_thread::sleep_for(LOCK_INTERVAL);
             continue;
         }
         const int why = errno;

@@ -20,16 +20,16 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds busy_interval{2};
+constexpr std::chrono::milliseconds BUSY_INTERVAL{2};
 constexpr std::string_view sqlite_header("SQLite format 3\0", 16);
 
 struct range {
     int64_t lowest, highest;
     bool holds(int64_t value) const { return value >= lowest && value <= highest; }
 };
-constexpr int64_t int32_lowest = std::numeric_limits<int32_t>::min();
-constexpr int64_t int32_highest = std::numeric_limits<int32_t>::max();
-constexpr int64_t uint32_highest = std::numeric_limits<uint32_t>::max();
+constexpr int64_t INT32_LOWEST = std::numeric_limits<int32_t>::min();
+constexpr int64_t INT32_HIGHEST = std::numeric_limits<int32_t>::max();
+constexpr int64_t UINT32_HIGHEST = std::numeric_limits<uint32_t>::max();
 
 struct setting {
     const char *name;
@@ -40,10 +40,10 @@ struct setting {
 
 // In the order of setting_id.
 constexpr std::array<setting, setting_count> settings{{
-    {"gps_power_on_status", 2, {0, 2}, {int32_lowest, int32_highest}},
-    {"ta_power_on_status", 0, {0, int32_highest}, {0, int32_highest}},
+    {"gps_power_on_status", 2, {0, 2}, {INT32_LOWEST, INT32_HIGHEST}},
+    {"ta_power_on_status", 0, {0, INT32_HIGHEST}, {0, INT32_HIGHEST}},
     {"location_history_status", 0, {0, 1}, {0, 255}},
-    {"location_history_interval", 60, {1, uint32_highest}, {1, uint32_highest}},
+    {"location_history_interval", 60, {1, UINT32_HIGHEST}, {1, UINT32_HIGHEST}},
 }};
 
 struct finalize_statement {
@@ -55,7 +55,7 @@ using statement = std::unique_ptr<sqlite3_stmt, finalize_statement>;
 int wait_for_lock(void *deadline, int) {
     if (settings_clock::now() >= *static_cast<const settings_clock::time_point *>(deadline))
         return 0;
-    std::this_thread::sleep_for(busy_interval);
+    std::this_thread::sleep_for(BUSY_INTERVAL);
     return 1;
 }
 
@@ -226,14 +226,13 @@ outcome read_without_companions(const std::string &path, settings_values &values
     if (stat((path + "-wal").c_str(), &wal) == 0 ? wal.st_size != 0 : errno != ENOENT)
         return outcome::failed;
     std::string uri = "file:";
-    for (const char c : path) {
+    for (const char c : path)
         if (c == '%' || c == '?' || c == '#')
             uri.append("%")
                 .append(1, "0123456789ABCDEF"[c >> 4])
                 .append(1, "0123456789ABCDEF"[c & 15]);
         else
             uri.append(1, c);
-    }
     sqlite3 *raw = nullptr;
     const int result =
         sqlite3_open_v2(uri.append("?immutable=1").c_str(), &raw,
@@ -333,13 +332,15 @@ settings_values store_defaults() {
 }
 
 bool store_accepts(std::span<const setting_change> changes) {
-    return std::all_of(changes.begin(), changes.end(), [](const setting_change &change) {
-        const bool right = settings[change.id].written.holds(change.value);
-        if (!right)
-            log_error("settings database: %lld refused for %s",
-                      static_cast<long long>(change.value), settings[change.id].name);
-        return right;
-    });
+    return std::all_of(
+        changes.begin(), changes.end(),
+        [](const setting_change &change) {
+            const bool right = settings[change.id].written.holds(change.value);
+            if (!right)
+                log_error("settings database: %lld refused for %s",
+                          static_cast<long long>(change.value), settings[change.id].name);
+            return right;
+        });
 }
 
 outcome store_read(open_settings &link, const std::string &path,

@@ -17,12 +17,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds read_patience{100};
-constexpr milliseconds first_read_patience{1000}; // nothing to fall back on: rather late than never
-constexpr milliseconds write_patience{1000};
-constexpr milliseconds spare{15}; // a lock is given up so much earlier than the caller leaves
-constexpr milliseconds fork_patience{200};
-constexpr size_t stack_size = size_t{512} * 1024;
+constexpr milliseconds READ_PATIENCE{100};
+constexpr milliseconds FIRST_READ_PATIENCE{1000}; // nothing to fall back on: rather late than never
+constexpr milliseconds WRITE_PATIENCE{1000};
+constexpr milliseconds SPARE{15}; // a lock is given up so much earlier than the caller leaves
+constexpr milliseconds FORK_PATIENCE{200};
+constexpr size_t STACK_SIZE = size_t{512} * 1024;
 
 struct job {
     std::string path;
@@ -158,7 +158,7 @@ bool start(library &own, crew &at, void *(*body)(void *)) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, stack_size);
+    pthread_attr_setstacksize(&attributes, STACK_SIZE);
     pthread_t thread;
     const int error = pthread_create(&thread, &attributes, body, &own);
     pthread_attr_destroy(&attributes);
@@ -190,7 +190,7 @@ void before_fork() {
     library *own = current;
     for (crew *at : {&own->reading, &own->writing}) {
         std::unique_lock held(at->lock);
-        at->finished.wait_until(held, settings_clock::now() + fork_patience,
+        at->finished.wait_until(held, settings_clock::now() + FORK_PATIENCE,
                                 [at] { return !at->busy; });
         held.release();
     }
@@ -230,7 +230,7 @@ std::shared_ptr<job> new_job(std::span<const setting_change> changes, millisecon
     auto call = std::make_shared<job>();
     call->path = settings_path();
     call->changes.assign(changes.begin(), changes.end());
-    call->deadline = settings_clock::now() + patience - spare;
+    call->deadline = settings_clock::now() + patience - SPARE;
     return call;
 }
 
@@ -246,10 +246,10 @@ bool settings_read(settings_values &values) {
     library &own = get_library();
     if (!is_usable(own))
         return false;
-    const std::shared_ptr<job> call = new_job({}, read_patience);
+    const std::shared_ptr<job> call = new_job({}, READ_PATIENCE);
     const bool known = recall(own, call->path, values);
     const outcome o = have_done(own, own.reading, work<&library::reading>, call,
-                                known ? read_patience : first_read_patience);
+                                known ? READ_PATIENCE : FIRST_READ_PATIENCE);
     if (o == outcome::done)
         values = call->values;
     if (o != outcome::busy)
@@ -264,8 +264,8 @@ bool settings_write(std::span<const setting_change> changes, settings_values &af
     library &own = get_library();
     if (!store_accepts(changes) || !is_usable(own))
         return false;
-    const std::shared_ptr<job> call = new_job(changes, write_patience);
-    const outcome o = have_done(own, own.writing, work<&library::writing>, call, write_patience);
+    const std::shared_ptr<job> call = new_job(changes, WRITE_PATIENCE);
+    const outcome o = have_done(own, own.writing, work<&library::writing>, call, WRITE_PATIENCE);
     if (o == outcome::done)
         after = call->values;
     if (o == outcome::busy)

@@ -19,21 +19,21 @@ struct handle {
 static_assert(sizeof(handle) <= sizeof(scm_conn::library));
 static_assert(offsetof(scm_conn, on_message) % alignof(scm_msg_cb) == 0);
 
-constexpr uint32_t handle_magic = 0x51434d53;
-constexpr uint64_t open_bit = UINT64_C(1) << 31;
-constexpr uint64_t reference_mask = open_bit - 1;
-constexpr unsigned generation_shift = 32;
+constexpr uint32_t HANDLE_MAGIC = 0x51434d53;
+constexpr uint64_t OPEN_BIT = UINT64_C(1) << 31;
+constexpr uint64_t REFERENCE_MASK = OPEN_BIT - 1;
+constexpr unsigned GENERATION_SHIFT = 32;
 
 // A service opens one; a simulator plays a handful. Entries are never freed, so a stale handle
 // reads a generation, not freed memory.
-constexpr size_t max_connections = 64;
-std::array<connection, max_connections> connections;
+constexpr size_t MAX_CONNECTIONS = 64;
+std::array<connection, MAX_CONNECTIONS> connections;
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "used in signal handlers");
 static_assert(std::atomic<pthread_t>::is_always_lock_free);
 
 uint32_t generation_of(uint64_t word) {
-    return static_cast<uint32_t>(word >> generation_shift);
+    return static_cast<uint32_t>(word >> GENERATION_SHIFT);
 }
 
 handle handle_of(const scm_conn *record) {
@@ -43,14 +43,13 @@ handle handle_of(const scm_conn *record) {
 }
 
 connection *entry_of(const handle &wanted) {
-    if (wanted.magic != handle_magic || wanted.slot >= max_connections) {
+    if (wanted.magic != HANDLE_MAGIC || wanted.slot >= MAX_CONNECTIONS)
         return nullptr;
-    }
     return &connections[wanted.slot];
 }
 
 bool is_open_as(uint64_t word, uint32_t generation) {
-    return (word & open_bit) != 0 && generation_of(word) == generation;
+    return (word & OPEN_BIT) != 0 && generation_of(word) == generation;
 }
 
 } // namespace
@@ -58,38 +57,34 @@ bool is_open_as(uint64_t word, uint32_t generation) {
 connection *connection_reserve() {
     for (connection &conn : connections) {
         uint64_t word = conn.word.load(std::memory_order_relaxed);
-        if ((word & (open_bit | reference_mask)) != 0) {
+        if ((word & (OPEN_BIT | REFERENCE_MASK)) != 0)
             continue;
-        }
-        const uint64_t reserved = (uint64_t{generation_of(word) + 1U} << generation_shift) | 1U;
+        const uint64_t reserved = (uint64_t{generation_of(word) + 1U} << GENERATION_SHIFT) | 1U;
         if (conn.word.compare_exchange_strong(word, reserved, std::memory_order_acquire,
-                                              std::memory_order_relaxed)) {
+                                              std::memory_order_relaxed))
             return &conn;
-        }
     }
     return nullptr;
 }
 
 void connection_open(connection &conn, scm_conn *record) {
     const uint64_t word = conn.word.load(std::memory_order_relaxed);
-    const handle given{handle_magic, static_cast<uint32_t>(&conn - connections.data()),
+    const handle given{HANDLE_MAGIC, static_cast<uint32_t>(&conn - connections.data()),
                        generation_of(word)};
     std::memcpy(record->library, &given, sizeof given);
     conn.record = record;
-    conn.word.store((word | open_bit) + 1U, std::memory_order_release);
+    conn.word.store((word | OPEN_BIT) + 1U, std::memory_order_release);
 }
 
 connection *connection_acquire(const scm_conn *record) {
     const handle wanted = handle_of(record);
     connection *conn = entry_of(wanted);
-    if (conn == nullptr) {
+    if (conn == nullptr)
         return nullptr;
-    }
     uint64_t word = conn->word.load(std::memory_order_relaxed);
     do {
-        if (!is_open_as(word, wanted.generation)) {
+        if (!is_open_as(word, wanted.generation))
             return nullptr;
-        }
     } while (!conn->word.compare_exchange_weak(word, word + 1U, std::memory_order_acquire,
                                                std::memory_order_relaxed));
     if (conn->record != record) {
@@ -101,42 +96,38 @@ connection *connection_acquire(const scm_conn *record) {
 
 connection *connection_close(const scm_conn *record) {
     connection *conn = connection_acquire(record);
-    if (conn == nullptr) {
+    if (conn == nullptr)
         return nullptr;
-    }
     // In one total order with the look of a send that has just opened a socket: see
     // mqutils_send.cpp.
-    const uint64_t before = conn->word.fetch_and(~open_bit);
+    const uint64_t before = conn->word.fetch_and(~OPEN_BIT);
     connection_release(*conn);
-    return (before & open_bit) != 0 ? conn : nullptr;
+    return (before & OPEN_BIT) != 0 ? conn : nullptr;
 }
 
 bool connection_is_open(const connection &conn) {
-    return (conn.word.load() & open_bit) != 0;
+    return (conn.word.load() & OPEN_BIT) != 0;
 }
 
 void connection_release(connection &conn) {
     uint64_t word = conn.word.load(std::memory_order_acquire);
     for (;;) {
-        if ((word & (open_bit | reference_mask)) == 1U) {
+        if ((word & (OPEN_BIT | REFERENCE_MASK)) == 1U) {
             // Closed and ours alone: nobody can acquire it, nobody reserves it before the store.
             if (conn.socket >= 0) {
                 close(conn.socket);
                 conn.socket = -1;
             }
-            for (std::atomic<int> &sender : conn.senders) {
-                if (const int held = sender.exchange(0, std::memory_order_relaxed); held != 0) {
+            for (std::atomic<int> &sender : conn.senders)
+                if (const int held = sender.exchange(0, std::memory_order_relaxed); held != 0)
                     close(held - 1);
-                }
-            }
             directory_close(conn.directory);
             conn.word.store(word - 1U, std::memory_order_release);
             return;
         }
         if (conn.word.compare_exchange_weak(word, word - 1U, std::memory_order_acq_rel,
-                                            std::memory_order_acquire)) {
+                                            std::memory_order_acquire))
             return;
-        }
     }
 }
 

@@ -22,9 +22,9 @@
 
 namespace mqutils {
 
-constexpr size_t max_datagram_bytes = 65536;
-constexpr size_t max_services = 256; // ids 0 to 255
-constexpr size_t max_payload_bytes = max_datagram_bytes - sizeof(msg_hdr);
+constexpr size_t MAX_DATAGRAM_BYTES = 65536;
+constexpr size_t MAX_SERVICES = 256; // ids 0 to 255
+constexpr size_t MAX_PAYLOAD_BYTES = MAX_DATAGRAM_BYTES - sizeof(msg_hdr);
 
 struct receive_buffer;
 
@@ -52,7 +52,7 @@ struct connection {
 
     // The sending socket of each peer, by its id: descriptor + 1, 0 = none yet. Set once by the
     // first send to that peer, closed with the connection.
-    std::array<std::atomic<int>, max_services> senders{};
+    std::array<std::atomic<int>, MAX_SERVICES> senders{};
 
     std::atomic<bool> stop{false}; // the receive thread is to end
     // Known before the first callback and before scm_conn_init returns.

@@ -44,19 +44,19 @@
 namespace mqutils {
 namespace {
 
-constexpr int lock_wait_ms = 200; // the holder needs microseconds
-constexpr int lock_retry_ms = 2;
+constexpr int LOCK_WAIT_MS = 200; // the holder needs microseconds
+constexpr int LOCK_RETRY_MS = 2;
 
 // Members of the group may send: who it was, the receiver learns from the kernel. Nobody else can
 // fill its short queue.
-constexpr mode_t socket_mode = 0660;
-constexpr mode_t newborn_mode = 0600;
-constexpr time_t longest_birth_s = 1;
+constexpr mode_t SOCKET_MODE = 0660;
+constexpr mode_t NEWBORN_MODE = 0600;
+constexpr time_t LONGEST_BIRTH_S = 1;
 
-constexpr size_t id_characters = 4; // "255" and its NUL
-using id_text = std::array<char, id_characters>;
+constexpr size_t ID_CHARACTERS = 4; // "255" and its NUL
+using id_text = std::array<char, ID_CHARACTERS>;
 
-constexpr size_t longest_link = 256; // characters of a link's target and its NUL
+constexpr size_t LONGEST_LINK = 256; // characters of a link's target and its NUL
 
 id_text text_of(uint8_t serv_id) {
     id_text text{};
@@ -67,7 +67,7 @@ id_text text_of(uint8_t serv_id) {
 // Where the socket of one service is: a name in a directory, and that as a socket address.
 struct socket_place {
     ls_descriptor directory{-1};           // open for reading: flock() refuses an O_PATH descriptor
-    std::array<char, longest_link> text{}; // from the bus directory on, or absolute
+    std::array<char, LONGEST_LINK> text{}; // from the bus directory on, or absolute
     const char *name = nullptr;            // the last component, in `text`
     sockaddr_un address{};
 };
@@ -87,15 +87,13 @@ struct place_lock {
     }
 
     int take() {
-        const int64_t deadline = ls_monotonic_ms() + lock_wait_ms;
+        const int64_t deadline = ls_monotonic_ms() + LOCK_WAIT_MS;
         while (flock(place.directory.fd, LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK && errno != EINTR) {
+            if (errno != EWOULDBLOCK && errno != EINTR)
                 return errno;
-            }
-            if (ls_monotonic_ms() >= deadline) {
+            if (ls_monotonic_ms() >= deadline)
                 return EBUSY;
-            }
-            poll(nullptr, 0, lock_retry_ms);
+            poll(nullptr, 0, LOCK_RETRY_MS);
         }
         held = true;
         return 0;
@@ -108,24 +106,21 @@ bool is_trusted_link(const bus_directory &directory, const struct stat &status) 
 
 // The text of `place`, and the directory that its last component is in. 0, or an errno value.
 int read_place(const bus_directory &directory, uint8_t serv_id, socket_place &place,
-               std::array<char, longest_link> &parent) {
+               std::array<char, LONGEST_LINK> &parent) {
     const id_text id = text_of(serv_id);
     parent = {"."};
     std::memcpy(place.text.data(), id.data(), id.size());
     place.name = place.text.data();
     struct stat status {};
     if (fstatat(directory.descriptor, id.data(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !is_trusted_link(directory, status)) {
+        !is_trusted_link(directory, status))
         return 0;
-    }
     const ssize_t length =
         readlinkat(directory.descriptor, id.data(), place.text.data(), place.text.size());
-    if (length < 0) {
+    if (length < 0)
         return errno;
-    }
-    if (static_cast<size_t>(length) == place.text.size()) {
+    if (static_cast<size_t>(length) == place.text.size())
         return ENAMETOOLONG;
-    }
     place.text[static_cast<size_t>(length)] = '\0';
     const std::string_view text(place.text.data());
     const size_t slash = text.rfind('/');
@@ -140,15 +135,13 @@ int read_place(const bus_directory &directory, uint8_t serv_id, socket_place &pl
 
 // Fills in `place`; it must be new. 0, or an errno value.
 int find_place(const bus_directory &directory, uint8_t serv_id, socket_place &place) {
-    std::array<char, longest_link> parent{};
-    if (const int error = read_place(directory, serv_id, place, parent); error != 0) {
+    std::array<char, LONGEST_LINK> parent{};
+    if (const int error = read_place(directory, serv_id, place, parent); error != 0)
         return error;
-    }
     const int opened =
         openat(directory.descriptor, parent.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (opened < 0) {
+    if (opened < 0)
         return errno;
-    }
     place.directory.fd = opened;
     place.address.sun_family = AF_UNIX;
     constexpr size_t room = sizeof place.address.sun_path;
@@ -171,27 +164,21 @@ int remove_socket(const socket_place &place) {
 int look_at_name(const socket_place &place) {
     struct stat status {};
     struct stat parent {};
-    if (fstatat(place.directory.fd, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(place.directory.fd, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : errno;
-    }
-    if (!S_ISSOCK(status.st_mode)) {
+    if (!S_ISSOCK(status.st_mode))
         return ENOTSOCK;
-    }
     const ls_descriptor probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (probe.fd < 0) {
+    if (probe.fd < 0)
         return errno;
-    }
     if (connect(probe.fd, reinterpret_cast<const sockaddr *>(&place.address),
-                sizeof place.address) == 0) {
+                sizeof place.address) == 0)
         return EADDRINUSE;
-    }
-    if (errno != ECONNREFUSED || fstat(place.directory.fd, &parent) != 0) {
+    if (errno != ECONNREFUSED || fstat(place.directory.fd, &parent) != 0)
         return errno == ENOENT ? 0 : errno; // its owner has just left
-    }
     const time_t age_s = time(nullptr) - status.st_ctim.tv_sec;
-    if ((status.st_mode & S_IWGRP) == 0 && age_s >= 0 && age_s <= longest_birth_s) {
+    if ((status.st_mode & S_IWGRP) == 0 && age_s >= 0 && age_s <= LONGEST_BIRTH_S)
         return EADDRINUSE;
-    }
     // The kernel would say so, too, but only behind the lock.
     const uid_t self = geteuid();
     const bool may_remove = (parent.st_mode & S_ISVTX) == 0 || self == status.st_uid ||
@@ -202,11 +189,9 @@ int look_at_name(const socket_place &place) {
 // 0, or an errno value: EADDRINUSE = something has the name.
 int bind_socket(const socket_place &place, int socket) {
     // The file is born with the mode of the socket, less the mask of the process.
-    if (fchmod(socket, newborn_mode) != 0 ||
-        bind(socket, reinterpret_cast<const sockaddr *>(&place.address), sizeof place.address) !=
-            0) {
+    if (fchmod(socket, NEWBORN_MODE) != 0 ||
+        bind(socket, reinterpret_cast<const sockaddr *>(&place.address), sizeof place.address) != 0)
         return errno;
-    }
     return 0;
 }
 
@@ -216,12 +201,10 @@ int replace_dead_socket(const socket_place &place, int socket) {
     int error = look_at_name(place);
     if (error == ECONNREFUSED) {
         error = lock.take();
-        if (error == 0) {
+        if (error == 0)
             error = look_at_name(place); // again: another starter may have been faster
-        }
-        if (error == ECONNREFUSED) {
+        if (error == ECONNREFUSED)
             error = remove_socket(place);
-        }
     }
     return error == 0 ? bind_socket(place, socket) : error;
 }
@@ -232,17 +215,15 @@ int adopt_the_file(const socket_place &place, socket_identity &identity) {
     const ls_descriptor file(
         openat(place.directory.fd, place.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
-    if (file.fd < 0 || fstat(file.fd, &status) != 0) {
+    if (file.fd < 0 || fstat(file.fd, &status) != 0)
         return errno;
-    }
-    if (!S_ISSOCK(status.st_mode) || status.st_uid != geteuid()) {
+    if (!S_ISSOCK(status.st_mode) || status.st_uid != geteuid())
         return EADDRINUSE;
-    }
     identity = {status.st_dev, status.st_ino};
     // fchmod() refuses an O_PATH descriptor; its entry in /proc names the same file.
     std::array<char, sizeof "/proc/self/fd/-2147483648"> name{};
     std::snprintf(name.data(), name.size(), "/proc/self/fd/%d", file.fd);
-    return chmod(name.data(), socket_mode) == 0 ? 0 : errno;
+    return chmod(name.data(), SOCKET_MODE) == 0 ? 0 : errno;
 }
 
 } // namespace
@@ -250,13 +231,12 @@ int adopt_the_file(const socket_place &place, socket_identity &identity) {
 int directory_open(bus_directory &directory, const char *path) {
     directory.descriptor = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
     struct stat status {};
-    if (directory.descriptor < 0 || fstat(directory.descriptor, &status) != 0) {
+    if (directory.descriptor < 0 || fstat(directory.descriptor, &status) != 0)
         return errno;
-    }
     directory.owner = status.st_uid;
     directory.base = {};
     directory.base.sun_family = AF_UNIX;
-    constexpr size_t room = sizeof directory.base.sun_path - id_characters + 1;
+    constexpr size_t room = sizeof directory.base.sun_path - ID_CHARACTERS + 1;
     int length = std::snprintf(directory.base.sun_path, room, "%s/", path);
     // The plain name is what socket listings show, so it is preferred where it fits.
     if (path[0] != '/' || length < 0 || static_cast<size_t>(length) >= room) {
@@ -287,15 +267,13 @@ int directory_claim(const bus_directory &directory, uint8_t serv_id, int socket,
     int error = find_place(directory, serv_id, place);
     if (error == 0) {
         error = bind_socket(place, socket);
-        if (error == EADDRINUSE) {
+        if (error == EADDRINUSE)
             error = replace_dead_socket(place, socket);
-        }
     }
     if (error == 0) {
         error = adopt_the_file(place, identity);
-        if (error != 0 && error != EADDRINUSE) {
+        if (error != 0 && error != EADDRINUSE)
             remove_socket(place);
-        }
     }
     return error;
 }
@@ -306,24 +284,20 @@ void directory_give_back(const bus_directory &directory, uint8_t serv_id,
     struct stat status {};
     if (find_place(directory, serv_id, place) == 0 &&
         fstatat(place.directory.fd, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_dev == identity.device && status.st_ino == identity.inode) {
+        status.st_dev == identity.device && status.st_ino == identity.inode)
         remove_socket(place);
-    }
 }
 
 int directory_owner(const bus_directory &directory, uint8_t serv_id, uid_t &owner) {
     struct stat status {};
     const id_text name = text_of(serv_id);
     int failed = fstatat(directory.descriptor, name.data(), &status, AT_SYMLINK_NOFOLLOW);
-    if (failed == 0 && is_trusted_link(directory, status)) {
+    if (failed == 0 && is_trusted_link(directory, status))
         failed = fstatat(directory.descriptor, name.data(), &status, 0);
-    }
-    if (failed != 0) {
+    if (failed != 0)
         return errno;
-    }
-    if (!S_ISSOCK(status.st_mode)) {
+    if (!S_ISSOCK(status.st_mode))
         return ENOTSOCK;
-    }
     owner = status.st_uid;
     return 0;
 }

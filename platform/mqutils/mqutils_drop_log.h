@@ -1,7 +1,7 @@
 // The log of dropped datagrams.
 //
-// A peer that floods us with rubbish must not flood the log: at most drop_lines_per_window lines in
-// a window of drop_window_ms. How many were left out, or found no log daemon that took them, is
+// A peer that floods us with rubbish must not flood the log: at most DROP_LINES_PER_WINDOW lines in
+// a window of DROP_WINDOW_MS. How many were left out, or found no log daemon that took them, is
 // told by the next line written.
 //
 // Thread contract: one drop_log belongs to one receive thread.
@@ -17,8 +17,8 @@
 
 namespace mqutils {
 
-constexpr unsigned drop_lines_per_window = 5;
-constexpr int64_t drop_window_ms = 1000;
+constexpr unsigned DROP_LINES_PER_WINDOW = 5;
+constexpr int64_t DROP_WINDOW_MS = 1000;
 
 struct drop_log {
     uint8_t serv_id = 0;

@@ -31,9 +31,8 @@ size_t printed(const std::array<char, Size> &text, int wanted) {
 bool to_system_log(log_target &target, const char *line) {
     constexpr std::array<const char *, 12> months{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    if (target.socket < 0) {
+    if (target.socket < 0)
         target.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    }
     const time_t now = time(nullptr);
     tm local{};
     localtime_r(&now, &local);
@@ -52,9 +51,8 @@ bool to_system_log(log_target &target, const char *line) {
 // `line` has room for its newline in the place of the NUL.
 bool to_stderr(line_text &line, size_t length) {
     pollfd target{STDERR_FILENO, POLLOUT, 0}; // a pipe that nobody reads is full for ever
-    if (poll(&target, 1, 0) != 1 || target.revents != POLLOUT) {
+    if (poll(&target, 1, 0) != 1 || target.revents != POLLOUT)
         return false;
-    }
     line[length] = '\n';
     // One write, so that lines of several services do not mix.
     return write(STDERR_FILENO, line.data(), length + 1) >= 0;

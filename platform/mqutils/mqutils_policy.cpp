@@ -21,15 +21,15 @@
 namespace mqutils {
 namespace {
 
-constexpr const char *file_name = "policy";
-constexpr size_t longest_file = size_t{64} * 1024;
-constexpr unsigned told_lines = 5; // of the malformed ones
-constexpr uint32_t first_service = 1;
-constexpr uint32_t last_service = 255;
-constexpr uint32_t last_message = std::numeric_limits<uint32_t>::max();
+constexpr const char *FILE_NAME = "policy";
+constexpr size_t LONGEST_FILE = size_t{64} * 1024;
+constexpr unsigned TOLD_LINES = 5; // of the malformed ones
+constexpr uint32_t FIRST_SERVICE = 1;
+constexpr uint32_t LAST_SERVICE = 255;
+constexpr uint32_t LAST_MESSAGE = std::numeric_limits<uint32_t>::max();
 
 constexpr std::array<std::string_view, 3> type_names{"request", "response", "notification"};
-constexpr unsigned all_types = 7;
+constexpr unsigned ALL_TYPES = 7;
 
 // The text before `end`, which goes from `text` with it; all of it where there is no `end`.
 std::string_view take_until(std::string_view &text, std::string_view end) {
@@ -54,60 +54,55 @@ bool take_number(std::string_view &text, uint32_t &number) {
 // "any", or numbers and ranges with commas between them. `add` is told of each range.
 template <typename Add>
 bool read_ranges(std::string_view list, uint32_t lowest, uint32_t highest, Add add) {
-    if (list == "any") {
+    if (list == "any")
         return add(lowest, highest);
-    }
     do {
         const bool more = list.find(',') != std::string_view::npos;
         std::string_view item = take_until(list, ",");
         uint32_t first = 0;
-        if (!take_number(item, first)) {
+        if (!take_number(item, first))
             return false;
-        }
         uint32_t last = first;
         if (item.starts_with('-')) {
             item.remove_prefix(1);
-            if (!take_number(item, last)) {
+            if (!take_number(item, last))
                 return false;
-            }
         }
         if (!item.empty() || first < lowest || last > highest || first > last ||
-            (more && list.empty()) || !add(first, last)) {
+            (more && list.empty()) || !add(first, last))
             return false;
-        }
     } while (!list.empty());
     return true;
 }
 
 bool read_services(std::string_view list, std::bitset<256> &services) {
-    return read_ranges(list, first_service, last_service, [&](uint32_t first, uint32_t last) {
-        for (uint32_t id = first; id <= last; ++id) {
-            services.set(id);
-        }
-        return true;
-    });
+    return read_ranges(
+        list, FIRST_SERVICE, LAST_SERVICE,
+        [&](uint32_t first, uint32_t last) {
+            for (uint32_t id = first; id <= last; ++id)
+                services.set(id);
+            return true;
+        });
 }
 
 bool read_types(std::string_view list, unsigned &types) {
     if (list == "any") {
-        types = all_types;
+        types = ALL_TYPES;
         return true;
     }
     while (!list.empty()) {
         const auto *const found =
             std::find(type_names.begin(), type_names.end(), take_until(list, ","));
-        if (found == type_names.end()) {
+        if (found == type_names.end())
             return false;
-        }
         types |= 1U << (found - type_names.begin());
     }
     return types != 0;
 }
 
 bool add_rule(policy &read, const policy_rule &rule) {
-    if (read.count == read.rules.size()) {
+    if (read.count == read.rules.size())
         return false;
-    }
     read.rules.at(read.count++) = rule;
     return true;
 }
@@ -117,11 +112,10 @@ bool read_rules(policy &read, std::string_view text) {
     const std::string_view messages = take_word(text);
     policy_rule rule{messages == "other", 0, 0, 0, {}};
     if (!read_types(take_word(text), rule.types) || take_word(text) != "from" ||
-        !read_services(take_word(text), rule.senders) || !take_word(text).empty()) {
+        !read_services(take_word(text), rule.senders) || !take_word(text).empty())
         return false;
-    }
     return rule.other ? add_rule(read, rule)
-                      : read_ranges(messages, 0, last_message, [&](uint32_t first, uint32_t last) {
+                      : read_ranges(messages, 0, LAST_MESSAGE, [&](uint32_t first, uint32_t last) {
                             rule.first = first;
                             rule.last = last;
                             return add_rule(read, rule);
@@ -132,23 +126,20 @@ bool read_rules(policy &read, std::string_view text) {
 bool read_line(policy &read, uint8_t serv_id, std::string_view line) {
     line = take_until(line, "#");
     std::string_view rest = line;
-    if (take_word(rest).empty()) {
+    if (take_word(rest).empty())
         return true;
-    }
     const bool has_colon = line.find(':') != std::string_view::npos;
     std::string_view receivers = take_until(line, ":");
     const std::string_view list = take_word(receivers);
     std::bitset<256> services;
     const bool readable =
         has_colon && read_services(list, services) && take_word(receivers).empty();
-    if (readable && !services.test(serv_id)) {
+    if (readable && !services.test(serv_id))
         return true;
-    }
     read.restricts = true;
     const size_t before = read.count;
-    if (readable && read_rules(read, line)) {
+    if (readable && read_rules(read, line))
         return true;
-    }
     read.count = before;
     return false;
 }
@@ -156,41 +147,36 @@ bool read_line(policy &read, uint8_t serv_id, std::string_view line) {
 void read_lines(policy &read, uint8_t serv_id, std::string_view text, log_target &log) {
     unsigned malformed = 0;
     for (unsigned number = 1; !text.empty(); ++number) {
-        if (!read_line(read, serv_id, take_until(text, "\n")) && ++malformed <= told_lines) {
+        if (!read_line(read, serv_id, take_until(text, "\n")) && ++malformed <= TOLD_LINES) {
             log_line(log,
                      "mqutils: service %u: line %u of the policy cannot be read and allows "
                      "nothing",
                      serv_id, number);
         }
     }
-    if (malformed > told_lines) {
-        log_line(log, "mqutils: service %u: %u more such lines", serv_id, malformed - told_lines);
-    }
+    if (malformed > TOLD_LINES)
+        log_line(log, "mqutils: service %u: %u more such lines", serv_id, malformed - TOLD_LINES);
 }
 
 // What is wrong with the file; null = nothing.
 const char *reason_to_doubt(const struct stat &status) {
-    if (!S_ISREG(status.st_mode)) {
+    if (!S_ISREG(status.st_mode))
         return "is no regular file";
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return "can be written by others than its owner";
-    }
-    return static_cast<size_t>(status.st_size) > longest_file ? "is longer than 64 KiB" : nullptr;
+    return static_cast<size_t>(status.st_size) > LONGEST_FILE ? "is longer than 64 KiB" : nullptr;
 }
 
 int read_file(policy &read, int file, uint8_t serv_id, log_target &log) {
-    const std::unique_ptr<char[]> text(new (std::nothrow) char[longest_file]);
-    if (text == nullptr) {
+    const std::unique_ptr<char[]> text(new (std::nothrow) char[LONGEST_FILE]);
+    if (text == nullptr)
         return ENOMEM;
-    }
     size_t length = 0;
     ssize_t count = 0;
-    while (length < longest_file &&
-           (count = ::read(file, text.get() + length, longest_file - length)) != 0) {
-        if (count < 0 && errno != EINTR) {
+    while (length < LONGEST_FILE &&
+           (count = ::read(file, text.get() + length, LONGEST_FILE - length)) != 0) {
+        if (count < 0 && errno != EINTR)
             return errno;
-        }
         length += count < 0 ? 0 : static_cast<size_t>(count);
     }
     read_lines(read, serv_id, {text.get(), length}, log);
@@ -201,9 +187,8 @@ int read_file(policy &read, int file, uint8_t serv_id, log_target &log) {
 
 int policy_read(policy &read, const bus_directory &directory, uint8_t serv_id, log_target &log) {
     struct stat status {};
-    if (fstatat(directory.descriptor, file_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(directory.descriptor, FILE_NAME, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : errno;
-    }
     if (status.st_uid != directory.owner) {
         log_line(log, "mqutils: service %u: the policy is not the directory owner's and not obeyed",
                  serv_id);
@@ -215,7 +200,7 @@ int policy_read(policy &read, const bus_directory &directory, uint8_t serv_id, l
         return EBADMSG;
     }
     // The directory's owner may be replacing it: what is opened is such a file, too, or nothing.
-    const int file = openat(directory.descriptor, file_name,
+    const int file = openat(directory.descriptor, FILE_NAME,
                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     int error = file < 0 || fstat(file, &status) != 0 ? errno : 0;
     if (error == 0) {
@@ -223,9 +208,8 @@ int policy_read(policy &read, const bus_directory &directory, uint8_t serv_id, l
                     ? read_file(read, file, serv_id, log)
                     : EBADMSG;
     }
-    if (file >= 0) {
+    if (file >= 0)
         close(file);
-    }
     if (error != 0) {
         log_line(log, "mqutils: service %u: the policy cannot be read: %s", serv_id,
                  strerrordesc_np(error));
@@ -234,9 +218,8 @@ int policy_read(policy &read, const bus_directory &directory, uint8_t serv_id, l
 }
 
 bool policy_allows(const policy &policy, uint32_t msg_id, uint8_t msg_type, uint8_t src_serv_id) {
-    if (!policy.restricts) {
+    if (!policy.restricts)
         return true;
-    }
     const auto *const end = policy.rules.begin() + policy.count;
     const auto has_id = [msg_id](const policy_rule &rule) {
         return !rule.other && rule.first <= msg_id && msg_id <= rule.last;

@@ -15,7 +15,7 @@
 
 namespace mqutils {
 
-constexpr size_t max_policy_rules = 128; // of one service
+constexpr size_t MAX_POLICY_RULES = 128; // of one service
 
 // One range of message ids of one line.
 struct policy_rule {
@@ -29,7 +29,7 @@ struct policy_rule {
 struct policy {
     bool restricts = false; // some line is for this service
     size_t count = 0;
-    std::array<policy_rule, max_policy_rules> rules{};
+    std::array<policy_rule, MAX_POLICY_RULES> rules{};
 };
 
 // What the file "policy" of the directory says for service `serv_id`; `read` must be new. 0, or an

@@ -36,25 +36,25 @@ namespace mqutils {
 
 // What one datagram is read into; the payload may be read as any type. And what it is judged by.
 struct receive_buffer {
-    alignas(std::max_align_t) std::array<unsigned char, max_payload_bytes> payload;
+    alignas(std::max_align_t) std::array<unsigned char, MAX_PAYLOAD_BYTES> payload;
     bus_msg msg;
     policy rules;
 };
 
 namespace {
 
-constexpr uint32_t registration_response_id = 407;
-constexpr uint8_t registration_serv_id = 0; // the bus itself; no service can have it
-constexpr uint8_t response_type = 1;
+constexpr uint32_t REGISTRATION_RESPONSE_ID = 407;
+constexpr uint8_t REGISTRATION_SERV_ID = 0; // the bus itself; no service can have it
+constexpr uint8_t RESPONSE_TYPE = 1;
 
 // The callback runs on it. Sanitized frames are several times as large.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t stack_bytes = size_t{1024} * 1024;
+constexpr size_t STACK_BYTES = size_t{1024} * 1024;
 #else
-constexpr size_t stack_bytes = size_t{256} * 1024;
+constexpr size_t STACK_BYTES = size_t{256} * 1024;
 #endif
 
-constexpr int failed_read_pause_ms = 100;
+constexpr int FAILED_READ_PAUSE_MS = 100;
 
 struct arrival {
     size_t bytes; // of the datagram, also where that is more than was read
@@ -76,9 +76,8 @@ bool look_at_datagram(const connection &conn, receive_buffer &buffer, arrival &a
     message.msg_controllen = control.size();
 
     const ssize_t bytes = recvmsg(conn.socket, &message, MSG_PEEK | MSG_TRUNC | MSG_CMSG_CLOEXEC);
-    if (bytes < 0) {
+    if (bytes < 0)
         return false;
-    }
     arrived = {
         static_cast<size_t>(bytes), message.msg_flags, false, {0, static_cast<uid_t>(-1), 0}};
     for (cmsghdr *item = CMSG_FIRSTHDR(&message); item != nullptr;
@@ -111,37 +110,27 @@ bool is_own_transaction(const connection &conn, uint32_t txn_id) {
 // message: a service may have given its id to another user since the last one.
 const char *reason_to_drop(const connection &conn, const policy &rules, const msg_hdr &hdr,
                            const arrival &arrived) {
-    if (arrived.bytes < sizeof(msg_hdr)) {
+    if (arrived.bytes < sizeof(msg_hdr))
         return "shorter than a header";
-    }
-    if ((arrived.flags & MSG_TRUNC) != 0) {
+    if ((arrived.flags & MSG_TRUNC) != 0)
         return "longer than 65536 bytes";
-    }
-    if ((arrived.flags & MSG_CTRUNC) != 0) {
+    if ((arrived.flags & MSG_CTRUNC) != 0)
         return "carries more than data";
-    }
-    if (hdr.pld_len != arrived.bytes - sizeof(msg_hdr)) {
+    if (hdr.pld_len != arrived.bytes - sizeof(msg_hdr))
         return "payload length is not that of the header";
-    }
-    if (hdr.dst_serv_id != conn.serv_id) {
+    if (hdr.dst_serv_id != conn.serv_id)
         return "addressed to another service";
-    }
-    if (!arrived.credentials_present) {
+    if (!arrived.credentials_present)
         return "sender unknown";
-    }
     uid_t owner = 0;
-    if (directory_owner(conn.directory, hdr.src_serv_id, owner) != 0) {
+    if (directory_owner(conn.directory, hdr.src_serv_id, owner) != 0)
         return "no such sending service";
-    }
-    if (owner != arrived.credentials.uid) {
+    if (owner != arrived.credentials.uid)
         return "sending service belongs to another user";
-    }
-    if (!policy_allows(rules, hdr.msg_id, hdr.msg_type, hdr.src_serv_id)) {
+    if (!policy_allows(rules, hdr.msg_id, hdr.msg_type, hdr.src_serv_id))
         return "refused by the policy";
-    }
-    if (hdr.msg_type == response_type && !is_own_transaction(conn, hdr.txn_id)) {
+    if (hdr.msg_type == RESPONSE_TYPE && !is_own_transaction(conn, hdr.txn_id))
         return "answers no request of this connection";
-    }
     return nullptr;
 }
 
@@ -149,15 +138,14 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
     arrival arrived{};
     const bool has_arrived = look_at_datagram(conn, buffer, arrived);
     const int read_error = errno;
-    if (conn.stop.load(std::memory_order_acquire)) {
+    if (conn.stop.load(std::memory_order_acquire))
         return;
-    }
     if (!has_arrived) {
         if (read_error != EINTR) {
             // No ordinary state of a datagram socket; do not spin on it.
             drop_log_write(log, ls_monotonic_ms(),
                            {strerrordesc_np(read_error), 0, -1, 0, 0, 0, 0});
-            poll(nullptr, 0, failed_read_pause_ms);
+            poll(nullptr, 0, FAILED_READ_PAUSE_MS);
         }
         return;
     }
@@ -172,9 +160,8 @@ void receive_one(connection &conn, receive_buffer &buffer, drop_log &log) {
                         arrived.credentials.pid, arrived.credentials.uid});
         return;
     }
-    if (log.suppressed > 0) {
+    if (log.suppressed > 0)
         drop_log_flush(log, ls_monotonic_ms());
-    }
     buffer.msg.pld = hdr.pld_len > 0 ? buffer.payload.data() : nullptr;
     conn.on_message(conn.record, &buffer.msg);
 }
@@ -191,15 +178,14 @@ void *receive_main(void *argument) {
     conn.receiver.store(pthread_self(), std::memory_order_release);
 
     buffer->msg = {};
-    buffer->msg.hdr.msg_type = response_type;
-    buffer->msg.hdr.src_serv_id = registration_serv_id;
+    buffer->msg.hdr.msg_type = RESPONSE_TYPE;
+    buffer->msg.hdr.src_serv_id = REGISTRATION_SERV_ID;
     buffer->msg.hdr.dst_serv_id = conn.serv_id;
-    buffer->msg.hdr.msg_id = registration_response_id;
+    buffer->msg.hdr.msg_id = REGISTRATION_RESPONSE_ID;
     conn.on_message(conn.record, &buffer->msg);
 
-    while (!conn.stop.load(std::memory_order_acquire)) {
+    while (!conn.stop.load(std::memory_order_acquire))
         receive_one(conn, *buffer, log);
-    }
     drop_log_close(log);
     connection_release(conn);
     return nullptr;
@@ -210,11 +196,10 @@ void *receive_main(void *argument) {
 int receive_start(connection &conn) {
     pthread_attr_t attributes;
     int error = pthread_attr_init(&attributes);
-    if (error != 0) {
+    if (error != 0)
         return error;
-    }
     pthread_t thread{};
-    pthread_attr_setstacksize(&attributes, stack_bytes);
+    pthread_attr_setstacksize(&attributes, STACK_BYTES);
     {
         const ls_signals_blocked scope;
         error = pthread_create(&thread, &attributes, receive_main, &conn);
@@ -229,13 +214,11 @@ int receive_start(connection &conn) {
 
 int receive_prepare(connection &conn) {
     const int on = 1;
-    if (setsockopt(conn.socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
+    if (setsockopt(conn.socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
         return errno;
-    }
     conn.buffer = new (std::nothrow) receive_buffer;
-    if (conn.buffer == nullptr) {
+    if (conn.buffer == nullptr)
         return ENOMEM;
-    }
     log_target log{.to_stderr = conn.log_to_stderr};
     const int error = policy_read(conn.buffer->rules, conn.directory, conn.serv_id, log);
     log_close(log);

@@ -29,10 +29,10 @@ namespace {
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool on_a_receive_thread = false;
 
 // What one peer may have unread. Cut to net.core.wmem_max, some 150 short messages on most systems.
-constexpr int send_buffer_bytes = 1024 * 1024;
+constexpr int SEND_BUFFER_BYTES = 1024 * 1024;
 
-constexpr int retry_ms = 2;       // between two looks at a full peer
-constexpr int linger_look_ms = 1; // between two looks at our own backlog
+constexpr int RETRY_MS = 2;       // between two looks at a full peer
+constexpr int LINGER_LOOK_MS = 1; // between two looks at our own backlog
 
 // The kernel waits twice in one call: for room in our buffer, then in the peer's queue. Short, so
 // that little of the bound is left to looking now and then.
@@ -45,14 +45,12 @@ int kernel_wait_ms(const connection &conn) {
 int sending_socket(connection &conn, uint8_t peer) {
     std::atomic<int> &slot = conn.senders[peer];
     int held = slot.load();
-    if (held != 0) {
+    if (held != 0)
         return held - 1;
-    }
     const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (opened < 0 || send_prepare(conn, opened) != 0) {
-        if (opened >= 0) {
+        if (opened >= 0)
             close(opened);
-        }
         return conn.socket;
     }
     if (!slot.compare_exchange_strong(held, opened + 1)) {
@@ -63,9 +61,8 @@ int sending_socket(connection &conn, uint8_t peer) {
 }
 
 int attempt(const connection &conn, int socket, const msghdr &message, int flags) {
-    if (sendmsg(socket, &message, MSG_NOSIGNAL | flags) >= 0) {
+    if (sendmsg(socket, &message, MSG_NOSIGNAL | flags) >= 0)
         return 0;
-    }
     if (errno == EPIPE) {
         // Either end is being shut down.
         return connection_is_open(conn) ? ECONNREFUSED : ENOTCONN;
@@ -83,20 +80,16 @@ int send_patiently(const connection &conn, int socket, const msghdr &message) {
     const int64_t deadline = ls_monotonic_ms() + conn.send_timeout_ms;
     for (;;) {
         const int64_t left_ms = deadline - ls_monotonic_ms();
-        if (left_ms <= 0) {
+        if (left_ms <= 0)
             return EAGAIN;
-        }
-        if (!connection_is_open(conn)) {
+        if (!connection_is_open(conn))
             return ENOTCONN;
-        }
         const bool may_block = left_ms >= 2 * int64_t{kernel_wait_ms(conn)};
         const int error = attempt(conn, socket, message, may_block ? 0 : MSG_DONTWAIT);
-        if (!is_worth_waiting(error)) {
+        if (!is_worth_waiting(error))
             return error;
-        }
-        if (!may_block) {
-            poll(nullptr, 0, static_cast<int>(std::min<int64_t>(left_ms, retry_ms)));
-        }
+        if (!may_block)
+            poll(nullptr, 0, static_cast<int>(std::min<int64_t>(left_ms, RETRY_MS)));
     }
 }
 
@@ -106,11 +99,12 @@ bool has_unread(int socket) {
 }
 
 bool has_unread(const connection &conn) {
-    return has_unread(conn.socket) ||
-           std::any_of(conn.senders.begin(), conn.senders.end(), [](const auto &sender) {
-               const int held = sender.load();
-               return held != 0 && has_unread(held - 1);
-           });
+    return has_unread(conn.socket) || std::any_of(
+                                          conn.senders.begin(), conn.senders.end(),
+                                          [](const auto &sender) {
+                                              const int held = sender.load();
+                                              return held != 0 && has_unread(held - 1);
+                                          });
 }
 
 } // namespace
@@ -123,10 +117,9 @@ int send_prepare(const connection &conn, int socket) {
     const int wait_ms = kernel_wait_ms(conn);
     const timeval wait{wait_ms / 1000, suseconds_t{1000} * (wait_ms % 1000)};
     if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0 ||
-        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes) !=
-            0) {
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_BYTES, sizeof SEND_BUFFER_BYTES) !=
+            0)
         return errno;
-    }
     return 0;
 }
 
@@ -144,9 +137,8 @@ int send_datagram(connection &conn, const msg_hdr &hdr, const void *pld) {
     const int socket = sending_socket(conn, hdr.dst_serv_id);
     // Looked at after the socket is in its slot: either scm_conn_exit finds it there and shuts it,
     // or this finds the connection closed.
-    if (!connection_is_open(conn)) {
+    if (!connection_is_open(conn))
         return ENOTCONN;
-    }
     const int error = attempt(conn, socket, message, MSG_DONTWAIT);
     return on_a_receive_thread || !is_worth_waiting(error) ? error
                                                            : send_patiently(conn, socket, message);
@@ -154,20 +146,17 @@ int send_datagram(connection &conn, const msg_hdr &hdr, const void *pld) {
 
 void send_stop(const connection &conn) {
     shutdown(conn.socket, SHUT_WR);
-    for (const std::atomic<int> &sender : conn.senders) {
-        if (const int held = sender.load(); held != 0) {
+    for (const std::atomic<int> &sender : conn.senders)
+        if (const int held = sender.load(); held != 0)
             shutdown(held - 1, SHUT_WR);
-        }
-    }
 }
 
 bool send_linger(const connection &conn) {
     const int64_t deadline = ls_monotonic_ms() + (on_a_receive_thread ? 0 : conn.send_timeout_ms);
     while (has_unread(conn)) {
-        if (ls_monotonic_ms() >= deadline) {
+        if (ls_monotonic_ms() >= deadline)
             return false;
-        }
-        poll(nullptr, 0, linger_look_ms);
+        poll(nullptr, 0, LINGER_LOOK_MS);
     }
     return true;
 }

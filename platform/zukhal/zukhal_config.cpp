@@ -158,6 +158,6 @@ const zukhal_config &zukhal_configuration() {
     return g_config;
 }
 
-ZUK_EXPORT int get_zuk_type(void) {
+LS_EXPORT int get_zuk_type(void) {
     return zukhal_configuration().board_type;
 }

@@ -2,12 +2,12 @@
 #ifndef ZUKHAL_INTERNAL_H
 #define ZUKHAL_INTERNAL_H
 
+#include "ls_export.h"
+
 #include <array>
 #include <cstddef>
 #include <ctime>
 #include <string_view>
-
-#define ZUK_EXPORT extern "C" __attribute__((visibility("default")))
 
 // ---- configuration (zukhal_config.cpp) ----
 
@@ -30,10 +30,10 @@ const zukhal_config &zukhal_configuration();
 // ---- one log line (zukhal_line.cpp): no heap, no locks but those of localtime_r ----
 
 // A line stays below PIPE_BUF, so that pipes, too, take it whole.
-constexpr size_t line_size = 2048;
+constexpr size_t LINE_SIZE = 2048;
 
 struct log_line {
-    std::array<char, line_size> bytes;
+    std::array<char, LINE_SIZE> bytes;
     size_t length = 0;
     bool cut = false; // something did not fit; the line ends in cut_mark
 };

@@ -5,7 +5,7 @@
 //
 // A line is one write or one datagram, so lines of many threads and processes never mix, and none
 // is kept back that would be lost with the process. A target that does not take the line within
-// send_patience_ms, or is not there, loses it to stderr; if stderr does not take it either, it is
+// SEND_PATIENCE_MS, or is not there, loses it to stderr; if stderr does not take it either, it is
 // gone: the log must not stop or end the program. After such a wait nobody waits for some seconds.
 // What the target has not got is counted, and the count logged as soon as it takes lines again.
 #include "ls_clock.h"
@@ -31,8 +31,8 @@
 
 namespace {
 
-constexpr int send_patience_ms = 200;
-constexpr long hurry_s = 5; // after a wait in vain
+constexpr int SEND_PATIENCE_MS = 200;
+constexpr long HURRY_S = 5; // after a wait in vain
 
 // Lines above this level are dropped. INT_MAX at first, so that the first line of the process comes
 // through to read the configuration.
@@ -51,7 +51,7 @@ std::atomic<long> g_hurry_until{0}; // no line waits before this second of CLOCK
 std::atomic<unsigned> g_missing{0}; // lines that the target has not got
 
 // Bytes of the message before escaping; what is longer cannot fit in the line anyway.
-constexpr size_t text_size = line_size;
+constexpr size_t TEXT_SIZE = LINE_SIZE;
 
 long monotonic_s() {
     return static_cast<long>(ls_monotonic_ms() / 1000);
@@ -68,14 +68,14 @@ bool in_hurry() {
 }
 
 void begin_hurry() {
-    g_hurry_until = monotonic_s() + hurry_s;
+    g_hurry_until = monotonic_s() + HURRY_S;
 }
 
 // For what may be full for ever, or have lost its reader, which would raise SIGPIPE.
 bool may_write(int fd) {
     const bool hurry = in_hurry();
     pollfd target{fd, POLLOUT, 0};
-    const int ready = poll(&target, 1, hurry ? 0 : send_patience_ms);
+    const int ready = poll(&target, 1, hurry ? 0 : SEND_PATIENCE_MS);
     if (ready == 0 && !hurry)
         begin_hurry();
     return ready == 1 && target.revents == POLLOUT;
@@ -183,7 +183,7 @@ __attribute__((noinline, format(printf, 2, 0))) void write_message(int level, co
         errno = error;
         return;
     }
-    std::array<char, text_size> text;
+    std::array<char, TEXT_SIZE> text;
     if (format == nullptr)
         format = "(no format)";
     errno = error; // for %m
@@ -217,7 +217,7 @@ bool log_start(const zukhal_config &config) {
         g_syslog.sun_family = AF_UNIX;
         strncpy(g_syslog.sun_path, config.log_socket, sizeof g_syslog.sun_path - 1);
         g_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const timeval patience{0, send_patience_ms * 1000L};
+        const timeval patience{0, SEND_PATIENCE_MS * 1000L};
         setsockopt(g_fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
         // A connected socket saves a search for the path with every line.
         connect_syslog();
@@ -238,7 +238,7 @@ void log_complaint(std::string_view text) {
     deliver({LOG_ERR, "zukhal", 0}, text);
 }
 
-ZUK_EXPORT void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...) {
+LS_EXPORT void zuk_log_tmplt(int level, const char *format, const char *module, int line, ...) {
     if (level > g_threshold.load(std::memory_order_relaxed))
         return;
     va_list args;

@@ -29,8 +29,8 @@ namespace {
 
 // A callback may wait for a slow receiver, 15 s and more. Who calls rtc_exit is about to end, and
 // whoever stops a service gives it a few seconds in all.
-constexpr time_t exit_patience_s = 1;
-constexpr uint64_t wake_event = 0; // never a handle
+constexpr time_t EXIT_PATIENCE_S = 1;
+constexpr uint64_t WAKE_EVENT = 0; // never a handle
 
 struct timer {
     int handle; // 0 = free
@@ -125,7 +125,7 @@ void *run_timers(void *) {
         epoll_event event{};
         if (epoll_wait(epoll, &event, 1, -1) != 1)
             continue;
-        if (event.data.u64 == wake_event)
+        if (event.data.u64 == WAKE_EVENT)
             break;
         serve(static_cast<int>(event.data.u64));
     }
@@ -140,7 +140,7 @@ int start_thread() {
     g_epoll = epoll_create1(EPOLL_CLOEXEC);
     g_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     int error = 0;
-    if (g_epoll < 0 || g_wake < 0 || !watch(g_wake, wake_event)) {
+    if (g_epoll < 0 || g_wake < 0 || !watch(g_wake, WAKE_EVENT)) {
         error = errno;
     } else {
         const ls_signals_blocked inherited;
@@ -159,7 +159,7 @@ int start_thread() {
 
 // Starts the service. Where it runs already, a success that changes nothing. -1: no resources, or
 // rtc_exit has given up waiting and the callback still runs (errno EBUSY).
-ZUK_EXPORT int rtc_init_timers(void) {
+LS_EXPORT int rtc_init_timers(void) {
     int error = 0;
     {
         const std::lock_guard guard(g_lock);
@@ -176,14 +176,14 @@ ZUK_EXPORT int rtc_init_timers(void) {
 }
 
 // As rtc_init_timers: timers keep their rhythm, also over a sleep of the terminal.
-ZUK_EXPORT int rtc_reinit(void) {
+LS_EXPORT int rtc_reinit(void) {
     return rtc_init_timers();
 }
 
-ZUK_EXPORT int rtc_exit(void) {
+LS_EXPORT int rtc_exit(void) {
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += exit_patience_s;
+    deadline.tv_sec += EXIT_PATIENCE_S;
     {
         const std::lock_guard guard(g_lock);
         for (timer &slot : g_timers)
@@ -210,7 +210,7 @@ ZUK_EXPORT int rtc_exit(void) {
 
 // 0 with errno EINVAL: no callback or no interval; ESRCH: not started; ENOSPC: 32 timers run.
 // Any thread, callbacks too. `timer_id` may be null; it is passed on and never written.
-ZUK_EXPORT int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int *timer_id) {
+LS_EXPORT int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int *timer_id) {
     int fd = -1;
     int error = interval_s == 0 || callback == nullptr ? EINVAL : 0;
     if (error == 0 && (fd = open_timer(interval_s)) < 0)
@@ -241,7 +241,7 @@ ZUK_EXPORT int rtc_start_timer(uint32_t interval_s, int (*callback)(void *), int
     return handle;
 }
 
-ZUK_EXPORT int rtc_del_timer(int timer_id) {
+LS_EXPORT int rtc_del_timer(int timer_id) {
     const std::lock_guard guard(g_lock);
     timer *slot = timer_id > 0 ? find_timer(timer_id) : nullptr;
     if (slot != nullptr) {

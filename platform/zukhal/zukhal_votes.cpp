@@ -29,12 +29,11 @@ std::array<votes, 64> g_votes{}; // different ids that may hold votes at once
 // The slot of the id, or else a free one; null: neither.
 votes *find_votes(int state_id) {
     votes *free_slot = nullptr;
-    for (votes &slot : g_votes) {
+    for (votes &slot : g_votes)
         if (slot.count == 0)
             free_slot = &slot;
         else if (slot.state_id == state_id)
             return &slot;
-    }
     return free_slot;
 }
 
@@ -109,11 +108,11 @@ int change_votes(int state_id, bool (*change)(int)) {
 } // namespace
 
 // 1 = taken. 0: the id is negative, or 64 other ids hold votes at this moment.
-ZUK_EXPORT int pm_system_state_disable(int state_id) {
+LS_EXPORT int pm_system_state_disable(int state_id) {
     return change_votes(state_id, take);
 }
 
 // 1 = taken, also when there was no vote to take back. 0: the id is negative.
-ZUK_EXPORT int pm_system_state_enable(int state_id) {
+LS_EXPORT int pm_system_state_enable(int state_id) {
     return change_votes(state_id, give_back);
 }

@@ -54,14 +54,12 @@ void drop(int client) {
 
 void on_request(int client) {
     const auto found = clients.find(client);
-    if (found == clients.end()) {
+    if (found == clients.end())
         return;
-    }
     std::array<char, 1024> part;
     const ssize_t count = recv(client, part.data(), part.size(), MSG_DONTWAIT);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+    if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    }
     if (count <= 0) {
         drop(client);
         return;
@@ -70,23 +68,20 @@ void on_request(int client) {
     text.append(part.data(), static_cast<size_t>(count));
     const size_t end = text.find('\n');
     if (end == std::string::npos) {
-        if (text.size() > LONGEST_REQUEST) {
+        if (text.size() > LONGEST_REQUEST)
             drop(client);
-        }
         return;
     }
     const std::vector<std::string> words = control_words(std::string_view(text).substr(0, end));
     text.clear();
-    if (const std::optional<control_reply> reply = handle(words, client); reply.has_value()) {
+    if (const std::optional<control_reply> reply = handle(words, client); reply.has_value())
         control_answer(client, *reply);
-    }
 }
 
 void on_connection() {
     ls_descriptor accepted(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (accepted.fd < 0 || clients.size() >= MOST_CLIENTS) {
+    if (accepted.fd < 0 || clients.size() >= MOST_CLIENTS)
         return;
-    }
     const int client = accepted.release();
     clients[client];
     loop.watch(client, [client] { on_request(client); });
@@ -102,9 +97,8 @@ control_result unreachable(std::string &answer, const std::string &step) {
 std::vector<std::string> control_words(std::string_view line) {
     std::istringstream stream{std::string(line)};
     std::vector<std::string> words;
-    for (std::string word; stream >> word;) {
+    for (std::string word; stream >> word;)
         words.push_back(word);
-    }
     return words;
 }
 
@@ -127,9 +121,8 @@ bool control_open(const control_loop &around, const std::string &path, control_h
 }
 
 void control_close() {
-    while (!clients.empty()) {
+    while (!clients.empty())
         drop(clients.begin()->first);
-    }
     if (listener >= 0) {
         loop.forget(listener);
         ls_close(listener);
@@ -142,9 +135,8 @@ void control_close() {
 }
 
 void control_answer(int client, const control_reply &reply) {
-    if (clients.find(client) == clients.end()) {
+    if (clients.find(client) == clients.end())
         return;
-    }
     const std::string text = (reply.ok ? "ok\n" : "refused\n") + reply.text;
     // One that does not read what it asked for gets what fits its buffer.
     send(client, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -156,16 +148,14 @@ control_result control_ask(const std::string &path, const std::vector<std::strin
     const short_path address(path);
     const ls_descriptor asking(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int fd = asking.fd;
-    if (fd < 0) {
+    if (fd < 0)
         return unreachable(answer, "creating a socket");
-    }
     const timeval patience{patience_s, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     std::string request;
-    for (const std::string &word : words) {
+    for (const std::string &word : words)
         request += word + " ";
-    }
     request += "\n";
     control_result result = control_result::ok;
     if (connect(fd, address.get(), sizeof address.address) != 0) {
@@ -177,9 +167,8 @@ control_result control_ask(const std::string &path, const std::vector<std::strin
         std::string text;
         std::array<char, 4096> part;
         ssize_t count = 0;
-        while ((count = recv(fd, part.data(), part.size(), 0)) > 0) {
+        while ((count = recv(fd, part.data(), part.size(), 0)) > 0)
             text.append(part.data(), static_cast<size_t>(count));
-        }
         const size_t end = text.find('\n');
         const std::string verdict = text.substr(0, end);
         if (count < 0) {

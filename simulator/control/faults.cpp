@@ -115,9 +115,8 @@ const std::array<fault, 16> FAULTS{{
 std::optional<unsigned> whole_number(std::string_view text, int base) {
     unsigned number = 0;
     const auto [end, wrong] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    if (text.empty() || wrong != std::errc{} || end != text.data() + text.size()) {
+    if (text.empty() || wrong != std::errc{} || end != text.data() + text.size())
         return std::nullopt;
-    }
     return number;
 }
 
@@ -145,9 +144,8 @@ bool switch_number(const fault &entry, fault_targets targets, std::string_view a
         number = *given;
     }
     entry.value(targets) = on ? number : 0;
-    if (entry.flag != nullptr) {
+    if (entry.flag != nullptr)
         entry.flag(targets) = on;
-    }
     return true;
 }
 
@@ -166,9 +164,8 @@ bool switch_frame(const fault &entry, fault_targets targets, std::string_view ar
     }
     const auto frame = static_cast<uint16_t>(*given);
     std::erase(frames, frame);
-    if (on) {
+    if (on)
         frames.push_back(frame);
-    }
     return true;
 }
 
@@ -178,9 +175,8 @@ std::string state_of(const fault &entry, fault_targets targets) {
     case kind::plain:
         return entry.flag(targets) ? "on" : "";
     case kind::number:
-        if (entry.flag != nullptr && entry.value(targets) == 0) {
+        if (entry.flag != nullptr && entry.value(targets) == 0)
             return entry.flag(targets) ? "on" : "";
-        }
         return entry.value(targets) == 0 ? "" : std::to_string(entry.value(targets));
     case kind::frame:
         break;
@@ -202,9 +198,8 @@ bool fault_switch(fault_targets targets, std::string_view name, std::string_view
         FAULTS.begin(), FAULTS.end(), [name](const fault &entry) { return name == entry.name; });
     if (found == FAULTS.end()) {
         error = "no fault \"" + std::string(name) + "\"; there are:";
-        for (const fault &entry : FAULTS) {
+        for (const fault &entry : FAULTS)
             error += std::string(" ") + entry.name;
-        }
         return false;
     }
     switch (found->type) {
@@ -220,9 +215,8 @@ bool fault_switch(fault_targets targets, std::string_view name, std::string_view
 
 bool fault_switch_on(fault_targets targets, std::string_view text, std::string &error) {
     const size_t equals = text.find('=');
-    if (equals == std::string_view::npos) {
+    if (equals == std::string_view::npos)
         return fault_switch(targets, text, "", true, error);
-    }
     if (equals + 1 == text.size()) {
         error = "fault \"" + std::string(text) + "\": nothing behind the =";
         return false;

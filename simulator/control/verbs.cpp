@@ -36,9 +36,8 @@ answer on_faults(words_of, int) {
 
 answer on_fault(words_of words, int) {
     const bool on = words.back() == "on";
-    if (words.size() < 3 || words.size() > 4 || (!on && words.back() != "off")) {
+    if (words.size() < 3 || words.size() > 4 || (!on && words.back() != "off"))
         return control_reply{false, "usage: fault NAME [ARG] on|off\n"};
-    }
     std::string error;
     const bool ok = target.fault(words[1], words.size() == 4 ? words[2] : std::string(), on, error);
     return done_if(ok, error);
@@ -49,12 +48,10 @@ answer on_power(words_of, int) {
 }
 
 answer on_restart(words_of, int client) {
-    if (!target.have_daemon()) {
+    if (!target.have_daemon())
         return control_reply{false, "no daemon was started with --daemon\n"};
-    }
-    if (restart_client >= 0) {
+    if (restart_client >= 0)
         return control_reply{false, "a restart is under way\n"};
-    }
     restart_client = client;
     return std::nullopt;
 }
@@ -62,9 +59,8 @@ answer on_restart(words_of, int client) {
 answer on_antenna(words_of words, int) {
     uint32_t type = 0;
     std::string error;
-    if (!whole_number(words[1], UINT32_MAX, type)) {
+    if (!whole_number(words[1], UINT32_MAX, type))
         return control_reply{false, "antenna: the type must be a whole number\n"};
-    }
     const bool ok = services_announce_antenna(type, error);
     return done_if(ok, error);
 }
@@ -72,26 +68,23 @@ answer on_antenna(words_of words, int) {
 answer on_cfun(words_of words, int) {
     uint32_t level = 0;
     std::string error;
-    if (!whole_number(words[1], UINT8_MAX, level)) {
+    if (!whole_number(words[1], UINT8_MAX, level))
         return control_reply{false, "cfun: the level must be a number from 0 to 255\n"};
-    }
     const bool ok = services_notify_cfun(static_cast<uint8_t>(level), error);
     return done_if(ok, error);
 }
 
 answer on_sal(words_of words, int) {
-    if (words[1] != "request-location") {
+    if (words[1] != "request-location")
         return control_reply{false, "usage: sal request-location\n"};
-    }
     std::string error;
     const bool ok = services_request_location(error);
     return done_if(ok, error);
 }
 
 answer on_ws(words_of words, int) {
-    if (words[1] != "history-update") {
+    if (words[1] != "history-update")
         return control_reply{false, "usage: ws history-update\n"};
-    }
     std::string error;
     const bool ok = services_notify_history(error);
     return done_if(ok, error);
@@ -139,9 +132,8 @@ void verbs_use(const verb_targets &terminal) {
 answer verbs_handle(words_of words, int client) {
     for (const verb &entry : VERBS) {
         if (!words.empty() && words.front() == entry.name) {
-            if (entry.words != 0 && entry.words != words.size()) {
+            if (entry.words != 0 && entry.words != words.size())
                 return control_reply{false, std::string("usage: ") + entry.usage + "\n"};
-            }
             return entry.act(words, client);
         }
     }

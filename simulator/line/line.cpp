@@ -7,17 +7,15 @@ namespace sim {
 namespace {
 
 double transfer_time(const line &wire, size_t bytes) {
-    if (wire.baud == 0) {
+    if (wire.baud == 0)
         return 0;
-    }
     return static_cast<double>(bytes) * LINE_BITS_PER_BYTE / wire.baud;
 }
 
 // Hands the oldest command over if it is there by now.
 bool command_arrives(line &wire, receiver &module) {
-    if (wire.commands.empty() || wire.commands.front().due > wire.clock) {
+    if (wire.commands.empty() || wire.commands.front().due > wire.clock)
         return false;
-    }
     const line_chunk chunk = std::move(wire.commands.front());
     wire.commands.pop_front();
     if (wire.faults.unplugged || !module.powered()) {
@@ -47,9 +45,8 @@ bool answers_leave(line &wire, receiver &module) {
 }
 
 bool answer_arrives(line &wire, std::vector<std::vector<uint8_t>> &arrived) {
-    if (wire.answers.empty() || wire.answers.front().due > wire.clock) {
+    if (wire.answers.empty() || wire.answers.front().due > wire.clock)
         return false;
-    }
     wire.answer_bytes += wire.answers.front().bytes.size();
     arrived.push_back(std::move(wire.answers.front().bytes));
     wire.answers.pop_front();
@@ -59,9 +56,8 @@ bool answer_arrives(line &wire, std::vector<std::vector<uint8_t>> &arrived) {
 } // namespace
 
 void line_send(line &wire, std::span<const uint8_t> bytes, double now) {
-    if (bytes.empty()) {
+    if (bytes.empty())
         return;
-    }
     std::vector<uint8_t> copy(bytes.begin(), bytes.end());
     line_add_noise(copy, wire.faults.noise, wire.random);
     wire.commands_until = std::max(now, wire.commands_until) + transfer_time(wire, copy.size());
@@ -80,29 +76,24 @@ std::vector<std::vector<uint8_t>> line_step(line &wire, receiver &module, double
         progress = answers_leave(wire, module) || progress;
         progress = answer_arrives(wire, arrived) || progress;
         // A receiver event without output is no progress either: it is taken again at `now`.
-        if (!progress && wire.clock >= now) {
+        if (!progress && wire.clock >= now)
             return arrived;
-        }
-        if (!progress && due) {
+        if (!progress && due)
             wire.clock = std::max(wire.clock, now);
-        }
     }
 }
 
 std::optional<double> line_next_event(const line &wire, const receiver &module) {
     std::optional<double> next = module.next_event();
-    for (const std::deque<line_chunk> *queue : {&wire.commands, &wire.answers}) {
-        if (!queue->empty() && (!next.has_value() || queue->front().due < *next)) {
+    for (const std::deque<line_chunk> *queue : {&wire.commands, &wire.answers})
+        if (!queue->empty() && (!next.has_value() || queue->front().due < *next))
             next = queue->front().due;
-        }
-    }
     return next;
 }
 
 void line_drop_answers(line &wire) {
-    for (const line_chunk &chunk : wire.answers) {
+    for (const line_chunk &chunk : wire.answers)
         wire.lost_bytes += chunk.bytes.size();
-    }
     wire.answers.clear();
     wire.answers_until = 0;
 }

@@ -44,22 +44,18 @@ bool line_pty_plug(line_pty &port, const std::string &link, std::string &error) 
     port.master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     std::array<char, 128> name{};
     if (port.master < 0 || grantpt(port.master) != 0 || unlockpt(port.master) != 0 ||
-        ptsname_r(port.master, name.data(), name.size()) != 0) {
+        ptsname_r(port.master, name.data(), name.size()) != 0)
         return failed(port, error, "creating a pseudo terminal");
-    }
     port.slave = name.data();
     port.notify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (port.notify < 0 ||
-        inotify_add_watch(port.notify, port.slave.c_str(), IN_OPEN | IN_CLOSE) < 0) {
+        inotify_add_watch(port.notify, port.slave.c_str(), IN_OPEN | IN_CLOSE) < 0)
         return failed(port, error, "watching " + port.slave);
-    }
-    if (!prepare_slave(port.slave)) {
+    if (!prepare_slave(port.slave))
         return failed(port, error, "setting up " + port.slave);
-    }
     port.link = link;
-    if (!point_link(link, port.slave)) {
+    if (!point_link(link, port.slave))
         return failed(port, error, "creating the link " + link);
-    }
     line_pty_check(port);
     return true;
 }
@@ -67,9 +63,8 @@ bool line_pty_plug(line_pty &port, const std::string &link, std::string &error) 
 void line_pty_unplug(line_pty &port) {
     ls_close(port.master);
     ls_close(port.notify);
-    if (!port.link.empty()) {
+    if (!port.link.empty())
         unlink(port.link.c_str());
-    }
     port = line_pty{};
 }
 
@@ -87,9 +82,8 @@ std::vector<uint8_t> line_pty_read(line_pty &port) {
     std::array<uint8_t, 4096> part;
     while (port.master >= 0) {
         const ssize_t count = read(port.master, part.data(), part.size());
-        if (count <= 0) {
+        if (count <= 0)
             break;
-        }
         bytes.insert(bytes.end(), part.begin(), part.begin() + count);
     }
     return bytes;

@@ -29,51 +29,43 @@ void spoil_checksums(std::span<uint8_t> bytes) {
         if (bytes[at] == 0xB5 && at + UBX_HEADER + UBX_CHECKSUM <= bytes.size()) {
             const size_t length = bytes[at + 4] | static_cast<size_t>(bytes[at + 5]) << 8;
             const size_t end = at + UBX_HEADER + length + UBX_CHECKSUM;
-            if (end > bytes.size()) {
+            if (end > bytes.size())
                 return;
-            }
             bytes[end - 1] ^= 0xFF;
             at = end;
             continue;
         }
-        if (bytes[at] == '*' && at + 2 < bytes.size() && std::isxdigit(bytes[at + 2]) != 0) {
+        if (bytes[at] == '*' && at + 2 < bytes.size() && std::isxdigit(bytes[at + 2]) != 0)
             bytes[at + 2] = next_hex_digit(bytes[at + 2]);
-        }
         at++;
     }
 }
 
 std::vector<uint8_t> garbage(unsigned count, std::mt19937 &random) {
     std::vector<uint8_t> bytes(count);
-    for (uint8_t &byte : bytes) {
+    for (uint8_t &byte : bytes)
         byte = static_cast<uint8_t>(random() & 0xFFU);
-    }
     return bytes;
 }
 
 } // namespace
 
 void line_add_noise(std::span<uint8_t> bytes, unsigned per_thousand, std::mt19937 &random) {
-    if (per_thousand == 0) {
+    if (per_thousand == 0)
         return;
-    }
-    for (uint8_t &byte : bytes) {
-        if (random() % 1000U < per_thousand) {
+    for (uint8_t &byte : bytes)
+        if (random() % 1000U < per_thousand)
             byte ^= static_cast<uint8_t>(1U << (random() % 8U));
-        }
-    }
 }
 
 std::vector<uint8_t> line_spoil(std::vector<uint8_t> answer, const line_faults &faults,
                                 std::mt19937 &random) {
-    if (faults.checksum) {
+    if (faults.checksum)
         spoil_checksums(answer);
-    }
     if (faults.cut) {
         const size_t kept = faults.cut_bytes == 0 ? answer.size() / 2 : faults.cut_bytes;
-        if (kept < answer.size()) {
+        if (kept < answer.size())
             answer.resize(kept);
-        }
     }
     line_add_noise(answer, faults.noise, random);
     if (faults.garbage_before != 0) {

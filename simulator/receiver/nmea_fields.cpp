@@ -62,8 +62,8 @@ std::string position_fields(const epoch &now) {
 }
 
 size_t used_count(const epoch &now) {
-    return static_cast<size_t>(
-        std::count_if(now.slots.begin(), now.slots.end(), [](int prn) { return prn > 0; }));
+    return static_cast<size_t>(std::count_if(
+        now.slots.begin(), now.slots.end(), [](int prn) { return prn > 0; }));
 }
 
 } // namespace sim

@@ -55,9 +55,8 @@ std::string escaped(std::span<const char> text) {
     std::string shown;
     for (const char c : text) {
         std::array<char, 5> piece{c};
-        if (c < ' ' || c > '~' || c == '"' || c == '\\') {
+        if (c < ' ' || c > '~' || c == '"' || c == '\\')
             std::snprintf(piece.data(), piece.size(), "\\x%02X", static_cast<unsigned char>(c));
-        }
         shown += piece.data();
     }
     return shown;
@@ -82,9 +81,8 @@ std::string power(std::span<const uint8_t> payload) {
 
 std::string exchange(std::span<const uint8_t> payload) {
     const auto asked = copy_of<gps_data_req_pld>(payload);
-    if (asked.cmd_len > GPS_DATA_CMD_SIZE) {
+    if (asked.cmd_len > GPS_DATA_CMD_SIZE)
         return "command of " + std::to_string(asked.cmd_len) + " bytes";
-    }
     return printable(std::span(asked.command).first(asked.cmd_len));
 }
 
@@ -126,9 +124,8 @@ std::string services_decode(const msg_hdr &hdr, std::span<const uint8_t> payload
     for (const known_message &known : KNOWN) {
         if (known.id == hdr.msg_id) {
             text.append(", ").append(known.name);
-            if (known.size == payload.size()) {
+            if (known.size == payload.size())
                 return text.append(": ").append(known.contents(payload));
-            }
         }
     }
     return text.append(": ").append(raw(payload));

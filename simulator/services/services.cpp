@@ -74,19 +74,16 @@ int on_message(scm_conn *connection, bus_msg *message) {
 }
 
 stand_in &service_of(uint8_t id) {
-    for (stand_in &service : services) {
-        if (service.id == id) {
+    for (stand_in &service : services)
+        if (service.id == id)
             return service;
-        }
-    }
     return services.front();
 }
 
 void write_down(const char *name, const std::string &text) {
     host.tell(name, text);
-    if (log_file == nullptr) {
+    if (log_file == nullptr)
         return;
-    }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm utc{};
@@ -122,18 +119,16 @@ void respond(uint8_t from, const msg_hdr &request, std::span<const uint8_t> payl
     msg_hdr hdr{};
     if (fill_response_hdr(&service.connection, &hdr, &message,
                           static_cast<uint32_t>(payload.size())) != 0 ||
-        send_msg(&service.connection, &hdr, payload.empty() ? nullptr : payload.data()) != 0) {
+        send_msg(&service.connection, &hdr, payload.empty() ? nullptr : payload.data()) != 0)
         write_down(service.name, "could not send response " + std::to_string(request.msg_id));
-    }
 }
 
 void announce_antenna() {
     std::string error;
     std::array<uint8_t, 4> payload;
     std::memcpy(payload.data(), &antenna_type, sizeof antenna_type);
-    if (!notify(LS_SERV_TA, TA_NOTIFY_ANTENNA_TYPE, payload, error)) {
+    if (!notify(LS_SERV_TA, TA_NOTIFY_ANTENNA_TYPE, payload, error))
         write_down("TA", error);
-    }
 }
 
 // Moves the TA on: commands to the line, replies to the bus.
@@ -144,15 +139,13 @@ void step_ta() {
         std::memcpy(payload.data(), &reply.payload, sizeof reply.payload);
         respond(LS_SERV_TA, reply.request, payload);
     }
-    if (const auto command = ta_next_command(ta_unit, now); command.has_value()) {
+    if (const auto command = ta_next_command(ta_unit, now); command.has_value())
         host.line_send(*command);
-    }
 }
 
 void handle(const received &message) {
-    if (message.hdr.msg_id == SCM_RESPONSE_REGISTRATION) {
+    if (message.hdr.msg_id == SCM_RESPONSE_REGISTRATION)
         return;
-    }
     write_down(message.by->name, services_decode(message.hdr, message.payload));
     const bool request = message.hdr.msg_type == LS_MSG_REQUEST;
     if (message.by->id == LS_SERV_SAL && request &&
@@ -163,9 +156,8 @@ void handle(const received &message) {
     } else if (message.by->id == LS_SERV_TA && request &&
                message.hdr.msg_id == TA_REQUEST_GPS_DATA) {
         std::string error;
-        if (!ta_take_request(ta_unit, message.hdr, message.payload, error)) {
+        if (!ta_take_request(ta_unit, message.hdr, message.payload, error))
             write_down("TA", "refused: " + error);
-        }
         step_ta();
     }
 }
@@ -178,9 +170,8 @@ void on_inbox() {
         const std::lock_guard guard(inbox_lock);
         messages.swap(inbox);
     }
-    for (const received &message : messages) {
+    for (const received &message : messages)
         handle(message);
-    }
 }
 
 // A TA announces the antenna to every location service that comes up.
@@ -197,9 +188,8 @@ void on_bus_change() {
             at += sizeof event + event.len;
         }
     }
-    if (came) {
+    if (came)
         announce_antenna();
-    }
 }
 
 bool open_ta(const std::string &bus, std::string &error) {
@@ -213,9 +203,8 @@ bool open_ta(const std::string &bus, std::string &error) {
         host.add_timer([] { return ta_next_event(ta_unit); }, step_ta);
         timer_added = true;
     }
-    for (const std::string &command : ta_start_commands()) {
+    for (const std::string &command : ta_start_commands())
         host.line_send({reinterpret_cast<const uint8_t *>(command.data()), command.size()});
-    }
     return true;
 }
 
@@ -237,9 +226,8 @@ bool services_open(const services_host &around, int board, int32_t antenna, cons
     }
     host.watch(inbox_event, on_inbox);
     for (stand_in &service : services) {
-        if (service.id == LS_SERV_TA && board != 2) {
+        if (service.id == LS_SERV_TA && board != 2)
             continue;
-        }
         service.connection = scm_conn{};
         service.connection.on_message = on_message;
         if (scm_conn_init(&service.connection, service.id) != 0) {
@@ -253,11 +241,9 @@ bool services_open(const services_host &around, int board, int32_t antenna, cons
 }
 
 void services_close() {
-    for (stand_in &service : services) {
-        if (std::exchange(service.open, false)) {
+    for (stand_in &service : services)
+        if (std::exchange(service.open, false))
             scm_conn_exit(&service.connection);
-        }
-    }
     for (int *fd : {&inbox_event, &bus_notify}) {
         if (*fd >= 0) {
             host.forget(*fd);
@@ -275,9 +261,8 @@ bool services_are_open() {
 }
 
 bool services_take_answer(std::span<const uint8_t> answer) {
-    if (bus_notify < 0) {
+    if (bus_notify < 0)
         return false;
-    }
     ta_take_answer(ta_unit, answer, host.faults(), host.now());
     step_ta();
     return true;

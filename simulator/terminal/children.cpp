@@ -46,12 +46,10 @@ bool from_keyboard(const signalfd_siginfo &info) {
 void on_signal(const std::function<void()> &stop) {
     signalfd_siginfo info{};
     while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        if (info.ssi_signo == SIGCHLD) {
+        if (info.ssi_signo == SIGCHLD)
             continue; // the wake-up is all that counts: children_* look themselves
-        }
-        if (info.ssi_signo == SIGINT && from_keyboard(info) && command_pid > 0) {
+        if (info.ssi_signo == SIGINT && from_keyboard(info) && command_pid > 0)
             continue;
-        }
         stop();
     }
 }
@@ -83,9 +81,8 @@ bool wait_for_bus(const std::function<bool()> &cancelled) {
     while (!on_the_bus()) {
         const bool over = loop_until([&] { return cancelled() || children_daemon_died(); },
                                      loop_now() + LOOK_AGAIN_S);
-        if (over || loop_now() >= deadline) {
+        if (over || loop_now() >= deadline)
             return cancelled() && !children_daemon_died();
-        }
     }
     return true;
 }
@@ -93,15 +90,12 @@ bool wait_for_bus(const std::function<bool()> &cancelled) {
 std::string own_log() {
     std::string text = last_lines(where->log, LAST_LOG_LINES, "    ");
     const std::string output = last_lines(where->daemon_out, LAST_LOG_LINES, "    ");
-    if (!text.empty()) {
+    if (!text.empty())
         text = "  last lines of log/terminal.log:\n" + text;
-    }
-    if (!output.empty()) {
+    if (!output.empty())
         text += "  last lines of log/daemon.out:\n" + output;
-    }
-    if (text.ends_with('\n')) {
+    if (text.ends_with('\n'))
         text.pop_back();
-    }
     return text;
 }
 
@@ -121,9 +115,8 @@ void children_use(const terminal_options &options, const terminal_paths &paths) 
 bool children_watch_signals(std::function<void()> stop, std::string &error) {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
         sigaddset(&set, number);
-    }
     // A parent may have left SIGCHLD ignored, which would take the exit statuses away.
     if (signal(SIGCHLD, SIG_DFL) == SIG_ERR || sigprocmask(SIG_BLOCK, &set, nullptr) != 0 ||
         (signals = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC)) < 0) {
@@ -151,9 +144,8 @@ bool children_start_daemon(std::string &error, const std::function<bool()> &canc
                                 .output = where->daemon_out,
                                 .own_session = true},
                                error);
-    if (daemon_pid < 0) {
+    if (daemon_pid < 0)
         return false;
-    }
     say_event("daemon started, process %d", static_cast<int>(daemon_pid));
     if (wait_for_bus(cancelled)) {
         say_event("daemon is on the bus");
@@ -171,9 +163,8 @@ bool children_start_daemon(std::string &error, const std::function<bool()> &canc
 
 bool children_stop_daemon() {
     look_at_children();
-    if (daemon_pid < 0) {
+    if (daemon_pid < 0)
         return true;
-    }
     bool killed = false;
     const pid_t pid = std::exchange(daemon_pid, -1);
     const int status = process_stop(pid, "the daemon", STOP_PATIENCE_S, killed);
@@ -181,9 +172,8 @@ bool children_stop_daemon() {
     // SIGTERM before its handlers are in place ends it too; that is no failure.
     const bool orderly =
         !killed && (status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM));
-    if (!orderly && !killed) {
+    if (!orderly && !killed)
         report("the daemon did not stop in order", status);
-    }
     in_order = in_order && orderly;
     return orderly;
 }
@@ -218,13 +208,11 @@ int children_command_status() {
 }
 
 std::string children_describe() {
-    if (!children_have_daemon()) {
+    if (!children_have_daemon())
         return "none";
-    }
     look_at_children();
-    if (daemon_pid < 0) {
+    if (daemon_pid < 0)
         return "not running";
-    }
     return "process " + std::to_string(daemon_pid) + (on_the_bus() ? ", on the bus" : "");
 }
 

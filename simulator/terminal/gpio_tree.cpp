@@ -32,9 +32,8 @@ std::string read_file(const std::string &path) {
 }
 
 std::string_view without_line_end(std::string_view text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
         text.remove_suffix(1);
-    }
     return text;
 }
 
@@ -49,9 +48,8 @@ std::optional<int> line_number(std::string_view text) {
     int number = 0;
     const auto [end, wrong] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (wrong != std::errc{} || end != text.data() + text.size() || number < 0 ||
-        number >= GPIO_LINES) {
+        number >= GPIO_LINES)
         return std::nullopt;
-    }
     return number;
 }
 
@@ -77,11 +75,9 @@ void unexport_line(gpio_tree &tree, int line) {
 
 std::vector<int> exported_lines(const gpio_tree &tree) {
     std::vector<int> exported;
-    for (const auto &[line, state] : tree.lines) {
-        if (state.exported) {
+    for (const auto &[line, state] : tree.lines)
+        if (state.exported)
             exported.push_back(line);
-        }
-    }
     return exported;
 }
 
@@ -92,9 +88,8 @@ void refuse(std::vector<std::string> &events, const std::string &what, std::stri
 void take_export(gpio_tree &tree, std::vector<std::string> &events) {
     const std::string path = tree.root + "/export";
     const std::string content = read_file(path);
-    if (content.empty()) {
+    if (content.empty())
         return; // emptied below
-    }
     write_file(path, "");
     const std::optional<int> line = line_number(without_line_end(content));
     if (!line.has_value() || tree.lines[*line].exported || !gpio_tree_export(tree, *line)) {
@@ -107,14 +102,12 @@ void take_export(gpio_tree &tree, std::vector<std::string> &events) {
 void take_unexport(gpio_tree &tree, std::vector<std::string> &events) {
     const std::string path = tree.root + "/unexport";
     const std::string content = read_file(path);
-    if (content.empty()) {
+    if (content.empty())
         return;
-    }
     write_file(path, "");
     const std::vector<int> lines = gpio_lines_meant(content, exported_lines(tree));
-    if (lines.empty()) {
+    if (lines.empty())
         refuse(events, "gpio unexport of", content);
-    }
     for (const int line : lines) {
         unexport_line(tree, line);
         events.push_back(line_name(line) + " unexported");
@@ -125,9 +118,8 @@ void take_unexport(gpio_tree &tree, std::vector<std::string> &events) {
 void take_direction(gpio_tree &tree, int number, std::vector<std::string> &events) {
     const std::string path = line_directory(tree, number) + "/direction";
     const std::string content = read_file(path);
-    if (content.empty()) {
+    if (content.empty())
         return; // truncated, the text is still to come
-    }
     gpio_line &line = tree.lines[number];
     const bool high = content.starts_with("high");
     const bool low = content.starts_with("low");
@@ -142,17 +134,15 @@ void take_direction(gpio_tree &tree, int number, std::vector<std::string> &event
             write_file(line_directory(tree, number) + "/value", value_text(line));
         }
     }
-    if (content != direction_text(line)) {
+    if (content != direction_text(line))
         write_file(path, direction_text(line));
-    }
 }
 
 void take_value(gpio_tree &tree, int number, std::vector<std::string> &events) {
     const std::string path = line_directory(tree, number) + "/value";
     const std::string content = read_file(path);
-    if (content.empty()) {
+    if (content.empty())
         return;
-    }
     gpio_line &line = tree.lines[number];
     const bool digit = content.front() >= '0' && content.front() <= '9';
     const bool level = digit && content.front() != '0';
@@ -164,28 +154,24 @@ void take_value(gpio_tree &tree, int number, std::vector<std::string> &events) {
         line.level = level;
         events.push_back(line_name(number) + " = " + (level ? "1" : "0"));
     }
-    if (content != value_text(line)) {
+    if (content != value_text(line))
         write_file(path, value_text(line));
-    }
 }
 
 } // namespace
 
 std::vector<int> gpio_lines_meant(std::string_view content, const std::vector<int> &exported) {
     content = without_line_end(content);
-    for (const int line : exported) {
-        if (std::to_string(line) == content) {
+    for (const int line : exported)
+        if (std::to_string(line) == content)
             return {line};
-        }
-    }
     for (const int second : exported) {
         const std::string over = std::to_string(second);
         for (const int first : exported) {
             const std::string under = std::to_string(first);
             if (first != second && under.size() > over.size() &&
-                over + under.substr(over.size()) == content) {
+                over + under.substr(over.size()) == content)
                 return {first, second};
-            }
         }
     }
     return {};
@@ -217,26 +203,22 @@ void gpio_tree_close(gpio_tree &tree) {
 }
 
 bool gpio_tree_export(gpio_tree &tree, int line) {
-    if (line < 0 || line >= GPIO_LINES) {
+    if (line < 0 || line >= GPIO_LINES)
         return false;
-    }
     gpio_line &state = tree.lines[line];
-    if (state.exported) {
+    if (state.exported)
         return true;
-    }
     // Built beside the tree and moved in: gpioN appears with all its files.
     const std::string fresh = tree.root + "/.new";
     std::error_code wrong;
     std::filesystem::remove_all(fresh, wrong);
     std::filesystem::create_directory(fresh, wrong);
     if (wrong || !write_file(fresh + "/direction", direction_text(state)) ||
-        !write_file(fresh + "/value", value_text(state))) {
+        !write_file(fresh + "/value", value_text(state)))
         return false;
-    }
     const int watch = inotify_add_watch(tree.notify, fresh.c_str(), IN_CLOSE_WRITE);
-    if (watch < 0) {
+    if (watch < 0)
         return false;
-    }
     std::filesystem::rename(fresh, line_directory(tree, line), wrong);
     if (wrong) {
         inotify_rm_watch(tree.notify, watch);
@@ -270,19 +252,15 @@ std::vector<std::string> gpio_tree_step(gpio_tree &tree) {
         }
     }
     std::vector<std::string> events;
-    for (const auto &[line, name] : written) {
-        if (name == "direction") {
+    for (const auto &[line, name] : written)
+        if (name == "direction")
             take_direction(tree, line, events);
-        } else if (name == "value") {
+        else if (name == "value")
             take_value(tree, line, events);
-        }
-    }
-    if (unexporting) {
+    if (unexporting)
         take_unexport(tree, events);
-    }
-    if (exporting) {
+    if (exporting)
         take_export(tree, events);
-    }
     return events;
 }
 

@@ -35,9 +35,8 @@ int timer_fd = -1;
 constexpr double SHORTEST_WAIT_S = 20e-6;
 
 void arm(std::optional<double> at) {
-    if (timer_fd < 0) {
+    if (timer_fd < 0)
         timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    }
     itimerspec setting{};
     if (at.has_value()) {
         const double when = std::max(*at, loop_now() + SHORTEST_WAIT_S);
@@ -63,33 +62,26 @@ bool wait_once(std::optional<double> deadline) {
     std::optional<double> at = deadline;
     for (timer &entry : timers) {
         entry.due = entry.when();
-        if (entry.due.has_value() && (!at.has_value() || *entry.due < *at)) {
+        if (entry.due.has_value() && (!at.has_value() || *entry.due < *at))
             at = entry.due;
-        }
     }
     arm(at);
     std::vector<pollfd> polled;
     polled.push_back({timer_fd, POLLIN, 0});
-    for (const watched &entry : watches) {
+    for (const watched &entry : watches)
         polled.push_back({entry.fd, POLLIN, 0});
-    }
-    if (poll(polled.data(), polled.size(), -1) < 0) {
+    if (poll(polled.data(), polled.size(), -1) < 0)
         return errno == EINTR;
-    }
     if (polled.front().revents != 0) {
         uint64_t expirations = 0;
         [[maybe_unused]] const ssize_t count = read(timer_fd, &expirations, sizeof expirations);
     }
-    for (size_t i = 1; i < polled.size(); i++) {
-        if (polled[i].revents != 0) {
+    for (size_t i = 1; i < polled.size(); i++)
+        if (polled[i].revents != 0)
             dispatch(polled[i].fd);
-        }
-    }
-    for (const timer &entry : timers) {
-        if (entry.due.has_value() && *entry.due <= loop_now()) {
+    for (const timer &entry : timers)
+        if (entry.due.has_value() && *entry.due <= loop_now())
             entry.handler();
-        }
-    }
     return true;
 }
 
@@ -105,7 +97,8 @@ void loop_watch(int fd, std::function<void()> handler) {
 }
 
 void loop_forget(int fd) {
-    std::erase_if(watches, [fd](const watched &entry) { return entry.fd == fd; });
+    std::erase_if(
+        watches, [fd](const watched &entry) { return entry.fd == fd; });
 }
 
 void loop_add_timer(std::function<std::optional<double>()> when, std::function<void()> handler) {
@@ -113,11 +106,9 @@ void loop_add_timer(std::function<std::optional<double>()> when, std::function<v
 }
 
 bool loop_until(const std::function<bool()> &done, std::optional<double> deadline) {
-    while (!done()) {
-        if ((deadline.has_value() && loop_now() >= *deadline) || !wait_once(deadline)) {
+    while (!done())
+        if ((deadline.has_value() && loop_now() >= *deadline) || !wait_once(deadline))
             return false;
-        }
-    }
     return true;
 }
 

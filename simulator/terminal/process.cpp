@@ -28,12 +28,10 @@ struct failure {
                          int report) {
     failure failed{step::directory, 0};
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
+    if (getppid() != parent)
         _exit(127); // simterm ended before the line above took effect
-    }
-    if (plan.own_session) {
+    if (plan.own_session)
         setsid();
-    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -72,9 +70,8 @@ std::string explain(const process_plan &plan, const failure &failed) {
 pid_t process_start(const process_plan &plan, std::string &error) {
     std::vector<char *> arguments;
     arguments.reserve(plan.arguments.size() + 1);
-    for (const std::string &argument : plan.arguments) {
+    for (const std::string &argument : plan.arguments)
         arguments.push_back(const_cast<char *>(argument.c_str()));
-    }
     arguments.push_back(nullptr);
     std::array<int, 2> report{-1, -1};
     if (pipe2(report.data(), O_CLOEXEC) != 0) {
@@ -83,9 +80,8 @@ pid_t process_start(const process_plan &plan, std::string &error) {
     }
     const pid_t parent = getpid();
     const pid_t pid = fork();
-    if (pid == 0) {
+    if (pid == 0)
         become(plan, arguments.data(), parent, report[1]);
-    }
     const int fork_error = errno;
     ls_close(report[1]);
     if (pid < 0) {
@@ -110,9 +106,8 @@ pid_t process_start(const process_plan &plan, std::string &error) {
 
 std::optional<int> process_ended(pid_t pid) {
     int status = 0;
-    if (pid <= 0 || waitpid(pid, &status, WNOHANG) != pid) {
+    if (pid <= 0 || waitpid(pid, &status, WNOHANG) != pid)
         return std::nullopt;
-    }
     return status;
 }
 
@@ -123,9 +118,8 @@ int process_stop(pid_t pid, const char *name, double patience_s, bool &killed) {
         return status.has_value();
     };
     killed = false;
-    if (ended()) {
+    if (ended())
         return *status;
-    }
     kill(pid, SIGTERM);
     if (!loop_until(ended, loop_now() + patience_s)) {
         say_error("%s (process %d) did not end within %.0f s of SIGTERM: killed", name,

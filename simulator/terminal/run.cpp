@@ -50,9 +50,8 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     bool fresh = false;
     int board = 0;
     lock = tree_make(options.directory, paths, fresh, error);
-    if (lock < 0 || !tree_configure(paths, options, board, error)) {
+    if (lock < 0 || !tree_configure(paths, options, board, error))
         return false;
-    }
     // For this process's own platform libraries and for everything started below. No other thread
     // runs yet.
     if (setenv("MQUTILS_DIR", paths.bus.c_str(), 1) != 0 ||
@@ -62,9 +61,8 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
         error = "setting the environment failed";
         return false;
     }
-    if (!settings_apply(options, fresh, error)) {
+    if (!settings_apply(options, fresh, error))
         return false;
-    }
     say_plain("simulated terminal %s, board type %d", paths.root.c_str(), board);
     say_plain("  settings   user/settings.db: %s", settings_describe().c_str());
     say_plain("  bus        bus/            log  log/terminal.log");
@@ -86,20 +84,17 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
 // takes more than a minute to come up; then the run goes on without waiting for that.
 bool start_daemon(std::string &error) {
     services_forget_ready();
-    if (!children_start_daemon(error, [] { return stop_wanted; })) {
+    if (!children_start_daemon(error, [] { return stop_wanted; }))
         return false;
-    }
-    if (!services_are_open()) {
+    if (!services_are_open())
         return true;
-    }
     const auto enough = [] {
         return services_daemon_ready() || stop_wanted || children_daemon_died();
     };
-    if (!loop_until(enough, loop_now() + READY_PATIENCE_S)) {
+    if (!loop_until(enough, loop_now() + READY_PATIENCE_S))
         say_event("daemon is still starting");
-    } else if (services_daemon_ready()) {
+    else if (services_daemon_ready())
         say_event("daemon is ready");
-    }
     return true;
 }
 
@@ -116,9 +111,8 @@ int stay() {
             children_report_death();
             return EXIT_FAILURE;
         }
-        if (children_command_ended()) {
+        if (children_command_ended())
             return children_command_status();
-        }
         if (stop_wanted) {
             say_event("stopping");
             return EXIT_SUCCESS;
@@ -146,16 +140,13 @@ int terminal_run(const terminal_options &options) {
     children_use(options, paths);
     bool up =
         children_watch_signals([] { stop_wanted = true; }, error) && bring_up(options, lock, error);
-    if (up && !options.daemon.empty()) {
+    if (up && !options.daemon.empty())
         up = start_daemon(error);
-    }
-    if (up && !stop_wanted && !options.command.empty()) {
+    if (up && !stop_wanted && !options.command.empty())
         up = children_start_command(error);
-    }
     if (up) {
-        if (options.command.empty()) {
+        if (options.command.empty())
             say_plain("running; stop with Ctrl-C or SIGTERM");
-        }
         status = stay();
     } else {
         say_error("%s", error.c_str());
@@ -178,9 +169,8 @@ int terminal_ctl(const std::string &directory, const std::vector<std::string> &w
         std::fputs(answer.c_str(), stdout);
         return 0;
     }
-    while (answer.ends_with('\n')) {
+    while (answer.ends_with('\n'))
         answer.pop_back();
-    }
     say_error("%s", answer.c_str());
     return result == control_result::refused ? 1 : 3;
 }

@@ -59,9 +59,8 @@ void say_event(const char *format, ...) {
 }
 
 void say_detail(const char *format, ...) {
-    if (!verbose) {
+    if (!verbose)
         return;
-    }
     va_list arguments;
     va_start(arguments, format);
     line_out(stream(), stamp().c_str(), format, arguments);
@@ -80,14 +79,12 @@ std::string last_lines(const std::string &path, size_t count, const std::string 
     std::deque<std::string> lines;
     for (std::string line; std::getline(file, line);) {
         lines.push_back(line);
-        if (lines.size() > count) {
+        if (lines.size() > count)
             lines.pop_front();
-        }
     }
     std::string text;
-    for (const std::string &line : lines) {
+    for (const std::string &line : lines)
         text += indent + line + "\n";
-    }
     return text;
 }
 

@@ -57,9 +57,8 @@ std::string settings_describe() {
     int32_t antenna = -1;
     location_history_settings history{};
     if (db_read_gps_power_on_status(&power) != 0 || db_read_ta_power_on_status(&antenna) != 0 ||
-        db_read_location_history_settings(&history) != 0) {
+        db_read_location_history_settings(&history) != 0)
         return "unreadable";
-    }
     std::array<char, 96> text;
     std::snprintf(text.data(), text.size(),
                   "power status %d, antenna type %d, history %s every %u s", power, antenna,

@@ -20,13 +20,11 @@ std::vector<double> numbers(std::string_view text) {
         double value = 0;
         const auto [end, wrong] = std::from_chars(text.data(), text.data() + comma, value);
         if (comma == 0 || wrong != std::errc{} || end != text.data() + comma ||
-            !std::isfinite(value)) {
+            !std::isfinite(value))
             return {};
-        }
         found.push_back(value);
-        if (comma == text.size()) {
+        if (comma == text.size())
             return found;
-        }
         text.remove_prefix(comma + 1);
     }
 }
@@ -63,9 +61,8 @@ bool source_from_options(const terminal_options &options, receiver_options &modu
         source = "route " + options.route;
     } else {
         const std::string place = options.place.empty() ? STANDARD_PLACE : options.place;
-        if (!place_from_text(place, module, error)) {
+        if (!place_from_text(place, module, error))
             return false;
-        }
         source = "fixed place " + place;
     }
     if (!module.truth) {

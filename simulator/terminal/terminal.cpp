@@ -41,22 +41,19 @@ fault_targets targets() {
 }
 
 void step_power(double now) {
-    for (const std::string &event : gpio_tree_step(gpio)) {
+    for (const std::string &event : gpio_tree_step(gpio))
         say_event("%s", event.c_str());
-    }
     const std::array<bool, 2> levels{gpio_tree_level(gpio, TERMINAL_POWER_LINES[0]),
                                      gpio_tree_level(gpio, TERMINAL_POWER_LINES[1])};
-    if (board_type != 1 || levels == power_levels) {
+    if (board_type != 1 || levels == power_levels)
         return;
-    }
     power_levels = levels;
     const bool was_powered = module->powered();
     module->set_power(levels[0], levels[1], now);
     if (module->powered() != was_powered) {
         say_event("receiver power %s", was_powered ? "off" : "on");
-        if (was_powered) {
+        if (was_powered)
             line_drop_answers(wire);
-        }
     }
 }
 
@@ -64,16 +61,13 @@ void step_power(double now) {
 // device is open.
 void watch_port() {
     const int wanted = port.open ? port.master : -1;
-    if (wanted == port_watched) {
+    if (wanted == port_watched)
         return;
-    }
-    if (port_watched >= 0) {
+    if (port_watched >= 0)
         loop_forget(port_watched);
-    }
     port_watched = wanted;
-    if (wanted >= 0) {
+    if (wanted >= 0)
         loop_watch(wanted, terminal_step);
-    }
 }
 
 void step_port_state() {
@@ -81,18 +75,16 @@ void step_port_state() {
     if (port.open != port_was_open) {
         port_was_open = port.open;
         say_event("serial device %s", port.open ? "opened" : "closed");
-        if (!port.open) {
+        if (!port.open)
             terminal_boot_lines();
-        }
     }
     watch_port();
 }
 
 // To whoever is at the other end of the line. False when nobody is.
 bool hand_over(std::span<const uint8_t> answer) {
-    if (board_type == 1) {
+    if (board_type == 1)
         return line_pty_write(port, answer);
-    }
     return services_take_answer(answer);
 }
 
@@ -120,16 +112,14 @@ void unplug() {
         loop_forget(port_watched);
         port_watched = -1;
     }
-    if (port.notify >= 0) {
+    if (port.notify >= 0)
         loop_forget(port.notify);
-    }
     line_pty_unplug(port);
 }
 
 bool plug(std::string &error) {
-    if (!line_pty_plug(port, uart_path, error)) {
+    if (!line_pty_plug(port, uart_path, error))
         return false;
-    }
     loop_watch(port.notify, terminal_step);
     watch_port();
     return true;
@@ -137,12 +127,10 @@ bool plug(std::string &error) {
 
 // The device follows the fault. Nothing to do on board 2: no serial device there.
 bool follow_plug_fault(std::string &error) {
-    if (board_type != 1 || wire.faults.unplugged == (port.master < 0)) {
+    if (board_type != 1 || wire.faults.unplugged == (port.master < 0))
         return true;
-    }
-    if (!wire.faults.unplugged) {
+    if (!wire.faults.unplugged)
         return plug(error);
-    }
     unplug();
     step_port_state();
     return true;
@@ -154,9 +142,8 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
                  std::string &error) {
     receiver_options receiver_is;
     std::string source;
-    if (!source_from_options(options, receiver_is, source, error)) {
+    if (!source_from_options(options, receiver_is, source, error))
         return false;
-    }
     receiver_is.battery_file = paths.battery;
     // A terminal leaves production with its receiver configured once. A blank one talks while the
     // daemon sets it up, and its first words are then read as the first answers.
@@ -172,20 +159,16 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
     power_levels = {};
     ta_is = {};
     module = std::make_unique<receiver>(std::move(receiver_is));
-    for (const std::string &fault : options.faults) {
-        if (!fault_switch_on(targets(), fault, error)) {
+    for (const std::string &fault : options.faults)
+        if (!fault_switch_on(targets(), fault, error))
             return false;
-        }
-    }
-    if (!gpio_tree_open(gpio, paths.gpio, error)) {
+    if (!gpio_tree_open(gpio, paths.gpio, error))
         return false;
-    }
     loop_watch(gpio.notify, terminal_step);
-    if (board == 2) {
+    if (board == 2)
         module->set_power(true, true, loop_now());
-    } else if (!wire.faults.unplugged && !plug(error)) {
+    else if (!wire.faults.unplugged && !plug(error))
         return false;
-    }
     terminal_boot_lines();
     loop_add_timer([] { return module == nullptr ? std::nullopt : line_next_event(wire, *module); },
                    terminal_step);
@@ -204,9 +187,8 @@ bool terminal_up(const terminal_options &options, const terminal_paths &paths, i
 void terminal_down() {
     unplug();
     port_was_open = false;
-    if (gpio.notify >= 0) {
+    if (gpio.notify >= 0)
         loop_forget(gpio.notify);
-    }
     gpio_tree_close(gpio);
     if (module != nullptr) {
         // As when the supply goes: what is in battery-backed memory is kept.
@@ -216,17 +198,14 @@ void terminal_down() {
 }
 
 void terminal_boot_lines() {
-    for (const int line : TERMINAL_POWER_LINES) {
-        if (!gpio_tree_export(gpio, line)) {
+    for (const int line : TERMINAL_POWER_LINES)
+        if (!gpio_tree_export(gpio, line))
             say_error("exporting gpio %d failed", line);
-        }
-    }
 }
 
 void terminal_step() {
-    if (module == nullptr) {
+    if (module == nullptr)
         return;
-    }
     const double now = loop_now();
     // What is on the line already meets the old power. What is still to be read may have been
     // written after the change: a program that raises the lines and sends at once is served.
@@ -248,9 +227,8 @@ const ta_faults &terminal_ta_faults() {
 
 bool terminal_fault(std::string_view name, std::string_view argument, bool on, std::string &error) {
     terminal_step();
-    if (!fault_switch(targets(), name, argument, on, error) || !follow_plug_fault(error)) {
+    if (!fault_switch(targets(), name, argument, on, error) || !follow_plug_fault(error))
         return false;
-    }
     say_event("faults: %s", fault_summary(targets()).c_str());
     return true;
 }
@@ -262,9 +240,8 @@ std::string terminal_faults() {
 std::string terminal_power() {
     terminal_step();
     std::string text;
-    for (const int line : TERMINAL_POWER_LINES) {
+    for (const int line : TERMINAL_POWER_LINES)
         text += "gpio" + std::to_string(line) + "=" + (gpio_tree_level(gpio, line) ? "1 " : "0 ");
-    }
     return text + "receiver " + (module->powered() ? "on" : "off") + "\n";
 }
 

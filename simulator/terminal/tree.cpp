@@ -39,9 +39,8 @@ std::string reason(const std::string &step) {
 // Only a file that is not there yet is written: an existing terminal keeps what it has.
 bool write_if_missing(const std::string &path, std::string_view text) {
     const ls_descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (file.fd < 0) {
+    if (file.fd < 0)
         return errno == EEXIST;
-    }
     return write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
@@ -54,9 +53,8 @@ bool may_become_terminal(const terminal_paths &paths, std::string &error) {
                 (wrong ? wrong.message() : std::string("something else has this name"));
         return false;
     }
-    if (fs::exists(paths.marker, wrong)) {
+    if (fs::exists(paths.marker, wrong))
         return true;
-    }
     if (!fs::is_empty(paths.root, wrong) || wrong) {
         error = paths.root + " is neither empty nor a simulated terminal; not touched";
         return false;
@@ -118,17 +116,14 @@ int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_s
               std::string &error) {
     std::error_code wrong;
     std::string root = fs::absolute(directory, wrong).lexically_normal().string();
-    while (root.size() > 1 && root.ends_with('/')) {
+    while (root.size() > 1 && root.ends_with('/'))
         root.pop_back();
-    }
     paths = tree_paths(root);
-    if (!may_become_terminal(paths, error)) {
+    if (!may_become_terminal(paths, error))
         return -1;
-    }
     ls_descriptor lock(lock_marker(paths, error));
-    if (lock.fd < 0) {
+    if (lock.fd < 0)
         return -1;
-    }
     for (const char *name : {"/dev", "/sys/class", "/sys/power", "/user/location",
                              "/user/stub_location", "/bus", "/etc", "/log"}) {
         fs::create_directories(root + name, wrong);
@@ -159,18 +154,14 @@ bool tree_configure(const terminal_paths &paths, const terminal_options &options
     // Absent or unreadable: everything is set anew.
     g_key_file_load_from_file(file.get(), paths.hal.c_str(), G_KEY_FILE_KEEP_COMMENTS, nullptr);
     board = options.board.value_or(g_key_file_get_integer(file.get(), "board", "type", nullptr));
-    if (board != 1 && board != 2) {
+    if (board != 1 && board != 2)
         board = 1;
-    }
     g_key_file_set_integer(file.get(), "board", "type", board);
-    if (options.log_level.has_value()) {
+    if (options.log_level.has_value())
         g_key_file_set_string(file.get(), "log", "level", options.log_level->c_str());
-    }
-    for (const auto &[key, value] : {std::pair{"target", "file"}, std::pair{"level", "info"}}) {
-        if (g_key_file_has_key(file.get(), "log", key, nullptr) == FALSE) {
+    for (const auto &[key, value] : {std::pair{"target", "file"}, std::pair{"level", "info"}})
+        if (g_key_file_has_key(file.get(), "log", key, nullptr) == FALSE)
             g_key_file_set_string(file.get(), "log", key, value);
-        }
-    }
     // The directory may have moved since the last time.
     g_key_file_set_string(file.get(), "log", "file", paths.log.c_str());
     g_key_file_set_string(file.get(), "power", "directory", paths.power.c_str());

@@ -16,12 +16,11 @@ class ta : public bench {
     // one.
     int most_open() {
         int open = 0, most = 0;
-        for (const foreign_event &event : events()) {
+        for (const foreign_event &event : events())
             if (event.is_send(LS_MSG_REQUEST, TA_REQUEST_GPS_DATA))
                 most = std::max(most, ++open);
             else if (event.is_call("on_message", TA_REQUEST_GPS_DATA))
                 --open;
-        }
         return most;
     }
 };

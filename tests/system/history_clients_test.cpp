@@ -70,10 +70,12 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
     });
     std::vector<std::future<void>> clients;
     for (size_t client = 0; client < replied.size(); ++client)
-        clients.push_back(std::async(std::launch::async, [client] {
-            for (int round = 0; round < ROUNDS; ++round)
-                EXPECT_EQ(read_export(client), "") << "client " << client << " round " << round;
-        }));
+        clients.push_back(std::async(
+            std::launch::async,
+            [client] {
+                for (int round = 0; round < ROUNDS; ++round)
+                    EXPECT_EQ(read_export(client), "") << "client " << client << " round " << round;
+            }));
     const auto are_done = [&] {
         return std::all_of(clients.begin(), clients.end(), [](const std::future<void> &client) {
             return client.wait_for(std::chrono::seconds(0)) == std::future_status::ready;

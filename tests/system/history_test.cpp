@@ -83,9 +83,8 @@ TEST(history_formats, are_read_by_others) {
         const std::string read = read_by_gpsbabel(format, EXPORT);
         EXPECT_EQ(count_of("\n", read), points) << format << "\n" << read;
         for (const char *place : {"-17.10000, 179.90000", "-17.11000, 179.95000",
-                                  "-17.12000, 179.99000", "-17.13000, -179.99000"}) {
+                                  "-17.12000, 179.99000", "-17.13000, -179.99000"})
             EXPECT_NE(count_of(place, read), 0U) << format << place << "\n" << read;
-        }
         EXPECT_EQ(count_of("\n", read_by_gpsbabel(format, "")), 0U) << format;
     }
     for (const char *format : {"gpx", "kml", "svg"}) {

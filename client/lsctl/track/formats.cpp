@@ -16,9 +16,8 @@ using json = nlohmann::ordered_json;
 constexpr size_t PROGRESS_EVERY = 512; // points
 
 void tell(const track_progress &progress, size_t done, size_t of) {
-    if (done % PROGRESS_EVERY == 0) {
+    if (done % PROGRESS_EVERY == 0)
         progress(static_cast<double>(done) / static_cast<double>(of));
-    }
 }
 
 // Without quotes; null in JSON, empty in CSV.
@@ -72,9 +71,8 @@ void write_kml_piece(const track_piece &piece, FILE *out) {
         return;
     }
     put("<LineString>\n<tessellate>1</tessellate>\n<coordinates>\n", out);
-    for (const track_vertex &at : piece) {
+    for (const track_vertex &at : piece)
         std::fprintf(out, "%.6f,%.6f\n", at.longitude, at.latitude);
-    }
     put("</coordinates>\n</LineString>\n", out);
 }
 
@@ -130,11 +128,10 @@ void track_write_csv(const track &all, int64_t, FILE *out, const track_progress 
         const char *fix = fix_name(at.fix);
         std::fprintf(out, "%s,%s,%s,", track_utc_text(at.utc).c_str(), local_text(at).c_str(),
                      fix == nullptr ? "" : fix);
-        if (at.placed) {
+        if (at.placed)
             std::fprintf(out, "%.6f,%.6f", at.latitude, at.longitude);
-        } else {
+        else
             std::fputc(',', out);
-        }
         std::fprintf(out, ",%.2f,%" PRIu32 "\n", at.accuracy_m, at.satellites);
         tell(progress, i, all.points.size());
     }
@@ -194,9 +191,8 @@ void track_write_kml(const track &all, int64_t gap_s, FILE *out, const track_pro
                      "<TimeSpan><begin>%s</begin><end>%s</end></TimeSpan>\n"
                      "<styleUrl>#track</styleUrl>\n<MultiGeometry>\n",
                      begin.c_str(), begin.c_str(), track_utc_text(last->utc).c_str());
-        for (const track_piece &piece : track_pieces(all, stretch)) {
+        for (const track_piece &piece : track_pieces(all, stretch))
             write_kml_piece(piece, out);
-        }
         put("</MultiGeometry>\n</Placemark>\n", out);
     });
     if (first != nullptr) {

@@ -45,9 +45,8 @@ double track_distance_m(const track_point &from, const track_point &to) {
 
 std::vector<track_stretch> track_stretches(const track &all, int64_t gap_s) {
     std::vector<int64_t> steps; // steps[i]: seconds from point i to the next one
-    for (size_t i = 0; i + 1 < all.points.size(); ++i) {
+    for (size_t i = 0; i + 1 < all.points.size(); ++i)
         steps.push_back(all.points[i + 1].utc - all.points[i].utc);
-    }
     const auto is_pause = [&](size_t step) {
         const int64_t limit =
             gap_s > 0 ? gap_s : PAUSE_FACTOR * usual_step(steps, step) + PAUSE_EXTRA_S;
@@ -84,14 +83,12 @@ std::vector<track_piece> track_pieces(const track &all, const track_stretch &str
                     from.latitude + part * (to.latitude - from.latitude), edge,
                     from.utc + std::llround(part * static_cast<double>(to.utc - from.utc))};
                 // A point on the edge is its own crossing.
-                if (from.longitude != edge) {
+                if (from.longitude != edge)
                     pieces.back().push_back(crossing);
-                }
                 crossing.longitude = -edge;
                 pieces.emplace_back();
-                if (to.longitude != -edge) {
+                if (to.longitude != -edge)
                     pieces.back().push_back(crossing);
-                }
             }
         }
         pieces.back().push_back({to.latitude, to.longitude, to.utc});

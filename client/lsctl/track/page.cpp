@@ -92,9 +92,8 @@ page_layout page_lay_out(const track &all, int64_t gap_s) {
             const page_point at = {middle.x + x / layout.metres_per_mm,
                                    middle.y - y / layout.metres_per_mm};
             layout.places[i] = at;
-            if (line.empty() || distance(line.back(), at) >= VISIBLE_MM || i == stretch.back()) {
+            if (line.empty() || distance(line.back(), at) >= VISIBLE_MM || i == stretch.back())
                 line.push_back(at);
-            }
         }
         layout.lines.push_back(std::move(line));
     }
@@ -112,9 +111,8 @@ page_labels::page_labels(const page_layout &layout) : frame(layout.frame) {
     for (const std::vector<page_point> &line : layout.lines) {
         for (size_t i = 0; i < line.size(); ++i) {
             ink.push_back(line[i]);
-            if (i == 0) {
+            if (i == 0)
                 continue;
-            }
             const page_point from = line[i - 1];
             const int steps = static_cast<int>(distance(from, line[i]) / INK_STEP_MM);
             for (int step = 1; step <= steps; ++step) {
@@ -131,9 +129,11 @@ void page_labels::keep_free(const page_box &box) {
 }
 
 size_t page_labels::covered(const page_box &box) const {
-    return static_cast<size_t>(std::count_if(ink.begin(), ink.end(), [&box](page_point at) {
-        return at.x > box.left && at.x < box.right && at.y > box.top && at.y < box.bottom;
-    }));
+    return static_cast<size_t>(std::count_if(
+        ink.begin(), ink.end(),
+        [&box](page_point at) {
+            return at.x > box.left && at.x < box.right && at.y > box.top && at.y < box.bottom;
+        }));
 }
 
 bool page_labels::place(page_point beside, const std::string &text, page_text *placed) {
@@ -164,9 +164,8 @@ bool page_labels::place(page_point beside, const std::string &text, page_text *p
         const page_box box = {left, y - 0.6 * PAGE_FONT_MM, left + length, y + 0.6 * PAGE_FONT_MM};
         if (!is_inside(box, frame) ||
             std::any_of(taken.begin(), taken.end(),
-                        [&box](const page_box &other) { return overlap(box, other); })) {
+                        [&box](const page_box &other) { return overlap(box, other); }))
             continue;
-        }
         const size_t ink_below = covered(box);
         if (!found || ink_below < least) {
             least = ink_below;
@@ -175,9 +174,8 @@ bool page_labels::place(page_point beside, const std::string &text, page_text *p
             found = true;
         }
     }
-    if (found) {
+    if (found)
         taken.push_back(best);
-    }
     return found;
 }
 
@@ -186,14 +184,12 @@ std::vector<page_time> page_times(const track &all, const page_layout &layout) {
     constexpr std::array<int64_t, 18> STEPS_S = {
         1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200, 86400};
     std::vector<page_time> times;
-    if (layout.stretches.empty()) {
+    if (layout.stretches.empty())
         return times;
-    }
     // Pauses need no times.
     int64_t shown_s = 0;
-    for (const track_stretch &stretch : layout.stretches) {
+    for (const track_stretch &stretch : layout.stretches)
         shown_s += all.points[stretch.back()].utc - all.points[stretch.front()].utc;
-    }
     const auto found = std::find_if(STEPS_S.begin(), STEPS_S.end(), [shown_s](int64_t step) {
         return shown_s <= step * MOST_TIMES;
     });
@@ -211,9 +207,8 @@ std::vector<page_time> page_times(const track &all, const page_layout &layout) {
         for (size_t i = 1; i < stretch.size(); ++i) {
             const track_point &point = all.points[stretch[i]];
             const bool crossed = wall(point) / step != wall(all.points[stretch[i - 1]]) / step;
-            if (!crossed) {
+            if (!crossed)
                 continue;
-            }
             page_time time{layout.places[stretch[i]], {}};
             if (point.line.substr(0, 10) != day) {
                 day = point.line.substr(0, 10);

@@ -26,11 +26,10 @@ page_box around(page_point at) {
 
 std::string length_text(double metres) {
     std::array<char, 32> text{};
-    if (metres < 1000) {
+    if (metres < 1000)
         std::snprintf(text.data(), text.size(), "%g m", metres);
-    } else {
+    else
         std::snprintf(text.data(), text.size(), "%g km", metres / 1000);
-    }
     return text.data();
 }
 
@@ -116,12 +115,10 @@ void write_grid(const page_layout &layout, double square_mm, FILE *out) {
     const auto lines = [square_mm](double length) {
         return static_cast<int>(std::ceil(length / square_mm)) - 1;
     };
-    for (int i = 1; i <= lines(frame.right - frame.left); ++i) {
+    for (int i = 1; i <= lines(frame.right - frame.left); ++i)
         std::fprintf(out, "M%.2f %.2fV%.2f", frame.left + i * square_mm, frame.top, frame.bottom);
-    }
-    for (int i = 1; i <= lines(frame.bottom - frame.top); ++i) {
+    for (int i = 1; i <= lines(frame.bottom - frame.top); ++i)
         std::fprintf(out, "M%.2f %.2fH%.2f", frame.left, frame.bottom - i * square_mm, frame.right);
-    }
     std::fprintf(out,
                  "\"/>\n<rect x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" fill=\"none\" "
                  "stroke=\"%s\" stroke-width=\"0.3\"/>\n",
@@ -167,9 +164,8 @@ summary summarise(const track &all, const page_layout &layout) {
         sum.first = sum.first == nullptr ? &all.points[stretch.front()] : sum.first;
         sum.last = &all.points[stretch.back()];
         sum.positions += stretch.size();
-        for (size_t i = 1; i < stretch.size(); ++i) {
+        for (size_t i = 1; i < stretch.size(); ++i)
             sum.length_m += track_distance_m(all.points[stretch[i - 1]], all.points[stretch[i]]);
-        }
     }
     return sum;
 }
@@ -178,9 +174,8 @@ void write_head(const page_layout &layout, const summary &sum, FILE *out) {
     std::fprintf(out,
                  "<text x=\"%.2f\" y=\"5\" font-size=\"5\" fill=\"%s\">Location history</text>\n",
                  layout.frame.left, INK);
-    if (sum.first == nullptr) {
+    if (sum.first == nullptr)
         return;
-    }
     write_plain(layout.frame.left, 10.5, "start",
                 date_text(*sum.first) + " to " + date_text(*sum.last) +
                     ", local time of the terminal (" + zone_text(*sum.first) + ")",
@@ -194,9 +189,8 @@ void write_head(const page_layout &layout, const summary &sum, FILE *out) {
 }
 
 void write_lines(const page_layout &layout, FILE *out, const track_progress &progress) {
-    for (size_t i = 1; i < layout.lines.size(); ++i) {
+    for (size_t i = 1; i < layout.lines.size(); ++i)
         write_pause_line(layout.lines[i - 1].back(), layout.lines[i].front(), out);
-    }
     for (size_t i = 0; i < layout.lines.size(); ++i) {
         const std::vector<page_point> &line = layout.lines[i];
         // A line without length is drawn as a dot by its round ends.
@@ -223,9 +217,8 @@ void write_pause_texts(const track &all, const page_layout &layout, page_labels 
                               all.points[layout.stretches[i - 1].back()].utc;
         page_text text;
         if (labels.place({(from.x + to.x) / 2, (from.y + to.y) / 2},
-                         pause < 0 ? "clock set back" : "pause " + duration_text(pause), &text)) {
+                         pause < 0 ? "clock set back" : "pause " + duration_text(pause), &text))
             write_text(text, out);
-        }
     }
 }
 
@@ -242,12 +235,10 @@ void write_map(const track &all, const page_layout &layout, const summary &sum, 
     labels.keep_free(around(start));
     labels.keep_free(around(end));
     page_text text;
-    if (labels.place(start, "start " + date_text(*sum.first).substr(11), &text)) {
+    if (labels.place(start, "start " + date_text(*sum.first).substr(11), &text))
         write_text(text, out);
-    }
-    if (labels.place(end, "end " + date_text(*sum.last).substr(11), &text)) {
+    if (labels.place(end, "end " + date_text(*sum.last).substr(11), &text))
         write_text(text, out);
-    }
     write_pause_texts(all, layout, labels, out);
     for (const page_time &time : page_times(all, layout)) {
         if (labels.place(time.at, time.text, &text)) {
@@ -273,10 +264,9 @@ void track_write_svg(const track &all, int64_t gap_s, FILE *out, const track_pro
                  layout.width, layout.height);
     const summary sum = summarise(all, layout);
     write_head(layout, sum, out);
-    if (sum.first == nullptr) {
+    if (sum.first == nullptr)
         write_plain(layout.width / 2, layout.height / 2, "middle", "No positions", out);
-    } else {
+    else
         write_map(all, layout, sum, out, progress);
-    }
     std::fprintf(out, "</svg>\n");
 }

@@ -31,7 +31,8 @@ bool parse_number(std::string_view text, number *value) {
 // Exactly `text.size()` digits.
 bool parse_digits(std::string_view text, int *value) {
     return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+           std::all_of(
+               text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
            parse_number(text, value);
 }
 
@@ -48,9 +49,8 @@ bool parse_day(std::string_view text, tm *local) {
     if (text.size() != 10 || text[4] != '-' || text[7] != '-' ||
         !parse_digits(text.substr(0, 4), &year) || !parse_digits(text.substr(5, 2), &month) ||
         !parse_digits(text.substr(8, 2), &day) || month < 1 || month > 12 || day < 1 ||
-        day > days_in_month(year, month)) {
+        day > days_in_month(year, month))
         return false;
-    }
     local->tm_year = year - 1900;
     local->tm_mon = month - 1;
     local->tm_mday = day;
@@ -66,9 +66,8 @@ bool parse_clock(std::string_view text, tm *local) {
     if ((text.size() != 5 && !seconds) || text[2] != ':' || (seconds && text[5] != ':') ||
         !parse_digits(text.substr(0, 2), &hour) || !parse_digits(text.substr(3, 2), &minute) ||
         (seconds && !parse_digits(text.substr(6, 2), &second)) || hour > 23 || minute > 59 ||
-        second > 60) {
+        second > 60)
         return false;
-    }
     local->tm_hour = hour;
     local->tm_min = minute;
     local->tm_sec = second;
@@ -84,9 +83,8 @@ int64_t to_utc(tm local, int summer_time) {
 // run backwards with it.
 int64_t to_utc_after(const tm &local, int64_t previous) {
     const int64_t guess = to_utc(local, -1);
-    if (guess >= previous && guess < previous + CLOSE_S) {
+    if (guess >= previous && guess < previous + CLOSE_S)
         return guess; // the other reading is an hour away
-    }
     int64_t best = guess;
     for (const int summer_time : {1, 0}) {
         const int64_t reading = to_utc(local, summer_time);
@@ -96,9 +94,8 @@ int64_t to_utc_after(const tm &local, int64_t previous) {
         // The other reading of an unambiguous time shows another hour.
         if (back.tm_hour == local.tm_hour && back.tm_min == local.tm_min) {
             best = reading;
-            if (reading >= previous) {
+            if (reading >= previous)
                 return reading;
-            }
         }
     }
     return best;
@@ -116,15 +113,13 @@ constexpr hemisphere_letters LONGITUDE = {'E', 'W', 'Y', 180};
 
 bool parse_angle(std::string_view field, const hemisphere_letters &letters, double *angle,
                  bool *known) {
-    if (field.size() < 2) {
+    if (field.size() < 2)
         return false;
-    }
     const char letter = field.back();
     double magnitude = 0;
     if (!parse_number(field.substr(0, field.size() - 1), &magnitude) || !std::isfinite(magnitude) ||
-        std::fabs(magnitude) > letters.limit) {
+        std::fabs(magnitude) > letters.limit)
         return false;
-    }
     *known = letter != letters.unknown;
     *angle = letter == letters.negative ? -magnitude : magnitude;
     return letter == letters.positive || letter == letters.negative || !*known;
@@ -132,9 +127,8 @@ bool parse_angle(std::string_view field, const hemisphere_letters &letters, doub
 
 // "+2.25m" or "-1.00m".
 bool parse_accuracy(std::string_view field, double *accuracy) {
-    if (field.size() < 3 || field.back() != 'm' || (field[0] != '+' && field[0] != '-')) {
+    if (field.size() < 3 || field.back() != 'm' || (field[0] != '+' && field[0] != '-'))
         return false;
-    }
     const size_t sign = field[0] == '+' ? 1 : 0; // from_chars takes no plus
     return parse_number(field.substr(sign, field.size() - 1 - sign), accuracy) &&
            std::isfinite(*accuracy);
@@ -144,9 +138,8 @@ bool parse_accuracy(std::string_view field, double *accuracy) {
 bool parse_satellites(std::string_view field, uint32_t *satellites) {
     int count = 0;
     if (field.size() < 2 || field.size() > 4 || !parse_number(field, &count) || count < -128 ||
-        count > 255) {
+        count > 255)
         return false;
-    }
     *satellites = static_cast<uint8_t>(count);
     return true;
 }
@@ -156,13 +149,11 @@ bool parse_satellites(std::string_view field, uint32_t *satellites) {
 bool track_parse_line(std::string_view line, int64_t previous_utc, track_point *point) {
     tm local = {};
     if (line.size() < DATE_SIZE || line[10] != ' ' || !parse_day(line.substr(0, 10), &local) ||
-        !parse_clock(line.substr(11, 8), &local)) {
+        !parse_clock(line.substr(11, 8), &local))
         return false;
-    }
     std::string_view rest = line.substr(DATE_SIZE);
-    if (!take_field(rest).empty()) {
+    if (!take_field(rest).empty())
         return false;
-    }
     track_point read = {};
     read.line = line;
     std::string_view field = take_field(rest);
@@ -175,9 +166,8 @@ bool track_parse_line(std::string_view line, int64_t previous_utc, track_point *
     if (!parse_angle(field, LATITUDE, &read.latitude, &latitude_known) ||
         !parse_angle(take_field(rest), LONGITUDE, &read.longitude, &longitude_known) ||
         !parse_accuracy(take_field(rest), &read.accuracy_m) ||
-        !parse_satellites(rest, &read.satellites)) {
+        !parse_satellites(rest, &read.satellites))
         return false;
-    }
     read.placed = latitude_known && longitude_known && read.fix != track_fix::none;
     read.utc = to_utc_after(local, previous_utc);
     *point = read;
@@ -200,9 +190,8 @@ track track_parse(std::string_view text, const track_range &range, const track_p
             all.points.push_back(point);
         }
         at = end + 1;
-        if (count % PROGRESS_EVERY == 0) {
+        if (count % PROGRESS_EVERY == 0)
             progress(static_cast<double>(at) / static_cast<double>(text.size()));
-        }
     }
     return all;
 }
@@ -214,9 +203,8 @@ std::optional<int64_t> parse_age(std::string_view text, int64_t now) {
     constexpr std::array<int64_t, 4> SECONDS = {1, 60, 3600, 86400};
     const size_t unit = text.empty() ? std::string_view::npos : UNITS.find(text.back());
     uint32_t age = 0;
-    if (unit == std::string_view::npos || !parse_number(text.substr(0, text.size() - 1), &age)) {
+    if (unit == std::string_view::npos || !parse_number(text.substr(0, text.size() - 1), &age))
         return std::nullopt;
-    }
     return now - age * SECONDS.at(unit);
 }
 
@@ -232,23 +220,20 @@ bool track_parse_time(std::string_view text, int64_t now, bool end, int64_t *utc
     localtime_r(&instant, &local);
     local.tm_sec = end ? 59 : 0;
     if (text.size() >= 10) {
-        if (!parse_day(text.substr(0, 10), &local)) {
+        if (!parse_day(text.substr(0, 10), &local))
             return false;
-        }
         if (text.size() == 10) {
             local.tm_hour = end ? 23 : 0;
             local.tm_min = end ? 59 : 0;
             *utc = to_utc(local, -1);
             return true;
         }
-        if (text[10] != ' ' && text[10] != 'T') {
+        if (text[10] != ' ' && text[10] != 'T')
             return false;
-        }
         text.remove_prefix(11);
     }
-    if (!parse_clock(text, &local)) {
+    if (!parse_clock(text, &local))
         return false;
-    }
     *utc = to_utc(local, -1);
     return true;
 }

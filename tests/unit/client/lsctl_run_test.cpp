@@ -80,10 +80,9 @@ TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
 play registering(bytes statuses) {
     return [statuses = std::move(statuses)](const sent_message &m) {
         fake_reply(m.hdr, {1, 0, 0, 0});
-        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
+        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
             for (const uint8_t status : statuses)
                 fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, padded({status}, 80));
-        }
     };
 }
 

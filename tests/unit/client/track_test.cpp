@@ -17,7 +17,8 @@ void set_zone(const char *name) {
 }
 
 track parsed(const std::string &text) {
-    return track_parse(text, {}, [](double) {});
+    return track_parse(
+        text, {}, [](double) {});
 }
 
 TEST(lsctl_track, tells_lines_from_what_is_none) {

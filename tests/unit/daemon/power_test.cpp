@@ -119,10 +119,9 @@ TEST_F(power, a_mode_change_is_announced_to_sal_while_the_modem_is_up) {
     gps_cfun_level_g = 1;
     std::vector<bytes> announced;
     for (const uint8_t mode : {uint8_t{2}, uint8_t{0}, uint8_t{1}}) {
-        for (const fake::sent_message &sent : set_mode(6, mode)) {
+        for (const fake::sent_message &sent : set_mode(6, mode))
             if (sent.hdr.msg_id == 18)
                 announced.push_back(sent.payload);
-        }
     }
     EXPECT_EQ(announced, (std::vector<bytes>{{1, 0}, {0, 0}}));
 }
