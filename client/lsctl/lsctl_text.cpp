@@ -6,6 +6,9 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
 
 namespace {
 
@@ -54,20 +57,15 @@ bool is_listed(const gps_sat_info &info, uint8_t prn) {
 } // namespace
 
 std::string lsctl_format(const char *format, ...) {
+    char *made = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    const int length = vasprintf(&made, format, arguments);
     va_end(arguments);
-    std::string text;
-    if (length > 0) {
-        text.resize(static_cast<size_t>(length) + 1); // with the NUL that vsnprintf writes
-        std::vsnprintf(text.data(), text.size(), format, again);
-        text.pop_back();
-    }
-    va_end(again);
-    return text;
+    if (length < 0)
+        throw std::bad_alloc();
+    const std::unique_ptr<char, decltype(&free)> owned(made, free);
+    return {made, static_cast<size_t>(length)};
 }
 
 std::string lsctl_utc(const gps_time_fields &time) {
