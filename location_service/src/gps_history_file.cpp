@@ -162,8 +162,7 @@ void ls_history_file_close() {
         log_debug("LH: %s, file already closed!\n", __func__);
         return;
     }
-    close(history_fd);
-    history_fd = -1;
+    ls_close(history_fd);
 }
 
 void ls_hal_metadata_default() {

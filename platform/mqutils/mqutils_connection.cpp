@@ -2,7 +2,8 @@
 
 #include "mqutils_connection.h"
 
-#include <unistd.h>
+#include "ls_descriptor.h"
+
 
 #include <array>
 #include <cstring>
@@ -114,13 +115,11 @@ void connection_release(connection &conn) {
     for (;;) {
         if ((word & (OPEN_BIT | REFERENCE_MASK)) == 1U) {
             // Closed and ours alone: nobody can acquire it, nobody reserves it before the store.
-            if (conn.socket >= 0) {
-                close(conn.socket);
-                conn.socket = -1;
+            ls_close(conn.socket);
+            for (std::atomic<int> &sender : conn.senders) {
+                int held = sender.exchange(0, std::memory_order_relaxed) - 1;
+                ls_close(held);
             }
-            for (std::atomic<int> &sender : conn.senders)
-                if (const int held = sender.exchange(0, std::memory_order_relaxed); held != 0)
-                    close(held - 1);
             directory_close(conn.directory);
             conn.word.store(word - 1U, std::memory_order_release);
             return;

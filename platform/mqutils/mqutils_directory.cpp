@@ -248,10 +248,7 @@ int directory_open(bus_directory &directory, const char *path) {
 }
 
 void directory_close(bus_directory &directory) {
-    if (directory.descriptor >= 0) {
-        close(directory.descriptor);
-        directory.descriptor = -1;
-    }
+    ls_close(directory.descriptor);
 }
 
 sockaddr_un directory_address(const bus_directory &directory, uint8_t serv_id) {

@@ -2,6 +2,8 @@
 
 #include "mqutils_log.h"
 
+#include "ls_descriptor.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -72,10 +74,7 @@ bool log_line(log_target &target, const char *format, ...) {
 }
 
 void log_close(log_target &target) {
-    if (target.socket >= 0) {
-        close(target.socket);
-        target.socket = -1;
-    }
+    ls_close(target.socket);
 }
 
 } // namespace mqutils

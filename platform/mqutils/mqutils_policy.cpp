@@ -5,6 +5,8 @@
 
 #include "mqutils_policy.h"
 
+#include "ls_descriptor.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -200,16 +202,14 @@ int policy_read(policy &read, const bus_directory &directory, uint8_t serv_id, l
         return EBADMSG;
     }
     // The directory's owner may be replacing it: what is opened is such a file, too, or nothing.
-    const int file = openat(directory.descriptor, FILE_NAME,
-                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    int error = file < 0 || fstat(file, &status) != 0 ? errno : 0;
+    const ls_descriptor file(openat(directory.descriptor, FILE_NAME,
+                                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    int error = file.fd < 0 || fstat(file.fd, &status) != 0 ? errno : 0;
     if (error == 0) {
         error = status.st_uid == directory.owner && reason_to_doubt(status) == nullptr
-                    ? read_file(read, file, serv_id, log)
+                    ? read_file(read, file.fd, serv_id, log)
                     : EBADMSG;
     }
-    if (file >= 0)
-        close(file);
     if (error != 0) {
         log_line(log, "mqutils: service %u: the policy cannot be read: %s", serv_id,
                  strerrordesc_np(error));

@@ -10,13 +10,13 @@
 #include "mqutils_send.h"
 
 #include "ls_clock.h"
+#include "ls_descriptor.h"
 
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -47,17 +47,10 @@ int sending_socket(connection &conn, uint8_t peer) {
     int held = slot.load();
     if (held != 0)
         return held - 1;
-    const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (opened < 0 || send_prepare(conn, opened) != 0) {
-        if (opened >= 0)
-            close(opened);
+    ls_descriptor opened(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (opened.fd < 0 || send_prepare(conn, opened.fd) != 0)
         return conn.socket;
-    }
-    if (!slot.compare_exchange_strong(held, opened + 1)) {
-        close(opened);
-        return held - 1;
-    }
-    return opened;
+    return slot.compare_exchange_strong(held, opened.fd + 1) ? opened.release() : held - 1;
 }
 
 int attempt(const connection &conn, int socket, const msghdr &message, int flags) {

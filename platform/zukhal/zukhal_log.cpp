@@ -9,6 +9,7 @@
 // gone: the log must not stop or end the program. After such a wait nobody waits for some seconds.
 // What the target has not got is counted, and the count logged as soon as it takes lines again.
 #include "ls_clock.h"
+#include "ls_descriptor.h"
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
@@ -106,13 +107,12 @@ void follow_log_file(unsigned second) {
     if (stat(g_log_file, &path) == 0 && fstat(g_fd, &open_file) == 0 &&
         path.st_ino == open_file.st_ino && path.st_dev == open_file.st_dev)
         return;
-    const int fd = open_log_file();
-    if (fd < 0)
+    const ls_descriptor opened(open_log_file());
+    if (opened.fd < 0)
         return;
     g_regular = false;
-    dup3(fd, g_fd, O_CLOEXEC);
-    g_regular = is_regular(fd);
-    close(fd);
+    dup3(opened.fd, g_fd, O_CLOEXEC);
+    g_regular = is_regular(opened.fd);
 }
 
 bool connect_syslog() {

@@ -81,7 +81,7 @@ int open_timer(uint32_t interval_s) {
 // process holds a copy of the descriptor.
 void disarm(timer &running) {
     epoll_ctl(g_epoll, EPOLL_CTL_DEL, running.fd, nullptr);
-    close(running.fd);
+    ls_close(running.fd);
     running = {};
 }
 
