@@ -9,7 +9,7 @@
 // Usage: position_benchmark [--brief | --line | --buffered]. Prints a table; exit status 1 when
 // something did not run.
 #include "bench_process.h"
-#include "location_client.h"
+#include "location_client.hpp"
 #include "position_buffered.h"
 
 #include <algorithm>
@@ -53,8 +53,8 @@ location_client *open_client() {
         gps_pos_data position = {};
         if (client == nullptr)
             location_client_open(0, &client);
-        if (client != nullptr && location_client_get_position(client, seconds(5), &position) ==
-                                     location_result::answered)
+        if (client != nullptr &&
+            location_client_get_position(client, seconds(5), &position) == LOCATION_ANSWERED)
             return client;
         usleep(100'000);
     }
@@ -72,13 +72,13 @@ constexpr std::array queries = {
           [](location_client *client) {
               gps_pos_data position = {};
               return location_client_get_position(client, seconds(10), &position) ==
-                     location_result::answered;
+                     LOCATION_ANSWERED;
           }},
     query{"1005 satellites",
           [](location_client *client) {
               gps_sat_info info = {};
               return location_client_get_satellites(client, seconds(10), &info) ==
-                     location_result::answered;
+                     LOCATION_ANSWERED;
           }},
 };
 

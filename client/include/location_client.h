@@ -1,171 +1,187 @@
-// Client side of the location service: typed, blocking requests over the terminal's message bus.
+// Client side of the location service: typed requests over the terminal's message bus, for C11 and
+// C++. location_client.hpp adds what C++20 programs are used to: std::chrono, spans, an owner.
 //
 // Threads: every function may be called from any thread, also several at once on one client, except
 // location_client_close, which must be the last call on its client. Nothing here may be called from
 // a signal handler. No exception leaves these functions.
-// Time-outs: from 1 ms to one day. A request may take up to one second more than its time-out,
-// because a full receive queue of the service holds the sender up that long.
+// Time-outs: milliseconds, from 1 to one day. A request may take up to one second more than its
+// time-out, because a full receive queue of the service holds the sender up that long.
 // Records: replies are handed over as the wire records of ls_messages.h. On every result other than
-// location_result::answered a record is all zero unless its function says otherwise.
+// LOCATION_ANSWERED a record is all zero unless its function says otherwise.
 #ifndef LOCATION_CLIENT_H
 #define LOCATION_CLIENT_H
-
-#include <array>
-#include <chrono>
-#include <cstdint>
-#include <span>
-#include <string_view>
 
 #include "ls_messages.h"
 
 #define LOCATION_CLIENT_API __attribute__((visibility("default")))
 
-enum class location_result : uint8_t {
-    answered,         // the service answered: success
-    failed,           // the service answered: failure, or refused
-    receiver_timeout, // the service answered: the receiver was silent
-    gate_closed,      // the service refuses every request: no GNSS on this terminal
-    receiver_off,     // no reply comes while the receiver is switched off
-    receiver_busy,    // no reply in time, though the service is alive and the receiver on
-    no_reply,         // no reply in time
-    no_bus,           // the bus directory is absent
-    bus_denied,       // not permitted: members of terminal-bus are, tools' of terminal-tools, too
-    id_taken,         // another process has the service id
-    ids_exhausted,    // all ids kept for tools are taken
-    no_daemon,        // nobody has the id of the location service
-    bus_full,         // the service does not take messages from its queue
-    bus_error,        // any other failure of the bus
-    bad_reply,        // a reply that is not the record it should be
-    bad_argument,     // nothing was sent
-    cancelled,        // location_client_cancel was called
-    no_memory,
-    bus_locked, // a dead process is in the place of the service id, and its lock is held
+#ifdef __cplusplus
+#define LOCATION_CLIENT_NOEXCEPT noexcept
+extern "C" {
+#else
+#define LOCATION_CLIENT_NOEXCEPT
+#endif
+
+// Values are never changed; later versions add some at the end.
+enum location_result {
+    LOCATION_ANSWERED = 0,         // the service answered: success
+    LOCATION_FAILED = 1,           // the service answered: failure, or refused
+    LOCATION_RECEIVER_TIMEOUT = 2, // the service answered: the receiver was silent
+    LOCATION_GATE_CLOSED = 3,      // the service refuses every request: no GNSS on this terminal
+    LOCATION_RECEIVER_OFF = 4,     // no reply comes while the receiver is switched off
+    LOCATION_RECEIVER_BUSY = 5, // no reply in time, though the service is alive and the receiver on
+    LOCATION_NO_REPLY = 6,      // no reply in time
+    LOCATION_NO_BUS = 7,        // the bus directory is absent
+    LOCATION_BUS_DENIED = 8, // not permitted: members of terminal-bus are, tools' of terminal-tools
+    LOCATION_ID_TAKEN = 9,   // another process has the service id
+    LOCATION_IDS_EXHAUSTED = 10, // all ids kept for tools are taken
+    LOCATION_NO_DAEMON = 11,     // nobody has the id of the location service
+    LOCATION_BUS_FULL = 12,      // the service does not take messages from its queue
+    LOCATION_BUS_ERROR = 13,     // any other failure of the bus
+    LOCATION_BAD_REPLY = 14,     // a reply that is not the record it should be
+    LOCATION_BAD_ARGUMENT = 15,  // nothing was sent
+    LOCATION_CANCELLED = 16,     // location_client_cancel was called
+    LOCATION_NO_MEMORY = 17,     // nor threads, nor descriptors
+    LOCATION_BUS_LOCKED = 18, // a dead process is in the place of the service id, its lock is held
 };
+// Programs and the library must agree on what a function returns.
+static_assert(sizeof(enum location_result) == 4, "compile without -fshort-enums");
 
 // Service ids kept for tools; 0 at opening stands for the first free one.
-constexpr uint8_t LOCATION_CLIENT_TOOL_ID_FIRST = 32;
-constexpr uint8_t LOCATION_CLIENT_TOOL_ID_LAST = 63;
+#define LOCATION_CLIENT_TOOL_ID_FIRST 32
+#define LOCATION_CLIENT_TOOL_ID_LAST 63
 
 // Shortest interval of periodic updates that the service accepts, seconds.
-constexpr uint32_t LOCATION_CLIENT_MIN_INTERVAL_S = 4;
+#define LOCATION_CLIENT_MIN_INTERVAL_S UINT32_C(4)
+
+// Bytes of an answer to a UBX frame that the service hands on; what is behind them is lost.
+#define LOCATION_CLIENT_UBX_ANSWER_SIZE 80
 
 // One connection to the bus.
 struct location_client;
 
 // One sentence without a full stop, in English; never null. Static text.
-LOCATION_CLIENT_API const char *location_client_error_text(location_result result) noexcept;
+LOCATION_CLIENT_API const char *location_client_error_text(enum location_result result)
+    LOCATION_CLIENT_NOEXCEPT;
 
 // Connects as service `serv_id`, or as the first free tool id for 0. The id of the location service
-// itself is a bad argument. On `answered` *client is the new client, to be given back with
+// itself is a bad argument. With LOCATION_ANSWERED *client is the new client, to be given back with
 // location_client_close; otherwise it is null.
-LOCATION_CLIENT_API location_result location_client_open(uint8_t serv_id,
-                                                         location_client **client) noexcept;
+LOCATION_CLIENT_API enum location_result location_client_open(
+    uint8_t serv_id, struct location_client **client) LOCATION_CLIENT_NOEXCEPT;
 
 // Leaves the bus and frees the client; null is ignored. An open registration for periodic updates
 // stays with the service: end it first.
-LOCATION_CLIENT_API void location_client_close(location_client *client) noexcept;
+LOCATION_CLIENT_API void location_client_close(struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
 
-LOCATION_CLIENT_API uint8_t location_client_serv_id(const location_client *client) noexcept;
+LOCATION_CLIENT_API uint8_t location_client_serv_id(const struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
 
-// Power mode that the last `receiver_off` was based on.
-LOCATION_CLIENT_API uint32_t location_client_power_seen(const location_client *client) noexcept;
+// Power mode that the last LOCATION_RECEIVER_OFF was based on.
+LOCATION_CLIENT_API uint32_t location_client_power_seen(const struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
 
-// Ends all waits on this client, and all further ones at once, with `cancelled`, until resumed.
-LOCATION_CLIENT_API void location_client_cancel(location_client *client) noexcept;
-LOCATION_CLIENT_API void location_client_resume(location_client *client) noexcept;
+// Ends all waits on this client, and all further ones at once, with LOCATION_CANCELLED, until
+// resumed.
+LOCATION_CLIENT_API void location_client_cancel(struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
+LOCATION_CLIENT_API void location_client_resume(struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
 
 // Power mode (gps_power_mode) in force.
-LOCATION_CLIENT_API location_result location_client_get_power(location_client *client,
-                                                              std::chrono::milliseconds timeout,
-                                                              uint32_t *mode) noexcept;
+LOCATION_CLIENT_API enum location_result location_client_get_power(
+    struct location_client *client, int64_t timeout_ms, uint32_t *mode) LOCATION_CLIENT_NOEXCEPT;
 
-// Changes the power mode. *in_force, when wanted, is the mode afterwards, on `failed` too, where it
-// is asked with a second request in the time that is left; `no_reply` when that had no answer.
-// While the receiver is off only services 3, 6, 8 and 9 may switch it on; switching off what is off
-// fails, switching on what is on does not.
-LOCATION_CLIENT_API location_result location_client_set_power(location_client *client,
-                                                              std::chrono::milliseconds timeout,
-                                                              uint32_t mode,
-                                                              uint32_t *in_force) noexcept;
+// Changes the power mode. *in_force, when wanted, is the mode afterwards, with LOCATION_FAILED too,
+// where it is asked with a second request in the time that is left; LOCATION_NO_REPLY when that had
+// no answer. While the receiver is off only services 3, 6, 8 and 9 may switch it on; switching off
+// what is off fails, switching on what is on does not.
+LOCATION_CLIENT_API enum location_result location_client_set_power(
+    struct location_client *client, int64_t timeout_ms, uint32_t mode,
+    uint32_t *in_force) LOCATION_CLIENT_NOEXCEPT;
 
 // The queries below, the registration and the engineering commands get no reply while the receiver
 // is off. When a reply is not there after 2 s, the client asks for the power mode too, and ends the
-// wait with `receiver_off` soon after that says so. It does not ask as service 2 (SAL) and 3
+// wait with LOCATION_RECEIVER_OFF soon after that says so. It does not ask as service 2 (SAL) and 3
 // (VoIP), behind whose answers the service may switch the receiver off, nor as service 9, for which
-// it is always on: there, as with a shorter time-out, such a request ends with `no_reply`.
-LOCATION_CLIENT_API location_result location_client_get_position(location_client *client,
-                                                                 std::chrono::milliseconds timeout,
-                                                                 gps_pos_data *position) noexcept;
-LOCATION_CLIENT_API location_result location_client_get_time(location_client *client,
-                                                             std::chrono::milliseconds timeout,
-                                                             gps_time_fields *utc,
-                                                             uint32_t *time_of_week) noexcept;
-LOCATION_CLIENT_API location_result location_client_get_satellites(
-    location_client *client, std::chrono::milliseconds timeout, gps_sat_info *info) noexcept;
-LOCATION_CLIENT_API location_result location_client_get_speed(location_client *client,
-                                                              std::chrono::milliseconds timeout,
-                                                              gps_speed_data *speed) noexcept;
+// it is always on: there, as with a shorter time-out, such a request ends with LOCATION_NO_REPLY.
+LOCATION_CLIENT_API enum location_result location_client_get_position(
+    struct location_client *client, int64_t timeout_ms,
+    struct gps_pos_data *position) LOCATION_CLIENT_NOEXCEPT;
+LOCATION_CLIENT_API enum location_result location_client_get_time(
+    struct location_client *client, int64_t timeout_ms, struct gps_time_fields *utc,
+    uint32_t *time_of_week) LOCATION_CLIENT_NOEXCEPT;
+LOCATION_CLIENT_API enum location_result location_client_get_satellites(
+    struct location_client *client, int64_t timeout_ms,
+    struct gps_sat_info *info) LOCATION_CLIENT_NOEXCEPT;
+LOCATION_CLIENT_API enum location_result location_client_get_speed(
+    struct location_client *client, int64_t timeout_ms,
+    struct gps_speed_data *speed) LOCATION_CLIENT_NOEXCEPT;
 
-// The receiver's raw answer to an engineering command, zero-filled. All zero with `answered` means
-// that the receiver said nothing: the service reports its time-out as success here.
-using location_client_answer = std::array<uint8_t, LS_ENGG_ANSWER_SIZE>;
+// `answer`, LS_ENGG_ANSWER_SIZE bytes, is the receiver's raw answer to an engineering command,
+// zero-filled. All zero with LOCATION_ANSWERED means that the receiver said nothing: the service
+// reports its time-out as success here.
 
 // `body`: NMEA sentence without $, * and checksum, 1 to 79 printable ASCII characters.
-LOCATION_CLIENT_API location_result
-location_client_exec_nmea(location_client *client, std::chrono::milliseconds timeout,
-                          std::string_view body, location_client_answer *answer) noexcept;
+LOCATION_CLIENT_API enum location_result location_client_exec_nmea(
+    struct location_client *client, int64_t timeout_ms, const char *body,
+    uint8_t *answer) LOCATION_CLIENT_NOEXCEPT;
 
-// `frame`: a whole UBX frame from its sync bytes to its two checksum bytes, whose values do not
-// matter (the service sets them). Its text form, see location_client_ubx_text, must fit. The answer
-// holds 80 bytes at most.
-LOCATION_CLIENT_API location_result
-location_client_exec_ubx(location_client *client, std::chrono::milliseconds timeout,
-                         std::span<const uint8_t> frame, location_client_answer *answer) noexcept;
-
-// Bytes of an answer to a UBX frame that the service hands on; what is behind them is lost.
-constexpr size_t LOCATION_CLIENT_UBX_ANSWER_SIZE = 80;
+// `frame`: a whole UBX frame of `size` bytes from its sync bytes to its two checksum bytes, whose
+// values do not matter (the service sets them). Its text form, see location_client_ubx_text, must
+// fit. The answer holds LOCATION_CLIENT_UBX_ANSWER_SIZE bytes at most.
+LOCATION_CLIENT_API enum location_result location_client_exec_ubx(
+    struct location_client *client, int64_t timeout_ms, const uint8_t *frame, size_t size,
+    uint8_t *answer) LOCATION_CLIENT_NOEXCEPT;
 
 // The text in which a frame travels: hexadecimal bytes between commas, two digits each, or as few
-// as possible when it would not fit otherwise. Returns its length, at most 79; 0 = does not fit.
-LOCATION_CLIENT_API size_t location_client_ubx_text(
-    std::span<const uint8_t> frame, std::array<char, LS_ENGG_CMD_SIZE> *text) noexcept;
+// as possible when it would not fit otherwise. `text` has LS_ENGG_CMD_SIZE bytes. Returns its
+// length, at most 79; 0 = does not fit.
+LOCATION_CLIENT_API size_t location_client_ubx_text(const uint8_t *frame, size_t size,
+                                                    char *text) LOCATION_CLIENT_NOEXCEPT;
 
-// Has the location history exported. The reply is filled with `failed` too, when it came: its
-// status tells the reason; its path is NUL-terminated.
-LOCATION_CLIENT_API location_result
-location_client_get_history_path(location_client *client, std::chrono::milliseconds timeout,
-                                 ls_history_path_reply *reply) noexcept;
+// Has the location history exported. The reply is filled with LOCATION_FAILED too, when it came:
+// its status tells the reason; its path is NUL-terminated.
+LOCATION_CLIENT_API enum location_result location_client_get_history_path(
+    struct location_client *client, int64_t timeout_ms,
+    struct ls_history_path_reply *reply) LOCATION_CLIENT_NOEXCEPT;
 
 // Tells the service that the history settings in the settings database have changed. It says
-// nothing back: `answered` means that the service has the message.
-LOCATION_CLIENT_API location_result
-location_client_notify_history_settings(location_client *client) noexcept;
+// nothing back: LOCATION_ANSWERED means that the service has the message.
+LOCATION_CLIENT_API enum location_result location_client_notify_history_settings(
+    struct location_client *client) LOCATION_CLIENT_NOEXCEPT;
 
 // Asks, as SAL, for the LPP location parameters; a bad argument from any other service id. The
 // service tries three times and says nothing when it fails.
-LOCATION_CLIENT_API location_result location_client_get_lpp(location_client *client,
-                                                            std::chrono::milliseconds timeout,
-                                                            gps_lpp_location *lpp) noexcept;
+LOCATION_CLIENT_API enum location_result location_client_get_lpp(
+    struct location_client *client, int64_t timeout_ms,
+    struct gps_lpp_location *lpp) LOCATION_CLIENT_NOEXCEPT;
 
 // Registers for `num_updates` (1 or more) position updates, one at once and then one every
-// `interval_s` seconds (4 or more). `failed`: this service id is registered already, or three
-// others are.
-LOCATION_CLIENT_API location_result
-location_client_register_periodic(location_client *client, std::chrono::milliseconds timeout,
-                                  uint32_t num_updates, uint32_t interval_s) noexcept;
+// `interval_s` seconds (4 or more). LOCATION_FAILED: this service id is registered already, or
+// three others are.
+LOCATION_CLIENT_API enum location_result location_client_register_periodic(
+    struct location_client *client, int64_t timeout_ms, uint32_t num_updates,
+    uint32_t interval_s) LOCATION_CLIENT_NOEXCEPT;
 
-// Ends the registration. `failed`: there was none. Served while the receiver is off as well.
-LOCATION_CLIENT_API location_result location_client_unregister_periodic(
-    location_client *client, std::chrono::milliseconds timeout) noexcept;
+// Ends the registration. LOCATION_FAILED: there was none. Served while the receiver is off as well.
+LOCATION_CLIENT_API enum location_result location_client_unregister_periodic(
+    struct location_client *client, int64_t timeout_ms) LOCATION_CLIENT_NOEXCEPT;
 
-// Waits for the next position update and takes it from the queue. With `answered` the update's own
-// status is still to be looked at. The queue holds 64; a newer update pushes out the oldest.
-// A time-out of 0 only looks.
-LOCATION_CLIENT_API location_result location_client_next_update(location_client *client,
-                                                                std::chrono::milliseconds timeout,
-                                                                ls_position_reply *update) noexcept;
+// Waits for the next position update and takes it from the queue. With LOCATION_ANSWERED the
+// update's own status is still to be looked at. The queue holds 64; a newer update pushes out the
+// oldest. A time-out of 0 only looks.
+LOCATION_CLIENT_API enum location_result location_client_next_update(
+    struct location_client *client, int64_t timeout_ms,
+    struct ls_position_reply *update) LOCATION_CLIENT_NOEXCEPT;
 
 // Updates pushed out of the queue, or dropped for their wrong size, since opening.
-LOCATION_CLIENT_API uint32_t location_client_lost_updates(const location_client *client) noexcept;
+LOCATION_CLIENT_API uint32_t location_client_lost_updates(const struct location_client *client)
+    LOCATION_CLIENT_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -13,7 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "location_client.h"
+#include "location_client.hpp"
 
 namespace CLI {
 class App;
@@ -61,7 +61,7 @@ int lsctl_run(int argc, const char *const *argv) noexcept;
 
 struct lsctl_link {
     location_client *client = nullptr;
-    location_result result = location_result::bad_argument; // of the opening
+    location_result result = LOCATION_BAD_ARGUMENT; // of the opening
     explicit lsctl_link(uint32_t serv_id);
     ~lsctl_link();
     lsctl_link(const lsctl_link &) = delete;

@@ -63,16 +63,16 @@ std::optional<int> exchange_failed(const lsctl_options &options, const std::stri
                                                            location_client_answer *) noexcept,
                                    const Command &command, location_client_answer &answer) {
     if (!problem.empty())
-        return lsctl_fail(options, location_result::bad_argument, problem);
+        return lsctl_fail(options, LOCATION_BAD_ARGUMENT, problem);
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered)
+    if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     const location_result result = exec(link.client, lsctl_timeout(options), command, &answer);
-    if (result == location_result::failed) {
+    if (result == LOCATION_FAILED) {
         return lsctl_fail(options, result,
                           "the location service could not exchange this with the receiver");
     }
-    if (result != location_result::answered)
+    if (result != LOCATION_ANSWERED)
         return lsctl_fail(options, result, link.client);
     return std::nullopt;
 }
@@ -80,7 +80,7 @@ std::optional<int> exchange_failed(const lsctl_options &options, const std::stri
 int show_silence(const lsctl_options &options, bool expected, const lsctl_json &object) {
     if (!expected)
         return lsctl_show(options, object, "sent; the receiver does not answer this command\n");
-    return lsctl_fail(options, location_result::receiver_timeout, SILENT_NOTE);
+    return lsctl_fail(options, LOCATION_RECEIVER_TIMEOUT, SILENT_NOTE);
 }
 
 } // namespace

@@ -69,25 +69,25 @@ int history_command::have_exported(const lsctl_options &options, std::string *pa
         return LSCTL_OK;
     }
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered)
+    if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     ls_history_path_reply reply{};
     const location_result result =
         location_client_get_history_path(link.client, lsctl_timeout(options), &reply);
-    *incomplete = result == location_result::failed && reply.status == 255;
-    if (result == location_result::failed && !*incomplete) {
+    *incomplete = result == LOCATION_FAILED && reply.status == 255;
+    if (result == LOCATION_FAILED && !*incomplete) {
         return lsctl_fail(options, result,
                           "the location service could not export its history: there is none yet, "
                           "its file is damaged, or its disk is full; the service's log says which");
     }
-    if (result != location_result::answered && !*incomplete)
+    if (result != LOCATION_ANSWERED && !*incomplete)
         return lsctl_fail(options, result, link.client);
     *path = root + reply.path;
     return LSCTL_OK;
 }
 
 int fail(const lsctl_options &options, const std::string &sentence) {
-    return lsctl_fail(options, location_result::failed, sentence);
+    return lsctl_fail(options, LOCATION_FAILED, sentence);
 }
 
 track_range history_command::wanted_range() const {
@@ -164,7 +164,7 @@ int history_command::run(const lsctl_options &options) const {
     const auto ended = [] { return lsctl_signals_last() != 0; };
     if (const std::string error = history_read(path, lsctl_timeout(options), ended, &text);
         !error.empty()) {
-        return ended() ? lsctl_exit_of(location_result::cancelled)
+        return ended() ? lsctl_exit_of(LOCATION_CANCELLED)
                        : fail(options, "the exported history cannot be read: " + error +
                                            (root.empty() && input.empty()
                                                 ? "; for a simulated terminal give --root DIR"

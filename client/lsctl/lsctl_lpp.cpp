@@ -74,28 +74,28 @@ namespace {
 
 int run_lpp(const lsctl_options &options) {
     if (options.as != 0 && options.as != LS_SERV_SAL) {
-        return lsctl_fail(options, location_result::bad_argument,
+        return lsctl_fail(options, LOCATION_BAD_ARGUMENT,
                           "LPP parameters go to service 2 (SAL) only: leave --as out");
     }
     lsctl_options as_sal = options;
     as_sal.as = LS_SERV_SAL;
     const lsctl_link link(as_sal.as);
-    if (link.result != location_result::answered) {
+    if (link.result != LOCATION_ANSWERED) {
         return lsctl_fail(as_sal, link.result,
-                          link.result == location_result::id_taken
+                          link.result == LOCATION_ID_TAKEN
                               ? "service 2 (SAL) is running; only it can ask for LPP parameters"
                               : lsctl_sentence(as_sal, link.result));
     }
     gps_lpp_location lpp{};
     const location_result result =
         location_client_get_lpp(link.client, lsctl_timeout(as_sal), &lpp);
-    if (result == location_result::no_reply) {
+    if (result == LOCATION_NO_REPLY) {
         return lsctl_fail(as_sal, result,
                           lsctl_sentence(as_sal, result, link.client) +
                               " (it says nothing without a fix)");
     }
-    return result == location_result::answered ? lsctl_show(as_sal, lpp_json(lpp), lpp_text(lpp))
-                                               : lsctl_fail(as_sal, result, link.client);
+    return result == LOCATION_ANSWERED ? lsctl_show(as_sal, lpp_json(lpp), lpp_text(lpp))
+                                       : lsctl_fail(as_sal, result, link.client);
 }
 
 } // namespace

@@ -39,7 +39,7 @@ constexpr std::array<outcome, 19> OUTCOMES = {{
     {"no_memory", LSCTL_NO_ANSWER, ""},
     {"bus_locked", LSCTL_NO_ANSWER, "; choose another id with --as"},
 }};
-static_assert(OUTCOMES.size() == static_cast<size_t>(location_result::bus_locked) + 1);
+static_assert(OUTCOMES.size() == static_cast<size_t>(LOCATION_BUS_LOCKED) + 1);
 
 const outcome &outcome_of(location_result result) {
     return OUTCOMES.at(static_cast<size_t>(result));
@@ -70,7 +70,7 @@ const char *lsctl_result_name(location_result result) {
 }
 
 int lsctl_exit_of(location_result result) {
-    if (result == location_result::cancelled && lsctl_signals_last() != 0)
+    if (result == LOCATION_CANCELLED && lsctl_signals_last() != 0)
         return LSCTL_SIGNAL + lsctl_signals_last();
     return outcome_of(result).exit_status;
 }
@@ -79,7 +79,7 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result,
                            const location_client *client) {
     std::string sentence = location_client_error_text(result);
     switch (result) {
-    case location_result::no_reply:
+    case LOCATION_NO_REPLY:
         sentence += lsctl_format(" (%g s)", options.timeout_s);
         if (options.as == LS_SERV_SAL || options.as == LS_SERV_VOIP) {
             sentence += lsctl_format("; the receiver may be switched off, which lsctl does not ask "
@@ -87,14 +87,14 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result,
                                      options.as);
         }
         break;
-    case location_result::receiver_off:
+    case LOCATION_RECEIVER_OFF:
         if (client != nullptr)
             sentence += lsctl_format(" (power mode %u)", location_client_power_seen(client));
         break;
-    case location_result::receiver_busy:
+    case LOCATION_RECEIVER_BUSY:
         sentence += lsctl_format(" (%g s)", options.timeout_s);
         break;
-    case location_result::id_taken:
+    case LOCATION_ID_TAKEN:
         sentence += lsctl_format(" (%u)", options.as);
         break;
     default:
@@ -109,7 +109,7 @@ int lsctl_fail(const lsctl_options &options, location_result result,
 }
 
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence) {
-    if (result == location_result::cancelled && lsctl_signals_last() != 0)
+    if (result == LOCATION_CANCELLED && lsctl_signals_last() != 0)
         return lsctl_exit_of(result); // whoever sent the signal knows
     if (options.json)
         lsctl_print_json({{"error", lsctl_result_name(result)}, {"text", sentence}});

@@ -46,26 +46,26 @@ void power_command::add_options(CLI::App &app) {
 
 int power_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered)
+    if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     uint32_t in_force = 0;
     if (wanted.empty()) {
         const location_result result =
             location_client_get_power(link.client, lsctl_timeout(options), &in_force);
-        return result == location_result::answered ? show_mode(options, in_force)
-                                                   : lsctl_fail(options, result, link.client);
+        return result == LOCATION_ANSWERED ? show_mode(options, in_force)
+                                           : lsctl_fail(options, result, link.client);
     }
     const uint32_t mode = wanted == "on"    ? GPS_POWER_ON
                           : wanted == "off" ? GPS_POWER_OFF
                                             : static_cast<uint32_t>(wanted[0] - '0');
     const location_result result =
         location_client_set_power(link.client, lsctl_timeout(options), mode, &in_force);
-    if (result == location_result::failed) {
+    if (result == LOCATION_FAILED) {
         return lsctl_fail(options, result,
                           why_refused(mode, in_force, location_client_serv_id(link.client)));
     }
-    return result == location_result::answered ? show_mode(options, in_force)
-                                               : lsctl_fail(options, result, link.client);
+    return result == LOCATION_ANSWERED ? show_mode(options, in_force)
+                                       : lsctl_fail(options, result, link.client);
 }
 
 } // namespace

@@ -7,10 +7,10 @@ namespace {
 template <class ask_fn, class show_fn>
 int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered)
+    if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     const location_result result = ask(link.client, lsctl_timeout(options));
-    return result == location_result::answered ? show() : lsctl_fail(options, result, link.client);
+    return result == LOCATION_ANSWERED ? show() : lsctl_fail(options, result, link.client);
 }
 
 int run_position(const lsctl_options &options) {

@@ -96,7 +96,7 @@ location_result lsctl_ask_receiver(location_client *client, std::chrono::millise
                                    lsctl_heard &heard) {
     location_client_answer answer{};
     const location_result result = location_client_exec_nmea(client, timeout, body, &answer);
-    if (result == location_result::answered)
+    if (result == LOCATION_ANSWERED)
         heard = lsctl_judge_nmea(answer, wanted);
     return result;
 }

@@ -60,7 +60,7 @@ int database_failure(const lsctl_options &options, const char *what) {
     const std::string name = admin().file != nullptr
                                  ? lsctl_format("settings database %s", admin().file())
                                  : std::string("settings database");
-    return lsctl_fail(options, location_result::failed,
+    return lsctl_fail(options, LOCATION_FAILED,
                       lsctl_format("the %s cannot be %s", name.c_str(), what));
 }
 
@@ -111,7 +111,7 @@ int settings_command::store_and_read(const lsctl_options &options, db_settings *
             return database_failure(options, "written");
     } else if (members != 0) {
         if (admin().change == nullptr) {
-            return lsctl_fail(options, location_result::failed,
+            return lsctl_fail(options, LOCATION_FAILED,
                               "nothing is stored: this terminal has no libdbhandler_admin.so, and "
                               "its libdbhandler stores the receiver's --power-status only");
         }
@@ -121,7 +121,7 @@ int settings_command::store_and_read(const lsctl_options &options, db_settings *
     if (!read_settings(stored))
         return database_failure(options, "read");
     if (!holds(*stored, members, wanted)) {
-        return lsctl_fail(options, location_result::failed,
+        return lsctl_fail(options, LOCATION_FAILED,
                           lsctl_format("stored in %s, but this terminal's libdbhandler reads "
                                        "something else: it is another one that keeps its settings "
                                        "elsewhere, or somebody changed them again",
@@ -154,24 +154,23 @@ int show(const lsctl_options &options, const db_settings &stored) {
 // Tells the service as WS, or under another id where WS is running.
 location_result notify(const lsctl_options &options) {
     const lsctl_link as_ws(options.as != 0 ? options.as : uint32_t{LS_SERV_WS});
-    if (options.as == 0 && as_ws.result == location_result::id_taken) {
+    if (options.as == 0 && as_ws.result == LOCATION_ID_TAKEN) {
         const lsctl_link as_tool(0);
-        return as_tool.result == location_result::answered
+        return as_tool.result == LOCATION_ANSWERED
                    ? location_client_notify_history_settings(as_tool.client)
                    : as_tool.result;
     }
-    return as_ws.result == location_result::answered
-               ? location_client_notify_history_settings(as_ws.client)
-               : as_ws.result;
+    return as_ws.result == LOCATION_ANSWERED ? location_client_notify_history_settings(as_ws.client)
+                                             : as_ws.result;
 }
 
 int tell_the_service(const lsctl_options &options) {
     const location_result result = notify(options);
     switch (result) {
-    case location_result::answered:
+    case LOCATION_ANSWERED:
         return LSCTL_OK;
-    case location_result::no_daemon:
-    case location_result::no_bus:
+    case LOCATION_NO_DAEMON:
+    case LOCATION_NO_BUS:
         lsctl_complain("settings stored; the location service is not running and takes them up at "
                        "its next start");
         return LSCTL_OK;

@@ -41,9 +41,9 @@ std::string interval_problem(const std::string &text) {
 }
 
 location_result status_result(uint32_t status) {
-    return status == LS_STATUS_OK               ? location_result::answered
-           : status == LS_STATUS_PASSED_THROUGH ? location_result::receiver_timeout
-                                                : location_result::failed;
+    return status == LS_STATUS_OK               ? LOCATION_ANSWERED
+           : status == LS_STATUS_PASSED_THROUGH ? LOCATION_RECEIVER_TIMEOUT
+                                                : LOCATION_FAILED;
 }
 
 // False: stdout takes no more.
@@ -51,13 +51,13 @@ bool show_update(const lsctl_options &options, const ls_position_reply &update) 
     const location_result result = status_result(update.status);
     if (options.json) {
         lsctl_json object = {{"status", lsctl_result_name(result)}};
-        if (result == location_result::answered)
+        if (result == LOCATION_ANSWERED)
             object.update(lsctl_position_json(update.pos));
         return lsctl_print(object.dump() + "\n");
     }
-    if (result == location_result::answered)
+    if (result == LOCATION_ANSWERED)
         return lsctl_print(lsctl_position_line(update.pos) + "\n");
-    return lsctl_print(result == location_result::receiver_timeout
+    return lsctl_print(result == LOCATION_RECEIVER_TIMEOUT
                            ? "no position: the receiver did not answer in time\n"
                            : "no position: the receiver has no fix, or its answer was not valid\n");
 }
@@ -79,7 +79,7 @@ location_result register_first(const lsctl_options &options, location_client *cl
                                                  interval_of(plan));
     };
     location_result result = ask();
-    if (result != location_result::failed)
+    if (result != LOCATION_FAILED)
         return result;
     const uint8_t id = location_client_serv_id(client);
     if (!is_tool_id(id)) {
@@ -89,13 +89,11 @@ location_result register_first(const lsctl_options &options, location_client *cl
         return result;
     }
     why = "the registration was refused: three other services are registered already";
-    if (location_client_unregister_periodic(client, lsctl_timeout(options)) ==
-        location_result::answered) {
+    if (location_client_unregister_periodic(client, lsctl_timeout(options)) == LOCATION_ANSWERED) {
         lsctl_complain(lsctl_format("replaced a registration left behind as service %u", id));
         // What that registration sent so far is not part of this watch.
         ls_position_reply stale;
-        while (location_client_next_update(client, milliseconds(0), &stale) ==
-               location_result::answered) {
+        while (location_client_next_update(client, milliseconds(0), &stale) == LOCATION_ANSWERED) {
         }
         result = ask();
     }
@@ -108,7 +106,7 @@ void unregister(location_client *client, const watch_plan &plan) {
         return;
     location_client_resume(client);
     const location_result result = location_client_unregister_periodic(client, UNREGISTER_TIMEOUT);
-    if (result != location_result::answered && result != location_result::failed)
+    if (result != LOCATION_ANSWERED && result != LOCATION_FAILED)
         lsctl_complain(std::string("not unregistered: ") + location_client_error_text(result));
 }
 
@@ -123,15 +121,14 @@ bool try_register(const lsctl_options &options, location_client *client, watch_p
         first ? register_first(options, client, plan, why)
               : location_client_register_periodic(client, patience, watch_wanted(plan),
                                                   interval_of(plan));
-    if (result == location_result::cancelled) {
+    if (result == LOCATION_CANCELLED) {
         // It may have been taken; unregistering what is not there does no harm.
         plan.owed = std::max(plan.owed, 1U);
         return true;
     }
     if (why.empty()) {
-        why = result == location_result::failed
-                  ? "the service has no free place for this registration"
-                  : lsctl_sentence(options, result, client);
+        why = result == LOCATION_FAILED ? "the service has no free place for this registration"
+                                        : lsctl_sentence(options, result, client);
     }
     switch (watch_on_registration(plan, result, watch_clock::now())) {
     case watch_verdict::give_up:
@@ -155,7 +152,7 @@ void take_updates(const lsctl_options &options, location_client *client, watch_p
     const milliseconds timeout =
         std::clamp<milliseconds>(until_wake, milliseconds(1), std::chrono::hours(1));
     ls_position_reply update;
-    if (location_client_next_update(client, timeout, &update) != location_result::answered)
+    if (location_client_next_update(client, timeout, &update) != LOCATION_ANSWERED)
         return;
     if (watch_on_update(plan, watch_clock::now()))
         lsctl_complain("updates come again");
@@ -210,7 +207,7 @@ void watch_command::add_options(CLI::App &app) {
 
 int watch_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
-    if (link.result != location_result::answered)
+    if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     watch_plan plan = watch_start(seconds(interval_s), count, reconnect, watch_clock::now());
     const int status = watch(options, link.client, plan);

@@ -44,7 +44,7 @@ watch_step watch_next(watch_plan &plan, watch_clock::time_point now) {
         plan.said_silent = true;
         if (!plan.reconnect)
             return watch_step::give_up;
-        if (plan.told == location_result::answered)
+        if (plan.told == LOCATION_ANSWERED)
             return watch_step::say_silent;
         // Why nothing comes has been said already.
     }
@@ -67,21 +67,21 @@ uint32_t watch_wanted(const watch_plan &plan) {
 watch_verdict watch_on_registration(watch_plan &plan, location_result result,
                                     watch_clock::time_point now) {
     const watch_phase before = plan.phase;
-    if (result == location_result::answered) {
-        const bool again = before == watch_phase::running || plan.said_silent ||
-                           plan.told != location_result::answered;
+    if (result == LOCATION_ANSWERED) {
+        const bool again =
+            before == watch_phase::running || plan.said_silent || plan.told != LOCATION_ANSWERED;
         plan.owed = watch_wanted(plan);
         plan.phase = watch_phase::running;
         plan.said_silent = false;
-        plan.told = location_result::answered;
+        plan.told = LOCATION_ANSWERED;
         plan.heard = now;
         plan.next_try = now + plan.interval + SLACK;
         return again ? watch_verdict::say_again : watch_verdict::go_on;
     }
     if (before == watch_phase::starting || !plan.reconnect)
         return watch_verdict::give_up;
-    plan.next_try = now + (result == location_result::no_daemon ? ABSENT_RETRY : plan.interval);
-    if (result == location_result::failed && before == watch_phase::running)
+    plan.next_try = now + (result == LOCATION_NO_DAEMON ? ABSENT_RETRY : plan.interval);
+    if (result == LOCATION_FAILED && before == watch_phase::running)
         return watch_verdict::go_on; // it stands: the update is only late
     if (result == plan.told)
         return watch_verdict::go_on;
@@ -92,7 +92,7 @@ watch_verdict watch_on_registration(watch_plan &plan, location_result result,
 bool watch_on_update(watch_plan &plan, watch_clock::time_point now) {
     const bool after_silence = plan.said_silent;
     plan.said_silent = false;
-    plan.told = location_result::answered;
+    plan.told = LOCATION_ANSWERED;
     plan.heard = now;
     plan.next_try = now + plan.interval + SLACK;
     if (!plan.endless && plan.remaining != 0)

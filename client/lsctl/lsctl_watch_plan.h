@@ -13,7 +13,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "location_client.h"
+#include "location_client.hpp"
 
 using watch_clock = std::chrono::steady_clock;
 
@@ -32,9 +32,9 @@ struct watch_plan {
     watch_phase phase = watch_phase::starting;
     uint32_t owed = 0; // updates that the registration is still good for
     bool said_silent = false;
-    location_result told = location_result::answered; // trouble that was already told
-    watch_clock::time_point heard;                    // last update or registration
-    watch_clock::time_point next_try;                 // of a registration
+    location_result told = LOCATION_ANSWERED; // trouble that was already told
+    watch_clock::time_point heard;            // last update or registration
+    watch_clock::time_point next_try;         // of a registration
 };
 
 enum class watch_step : uint8_t {

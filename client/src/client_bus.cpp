@@ -18,16 +18,15 @@ struct errno_result {
 };
 
 constexpr errno_result INIT_RESULTS[] = {
-    {ENOENT, location_result::no_bus},       {ENOTDIR, location_result::no_bus},
-    {EADDRINUSE, location_result::id_taken}, {EACCES, location_result::bus_denied},
-    {EPERM, location_result::bus_denied},    {EBUSY, location_result::bus_locked},
+    {ENOENT, LOCATION_NO_BUS},     {ENOTDIR, LOCATION_NO_BUS},   {EADDRINUSE, LOCATION_ID_TAKEN},
+    {EACCES, LOCATION_BUS_DENIED}, {EPERM, LOCATION_BUS_DENIED}, {EBUSY, LOCATION_BUS_LOCKED},
 };
 
 constexpr errno_result SEND_RESULTS[] = {
-    {ENOENT, location_result::no_daemon}, {ECONNREFUSED, location_result::no_daemon},
-    {EAGAIN, location_result::bus_full},  {ETIMEDOUT, location_result::bus_full},
-    {ENOBUFS, location_result::bus_full}, {EACCES, location_result::bus_denied},
-    {EPERM, location_result::bus_denied},
+    {ENOENT, LOCATION_NO_DAEMON}, {ECONNREFUSED, LOCATION_NO_DAEMON},
+    {EAGAIN, LOCATION_BUS_FULL},  {ETIMEDOUT, LOCATION_BUS_FULL},
+    {ENOBUFS, LOCATION_BUS_FULL}, {EACCES, LOCATION_BUS_DENIED},
+    {EPERM, LOCATION_BUS_DENIED},
 };
 
 // A bus library may wait for something at each id; 32 times in vain is too long.
@@ -36,7 +35,7 @@ constexpr std::chrono::seconds TOOL_ID_SEARCH{5};
 location_result result_of_errno(std::span<const errno_result> table, int code) {
     const auto found = std::find_if(table.begin(), table.end(),
                                     [code](const errno_result &row) { return row.code == code; });
-    return found == table.end() ? location_result::bus_error : found->result;
+    return found == table.end() ? LOCATION_BUS_ERROR : found->result;
 }
 
 // The bus library wants its record zeroed before each attempt.
@@ -46,7 +45,7 @@ location_result connect_as(location_client &client, uint8_t serv_id) {
     client.serv_id = serv_id;
     errno = 0;
     if (scm_conn_init(&client.link.conn, serv_id) == 0)
-        return location_result::answered;
+        return LOCATION_ANSWERED;
     return result_of_errno(INIT_RESULTS, errno);
 }
 
@@ -54,22 +53,22 @@ location_result connect_as(location_client &client, uint8_t serv_id) {
 location_result connect_as_tool(location_client &client) {
     const client_clock::time_point last_try = client_clock::now() + TOOL_ID_SEARCH;
     bool taken = false;
-    location_result result = location_result::ids_exhausted;
+    location_result result = LOCATION_IDS_EXHAUSTED;
     for (uint8_t id = LOCATION_CLIENT_TOOL_ID_FIRST;
          id <= LOCATION_CLIENT_TOOL_ID_LAST && client_clock::now() < last_try; ++id) {
         result = connect_as(client, id);
-        if (result == location_result::answered)
+        if (result == LOCATION_ANSWERED)
             return result;
-        taken = taken || result == location_result::id_taken;
+        taken = taken || result == LOCATION_ID_TAKEN;
     }
-    return taken ? location_result::ids_exhausted : result;
+    return taken ? LOCATION_IDS_EXHAUSTED : result;
 }
 
 location_result send_filled(location_client &client, const msg_hdr &hdr,
                             std::span<const uint8_t> payload) {
     errno = 0;
     if (send_msg(&client.link.conn, &hdr, payload.empty() ? nullptr : payload.data()) != -1)
-        return location_result::answered;
+        return LOCATION_ANSWERED;
     return result_of_errno(SEND_RESULTS, errno);
 }
 
@@ -87,17 +86,25 @@ bool is_of_command(const client_waiter &waiter, const bus_msg &msg) {
                0;
 }
 
-void take_response(location_client &client, const bus_msg &msg) {
+bool is_for(const client_waiter &waiter, const bus_msg &msg) {
+    if (waiter.done || waiter.msg_type != msg.hdr.msg_type || waiter.msg_id != msg.hdr.msg_id)
+        return false;
+    return waiter.msg_type != LS_MSG_RESPONSE ||
+           (waiter.txn_id == msg.hdr.txn_id && is_of_command(waiter, msg));
+}
+
+// A response is of one request; the LPP record answers all who asked before it.
+void take_awaited(location_client &client, const bus_msg &msg) {
+    const size_t size = payload_size(msg);
     for (client_waiter *waiter = client.waiters; waiter != nullptr; waiter = waiter->next) {
-        if (waiter->txn_id != msg.hdr.txn_id || waiter->msg_id != msg.hdr.msg_id || waiter->done ||
-            !is_of_command(*waiter, msg))
+        if (!is_for(*waiter, msg))
             continue;
-        const size_t size = payload_size(msg);
         waiter->size = static_cast<uint32_t>(size);
         if (size != 0)
             std::memcpy(waiter->data.data(), msg.pld, std::min(size, waiter->data.size()));
         waiter->done = true;
-        return;
+        if (msg.hdr.msg_type == LS_MSG_RESPONSE)
+            return;
     }
 }
 
@@ -116,11 +123,9 @@ void take_update(location_client &client, const bus_msg &msg) {
     ++client.num_updates;
 }
 
-void take_lpp(location_client &client, const bus_msg &msg) {
-    if (payload_size(msg) == sizeof(gps_lpp_location)) {
-        std::memcpy(&client.lpp, msg.pld, sizeof(gps_lpp_location));
-        ++client.lpp_count;
-    }
+bool is_lpp(const bus_msg &msg) {
+    return msg.hdr.msg_type == LS_MSG_REQUEST && msg.hdr.msg_id == SAL_REQUEST_GNSS_LOCATION &&
+           payload_size(msg) == sizeof(gps_lpp_location);
 }
 
 } // namespace
@@ -132,17 +137,23 @@ int client_on_message(scm_conn *conn, bus_msg *msg) noexcept {
         return 0;
     {
         const std::lock_guard guard(client.lock);
-        if (msg->hdr.msg_type == LS_MSG_RESPONSE)
-            take_response(client, *msg);
-        else if (msg->hdr.msg_type == LS_MSG_NOTIFICATION &&
-                 msg->hdr.msg_id == LS_NOTIFY_PERIODIC_UPDATE)
+        if (msg->hdr.msg_type == LS_MSG_NOTIFICATION &&
+            msg->hdr.msg_id == LS_NOTIFY_PERIODIC_UPDATE)
             take_update(client, *msg);
-        else if (msg->hdr.msg_type == LS_MSG_REQUEST &&
-                 msg->hdr.msg_id == SAL_REQUEST_GNSS_LOCATION)
-            take_lpp(client, *msg);
+        else if (msg->hdr.msg_type == LS_MSG_RESPONSE || is_lpp(*msg))
+            take_awaited(client, *msg);
     }
     client.changed.notify_all();
     return 0;
+}
+
+bool client_take_update(location_client &client, ls_position_reply &update) noexcept {
+    if (client.num_updates == 0)
+        return false;
+    update = client.updates[client.first_update];
+    client.first_update = (client.first_update + 1) % CLIENT_UPDATE_SLOTS;
+    --client.num_updates;
+    return true;
 }
 
 location_result client_send_request(location_client &client, client_waiter &waiter, uint32_t msg_id,
@@ -150,19 +161,15 @@ location_result client_send_request(location_client &client, client_waiter &wait
     msg_hdr hdr{};
     if (fill_request_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
                          LS_OWN_SERV_ID) == -1)
-        return location_result::bus_error;
+        return LOCATION_BUS_ERROR;
     waiter.msg_id = msg_id;
     waiter.txn_id = hdr.txn_id;
     if (msg_id == LS_EXEC_NMEA_CMD || msg_id == LS_EXEC_UBX_CMD)
         waiter.command = payload.subspan(offsetof(ls_engg_cmd, command), LS_ENGG_CMD_SIZE);
-    {
-        // Listed before it is sent: the reply may be faster than the return of the send.
-        const std::lock_guard guard(client.lock);
-        waiter.next = client.waiters;
-        client.waiters = &waiter;
-    }
+    // Before it is sent: the reply may be faster than the return of the send.
+    client_list(client, waiter);
     const location_result result = send_filled(client, hdr, payload);
-    if (result != location_result::answered)
+    if (result != LOCATION_ANSWERED)
         client_unlist(client, waiter);
     return result;
 }
@@ -172,8 +179,14 @@ location_result client_send_notification(location_client &client, uint32_t msg_i
     msg_hdr hdr{};
     if (fill_notif_hdr(&client.link.conn, &hdr, static_cast<uint32_t>(payload.size()), msg_id,
                        LS_OWN_SERV_ID) == -1)
-        return location_result::bus_error;
+        return LOCATION_BUS_ERROR;
     return send_filled(client, hdr, payload);
+}
+
+void client_list(location_client &client, client_waiter &waiter) noexcept {
+    const std::lock_guard guard(client.lock);
+    waiter.next = client.waiters;
+    client.waiters = &waiter;
 }
 
 void client_unlist(location_client &client, client_waiter &waiter) noexcept {
@@ -188,17 +201,17 @@ void client_unlist(location_client &client, client_waiter &waiter) noexcept {
 
 location_result location_client_open(uint8_t serv_id, location_client **client) noexcept {
     if (client == nullptr)
-        return location_result::bad_argument;
+        return LOCATION_BAD_ARGUMENT;
     *client = nullptr;
     if (serv_id == LS_OWN_SERV_ID)
-        return location_result::bad_argument;
+        return LOCATION_BAD_ARGUMENT;
     auto *opened = new (std::nothrow) location_client;
     if (opened == nullptr)
-        return location_result::no_memory;
+        return LOCATION_NO_MEMORY;
     opened->link.owner = opened;
     const location_result result =
         serv_id == 0 ? connect_as_tool(*opened) : connect_as(*opened, serv_id);
-    if (result != location_result::answered) {
+    if (result != LOCATION_ANSWERED) {
         delete opened;
         return result;
     }

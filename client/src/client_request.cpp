@@ -1,66 +1,15 @@
-// liblocation_client, request side: the typed requests.
+// liblocation_client, request side: what each request sends, and what its reply means.
 //
 // Threads: the caller's.
-#include "client_state.h"
+#include "client_request.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 namespace {
-
-using std::chrono::milliseconds;
-
-// One exchange; on `answered` the reply has the size of its record, its status is not looked at.
-template <class record>
-location_result exchange(location_client *client, uint32_t msg_id, std::span<const uint8_t> payload,
-                         milliseconds timeout, client_probing probing, record &reply) {
-    static_assert(std::is_trivially_copyable_v<record>);
-    static_assert(sizeof(record) <= sizeof(client_waiter::data));
-    reply = {};
-    if (client == nullptr || !client_timeout_valid(timeout))
-        return location_result::bad_argument;
-    return client_exchange(*client, msg_id, payload, timeout, probing,
-                           {reinterpret_cast<uint8_t *>(&reply), sizeof reply});
-}
-
-location_result result_of_status(uint32_t status) {
-    switch (status) {
-    case LS_STATUS_OK:
-        return location_result::answered;
-    case LS_STATUS_FAILED:
-        return location_result::failed;
-    case LS_STATUS_PASSED_THROUGH:
-        return location_result::receiver_timeout;
-    default:
-        return location_result::bad_reply;
-    }
-}
-
-// A receiver query without payload whose reply begins with the status word.
-template <class record>
-location_result query(location_client *client, uint32_t msg_id, milliseconds timeout,
-                      record &reply) {
-    location_result result = exchange(client, msg_id, {}, timeout, client_probing::yes, reply);
-    if (result == location_result::answered)
-        result = result_of_status(reply.status);
-    if (result != location_result::answered)
-        reply = {};
-    return result;
-}
-
-// The same where the caller wants one part of the reply.
-template <class record, class part>
-location_result query_part(location_client *client, uint32_t msg_id, milliseconds timeout,
-                           part record::*wanted, part *out) {
-    if (out == nullptr)
-        return location_result::bad_argument;
-    record reply;
-    const location_result result = query(client, msg_id, timeout, reply);
-    *out = reply.*wanted;
-    return result;
-}
 
 template <class record>
 std::span<const uint8_t> bytes_of(const record &value) {
@@ -68,46 +17,63 @@ std::span<const uint8_t> bytes_of(const record &value) {
     return {reinterpret_cast<const uint8_t *>(&value), sizeof value};
 }
 
-struct lpp_asked {
-    const location_client *client;
-    uint64_t count; // of the answers before the question
-};
-
-bool lpp_is_here(const void *context) {
-    const auto *asked = static_cast<const lpp_asked *>(context);
-    return asked->client->lpp_count != asked->count;
+// One exchange; with LOCATION_ANSWERED the reply has the size of its record, its status is not
+// looked at.
+template <class record>
+location_result exchange(const client_call &call, uint32_t msg_id, std::span<const uint8_t> payload,
+                         client_probing probing, record &reply) {
+    static_assert(std::is_trivially_copyable_v<record>);
+    static_assert(sizeof(record) <= sizeof(client_waiter::data));
+    reply = {};
+    return client_exchange(call, msg_id, payload, probing,
+                           {reinterpret_cast<uint8_t *>(&reply), sizeof reply});
 }
 
-bool update_is_here(const void *client) {
-    return static_cast<const location_client *>(client)->num_updates != 0;
+location_result result_of_status(uint32_t status) {
+    switch (status) {
+    case LS_STATUS_OK:
+        return LOCATION_ANSWERED;
+    case LS_STATUS_FAILED:
+        return LOCATION_FAILED;
+    case LS_STATUS_PASSED_THROUGH:
+        return LOCATION_RECEIVER_TIMEOUT;
+    default:
+        return LOCATION_BAD_REPLY;
+    }
 }
 
-location_result exec(location_client *client, uint32_t msg_id, milliseconds timeout,
-                     std::string_view text, location_client_answer *answer) {
-    ls_engg_cmd command{};
-    text.copy(command.command, sizeof command.command - 1);
-    ls_engg_cmd reply;
-    location_result result =
-        exchange(client, msg_id, bytes_of(command), timeout, client_probing::yes, reply);
-    if (result == location_result::answered)
+// An exchange whose reply begins with the status word; the reply is zero unless that is good.
+template <class record>
+location_result query(const client_call &call, uint32_t msg_id, std::span<const uint8_t> payload,
+                      client_probing probing, record &reply) {
+    location_result result = exchange(call, msg_id, payload, probing, reply);
+    if (result == LOCATION_ANSWERED)
         result = result_of_status(reply.status);
-    if (result == location_result::answered)
-        std::memcpy(answer->data(), reply.answer, sizeof reply.answer);
+    if (result != LOCATION_ANSWERED)
+        reply = {};
     return result;
 }
 
-// Length, or 0 when it does not fit with its NUL.
-size_t write_ubx_text(std::span<const uint8_t> frame, std::array<char, LS_ENGG_CMD_SIZE> &text,
-                      bool two_digits) {
+// The same for a query of the receiver of whose reply the caller wants one part.
+template <class record, class part>
+location_result query_part(const client_call &call, uint32_t msg_id, part record::*wanted,
+                           part &out) {
+    record reply;
+    const location_result result = query(call, msg_id, {}, client_probing::yes, reply);
+    out = reply.*wanted;
+    return result;
+}
+
+// Length, or 0 when it does not fit into LS_ENGG_CMD_SIZE bytes with its NUL.
+size_t write_ubx_text(std::span<const uint8_t> frame, char *text, bool two_digits) {
     size_t length = 0;
     for (const uint8_t byte : frame) {
-        char piece[5];
-        const int size = two_digits
-                             ? std::snprintf(piece, sizeof piece, "%s%02X", length ? "," : "", byte)
-                             : std::snprintf(piece, sizeof piece, "%s%X", length ? "," : "", byte);
-        if (size < 0 || length + static_cast<size_t>(size) >= text.size())
+        const size_t left = LS_ENGG_CMD_SIZE - length;
+        const char *comma = length != 0 ? "," : "";
+        const int size = two_digits ? std::snprintf(text + length, left, "%s%02X", comma, byte)
+                                    : std::snprintf(text + length, left, "%s%X", comma, byte);
+        if (size < 0 || static_cast<size_t>(size) >= left)
             return 0;
-        std::memcpy(text.data() + length, piece, static_cast<size_t>(size));
         length += static_cast<size_t>(size);
     }
     text[length] = '\0';
@@ -116,184 +82,120 @@ size_t write_ubx_text(std::span<const uint8_t> frame, std::array<char, LS_ENGG_C
 
 } // namespace
 
-location_result location_client_get_power(location_client *client, milliseconds timeout,
-                                          uint32_t *mode) noexcept {
-    if (mode == nullptr)
-        return location_result::bad_argument;
-    ls_power_reply reply;
-    location_result result =
-        exchange(client, LS_REQUEST_GET_POWER_MODE, {}, timeout, client_probing::no, reply);
-    if (result == location_result::answered)
-        result = result_of_status(reply.status);
-    *mode = result == location_result::answered ? reply.power_mode : 0;
-    return result;
-}
-
-location_result location_client_set_power(location_client *client, milliseconds timeout,
-                                          uint32_t mode, uint32_t *in_force) noexcept {
-    const client_clock::time_point start = client_clock::now();
-    uint32_t now_in_force = 0;
-    ls_power_reply reply;
-    location_result result = exchange(client, LS_REQUEST_SET_POWER_MODE, bytes_of(mode), timeout,
-                                      client_probing::no, reply);
-    if (result == location_result::answered) {
-        result = result_of_status(reply.status);
-        now_in_force = reply.power_mode;
-    }
-    if (result == location_result::failed) {
-        // A failed change and the closed gate look the same on the wire; the mode tells them apart.
-        const auto left =
-            timeout - std::chrono::duration_cast<milliseconds>(client_clock::now() - start);
-        const location_result read = client_timeout_valid(left)
-                                         ? location_client_get_power(client, left, &now_in_force)
-                                         : location_result::no_reply;
-        if (read != location_result::answered)
-            result = read;
-    }
-    if (in_force != nullptr)
-        *in_force = now_in_force;
-    return result;
-}
-
-location_result location_client_get_position(location_client *client, milliseconds timeout,
-                                             gps_pos_data *position) noexcept {
-    return query_part(client, LS_REQUEST_GET_POSITION, timeout, &ls_position_reply::pos, position);
-}
-
-location_result location_client_get_time(location_client *client, milliseconds timeout,
-                                         gps_time_fields *utc, uint32_t *time_of_week) noexcept {
-    if (utc == nullptr || time_of_week == nullptr)
-        return location_result::bad_argument;
-    ls_time_reply reply;
-    const location_result result = query(client, LS_REQUEST_GET_TIME, timeout, reply);
-    *utc = reply.time;
-    *time_of_week = reply.time_of_week;
-    return result;
-}
-
-location_result location_client_get_satellites(location_client *client, milliseconds timeout,
-                                               gps_sat_info *info) noexcept {
-    return query_part(client, LS_REQUEST_GET_SAT_INFO, timeout, &ls_sat_info_reply::info, info);
-}
-
-location_result location_client_get_speed(location_client *client, milliseconds timeout,
-                                          gps_speed_data *speed) noexcept {
-    return query_part(client, LS_REQUEST_GET_SPEED, timeout, &ls_speed_reply::speed, speed);
-}
-
-location_result location_client_exec_nmea(location_client *client, milliseconds timeout,
-                                          std::string_view body,
-                                          location_client_answer *answer) noexcept {
-    if (answer == nullptr)
-        return location_result::bad_argument;
-    *answer = {};
+bool client_nmea_command(const char *body, client_command &command) noexcept {
+    if (body == nullptr)
+        return false;
+    const std::string_view text(body, strnlen(body, command.size()));
     const auto acceptable = [](char c) { return c >= ' ' && c <= '~' && c != '$' && c != '*'; };
-    if (body.empty() || body.size() >= LS_ENGG_CMD_SIZE ||
-        !std::all_of(body.begin(), body.end(), acceptable))
-        return location_result::bad_argument;
-    return exec(client, LS_EXEC_NMEA_CMD, timeout, body, answer);
+    if (text.empty() || text.size() >= command.size() ||
+        !std::all_of(text.begin(), text.end(), acceptable))
+        return false;
+    command = {};
+    text.copy(command.data(), text.size());
+    return true;
 }
 
-size_t location_client_ubx_text(std::span<const uint8_t> frame,
-                                std::array<char, LS_ENGG_CMD_SIZE> *text) noexcept {
-    if (text == nullptr)
-        return 0;
-    const size_t length = write_ubx_text(frame, *text, true);
-    return length != 0 ? length : write_ubx_text(frame, *text, false);
-}
-
-location_result location_client_exec_ubx(location_client *client, milliseconds timeout,
-                                         std::span<const uint8_t> frame,
-                                         location_client_answer *answer) noexcept {
+bool client_ubx_command(const uint8_t *frame, size_t size, client_command &command) noexcept {
     constexpr size_t overhead = 8; // sync, class, id, length, checksum
-    if (answer == nullptr)
-        return location_result::bad_argument;
-    *answer = {};
-    if (frame.size() < overhead || frame[0] != 0xB5 || frame[1] != 0x62 ||
-        static_cast<size_t>(frame[4] | frame[5] << 8) != frame.size() - overhead)
-        return location_result::bad_argument;
-    std::array<char, LS_ENGG_CMD_SIZE> text{};
-    const size_t length = location_client_ubx_text(frame, &text);
-    if (length == 0)
-        return location_result::bad_argument;
-    return exec(client, LS_EXEC_UBX_CMD, timeout, {text.data(), length}, answer);
+    command = {};
+    return frame != nullptr && size >= overhead && frame[0] == 0xB5 && frame[1] == 0x62 &&
+           static_cast<size_t>(frame[4] | frame[5] << 8) == size - overhead &&
+           location_client_ubx_text(frame, size, command.data()) != 0;
 }
 
-location_result location_client_get_history_path(location_client *client, milliseconds timeout,
-                                                 ls_history_path_reply *reply) noexcept {
-    if (reply == nullptr)
-        return location_result::bad_argument;
-    const location_result result = exchange(client, LS_REQUEST_GET_HISTORY_FILE_PATH, {}, timeout,
-                                            client_probing::yes, *reply);
-    reply->path[sizeof reply->path - 1] = '\0';
-    if (result == location_result::answered && reply->status != 0)
-        return location_result::failed;
+size_t location_client_ubx_text(const uint8_t *frame, size_t size, char *text) noexcept {
+    if (frame == nullptr || text == nullptr)
+        return 0;
+    const size_t length = write_ubx_text({frame, size}, text, true);
+    return length != 0 ? length : write_ubx_text({frame, size}, text, false);
+}
+
+location_result client_get_power(const client_call &call, uint32_t &mode) noexcept {
+    ls_power_reply reply;
+    const location_result result =
+        query(call, LS_REQUEST_GET_POWER_MODE, {}, client_probing::no, reply);
+    mode = reply.power_mode;
     return result;
 }
 
-location_result location_client_notify_history_settings(location_client *client) noexcept {
-    if (client == nullptr)
-        return location_result::bad_argument;
-    return client_send_notification(*client, WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE,
-                                    {});
+location_result client_set_power(const client_call &call, uint32_t mode,
+                                 uint32_t &in_force) noexcept {
+    ls_power_reply reply;
+    const location_result result =
+        query(call, LS_REQUEST_SET_POWER_MODE, bytes_of(mode), client_probing::no, reply);
+    in_force = reply.power_mode;
+    if (result != LOCATION_FAILED)
+        return result;
+    // A failed change and the closed gate look the same on the wire; the mode tells them apart.
+    client_call again = call;
+    again.timeout -=
+        std::chrono::duration_cast<std::chrono::milliseconds>(client_clock::now() - call.start);
+    again.start = client_clock::now();
+    const location_result read =
+        again.valid() ? client_get_power(again, in_force) : LOCATION_NO_REPLY;
+    return read == LOCATION_ANSWERED ? result : read;
 }
 
-location_result location_client_get_lpp(location_client *client, milliseconds timeout,
-                                        gps_lpp_location *lpp) noexcept {
-    if (lpp == nullptr)
-        return location_result::bad_argument;
-    *lpp = {};
-    if (client == nullptr || client->serv_id != LS_SERV_SAL || !client_timeout_valid(timeout))
-        return location_result::bad_argument;
-    const client_clock::time_point start = client_clock::now();
-    lpp_asked asked{client, 0};
-    {
-        const std::lock_guard guard(client->lock);
-        asked.count = client->lpp_count;
-    }
+location_result client_get_position(const client_call &call, gps_pos_data &position) noexcept {
+    return query_part(call, LS_REQUEST_GET_POSITION, &ls_position_reply::pos, position);
+}
+
+location_result client_get_time(const client_call &call, ls_time_reply &reply) noexcept {
+    return query(call, LS_REQUEST_GET_TIME, {}, client_probing::yes, reply);
+}
+
+location_result client_get_satellites(const client_call &call, gps_sat_info &info) noexcept {
+    return query_part(call, LS_REQUEST_GET_SAT_INFO, &ls_sat_info_reply::info, info);
+}
+
+location_result client_get_speed(const client_call &call, gps_speed_data &speed) noexcept {
+    return query_part(call, LS_REQUEST_GET_SPEED, &ls_speed_reply::speed, speed);
+}
+
+location_result client_exec(const client_call &call, uint32_t msg_id, const client_command &command,
+                            ls_engg_cmd &reply) noexcept {
+    ls_engg_cmd request{};
+    std::copy(command.begin(), command.end(), request.command);
+    return query(call, msg_id, bytes_of(request), client_probing::yes, reply);
+}
+
+location_result client_get_history_path(const client_call &call,
+                                        ls_history_path_reply &reply) noexcept {
+    const location_result result =
+        exchange(call, LS_REQUEST_GET_HISTORY_FILE_PATH, {}, client_probing::yes, reply);
+    reply.path[sizeof reply.path - 1] = '\0';
+    return result == LOCATION_ANSWERED && reply.status != 0 ? LOCATION_FAILED : result;
+}
+
+location_result client_get_lpp(const client_call &call, gps_lpp_location &lpp) noexcept {
+    lpp = {};
+    if (call.client->serv_id != LS_SERV_SAL)
+        return LOCATION_BAD_ARGUMENT;
+    client_waiter waiter{.msg_type = LS_MSG_REQUEST, .msg_id = SAL_REQUEST_GNSS_LOCATION};
+    const client_unlist_guard unlist(*call.client, waiter);
+    client_list(*call.client, waiter);
     location_result result = client_send_notification(
-        *client, SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP, bytes_of(gps_lpp_location{}));
-    if (result == location_result::answered)
-        result = client_wait_or_diagnose(*client, start, timeout, lpp_is_here, &asked);
-    if (result == location_result::answered) {
-        const std::lock_guard guard(client->lock);
-        *lpp = client->lpp;
-    }
+        *call.client, SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP, bytes_of(gps_lpp_location{}));
+    if (result == LOCATION_ANSWERED)
+        result = client_await(call, waiter, client_probing::yes);
+    if (result == LOCATION_ANSWERED)
+        std::memcpy(&lpp, waiter.data.data(), sizeof lpp);
     return result;
 }
 
-location_result location_client_register_periodic(location_client *client, milliseconds timeout,
-                                                  uint32_t num_updates,
-                                                  uint32_t interval_s) noexcept {
-    if (num_updates == 0 || interval_s < LOCATION_CLIENT_MIN_INTERVAL_S)
-        return location_result::bad_argument;
-    const ls_register_periodic_req_pld_s wanted{num_updates, interval_s};
+location_result client_register_periodic(const client_call &call,
+                                         const ls_register_periodic_req_pld_s &wanted) noexcept {
+    if (wanted.num_updates == 0 || wanted.interval < LOCATION_CLIENT_MIN_INTERVAL_S)
+        return LOCATION_BAD_ARGUMENT;
     ls_periodic_reply reply;
-    const location_result result = exchange(client, LS_REQUEST_REGISTER_PERIODIC_UPDATE,
-                                            bytes_of(wanted), timeout, client_probing::yes, reply);
-    return result == location_result::answered ? result_of_status(reply.result) : result;
+    const location_result result = exchange(call, LS_REQUEST_REGISTER_PERIODIC_UPDATE,
+                                            bytes_of(wanted), client_probing::yes, reply);
+    return result == LOCATION_ANSWERED ? result_of_status(reply.result) : result;
 }
 
-location_result location_client_unregister_periodic(location_client *client,
-                                                    milliseconds timeout) noexcept {
+location_result client_unregister_periodic(const client_call &call) noexcept {
     ls_periodic_reply reply;
-    const location_result result = exchange(client, LS_REQUEST_UNREGISTER_PERIODIC_UPDATE, {},
-                                            timeout, client_probing::no, reply);
-    return result == location_result::answered ? result_of_status(reply.result) : result;
-}
-
-location_result location_client_next_update(location_client *client, milliseconds timeout,
-                                            ls_position_reply *update) noexcept {
-    if (update == nullptr)
-        return location_result::bad_argument;
-    *update = {};
-    if (client == nullptr || (timeout != milliseconds(0) && !client_timeout_valid(timeout)))
-        return location_result::bad_argument;
-    std::unique_lock held(client->lock);
-    if (!client_wait(*client, held, client_clock::now() + timeout, update_is_here, client))
-        return client_end_of_wait(*client, location_result::no_reply);
-    *update = client->updates[client->first_update];
-    client->first_update = (client->first_update + 1) % CLIENT_UPDATE_SLOTS;
-    --client->num_updates;
-    return location_result::answered;
+    const location_result result =
+        exchange(call, LS_REQUEST_UNREGISTER_PERIODIC_UPDATE, {}, client_probing::no, reply);
+    return result == LOCATION_ANSWERED ? result_of_status(reply.result) : result;
 }

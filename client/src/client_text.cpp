@@ -29,7 +29,7 @@ constexpr std::array<const char *, 19> TEXTS = {
     "there is not enough memory",
     "another process holds the lock of the bus directory",
 };
-static_assert(TEXTS.size() == static_cast<size_t>(location_result::bus_locked) + 1);
+static_assert(TEXTS.size() == static_cast<size_t>(LOCATION_BUS_LOCKED) + 1);
 
 } // namespace
 

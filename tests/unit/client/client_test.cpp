@@ -1,7 +1,7 @@
 // The client library: what goes on the bus, which replies and updates are taken, and the result for
 // each way a request can fail.
 #include "fake_bus.h"
-#include "location_client.h"
+#include "location_client.hpp"
 
 #include <cerrno>
 #include <chrono>
@@ -14,7 +14,6 @@
 
 namespace {
 
-using is = location_result;
 using std::chrono::milliseconds;
 
 constexpr milliseconds NONE{0};
@@ -52,11 +51,11 @@ TEST_F(client_test, opening_and_sending_report_why_they_failed) {
     const struct {
         int error;
         location_result opening, sending;
-    } rows[] = {{ENOENT, is::no_bus, is::no_daemon},
-                {EADDRINUSE, is::id_taken, is::bus_error},
-                {EACCES, is::bus_denied, is::bus_denied},
-                {ECONNREFUSED, is::bus_error, is::no_daemon},
-                {EAGAIN, is::bus_error, is::bus_full}};
+    } rows[] = {{ENOENT, LOCATION_NO_BUS, LOCATION_NO_DAEMON},
+                {EADDRINUSE, LOCATION_ID_TAKEN, LOCATION_BUS_ERROR},
+                {EACCES, LOCATION_BUS_DENIED, LOCATION_BUS_DENIED},
+                {ECONNREFUSED, LOCATION_BUS_ERROR, LOCATION_NO_DAEMON},
+                {EAGAIN, LOCATION_BUS_ERROR, LOCATION_BUS_FULL}};
     for (const auto &row : rows) {
         fake.send_errno = row.error;
         EXPECT_EQ(location_client_get_position(client, LONG, &position), row.sending) << row.error;
@@ -65,19 +64,19 @@ TEST_F(client_test, opening_and_sending_report_why_they_failed) {
         EXPECT_EQ(location_client_open(5, &other), row.opening) << row.error;
         EXPECT_EQ(other, nullptr);
     }
-    EXPECT_EQ(open(LS_OWN_SERV_ID), is::bad_argument);
+    EXPECT_EQ(open(LS_OWN_SERV_ID), LOCATION_BAD_ARGUMENT);
 }
 
 TEST_F(client_test, takes_the_first_free_tool_id) {
     fake.init_errno = {{32, EADDRINUSE}, {33, EACCES}, {34, EIO}, {35, EBUSY}};
-    EXPECT_EQ(open(0), is::answered);
+    EXPECT_EQ(open(0), LOCATION_ANSWERED);
     EXPECT_EQ(location_client_serv_id(client), 36);
     fake.init_errno = {{-1, EBUSY}, {31, 0}, {64, 0}};
-    EXPECT_EQ(open(0), is::bus_locked);
+    EXPECT_EQ(open(0), LOCATION_BUS_LOCKED);
     fake.init_errno = {{-1, EADDRINUSE}, {31, 0}, {63, EACCES}, {64, 0}};
-    EXPECT_EQ(open(0), is::ids_exhausted);
+    EXPECT_EQ(open(0), LOCATION_IDS_EXHAUSTED);
     fake.init_errno = {{-1, ENOENT}};
-    EXPECT_EQ(open(0), is::no_bus);
+    EXPECT_EQ(open(0), LOCATION_NO_BUS);
 }
 
 TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
@@ -86,19 +85,20 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
         std::function<void(msg_hdr &, bytes &)> spoil;
         location_result result;
     } rows[] = {
-        {"untouched", [](msg_hdr &, bytes &) {}, is::answered},
-        {"other transaction", [](msg_hdr &h, bytes &) { ++h.txn_id; }, is::no_reply},
-        {"other message", [](msg_hdr &h, bytes &) { h.msg_id = 1004; }, is::no_reply},
-        {"other service", [](msg_hdr &h, bytes &) { h.src_serv_id = 12; }, is::no_reply},
-        {"not a response", [](msg_hdr &h, bytes &) { h.msg_type = 0; }, is::no_reply},
-        {"status 0", [](msg_hdr &, bytes &b) { b[0] = 0; }, is::failed},
-        {"status 2", [](msg_hdr &, bytes &b) { b[0] = 2; }, is::receiver_timeout},
-        {"empty", [](msg_hdr &, bytes &b) { b.clear(); }, is::bad_reply},
-        {"one byte short", [](msg_hdr &, bytes &b) { b.resize(79); }, is::bad_reply},
-        {"one byte long", [](msg_hdr &, bytes &b) { b.resize(81); }, is::bad_reply},
-        {"far too long", [](msg_hdr &, bytes &b) { b.resize(400); }, is::bad_reply},
-        {"gate", [](msg_hdr &, bytes &b) { b.assign(8, 0); }, is::gate_closed},
-        {"almost the gate", [](msg_hdr &, bytes &b) { b = padded({}, 8, {1}, 7); }, is::bad_reply},
+        {"untouched", [](msg_hdr &, bytes &) {}, LOCATION_ANSWERED},
+        {"other transaction", [](msg_hdr &h, bytes &) { ++h.txn_id; }, LOCATION_NO_REPLY},
+        {"other message", [](msg_hdr &h, bytes &) { h.msg_id = 1004; }, LOCATION_NO_REPLY},
+        {"other service", [](msg_hdr &h, bytes &) { h.src_serv_id = 12; }, LOCATION_NO_REPLY},
+        {"not a response", [](msg_hdr &h, bytes &) { h.msg_type = 0; }, LOCATION_NO_REPLY},
+        {"status 0", [](msg_hdr &, bytes &b) { b[0] = 0; }, LOCATION_FAILED},
+        {"status 2", [](msg_hdr &, bytes &b) { b[0] = 2; }, LOCATION_RECEIVER_TIMEOUT},
+        {"empty", [](msg_hdr &, bytes &b) { b.clear(); }, LOCATION_BAD_REPLY},
+        {"one byte short", [](msg_hdr &, bytes &b) { b.resize(79); }, LOCATION_BAD_REPLY},
+        {"one byte long", [](msg_hdr &, bytes &b) { b.resize(81); }, LOCATION_BAD_REPLY},
+        {"far too long", [](msg_hdr &, bytes &b) { b.resize(400); }, LOCATION_BAD_REPLY},
+        {"gate", [](msg_hdr &, bytes &b) { b.assign(8, 0); }, LOCATION_GATE_CLOSED},
+        {"almost the gate", [](msg_hdr &, bytes &b) { b = padded({}, 8, {1}, 7); },
+         LOCATION_BAD_REPLY},
     };
     for (const auto &row : rows) {
         fake.service = [&row](const sent_message &m) {
@@ -111,14 +111,14 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
             fake_deliver(hdr, position_reply(9)); // a second reply changes nothing
         };
         EXPECT_EQ(location_client_get_position(client, SHORT, &position), row.result) << row.name;
-        EXPECT_EQ(position.num_satellites, row.result == is::answered ? 8 : 0) << row.name;
+        EXPECT_EQ(position.num_satellites, row.result == LOCATION_ANSWERED ? 8 : 0) << row.name;
     }
     // Also where eight bytes are the size of the proper reply, or more than it.
     fake.service = always(bytes(8));
-    EXPECT_EQ(location_client_get_power(client, LONG, &mode), is::gate_closed);
-    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::gate_closed);
+    EXPECT_EQ(location_client_get_power(client, LONG, &mode), LOCATION_GATE_CLOSED);
+    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), LOCATION_GATE_CLOSED);
     fake.service = always(bytes(4));
-    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), is::failed);
+    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), LOCATION_FAILED);
 }
 
 TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
@@ -155,11 +155,11 @@ TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
         std::this_thread::sleep_for(milliseconds(5));
     std::this_thread::sleep_for(milliseconds(20));
     fake_reply(fake_sent(LS_REQUEST_GET_SPEED).at(0).hdr, padded({1}, sizeof(ls_speed_reply)));
-    EXPECT_EQ(late.get(), is::answered);
-    EXPECT_EQ(off.get(), is::receiver_off);
-    EXPECT_EQ(busy.get(), is::receiver_busy);
-    EXPECT_EQ(of_sal.get(), is::no_reply);
-    EXPECT_EQ(of_voip.get(), is::no_reply);
+    EXPECT_EQ(late.get(), LOCATION_ANSWERED);
+    EXPECT_EQ(off.get(), LOCATION_RECEIVER_OFF);
+    EXPECT_EQ(busy.get(), LOCATION_RECEIVER_BUSY);
+    EXPECT_EQ(of_sal.get(), LOCATION_NO_REPLY);
+    EXPECT_EQ(of_voip.get(), LOCATION_NO_REPLY);
     EXPECT_EQ(fake_sent(1001).size(), 3U);
     location_client_close(sal);
     location_client_close(voip);
@@ -169,7 +169,7 @@ TEST_F(client_test, a_time_out_counts_from_the_call) {
     const milliseconds held_up{1000}; // by a full queue
     fake.service = [&](const sent_message &) { std::this_thread::sleep_for(held_up); };
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(location_client_get_power(client, held_up, &mode), is::no_reply);
+    EXPECT_EQ(location_client_get_power(client, held_up, &mode), LOCATION_NO_REPLY);
     EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1800));
     // Nor is there a second more for the second request of a failed change.
     fake.service = [](const sent_message &m) {
@@ -177,7 +177,7 @@ TEST_F(client_test, a_time_out_counts_from_the_call) {
             fake_reply(m.hdr, bytes(8));
     };
     const auto second = std::chrono::steady_clock::now();
-    EXPECT_EQ(location_client_set_power(client, SHORT, 2, &mode), is::no_reply);
+    EXPECT_EQ(location_client_set_power(client, SHORT, 2, &mode), LOCATION_NO_REPLY);
     EXPECT_LT(std::chrono::steady_clock::now() - second, milliseconds(900));
 }
 
@@ -191,25 +191,26 @@ TEST_F(client_test, nmea_travels_as_its_body) {
     };
     location_client_answer answer;
     const std::string longest(79, 'A');
-    EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), is::answered);
+    EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), LOCATION_ANSWERED);
     EXPECT_TRUE(answer[0] == '$' && answer[199] == 'x');
     EXPECT_EQ(fake_sent(1011).at(0).payload, padded({}, 284, bytes(79, 'A'), 4));
     for (const std::string &bad : {longest + "A", std::string("GPGGA*47")})
-        EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), is::bad_argument) << bad;
+        EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), LOCATION_BAD_ARGUMENT)
+            << bad;
 }
 
 TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
     fake.service = always(padded({1}, 284));
     location_client_answer answer;
     const bytes frame = {0xB5, 0x62, 0x06, 0x08, 0x00, 0x00, 0x0E, 0x30};
-    EXPECT_EQ(location_client_exec_ubx(client, LONG, frame, &answer), is::answered);
+    EXPECT_EQ(location_client_exec_ubx(client, LONG, frame, &answer), LOCATION_ANSWERED);
     EXPECT_STREQ(reinterpret_cast<const char *>(fake_sent(1012).at(0).payload.data() + 4),
                  "B5,62,06,08,00,00,0E,30");
     const bytes bad_frames[] = {{0xB5, 0x62, 6, 8, 0, 0, 0},
                                 {0xB5, 0x62, 6, 8, 0, 0, 0, 0, 0}, // length too small
                                 {0xB5, 0x62, 6, 8, 1, 0, 0, 0}};   // length too large
     for (const bytes &bad : bad_frames)
-        EXPECT_EQ(location_client_exec_ubx(client, LONG, bad, &answer), is::bad_argument);
+        EXPECT_EQ(location_client_exec_ubx(client, LONG, bad, &answer), LOCATION_BAD_ARGUMENT);
     // 79 characters: bytes of two digits each, of one digit each.
     std::array<char, 80> text{};
     EXPECT_EQ(location_client_ubx_text(bytes(26, 0xAA), &text), 77U);
@@ -221,7 +222,7 @@ TEST_F(client_test, history_path_ends_within_its_field_whatever_arrives) {
     const bytes sent = padded({}, 104, bytes(100, 'x'), 4); // no NUL anywhere in the path
     fake.service = [&sent](const sent_message &m) { fake_reply(m.hdr, sent); };
     ls_history_path_reply reply;
-    EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), is::answered);
+    EXPECT_EQ(location_client_get_history_path(client, LONG, &reply), LOCATION_ANSWERED);
     EXPECT_EQ(std::string(reply.path), std::string(99, 'x'));
 }
 
@@ -234,10 +235,10 @@ TEST_F(client_test, updates_come_in_order_and_the_oldest_gives_way) {
         fake_send(LS_MSG_NOTIFICATION, 1010, position_reply(i));
     ls_position_reply got;
     for (uint8_t i = 3; i <= 66; ++i) {
-        ASSERT_EQ(location_client_next_update(client, NONE, &got), is::answered);
+        ASSERT_EQ(location_client_next_update(client, NONE, &got), LOCATION_ANSWERED);
         EXPECT_EQ(got.pos.num_satellites, i);
     }
-    EXPECT_EQ(location_client_next_update(client, NONE, &got), is::no_reply);
+    EXPECT_EQ(location_client_next_update(client, NONE, &got), LOCATION_NO_REPLY);
     EXPECT_EQ(location_client_lost_updates(client), 3U);
 }
 
@@ -249,13 +250,13 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
         fake_send(LS_MSG_REQUEST, 19, padded(padded({1}, 12, {70}, 11), 24, {5}, 16));
     };
     gps_lpp_location lpp;
-    ASSERT_EQ(location_client_get_lpp(client, LONG, &lpp), is::answered);
+    ASSERT_EQ(location_client_get_lpp(client, LONG, &lpp), LOCATION_ANSWERED);
     EXPECT_TRUE(lpp.latitude_sign == 1 && lpp.confidence == 70 && lpp.degrees_latitude == 5);
     EXPECT_EQ(fake_sent(208).at(0).hdr.msg_type, LS_MSG_NOTIFICATION);
     EXPECT_EQ(fake_sent(208).at(0).payload, bytes(24));
     // The record of the last time does not answer the next question.
     fake.service = nullptr;
-    EXPECT_EQ(location_client_get_lpp(client, SHORT, &lpp), is::no_reply);
+    EXPECT_EQ(location_client_get_lpp(client, SHORT, &lpp), LOCATION_NO_REPLY);
     EXPECT_EQ(lpp.confidence, 0);
     // An answer counts for all who asked before it, whoever asks behind it.
     fake.service = [&, asked = false](const sent_message &) mutable {
@@ -264,10 +265,10 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
         fake_send(LS_MSG_REQUEST, 19, padded({}, 24, {70}, 11));
         std::thread([&] {
             gps_lpp_location other;
-            EXPECT_EQ(location_client_get_lpp(client, SHORT, &other), is::no_reply);
+            EXPECT_EQ(location_client_get_lpp(client, SHORT, &other), LOCATION_NO_REPLY);
         }).join();
     };
-    EXPECT_EQ(location_client_get_lpp(client, LONG, &lpp), is::answered);
+    EXPECT_EQ(location_client_get_lpp(client, LONG, &lpp), LOCATION_ANSWERED);
     EXPECT_EQ(lpp.confidence, 70);
 }
 
@@ -278,10 +279,10 @@ TEST_F(client_test, cancelling_ends_the_wait_until_resumed) {
         location_client_cancel(client);
     });
     ls_position_reply got;
-    EXPECT_EQ(location_client_next_update(client, LONG, &got), is::cancelled);
+    EXPECT_EQ(location_client_next_update(client, LONG, &got), LOCATION_CANCELLED);
     EXPECT_LT(std::chrono::steady_clock::now() - start, LONG);
     location_client_resume(client);
-    EXPECT_EQ(location_client_get_power(client, SHORT, &mode), is::no_reply);
+    EXPECT_EQ(location_client_get_power(client, SHORT, &mode), LOCATION_NO_REPLY);
 }
 
 } // namespace

@@ -18,7 +18,7 @@ struct lsctl_watch : testing::Test {
     void start(int64_t interval_s, uint64_t count, bool reconnect, int updates) {
         plan = watch_start(seconds(interval_s), count, reconnect, now);
         ASSERT_EQ(watch_next(plan, now), step::try_register);
-        expect_outcome(result::answered, watch_verdict::go_on);
+        expect_outcome(LOCATION_ANSWERED, watch_verdict::go_on);
         for (int i = 0; i < updates; ++i)
             watch_on_update(plan, now);
     }
@@ -39,7 +39,7 @@ TEST_F(lsctl_watch, renews_one_interval_after_the_last_update_and_ends_at_its_co
     EXPECT_EQ(watch_wake(plan) - now, seconds(3600));
     expect_after(seconds(3600), step::try_register);
     EXPECT_EQ(watch_wanted(plan), 1U);
-    expect_outcome(result::answered, watch_verdict::go_on);
+    expect_outcome(LOCATION_ANSWERED, watch_verdict::go_on);
     EXPECT_EQ(watch_next(plan, now), step::wait);
     watch_on_update(plan, now);
     EXPECT_EQ(watch_next(plan, now), step::finished);
@@ -52,13 +52,13 @@ TEST_F(lsctl_watch, a_late_update_leads_to_another_registration_or_to_the_end) {
     start(5, 0, true, 1);
     expect_after(milliseconds(5500), step::try_register);
     // Refused: it stands. Once more an interval later, not at once.
-    expect_outcome(result::failed, watch_verdict::go_on);
+    expect_outcome(LOCATION_FAILED, watch_verdict::go_on);
     expect_after(milliseconds(4500), step::say_silent);
     expect_after(milliseconds(500), step::try_register);
     EXPECT_TRUE(watch_on_update(plan, now));
     // Accepted: the service had forgotten it.
     expect_after(milliseconds(5500), step::try_register);
-    expect_outcome(result::answered, watch_verdict::say_again);
+    expect_outcome(LOCATION_ANSWERED, watch_verdict::say_again);
 }
 
 } // namespace

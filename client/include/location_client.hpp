@@ -1,0 +1,128 @@
+// location_client.h for C++20: the same functions with std::chrono time-outs, spans and string
+// views, and an owner that closes its client. All inline; the library exports C functions alone.
+#ifndef LOCATION_CLIENT_HPP
+#define LOCATION_CLIENT_HPP
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "location_client.h"
+
+struct location_client_closer {
+    void operator()(location_client *client) const noexcept { location_client_close(client); }
+};
+// Closes the client at the end of its scope.
+using location_client_owner = std::unique_ptr<location_client, location_client_closer>;
+
+// As location_client_open; `client` is empty unless the result is LOCATION_ANSWERED.
+inline location_result location_client_open(uint8_t serv_id,
+                                            location_client_owner &client) noexcept {
+    location_client *opened = nullptr;
+    const location_result result = location_client_open(serv_id, &opened);
+    client.reset(opened);
+    return result;
+}
+
+// The receiver's raw answer to an engineering command, zero-filled.
+using location_client_answer = std::array<uint8_t, LS_ENGG_ANSWER_SIZE>;
+
+inline location_result location_client_get_power(location_client *client,
+                                                 std::chrono::milliseconds timeout,
+                                                 uint32_t *mode) noexcept {
+    return location_client_get_power(client, int64_t{timeout.count()}, mode);
+}
+
+inline location_result location_client_set_power(location_client *client,
+                                                 std::chrono::milliseconds timeout, uint32_t mode,
+                                                 uint32_t *in_force) noexcept {
+    return location_client_set_power(client, int64_t{timeout.count()}, mode, in_force);
+}
+
+inline location_result location_client_get_position(location_client *client,
+                                                    std::chrono::milliseconds timeout,
+                                                    gps_pos_data *position) noexcept {
+    return location_client_get_position(client, int64_t{timeout.count()}, position);
+}
+
+inline location_result location_client_get_time(location_client *client,
+                                                std::chrono::milliseconds timeout,
+                                                gps_time_fields *utc,
+                                                uint32_t *time_of_week) noexcept {
+    return location_client_get_time(client, int64_t{timeout.count()}, utc, time_of_week);
+}
+
+inline location_result location_client_get_satellites(location_client *client,
+                                                      std::chrono::milliseconds timeout,
+                                                      gps_sat_info *info) noexcept {
+    return location_client_get_satellites(client, int64_t{timeout.count()}, info);
+}
+
+inline location_result location_client_get_speed(location_client *client,
+                                                 std::chrono::milliseconds timeout,
+                                                 gps_speed_data *speed) noexcept {
+    return location_client_get_speed(client, int64_t{timeout.count()}, speed);
+}
+
+inline location_result location_client_exec_nmea(location_client *client,
+                                                 std::chrono::milliseconds timeout,
+                                                 std::string_view body,
+                                                 location_client_answer *answer) noexcept {
+    // With a NUL at its end. What is too long, or ends early, is refused as it stands.
+    char text[LS_ENGG_CMD_SIZE] = {};
+    if (body.size() < sizeof text && body.find('\0') == body.npos)
+        body.copy(text, body.size());
+    return location_client_exec_nmea(client, int64_t{timeout.count()}, text,
+                                     answer == nullptr ? nullptr : answer->data());
+}
+
+inline location_result location_client_exec_ubx(location_client *client,
+                                                std::chrono::milliseconds timeout,
+                                                std::span<const uint8_t> frame,
+                                                location_client_answer *answer) noexcept {
+    return location_client_exec_ubx(client, int64_t{timeout.count()}, frame.data(), frame.size(),
+                                    answer == nullptr ? nullptr : answer->data());
+}
+
+inline size_t location_client_ubx_text(std::span<const uint8_t> frame,
+                                       std::array<char, LS_ENGG_CMD_SIZE> *text) noexcept {
+    return location_client_ubx_text(frame.data(), frame.size(),
+                                    text == nullptr ? nullptr : text->data());
+}
+
+inline location_result location_client_get_history_path(location_client *client,
+                                                        std::chrono::milliseconds timeout,
+                                                        ls_history_path_reply *reply) noexcept {
+    return location_client_get_history_path(client, int64_t{timeout.count()}, reply);
+}
+
+inline location_result location_client_get_lpp(location_client *client,
+                                               std::chrono::milliseconds timeout,
+                                               gps_lpp_location *lpp) noexcept {
+    return location_client_get_lpp(client, int64_t{timeout.count()}, lpp);
+}
+
+inline location_result location_client_register_periodic(location_client *client,
+                                                         std::chrono::milliseconds timeout,
+                                                         uint32_t num_updates,
+                                                         uint32_t interval_s) noexcept {
+    return location_client_register_periodic(client, int64_t{timeout.count()}, num_updates,
+                                             interval_s);
+}
+
+inline location_result location_client_unregister_periodic(
+    location_client *client, std::chrono::milliseconds timeout) noexcept {
+    return location_client_unregister_periodic(client, int64_t{timeout.count()});
+}
+
+inline location_result location_client_next_update(location_client *client,
+                                                   std::chrono::milliseconds timeout,
+                                                   ls_position_reply *update) noexcept {
+    return location_client_next_update(client, int64_t{timeout.count()}, update);
+}
+
+#endif
