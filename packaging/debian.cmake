@@ -60,10 +60,11 @@ libdbhandler_admin, lets tools change the settings.
 .
 With them come the bus directory, in which every service owns the place of
 its own id and no other, and the users of the services.")
-  ls_package(library liblocation-client2 libs ""
+  ls_package(library liblocation-client3 libs ""
     "client library of the terminal's location service"
-    "Typed, blocking requests to the location service over the terminal's message
-bus, with time-outs and errors that say what is wrong.
+    "Typed requests to the location service over the terminal's message bus, with
+time-outs and errors that say what is wrong; blocking, or with a descriptor
+for an event loop.
 .
 This package contains the shared library.")
   ls_package(client lsctl utils ""
@@ -74,14 +75,13 @@ commands and settings, in people's units or as JSON.
 .
 Its users must be members of the groups terminal-bus and terminal-tools.")
   ls_package(dev liblocation-client-dev libdevel
-    "liblocation-client2 ${same}, terminal-platform ${same}"
+    "liblocation-client3 ${same}, terminal-platform ${same}"
     "development files of the terminal's location service"
     "Headers, pkg-config and CMake files of the client library
 liblocation_client, and of the platform libraries libmqutils, libdbhandler
 and libzukhal.
 .
-The headers of the client library are C++20, those of the platform libraries
-C11 and C++.")
+The headers are C11 and C++; location_client.hpp is C++20.")
 else()
   ls_package(simulator simterm utils ""
     "simulated terminal with a satellite receiver"

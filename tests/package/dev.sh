@@ -6,16 +6,15 @@ tree=$1
 out=$2
 mkdir -p "$out/cmake"
 cat >"$out/dev.cpp" <<'SOURCE'
-#include <location_client.h>
+#include <location_client.hpp>
 
 #include <cstdio>
 
 int main() {
-    location_client *client = nullptr;
-    const location_result result = location_client_open(0, &client);
+    location_client_owner client;
+    const location_result result = location_client_open(0, client);
     std::puts(location_client_error_text(result));
-    location_client_close(client);
-    return result == location_result::no_bus ? 0 : 1;
+    return result == LOCATION_NO_BUS ? 0 : 1;
 }
 SOURCE
 cat >"$out/dev.c" <<'SOURCE'
