@@ -1,6 +1,6 @@
 // The exported calls of the settings database. See dbhandler.h.
 // No exception leaves: a call that runs out of memory has failed.
-#include "dbhandler.h"
+#include "dbhandler_admin.h"
 
 #include "dbhandler_worker.h"
 #include "ls_export.h"
@@ -45,7 +45,36 @@ LS_EXPORT int db_read_location_history_settings(struct location_history_settings
 LS_EXPORT int db_set_gps_power_on_status(int32_t status) try {
     settings_values after{};
     const setting_change change{gps_power_on_status, status};
-    return settings_write({&change, 1}, after) ? 0 : -1;
+    return settings_write({&change, 1}, true, after) ? 0 : -1;
 } catch (const std::exception &) {
     return -1;
+}
+
+// Not among the service's calls: a tool finds it by its name, and knows by it whose library this
+// is.
+LS_EXPORT int db_look_at_settings(struct db_settings *settings) try {
+    settings_values values{};
+    if (settings == nullptr)
+        return DB_LOOK_FAILED;
+    const outcome seen = settings_look(values);
+    if (seen == outcome::done || seen == outcome::fresh)
+        *settings = settings_record(values);
+    switch (seen) {
+    case outcome::done:
+        return DB_LOOK_STORED;
+    case outcome::fresh:
+        return DB_LOOK_ABSENT;
+    case outcome::foreign:
+        return DB_LOOK_NOT_OURS;
+    case outcome::denied:
+        return DB_LOOK_DENIED;
+    case outcome::damaged:
+        return DB_LOOK_DAMAGED;
+    case outcome::failed:
+    case outcome::busy:
+        break;
+    }
+    return DB_LOOK_FAILED;
+} catch (const std::exception &) {
+    return DB_LOOK_FAILED;
 }

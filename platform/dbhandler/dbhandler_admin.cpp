@@ -27,13 +27,10 @@ LS_EXPORT int db_change_settings(unsigned members, const struct db_settings *wan
         members &= ~one.member;
     }
     settings_values after{};
-    if (members != 0 || !settings_write(changes, after))
+    if (members != 0 || !settings_write(changes, false, after))
         return -1;
     if (stored != nullptr)
-        *stored = {{static_cast<uint8_t>(after[location_history_status]),
-                    static_cast<uint32_t>(after[location_history_interval])},
-                   static_cast<int32_t>(after[ta_power_on_status]),
-                   static_cast<int32_t>(after[gps_power_on_status])};
+        *stored = settings_record(after);
     return 0;
 } catch (const std::exception &) {
     return -1;

@@ -22,6 +22,8 @@ namespace {
 
 constexpr std::chrono::milliseconds BUSY_INTERVAL{2};
 constexpr std::string_view sqlite_header("SQLite format 3\0", 16);
+constexpr size_t READ_VERSION_AT = 19; // in the file
+constexpr char READ_VERSION_WAL = 2;
 
 struct range {
     int64_t lowest, highest;
@@ -105,31 +107,36 @@ outcome prepare(sqlite3 *db, const char *sql, statement &prepared) {
     if (result != SQLITE_ROW)
         return judge(db, result, sql);
     log_error("%s is the database of something else; it is left as it is", path_of(db));
-    return outcome::failed;
+    return outcome::foreign;
 }
 
 outcome refuse(const std::string &path, const char *why) {
     log_error("settings database %s: %s; it is left as it is", path.c_str(), why);
-    return outcome::failed;
+    return outcome::foreign;
 }
 
 // Whether an opened file may be what it should be, read through SQLite: closing a descriptor of
-// one's own would let go of all locks that the process has on the file.
-outcome check_header(sqlite3 *db, const std::string &path) {
+// one's own would let go of all locks that the process has on the file. `wal`: whether it wants a
+// -wal.
+outcome check_header(sqlite3 *db, const std::string &path, bool &wal) {
     sqlite3_file *file = nullptr;
     sqlite3_int64 size = 0;
+    wal = false;
     sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
     if (file == nullptr || file->pMethods == nullptr ||
-        file->pMethods->xFileSize(file, &size) != SQLITE_OK)
-        return refuse(path, "cannot be read");
+        file->pMethods->xFileSize(file, &size) != SQLITE_OK) {
+        log_error("settings database %s: cannot be read", path.c_str());
+        return outcome::failed;
+    }
     if (size == 0)
         return outcome::done;
-    std::array<char, sqlite_header.size()> header{};
+    // What a short file lacks is read as zeros.
+    std::array<char, READ_VERSION_AT + 1> header{};
     const int result = file->pMethods->xRead(file, header.data(), header.size(), 0);
     if (result != SQLITE_OK && result != SQLITE_IOERR_SHORT_READ)
         return judge(db, result, "read");
-    const bool ours =
-        result == SQLITE_OK && std::equal(header.begin(), header.end(), sqlite_header.begin());
+    wal = header[READ_VERSION_AT] == READ_VERSION_WAL;
+    const bool ours = std::equal(sqlite_header.begin(), sqlite_header.end(), header.begin());
     return ours ? outcome::done : refuse(path, "is no database");
 }
 
@@ -158,7 +165,8 @@ outcome open_database(const std::string &path, bool create, database &opened, st
     struct stat now {};
     if (lstat(path.c_str(), &now) != 0 || now.st_dev != there.st_dev || now.st_ino != there.st_ino)
         return outcome::busy; // exchanged at this moment
-    if (const outcome o = check_header(raw, path); o != outcome::done)
+    bool wal = false;
+    if (const outcome o = check_header(raw, path, wal); o != outcome::done)
         return o;
     // Keep -wal and -shm between calls: a user who may only read the files could not make them.
     int keep = 1;
@@ -219,12 +227,14 @@ void complain(open_settings &link, const finding &found) {
     }
 }
 
-// A file system that is read-only or full has no room for a -shm. Where no -wal has anything to
-// add, the file itself is all there is.
-outcome read_without_companions(const std::string &path, settings_values &values, finding &found) {
+// Whether a -wal beside the database may add to it.
+bool has_wal(const std::string &path) {
     struct stat wal {};
-    if (stat((path + "-wal").c_str(), &wal) == 0 ? wal.st_size != 0 : errno != ENOENT)
-        return outcome::failed;
+    return stat((path + "-wal").c_str(), &wal) == 0 ? wal.st_size != 0 : errno != ENOENT;
+}
+
+// `how`: SQLite's words for the manner of opening.
+outcome open_to_read(const std::string &path, const char *how, database &opened) {
     std::string uri = "file:";
     for (const char c : path)
         if (c == '%' || c == '?' || c == '#')
@@ -235,11 +245,22 @@ outcome read_without_companions(const std::string &path, settings_values &values
             uri.append(1, c);
     sqlite3 *raw = nullptr;
     const int result =
-        sqlite3_open_v2(uri.append("?immutable=1").c_str(), &raw,
+        sqlite3_open_v2(uri.append(how).c_str(), &raw,
                         SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
-    const database alone(raw);
-    const outcome o = judge(raw, result, "open");
-    return o == outcome::done ? read_values(raw, values, found) : o;
+    opened.reset(raw);
+    if (result == SQLITE_OK)
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    return judge(raw, result, "open");
+}
+
+// A file system that is read-only or full has no room for a -shm. Where no -wal has anything to
+// add, the file itself is all there is.
+outcome read_without_companions(const std::string &path, settings_values &values, finding &found) {
+    database alone;
+    if (has_wal(path))
+        return outcome::failed;
+    const outcome o = open_to_read(path, "?immutable=1", alone);
+    return o == outcome::done ? read_values(alone.get(), values, found) : o;
 }
 
 outcome upsert(sqlite3 *db, std::span<const setting_change> changes) {
@@ -269,14 +290,7 @@ outcome create_table(sqlite3 *db) {
     return o == outcome::done ? upsert(db, defaults) : o;
 }
 
-// What a call writes, and for how long.
-struct request {
-    std::span<const setting_change> changes;
-    settings_clock::time_point deadline;
-    const std::atomic<bool> &given_up;
-};
-
-outcome transact(sqlite3 *db, const request &call, bool create, settings_values &after) {
+outcome transact(sqlite3 *db, const store_request &call, bool create, settings_values &after) {
     outcome o = execute(db, "BEGIN IMMEDIATE");
     finding found;
     if (o == outcome::done)
@@ -296,13 +310,14 @@ outcome transact(sqlite3 *db, const request &call, bool create, settings_values 
     return o;
 }
 
-outcome attempt(const std::string &path, request call, bool create, settings_values &after) {
+outcome attempt(const store_request &call, bool create, settings_values &after) {
     database db;
     struct stat there {};
-    outcome o = open_database(path, create, db, there);
+    settings_clock::time_point deadline = call.deadline;
+    outcome o = open_database(call.path, create, db, there);
     if (o != outcome::done)
         return o;
-    sqlite3_busy_handler(db.get(), wait_for_lock, &call.deadline);
+    sqlite3_busy_handler(db.get(), wait_for_lock, &deadline);
     // A small -wal is soon read again after a power loss; at the close it goes to nothing.
     o = execute(
         db.get(),
@@ -379,24 +394,65 @@ outcome store_read(open_settings &link, const std::string &path,
     }
 }
 
-outcome store_write(const std::string &path, std::span<const setting_change> changes,
-                    settings_clock::time_point deadline, const std::atomic<bool> &given_up,
-                    settings_values &after) {
-    const request call{changes, deadline, given_up};
+outcome store_look(const std::string &path, settings_clock::time_point deadline,
+                   settings_values &values) {
+    for (;;) {
+        struct stat before {};
+        values = store_defaults();
+        if (lstat(path.c_str(), &before) != 0 && (errno == ENOENT || errno == ENOTDIR))
+            return outcome::fresh;
+        // What is seen, not who asks: a privileged process reads with its own rights.
+        if (faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES)
+            return outcome::denied;
+        if (!S_ISREG(before.st_mode))
+            return refuse(path, "is no regular file");
+        if (before.st_size == 0)
+            return outcome::fresh;
+        open_settings link;
+        link.path = path;
+        bool wal = false;
+        outcome o = open_to_read(path, "?mode=ro", link.db);
+        if (o == outcome::done)
+            o = check_header(link.db.get(), path, wal);
+        // SQLite would make the -wal and the -shm that it does not find.
+        const bool alone = wal && !has_wal(path);
+        if (o == outcome::done && alone)
+            o = open_to_read(path, "?immutable=1", link.db);
+        finding found;
+        if (o == outcome::done) {
+            sqlite3_busy_handler(link.db.get(), wait_for_lock, &deadline);
+            o = read_values(link.db.get(), values, found);
+        }
+        struct stat after {};
+        // Read without a lock: somebody may have written meanwhile.
+        const bool moved = lstat(path.c_str(), &after) != 0 || after.st_ino != before.st_ino ||
+                           after.st_dev != before.st_dev ||
+                           (alone && (has_wal(path) || after.st_size != before.st_size ||
+                                      after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+                                      after.st_mtim.tv_nsec != before.st_mtim.tv_nsec));
+        if (!moved || settings_clock::now() >= deadline) {
+            if (o == outcome::done)
+                complain(link, found);
+            return moved ? outcome::busy : o;
+        }
+    }
+}
+
+outcome store_write(const store_request &call, settings_values &after) {
     {
-        const path_lock shared(path, LOCK_SH, deadline);
+        const path_lock shared(call.path, LOCK_SH, call.deadline);
         if (!shared.held())
             return shared.busy() ? outcome::busy : outcome::failed;
-        const outcome o = attempt(path, call, false, after);
-        if (o != outcome::fresh && o != outcome::damaged)
+        const outcome o = attempt(call, false, after);
+        if (o != outcome::fresh && (o != outcome::damaged || !call.repair))
             return o;
     }
-    const path_lock alone(path, LOCK_EX, deadline);
+    const path_lock alone(call.path, LOCK_EX, call.deadline);
     if (!alone.held())
         return alone.busy() ? outcome::busy : outcome::failed;
     // Another process may have repaired the file while this one waited: look again first.
-    outcome o = attempt(path, call, true, after);
-    if (o == outcome::damaged && set_aside(path))
-        o = attempt(path, call, true, after);
+    outcome o = attempt(call, true, after);
+    if (o == outcome::damaged && call.repair && set_aside(call.path))
+        o = attempt(call, true, after);
     return o == outcome::damaged ? outcome::failed : o;
 }

@@ -32,6 +32,8 @@ struct setting_change {
 enum class outcome {
     done,
     failed,  // logged; the file is left alone
+    foreign, // the same: what is there is no settings database
+    denied,  // the same: this user may not read it
     busy,    // somebody else held a lock until the deadline
     fresh,   // there is no database yet
     damaged, // it was a database
@@ -64,11 +66,22 @@ bool store_accepts(std::span<const setting_change> changes);
 outcome store_read(open_settings &link, const std::string &path,
                    settings_clock::time_point deadline, settings_values &values);
 
+// Fills all values without writing anything: no file is made, moved or changed. The one call here
+// that any thread may make; opens the file for itself. `fresh`: there is none, or it holds nothing
+// yet, and the values are the defaults.
+outcome store_look(const std::string &path, settings_clock::time_point deadline,
+                   settings_values &values);
+
 // Stores all changes or none, and fills `after` with all values as they are then. Creates the
-// database when there is none, and replaces a damaged one, also when there is nothing to store.
-// Nothing is stored once `given_up` is set.
-outcome store_write(const std::string &path, std::span<const setting_change> changes,
-                    settings_clock::time_point deadline, const std::atomic<bool> &given_up,
-                    settings_values &after);
+// database when there is none, also when there is nothing to store. A damaged one is set aside for
+// a new one if `repair` says so. Nothing is stored once `given_up` is set.
+struct store_request {
+    std::string path;
+    std::span<const setting_change> changes;
+    bool repair;
+    settings_clock::time_point deadline;
+    const std::atomic<bool> &given_up;
+};
+outcome store_write(const store_request &call, settings_values &after);
 
 #endif

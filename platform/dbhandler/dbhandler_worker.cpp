@@ -27,6 +27,7 @@ constexpr size_t STACK_SIZE = size_t{512} * 1024;
 struct job {
     std::string path;
     std::vector<setting_change> changes;
+    bool repair = false;
     settings_clock::time_point deadline;
     std::atomic<bool> given_up{false}; // nobody waits any more
     settings_values values{};
@@ -101,15 +102,16 @@ outcome serve_read(library &own, job &call) {
         remember(own, call, stored, 0);
     }
     if (o == outcome::fresh || o == outcome::damaged)
-        o = store_write(call.path, {}, call.deadline, std::atomic<bool>{false}, call.values);
+        o = store_write({call.path, {}, true, call.deadline, std::atomic<bool>{false}},
+                        call.values);
     if (o == outcome::done)
         remember(own, call, stored, 0);
     return o;
 }
 
 outcome serve_write(library &own, job &call) {
-    const outcome o =
-        store_write(call.path, call.changes, call.deadline, call.given_up, call.values);
+    const outcome o = store_write(
+        {call.path, call.changes, call.repair, call.deadline, call.given_up}, call.values);
     if (o == outcome::done)
         remember(own, call, count_of_stored(own), 1);
     return o;
@@ -260,11 +262,16 @@ bool settings_read(settings_values &values) {
     return kept;
 }
 
-bool settings_write(std::span<const setting_change> changes, settings_values &after) {
+outcome settings_look(settings_values &values) {
+    return store_look(settings_path(), settings_clock::now() + WRITE_PATIENCE, values);
+}
+
+bool settings_write(std::span<const setting_change> changes, bool repair, settings_values &after) {
     library &own = get_library();
     if (!store_accepts(changes) || !is_usable(own))
         return false;
     const std::shared_ptr<job> call = new_job(changes, WRITE_PATIENCE);
+    call->repair = repair;
     const outcome o = have_done(own, own.writing, work<&library::writing>, call, WRITE_PATIENCE);
     if (o == outcome::done)
         after = call->values;

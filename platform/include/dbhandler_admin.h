@@ -5,7 +5,8 @@
  *
  * Any thread. 0 for success, anything else for failure: refused, locked by others for a second, or
  * the reason in the log; the settings are then as they were. One exception: when the disk itself
- * takes more than the second, the call fails and the change may still arrive.
+ * takes more than the second, the call fails and the change may still arrive. A damaged database is
+ * left as it is: only the service's own library sets it aside.
  */
 #ifndef DBHANDLER_ADMIN_H
 #define DBHANDLER_ADMIN_H
@@ -42,6 +43,22 @@ int db_set_location_history_settings(const struct location_history_settings *set
 
 /* The same for the antenna type. */
 int db_set_ta_power_on_status(int32_t status);
+
+/* What db_look_at_settings found. */
+enum db_look {
+    DB_LOOK_STORED = 0,
+    DB_LOOK_ABSENT = 1,   /* no file, or nothing in it yet: the defaults serve */
+    DB_LOOK_NOT_OURS = 2, /* what is there is no settings database */
+    DB_LOOK_DAMAGED = 3,  /* it was one; the service sets it aside when it reads it */
+    DB_LOOK_DENIED = 4,   /* this user may not read it */
+    DB_LOOK_FAILED = 5    /* locked by others for a second, or the reason is in the log */
+};
+
+/* Reads all settings and writes nothing: no file is made, moved or changed, also for a user who may
+ * only read. Returns an enum db_look; fills `settings` with the first two. In libdbhandler.so
+ * itself, to be looked up by its name when it is needed: it speaks for the library that the service
+ * uses, and another libdbhandler does not have it. */
+int db_look_at_settings(struct db_settings *settings);
 
 /* Path of the settings file: environment DBHANDLER_FILE, unless the process is privileged, else
  * "/user/settings.db". Not to be freed; valid until the environment changes. */

@@ -144,13 +144,13 @@ TEST_F(settings_db, of_processes_that_find_damage_one_keeps_the_file_and_default
         int gate[2];
         ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
         std::array<pid_t, 6> children{};
-        for (int i = 0; pid_t & child : children)
-            child = start_child([&gate, wanted = i++] {
+        for (pid_t &child : children)
+            child = start_child([&gate] {
                 char byte = 0;
                 close(gate[1]);
                 int32_t value = -7;
                 const bool let_go = read(gate[0], &byte, 1) == 0;
-                return let_go && db_set_ta_power_on_status(wanted) == 0 &&
+                return let_go && db_set_gps_power_on_status(2) == 0 &&
                        db_read_gps_power_on_status(&value) == 0 && value == 2;
             });
         close(gate[0]);
@@ -193,11 +193,52 @@ TEST_F(settings_db, what_never_was_our_database_is_left_untouched) {
         EXPECT_NE(db_read_gps_power_on_status(&value), 0);
         EXPECT_NE(db_set_gps_power_on_status(0), 0);
         EXPECT_EQ(value, -7);
+        db_settings seen{};
+        EXPECT_EQ(db_look_at_settings(&seen), DB_LOOK_NOT_OURS);
         EXPECT_TRUE(fs::exists(fs::symlink_status(file_)));
         EXPECT_TRUE(fs::is_fifo(file_) || dir.read(file_) == before);
     }
     EXPECT_EQ(damaged_copies(), 0);
     EXPECT_TRUE(dir.read("elsewhere") == good);
+}
+
+TEST_F(settings_db, a_look_and_a_tool_leave_everything_as_it_is) {
+    const std::string good = make_database();
+    ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
+    const struct {
+        const char *name;
+        std::function<void()> make;
+        int look;
+        mode_t directory;
+    } rows[] = {
+        {"nothing", [] {}, DB_LOOK_ABSENT, 0777},
+        {"empty", [&] { dir.write(file_, ""); }, DB_LOOK_ABSENT, 0777},
+        {"damaged", [&] { dir.write(file_, good.substr(0, 4096)); }, DB_LOOK_DAMAGED, 0777},
+        {"alone", [&] { dir.write(file_, good); }, DB_LOOK_STORED, 0777},
+        {"alone, read only", [&] { dir.write(file_, good); }, DB_LOOK_STORED, 0555},
+        {"not for us", [&] { fs::permissions(file_, fs::perms::none); }, DB_LOOK_DENIED, 0777},
+    };
+    const auto names = [] {
+        return std::distance(fs::directory_iterator("."), fs::directory_iterator());
+    };
+    for (const auto &row : rows) {
+        row.make();
+        ASSERT_EQ(chmod(dir.path().c_str(), row.directory), 0);
+        const auto before = names();
+        EXPECT_EQ(run_in_child([&] {
+                      db_settings seen{};
+                      return (getuid() != 0 || setuid(65534) == 0) &&
+                             db_look_at_settings(&seen) == row.look &&
+                             (row.look != DB_LOOK_STORED || seen.gps_power_on_status == 1);
+                  }),
+                  1)
+            << row.name;
+        EXPECT_EQ(names(), before) << row.name;
+        if (row.look == DB_LOOK_DAMAGED) {
+            EXPECT_NE(db_set_ta_power_on_status(4), 0);
+            EXPECT_TRUE(dir.read(file_) == good.substr(0, 4096));
+        }
+    }
 }
 
 TEST_F(settings_db, a_file_that_cannot_be_written_now_is_left_alone) {
