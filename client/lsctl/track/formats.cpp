@@ -111,6 +111,16 @@ json geojson_feature(const track_piece &piece) {
 
 } // namespace
 
+std::string track_line_text(const track_point &at) {
+    return std::string(at.line) + "\n";
+}
+
+std::string track_line_json(const track_point &at) {
+    json object = {{"class", "position"}};
+    object.update(point_json(at));
+    return object.dump() + "\n";
+}
+
 void track_write_lines(const track &all, int64_t, FILE *out, const track_progress &progress) {
     for (size_t i = 0; i < all.points.size(); ++i) {
         put(all.points[i].line, out);

@@ -210,6 +210,34 @@ std::optional<int64_t> parse_age(std::string_view text, int64_t now) {
 
 } // namespace
 
+namespace {
+
+// Takes a zone off the end: "Z", "+HH:MM", "+HHMM" or "+HH". Seconds east of UTC; none without one.
+std::optional<int64_t> take_zone(std::string_view &text) {
+    if (text.ends_with('Z') || text.ends_with('z')) {
+        text.remove_suffix(1);
+        return 0;
+    }
+    const size_t sign = text.find_last_of("+-");
+    if (sign == std::string_view::npos)
+        return std::nullopt;
+    std::string digits(text.substr(sign + 1));
+    if (digits.size() == 5 && digits[2] == ':')
+        digits.erase(2, 1);
+    int hours = 0;
+    int minutes = 0;
+    if ((digits.size() != 2 && digits.size() != 4) || !parse_digits(digits.substr(0, 2), &hours) ||
+        (digits.size() == 4 && !parse_digits(digits.substr(2), &minutes)) || hours > 14 ||
+        minutes > 59)
+        return std::nullopt;
+    const int64_t east = int64_t{hours} * 3600 + int64_t{minutes} * 60;
+    const bool west = text[sign] == '-';
+    text = text.substr(0, sign);
+    return west ? -east : east;
+}
+
+} // namespace
+
 bool track_parse_time(std::string_view text, int64_t now, bool end, int64_t *utc) {
     if (const std::optional<int64_t> aged = parse_age(text, now); aged.has_value()) {
         *utc = *aged;
@@ -231,6 +259,12 @@ bool track_parse_time(std::string_view text, int64_t now, bool end, int64_t *utc
         if (text[10] != ' ' && text[10] != 'T')
             return false;
         text.remove_prefix(11);
+        if (const std::optional<int64_t> east = take_zone(text); east.has_value()) {
+            if (!parse_clock(text, &local))
+                return false;
+            *utc = timegm(&local) - *east;
+            return true;
+        }
     }
     if (!parse_clock(text, &local))
         return false;

@@ -52,8 +52,9 @@ bool track_parse_line(std::string_view line, int64_t previous_utc, track_point *
 track track_parse(std::string_view text, const track_range &range, const track_progress &progress);
 
 // A time as people type it, local: "YYYY-MM-DD[ HH:MM[:SS]]" (T for the blank), "HH:MM[:SS]" of
-// today, or an age such as "90m" (s, m, h, d). What is left out counts as 0, or for `end` as late
-// as it can be. `now`: seconds since 1970. False: none of these.
+// today, or an age such as "90m" (s, m, h, d). Behind a day and a time "Z", "+HH:MM", "+HHMM" or
+// "+HH" (or "-") tell another zone. What is left out counts as 0, or for `end` as late as it can
+// be. `now`: seconds since 1970. False: none of these.
 bool track_parse_time(std::string_view text, int64_t now, bool end, int64_t *utc);
 
 // "2019-02-05T09:51:05Z"
@@ -77,6 +78,29 @@ struct track_vertex {
 };
 using track_piece = std::vector<track_vertex>;
 std::vector<track_piece> track_pieces(const track &all, const track_stretch &stretch);
+
+struct track_gap {
+    int64_t from; // seconds since 1970
+    int64_t to;   // less than `from` where the clock was set back
+};
+
+// A whole track in a few numbers. Gaps are what lies between its stretches.
+struct track_summary {
+    const track_point *first = nullptr; // of those with a place; null: there is none
+    const track_point *last = nullptr;
+    size_t positions = 0;    // with a place
+    double distance_m = 0;   // along the track, without its gaps
+    int64_t span_s = 0;      // from the first to the last
+    int64_t under_way_s = 0; // of that, the steps faster than 0.5 m/s; without the gaps
+    // Bounding box in degrees. West is greater than east where it holds the antimeridian.
+    double south = 0, north = 0, west = 0, east = 0;
+    std::vector<track_gap> gaps;
+};
+track_summary track_summarise(const track &all, int64_t gap_s);
+
+// One point with its line end: as it was exported, and as an object with `class` in front.
+std::string track_line_text(const track_point &at);
+std::string track_line_json(const track_point &at);
 
 using track_writer = void (*)(const track &all, int64_t gap_s, FILE *out,
                               const track_progress &progress);

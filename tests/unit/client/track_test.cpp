@@ -64,8 +64,16 @@ TEST(lsctl_track, times_as_people_type_them) {
         bool end;
         int64_t offset; // from now; 0 = refused
     } rows[] = {
-        {"2019-02-05T10:50", true, -6}, {"10:50:10", true, -55}, {"2019-02-05", false, -39065},
-        {"2019-02-05", true, 47334},    {"90m", false, -5400},   {"2019-02-30", false, 0},
+        {"2019-02-05T10:50", true, -6},
+        {"10:50:10", true, -55},
+        {"2019-02-05", false, -39065},
+        {"2019-02-05", true, 47334},
+        {"90m", false, -5400},
+        {"2019-02-30", false, 0},
+        {"2019-02-05T09:51:15Z", false, 10},
+        {"2019-02-05 09:51:15+05:30", false, -19790},
+        {"2019-02-05T09:51-0100", true, 3654},
+        {"2019-02-05T09:51:15+1:00", false, 0},
     };
     for (const auto &row : rows) {
         int64_t utc = now;
@@ -85,6 +93,24 @@ TEST(lsctl_track, the_antimeridian_cuts) {
     // Drawn the short way: 2 degrees, not 358.
     EXPECT_LT(page_lay_out(all, 0).metres_per_mm, 5000);
     EXPECT_TRUE(pieces[0].size() == 2 && pieces[1].size() == 2);
+}
+
+TEST(lsctl_track, is_summed_up_without_its_gaps) {
+    set_zone("UTC0");
+    const track all = parsed("2019-02-05 12:00:00,2D,0.000000N,179.999900E,+2.25m,08\n"
+                             "2019-02-05 12:00:10,2D,0.000000N,179.999900W,+2.25m,08\n"
+                             "2019-02-05 12:00:20,2D,0.000010N,179.999900W,+2.25m,08\n"
+                             "2019-02-05 12:10:00,2D,1.000000S,179.999900W,+2.25m,08\n"
+                             "2019-02-05 12:10:10,ER,0.000000X,0.000000Y,+0.00m,00\n");
+    const track_summary sum = track_summarise(all, 0);
+    EXPECT_TRUE(sum.positions == 4 && sum.span_s == 600);
+    EXPECT_EQ(sum.under_way_s, 10) << "a metre in ten seconds is none";
+    EXPECT_NEAR(sum.distance_m, 23.35, 0.01);
+    ASSERT_EQ(sum.gaps.size(), 1U);
+    EXPECT_EQ(sum.gaps[0].to - sum.gaps[0].from, 580);
+    EXPECT_TRUE(sum.south == -1 && sum.north == 1e-5);
+    EXPECT_NEAR(sum.west, 179.9999, 1e-9);
+    EXPECT_NEAR(sum.east, -179.9999, 1e-9);
 }
 
 } // namespace
