@@ -74,8 +74,13 @@ int main(int argc, char **argv) {
     ctl->add_option("WORDS", words, "status, faults, fault NAME [ARG] on|off, power, ...")
         ->required();
     ctl->prefix_command(false);
+    CLI::App *env =
+        app.add_subcommand("env", "Print its environment, for a shell: eval \"$(...)\"");
+    env->add_option("DIR", directory, "Directory of the terminal")->required();
     try {
         app.parse(argc, argv);
+        if (env->parsed())
+            return sim::terminal_env(directory);
         return ctl->parsed() ? sim::terminal_ctl(directory, words) : sim::terminal_run(options);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : USAGE;

@@ -22,11 +22,12 @@ class App;
 using lsctl_json = nlohmann::ordered_json;
 
 enum lsctl_exit : int {
-    LSCTL_OK = 0,        // answered: success
-    LSCTL_FAILED = 1,    // answered: failure
-    LSCTL_USAGE = 2,     // wrong arguments; nothing was sent
-    LSCTL_NO_ANSWER = 3, // no answer, no service, no bus
-    LSCTL_SIGNAL = 128,  // plus the signal that ended it
+    LSCTL_OK = 0,            // answered: success
+    LSCTL_FAILED = 1,        // answered: failure
+    LSCTL_USAGE = 2,         // wrong arguments; nothing was sent
+    LSCTL_NO_ANSWER = 3,     // no answer, no service, no bus
+    LSCTL_SIGNAL = 128,      // plus the signal that ended it
+    LSCTL_CLOSED_PIPE = 141, // nobody reads the standard output any more
 };
 
 // Options that every sub-command has.
@@ -72,6 +73,14 @@ std::chrono::milliseconds lsctl_timeout(const lsctl_options &options);
 
 // --- lsctl_output.cpp ---
 
+// The rule for a standard output that takes no more, for every command: it ends, and
+// lsctl_output_end turns its exit status into LSCTL_CLOSED_PIPE, without a word, or says why and
+// turns it into LSCTL_FAILED. lsctl_output_failed notes an errno of whoever writes to descriptor 1
+// by another way.
+void lsctl_output_start();
+void lsctl_output_failed(int error);
+int lsctl_output_end(int status);
+
 // Line on stdout; in JSON one object, indented only on a terminal. False: stdout takes no more.
 bool lsctl_print(const std::string &lines);
 bool lsctl_print_json(const lsctl_json &object);
@@ -86,6 +95,9 @@ int lsctl_fail(const lsctl_options &options, location_result result,
                const location_client *client = nullptr);
 // The same with a sentence of the command's own.
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence);
+// The same for what is no result of the library: `error` is its stable name in JSON.
+int lsctl_fail_as(const lsctl_options &options, const char *error, int exit_status,
+                  const std::string &sentence);
 // The sentence and the exit status alone.
 std::string lsctl_sentence(const lsctl_options &options, location_result result,
                            const location_client *client = nullptr);

@@ -1,5 +1,5 @@
 // lsctl history: has the history exported, and prints it or turns it into a file of another format.
-#include "lsctl_text.h"
+#include "lsctl_history.h"
 
 #include <array>
 #include <ctime>
@@ -7,23 +7,26 @@
 #include <CLI/CLI.hpp>
 
 #include "lsctl_history_file.h"
-#include "track.h"
+#include "lsctl_terminal.h"
+#include "lsctl_text.h"
+#include "lsctl_usage.h"
 
 namespace {
 
 struct format {
     const char *name;
     track_writer write;
+    history_line line; // null: it cannot be written line by line
 };
 
 constexpr std::array<format, 7> FORMATS = {{
-    {"text", track_write_lines},
-    {"csv", track_write_csv},
-    {"json", track_write_json},
-    {"gpx", track_write_gpx},
-    {"kml", track_write_kml},
-    {"geojson", track_write_geojson},
-    {"svg", track_write_svg},
+    {"text", track_write_lines, track_line_text},
+    {"csv", track_write_csv, nullptr},
+    {"json", track_write_json, track_line_json},
+    {"gpx", track_write_gpx, nullptr},
+    {"kml", track_write_kml, nullptr},
+    {"geojson", track_write_geojson, nullptr},
+    {"svg", track_write_svg, nullptr},
 }};
 
 struct history_command {
@@ -32,26 +35,28 @@ struct history_command {
     std::string since;
     std::string until;
     std::string output;
-    std::string root;
-    std::string input;
+    history_source source;
     int64_t gap_s = 0;
+    bool follow = false;
+    bool summary = false;
 
     void add_options(CLI::App &app);
     int run(const lsctl_options &options) const;
 
   private:
+    std::string usage_problem(const lsctl_options &options) const;
     const format &chosen_format(const lsctl_options &options) const;
-    // Where the exported file is, or an exit status other than 0. *incomplete: the service could
-    // not write all of it.
-    int have_exported(const lsctl_options &options, std::string *path, bool *incomplete) const;
     track_range wanted_range() const;
+    int write(const lsctl_options &options, const std::string &text, bool incomplete) const;
 };
 
 std::string check_time(const std::string &text) {
     int64_t utc = 0;
     return track_parse_time(text, 0, false, &utc)
                ? std::string()
-               : "'" + text + "' is neither YYYY-MM-DD[ HH:MM[:SS]], HH:MM[:SS] nor an age (90m)";
+               : "'" + text +
+                     "' is neither YYYY-MM-DD[ HH:MM[:SS]] with or without Z or an offset "
+                     "(+01:00), HH:MM[:SS] nor an age (90m)";
 }
 
 const format &history_command::chosen_format(const lsctl_options &options) const {
@@ -60,34 +65,6 @@ const format &history_command::chosen_format(const lsctl_options &options) const
         if (name == each.name)
             return each;
     return FORMATS.front();
-}
-
-int history_command::have_exported(const lsctl_options &options, std::string *path,
-                                   bool *incomplete) const {
-    if (!input.empty()) {
-        *path = input;
-        return LSCTL_OK;
-    }
-    const lsctl_link link(options.as);
-    if (link.result != LOCATION_ANSWERED)
-        return lsctl_fail(options, link.result);
-    ls_history_path_reply reply{};
-    const location_result result =
-        location_client_get_history_path(link.client, lsctl_timeout(options), &reply);
-    *incomplete = result == LOCATION_FAILED && reply.status == 255;
-    if (result == LOCATION_FAILED && !*incomplete) {
-        return lsctl_fail(options, result,
-                          "the location service could not export its history: there is none yet, "
-                          "its file is damaged, or its disk is full; the service's log says which");
-    }
-    if (result != LOCATION_ANSWERED && !*incomplete)
-        return lsctl_fail(options, result, link.client);
-    *path = root + reply.path;
-    return LSCTL_OK;
-}
-
-int fail(const lsctl_options &options, const std::string &sentence) {
-    return lsctl_fail(options, LOCATION_FAILED, sentence);
 }
 
 track_range history_command::wanted_range() const {
@@ -127,7 +104,7 @@ void history_command::add_options(CLI::App &app) {
         ->check(CLI::IsMember(names));
     app.add_option("--since", since,
                    "Nothing older: YYYY-MM-DD[ HH:MM[:SS]], HH:MM[:SS] of today, or an age (90m, "
-                   "2d); local time")
+                   "2d); local time, or with Z or an offset")
         ->option_text("TIME")
         ->check(check_time);
     app.add_option("--until", until, "Nothing newer; a day alone means all of it")
@@ -139,55 +116,82 @@ void history_command::add_options(CLI::App &app) {
                    "Steps longer than this are pauses (default: those much longer than usual)")
         ->option_text("SECONDS")
         ->check(CLI::Range(1, 31'536'000));
-    app.add_option("--root", root, "Directory of a simulated terminal, before the service's path")
-        ->option_text("DIR (environment: LSCTL_ROOT)")
-        ->envname("LSCTL_ROOT");
-    app.add_option("--input", input, "Read this exported file instead of asking the service")
+    app.add_option("--root", source.root,
+                   "Directory of a simulated terminal, before the service's path")
+        ->option_text("DIR (environment: LOCATION_TERMINAL_ROOT)");
+    app.add_option("--input", source.input, "Read this exported file instead of asking the service")
         ->option_text("FILE");
+    app.add_flag("--follow", follow, "Print what is recorded from now on, too, until a signal");
+    app.add_flag("--summary", summary, "Distance, times, bounding box and gaps instead of lines");
+}
+
+// What goes together with what; empty = all right.
+std::string history_command::usage_problem(const lsctl_options &options) const {
+    const bool json_only = options.json && !format_name.empty() && format_name != "json";
+    if (json_only)
+        return "--json and --format " + format_name + " exclude each other";
+    if (summary && !format_name.empty() && format_name != "json" && format_name != "text")
+        return "--summary is text or json";
+    if (follow && (summary || !output.empty() || !source.input.empty() || !until.empty()))
+        return "--follow goes with none of --summary, --output, --input and --until";
+    if (follow && chosen_format(options).line == nullptr)
+        return "--follow prints text or json";
+    const track_range range = wanted_range();
+    return range.since > range.until ? "--since is later than --until" : "";
 }
 
 int history_command::run(const lsctl_options &options) const {
-    if (options.json && !format_name.empty() && format_name != "json") {
-        lsctl_complain("--json and --format " + format_name + " exclude each other");
-        return LSCTL_USAGE;
-    }
-    const track_range range = wanted_range();
-    if (range.since > range.until) {
-        lsctl_complain("--since is later than --until");
-        return LSCTL_USAGE;
-    }
-    std::string path;
-    bool incomplete = false;
-    if (const int status = have_exported(options, &path, &incomplete); status != LSCTL_OK)
-        return status;
+    if (const std::string problem = usage_problem(options); !problem.empty())
+        return lsctl_usage_error(options.json, problem);
+    history_source from = source;
+    if (from.root.empty())
+        from.root = lsctl_terminal_root();
+    if (follow)
+        return history_follow(options, from, chosen_format(options).line, wanted_range());
     std::string text;
-    const auto ended = [] { return lsctl_signals_last() != 0; };
-    if (const std::string error = history_read(path, lsctl_timeout(options), ended, &text);
-        !error.empty()) {
-        return ended() ? lsctl_exit_of(LOCATION_CANCELLED)
-                       : fail(options, "the exported history cannot be read: " + error +
-                                           (root.empty() && input.empty()
-                                                ? "; for a simulated terminal give --root DIR"
-                                                : ""));
+    bool incomplete = false;
+    if (const int status = history_load(options, from, &text, &incomplete); status != LSCTL_OK)
+        return status;
+    if (text.empty() && !incomplete) {
+        lsctl_complain(from.input.empty() ? "nothing is recorded: " + history_why_nothing(from)
+                                          : from.input + " is empty");
     }
+    return write(options, text, incomplete);
+}
 
-    const format &to = chosen_format(options);
-    std::string error;
-    track all;
-    {
-        history_progress progress(text.size());
-        all = track_parse(
-            text, range, [&](double part) { progress.show("Reading", part); });
-        error = history_write(output, [&](FILE *out) {
-            to.write(all, gap_s, out, [&](double part) { progress.show("Writing", part); });
-        });
+// `text`: the whole export.
+int history_command::write(const lsctl_options &options, const std::string &text,
+                           bool incomplete) const {
+    history_progress progress(text.size());
+    const track all =
+        track_parse(text, wanted_range(), [&](double part) { progress.show("Reading", part); });
+    const bool any = !all.points.empty() || all.out_of_range != 0;
+    if (!source.input.empty() && !any && all.bad_lines != 0) {
+        return lsctl_fail_as(options, "not_history", LSCTL_FAILED,
+                             source.input + " is no exported location history");
     }
-    if (!error.empty()) {
-        lsctl_complain("cannot write " + error);
+    if (all.points.empty() && all.out_of_range != 0) {
+        lsctl_complain(lsctl_format("none of the %zu recorded positions is between --since and "
+                                    "--until",
+                                    all.out_of_range));
+    }
+    const format &to = chosen_format(options);
+    const bool as_json = options.json || to.write == track_write_json;
+    const history_error error = history_write(output, [&](FILE *out) {
+        const auto told = [&](double part) { progress.show("Writing", part); };
+        if (summary)
+            history_write_summary(all, gap_s, as_json, out);
+        else
+            to.write(all, gap_s, out, told);
+    });
+    if (output.empty() && !error.none()) {
+        lsctl_output_failed(error.code);
         return LSCTL_FAILED;
     }
-    const bool needs_places = to.write != track_write_lines && to.write != track_write_csv &&
-                              to.write != track_write_json;
+    if (!error.none())
+        return lsctl_fail_as(options, "not_written", LSCTL_FAILED, "cannot write " + error.text);
+    const bool needs_places =
+        summary || (to.write != track_write_lines && to.write != track_write_csv && !as_json);
     tell_what_was_left_out(all, needs_places);
     if (incomplete) {
         lsctl_complain("the location service could not write all of its export: lines are missing");

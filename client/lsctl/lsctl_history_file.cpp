@@ -28,8 +28,8 @@ constexpr milliseconds SETTLED{50};
 constexpr milliseconds SETTLED_ODDLY{1000};
 constexpr milliseconds LOOK_AGAIN{10};
 
-std::string reason(const std::string &step) {
-    return step + ": " + std::strerror(errno);
+history_error failure(const std::string &what, int code) {
+    return {code, what + ": " + std::strerror(code)};
 }
 
 bool same(const struct stat &a, const struct stat &b) {
@@ -72,30 +72,25 @@ attempt read_once(int fd, std::string *text) {
                : attempt::again;
 }
 
-// Writes by way of a stream and says what went wrong.
-std::string fill(int fd, const std::function<void(FILE *)> &write, int *error) {
-    *error = 0;
-    ls_file stream(fdopen(fd, "we"));
-    if (stream == nullptr) {
-        *error = errno;
-        close(fd);
-        return std::strerror(*error);
-    }
+// Writes by way of a stream, which takes the descriptor over. 0 or an errno.
+int fill(ls_descriptor &file, const std::function<void(FILE *)> &write) {
+    ls_file stream(fdopen(file.fd, "we"));
+    if (stream == nullptr)
+        return errno;
+    file.release();
+    errno = 0;
     write(stream.get());
-    const bool written = std::ferror(stream.get()) == 0;
-    *error = written ? 0 : errno;
-    if (std::fclose(stream.release()) != 0 && *error == 0)
-        *error = errno;
-    return *error == 0 && written ? std::string() : std::strerror(*error);
+    const int failed = std::ferror(stream.get()) == 0 ? 0 : errno != 0 ? errno : EIO;
+    // What is still in the stream goes out with the closing, which tells whether it did.
+    const int closed = std::fclose(stream.release()) == 0 ? 0 : errno;
+    return failed != 0 ? failed : closed;
 }
 
-std::string write_in_place(int fd, const std::string &name,
-                           const std::function<void(FILE *)> &write) {
-    if (fd < 0)
-        return reason(name);
-    int error = 0;
-    const std::string failed = fill(fd, write, &error);
-    return failed.empty() || error == EPIPE ? std::string() : name + ": " + failed;
+history_error write_in_place(int fd, const std::string &name,
+                             const std::function<void(FILE *)> &write) {
+    ls_descriptor file(fd);
+    const int code = file.fd < 0 ? errno : fill(file, write);
+    return code == 0 ? history_error() : failure(name, code);
 }
 
 bool is_special(const std::string &path) {
@@ -105,29 +100,29 @@ bool is_special(const std::string &path) {
 
 } // namespace
 
-std::string history_read(const std::string &path, milliseconds limit,
-                         const std::function<bool()> &ended, std::string *text) {
+history_error history_read(const std::string &path, milliseconds limit,
+                           const std::function<bool()> &ended, std::string *text) {
     const int64_t deadline = ls_monotonic_ms() + limit.count();
     for (;;) {
         // Not blocked by a pipe that nobody writes to.
         const ls_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
         if (file.fd < 0)
-            return reason(path);
+            return failure(path, errno);
         switch (read_once(file.fd, text)) {
         case attempt::whole:
             return {};
         case attempt::failed:
-            return reason(path);
+            return failure(path, errno);
         case attempt::again:
             break;
         }
         if (ls_monotonic_ms() >= deadline || ended())
-            return path + ": others have it written anew all the time";
+            return {EAGAIN, path + ": others have it written anew all the time"};
         std::this_thread::sleep_for(LOOK_AGAIN);
     }
 }
 
-std::string history_write(const std::string &path, const std::function<void(FILE *)> &write) {
+history_error history_write(const std::string &path, const std::function<void(FILE *)> &write) {
     if (path.empty()) {
         // A stream of its own: that of the process is flushed with each line.
         return write_in_place(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "standard output", write);
@@ -136,21 +131,19 @@ std::string history_write(const std::string &path, const std::function<void(FILE
         return write_in_place(open(path.c_str(), O_WRONLY | O_CLOEXEC), path, write);
     // What stands under the name now stays there until there is something better.
     std::string part = path + ".XXXXXX";
-    const int fd = mkostemp(part.data(), O_CLOEXEC);
-    if (fd < 0)
-        return reason(path);
+    ls_descriptor file(mkostemp(part.data(), O_CLOEXEC));
+    if (file.fd < 0)
+        return failure(path, errno);
     const mode_t mask = umask(0);
     umask(mask);
-    fchmod(fd, 0666 & ~mask);
-    int error = 0;
-    std::string failed = fill(fd, write, &error);
-    if (failed.empty() && std::rename(part.c_str(), path.c_str()) != 0)
-        failed = std::strerror(errno);
-    if (!failed.empty()) {
-        unlink(part.c_str());
-        return path + ": " + failed;
-    }
-    return {};
+    fchmod(file.fd, 0666 & ~mask);
+    int code = fill(file, write);
+    if (code == 0 && std::rename(part.c_str(), path.c_str()) != 0)
+        code = errno;
+    if (code == 0)
+        return {};
+    unlink(part.c_str());
+    return failure(path, code);
 }
 
 history_progress::history_progress(size_t size)

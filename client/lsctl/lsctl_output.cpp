@@ -2,13 +2,20 @@
 #include "lsctl.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include "lsctl_bus.h"
 #include "lsctl_text.h"
 
 namespace {
+
+// Why the standard output took no more, the first time; 0 = it took all. Main thread.
+int output_error = 0;
 
 struct outcome {
     const char *name; // in JSON
@@ -22,9 +29,8 @@ constexpr std::array<outcome, 19> OUTCOMES = {{
     {"failed", LSCTL_FAILED, " (the receiver may have no fix yet)"},
     {"receiver_timeout", LSCTL_FAILED, ""},
     {"gate_closed", LSCTL_FAILED, ""},
-    {"receiver_off", LSCTL_NO_ANSWER, "; lsctl power on --as 6 switches it on"},
-    {"receiver_busy", LSCTL_NO_ANSWER,
-     "; the receiver is slow, or its stored power mode is off: lsctl power on --as 6 sets both"},
+    {"receiver_off", LSCTL_NO_ANSWER, ""},
+    {"receiver_busy", LSCTL_NO_ANSWER, "; the receiver is slow, or its stored power mode is off: "},
     {"no_reply", LSCTL_NO_ANSWER, ""},
     {"no_bus", LSCTL_NO_ANSWER, "; is the terminal's bus set up? (MQUTILS_DIR names another one)"},
     {"bus_denied", LSCTL_NO_ANSWER, ""},
@@ -47,11 +53,41 @@ const outcome &outcome_of(location_result result) {
 
 } // namespace
 
+void lsctl_output_start() {
+    output_error = 0;
+    // Where a standard stream is closed the next descriptor opened would take its place, and the
+    // output would go there. These take and give nothing.
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    std::clearerr(stdout);
+}
+
+void lsctl_output_failed(int error) {
+    if (output_error == 0)
+        output_error = error != 0 ? error : EIO;
+}
+
+int lsctl_output_end(int status) {
+    if (output_error == 0)
+        return status;
+    if (output_error == EPIPE)
+        return LSCTL_CLOSED_PIPE;
+    lsctl_complain(std::string("cannot write to the standard output: ") +
+                   std::strerror(output_error));
+    return LSCTL_FAILED;
+}
+
 bool lsctl_print(const std::string &lines) {
     // A line-buffered fwrite reports its bytes as written even when the write failed: only the
     // stream's error mark tells.
+    errno = 0;
     std::fwrite(lines.data(), 1, lines.size(), stdout);
-    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (std::ferror(stdout) == 0 && std::fflush(stdout) == 0)
+        return true;
+    lsctl_output_failed(errno);
+    return false;
 }
 
 bool lsctl_print_json(const lsctl_json &object) {
@@ -100,7 +136,14 @@ std::string lsctl_sentence(const lsctl_options &options, location_result result,
     default:
         break;
     }
-    return sentence + outcome_of(result).advice;
+    sentence += outcome_of(result).advice;
+    if (result == LOCATION_RECEIVER_OFF)
+        sentence += "; " + lsctl_power_advice("on", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP});
+    if (result == LOCATION_RECEIVER_BUSY)
+        sentence += lsctl_power_advice("on", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP});
+    if (result == LOCATION_BUS_DENIED)
+        sentence += lsctl_group_advice();
+    return sentence;
 }
 
 int lsctl_fail(const lsctl_options &options, location_result result,
@@ -111,17 +154,18 @@ int lsctl_fail(const lsctl_options &options, location_result result,
 int lsctl_fail(const lsctl_options &options, location_result result, const std::string &sentence) {
     if (result == LOCATION_CANCELLED && lsctl_signals_last() != 0)
         return lsctl_exit_of(result); // whoever sent the signal knows
+    return lsctl_fail_as(options, lsctl_result_name(result), lsctl_exit_of(result), sentence);
+}
+
+int lsctl_fail_as(const lsctl_options &options, const char *error, int exit_status,
+                  const std::string &sentence) {
     if (options.json)
-        lsctl_print_json({{"error", lsctl_result_name(result)}, {"text", sentence}});
+        lsctl_print_json({{"error", error}, {"text", sentence}});
     lsctl_complain(sentence);
-    return lsctl_exit_of(result);
+    return exit_status;
 }
 
 int lsctl_show(const lsctl_options &options, const lsctl_json &object, const std::string &lines) {
     const bool printed = options.json ? lsctl_print_json(object) : lsctl_print(lines);
-    if (!printed) {
-        lsctl_complain("cannot write to the standard output");
-        return LSCTL_FAILED;
-    }
-    return LSCTL_OK;
+    return printed ? LSCTL_OK : LSCTL_FAILED;
 }

@@ -1,4 +1,5 @@
 // lsctl power: show or change the receiver's power mode.
+#include "lsctl_bus.h"
 #include "lsctl_text.h"
 
 #include <CLI/CLI.hpp>
@@ -24,18 +25,22 @@ bool is_privileged(uint32_t serv_id) {
 std::string why_refused(uint32_t mode, uint32_t in_force, uint32_t serv_id) {
     if (mode == GPS_POWER_ON) {
         return lsctl_format("switching on was refused: service %u may not switch on a receiver "
-                            "that is off; services 3, 6, 8 and 9 may, lsctl power on --as 6",
-                            serv_id);
+                            "that is off; ",
+                            serv_id) +
+               lsctl_power_advice("on", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP});
     }
     if (in_force != GPS_POWER_ON)
         return "the receiver is already " + lsctl_power_text(in_force);
+    const std::string advice =
+        lsctl_power_advice("off", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP});
     if (!is_privileged(serv_id)) {
         return lsctl_format("switching off was refused: service %u may not switch off a receiver "
-                            "that is to stay on; services 3, 6 and 9 may, lsctl power off --as 6",
-                            serv_id);
+                            "that is to stay on; ",
+                            serv_id) +
+               advice;
     }
     return "switching off was refused: the receiver is still " + lsctl_power_text(in_force) +
-           "; lsctl power off --as 6 uses mode 0";
+           "; mode 0 may do: " + advice;
 }
 
 void power_command::add_options(CLI::App &app) {

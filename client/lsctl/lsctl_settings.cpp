@@ -2,6 +2,7 @@
 //
 // The database belongs to the terminal: it is read and written directly, also while the service
 // does not run. A running service is told with a notification, as WS tells it.
+#include "lsctl_bus.h"
 #include "lsctl_text.h"
 
 #include <optional>
@@ -9,8 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <dlfcn.h>
 
-#include "dbhandler.h"
-#include "dbhandler_admin.h"
+#include "lsctl_settings.h"
 
 namespace {
 
@@ -28,11 +28,13 @@ struct settings_command {
     bool wants_history() const;
     unsigned wanted_members(db_settings *wanted) const;
     int store_and_read(const lsctl_options &options, db_settings *stored) const;
+    int have_settings(const lsctl_options &options, db_settings *stored, bool *exists) const;
 };
 
-// What only our own settings library has: looked up here, so that lsctl starts on a terminal whose
-// libdbhandler is another one.
+// What only our own settings libraries have: looked up here, so that lsctl starts on a terminal
+// whose libdbhandler is another one.
 struct admin_calls {
+    decltype(&db_look_at_settings) look = nullptr; // null: the service uses another libdbhandler
     decltype(&db_change_settings) change = nullptr;
     decltype(&db_settings_file) file = nullptr;
 };
@@ -40,6 +42,8 @@ struct admin_calls {
 const admin_calls &admin() {
     static const admin_calls found = [] {
         admin_calls calls;
+        calls.look =
+            reinterpret_cast<decltype(calls.look)>(dlsym(RTLD_DEFAULT, "db_look_at_settings"));
         if (void *library = dlopen("libdbhandler_admin.so", RTLD_NOW | RTLD_LOCAL)) {
             calls.change =
                 reinterpret_cast<decltype(calls.change)>(dlsym(library, "db_change_settings"));
@@ -56,12 +60,40 @@ bool read_settings(db_settings *stored) {
            db_read_gps_power_on_status(&stored->gps_power_on_status) == 0;
 }
 
+std::string file_name() {
+    return admin().file != nullptr ? admin().file() : "the settings file";
+}
+
 int database_failure(const lsctl_options &options, const char *what) {
-    const std::string name = admin().file != nullptr
-                                 ? lsctl_format("settings database %s", admin().file())
-                                 : std::string("settings database");
-    return lsctl_fail(options, LOCATION_FAILED,
-                      lsctl_format("the %s cannot be %s", name.c_str(), what));
+    return lsctl_fail_as(options, "settings_failed", LSCTL_FAILED,
+                         file_name() + " cannot be " + what + "; the system log says why");
+}
+
+// What is stored, without touching a file. *look is DB_LOOK_STORED or DB_LOOK_ABSENT on success.
+int tell_of_settings(const lsctl_options &options, db_settings *stored, int *look) {
+    *look = DB_LOOK_STORED;
+    if (admin().look == nullptr)
+        return read_settings(stored) ? LSCTL_OK : database_failure(options, "read");
+    *look = admin().look(stored);
+    switch (*look) {
+    case DB_LOOK_STORED:
+    case DB_LOOK_ABSENT:
+        return LSCTL_OK;
+    case DB_LOOK_NOT_OURS:
+        return lsctl_fail_as(options, "not_settings", LSCTL_FAILED,
+                             file_name() + " is not a settings database; it is left as it is");
+    case DB_LOOK_DAMAGED:
+        return lsctl_fail_as(options, "settings_damaged", LSCTL_FAILED,
+                             file_name() + " is a damaged settings database; the location service "
+                                           "sets it aside when it reads it, and goes on with the "
+                                           "defaults");
+    case DB_LOOK_DENIED:
+        return lsctl_fail_as(options, "permission_denied", LSCTL_FAILED,
+                             file_name() + " may not be read by this user; members of the group "
+                                           "terminal-data and root may");
+    default:
+        return database_failure(options, "read");
+    }
 }
 
 bool settings_command::wants_history() const {
@@ -130,7 +162,20 @@ int settings_command::store_and_read(const lsctl_options &options, db_settings *
     return LSCTL_OK;
 }
 
-int show(const lsctl_options &options, const db_settings &stored) {
+// Shows without a trace, or stores what was typed where there is nothing in the way.
+int settings_command::have_settings(const lsctl_options &options, db_settings *stored,
+                                    bool *exists) const {
+    db_settings wanted{};
+    int look = DB_LOOK_STORED;
+    const int status = tell_of_settings(options, stored, &look);
+    *exists = look != DB_LOOK_ABSENT;
+    if (status != LSCTL_OK || wanted_members(&wanted) == 0)
+        return status;
+    *exists = true;
+    return store_and_read(options, stored);
+}
+
+int show(const lsctl_options &options, const db_settings &stored, bool exists) {
     const uint8_t status = stored.history.status;
     const std::string acquisition = status == 1   ? "on"
                                     : status == 0 ? "off"
@@ -146,8 +191,8 @@ int show(const lsctl_options &options, const db_settings &stored) {
                          {"history_interval_s", stored.history.interval},
                          {"antenna_type", stored.ta_power_on_status},
                          {"power_on_status", stored.gps_power_on_status}};
-    if (admin().file != nullptr)
-        object["settings_file"] = admin().file();
+    object["settings_file"] = admin().file != nullptr ? lsctl_json(admin().file()) : lsctl_json();
+    object["settings_file_exists"] = exists;
     return lsctl_show(options, object, text);
 }
 
@@ -199,23 +244,35 @@ void settings_command::add_options(CLI::App &app) {
 
 int settings_command::run(const lsctl_options &options) const {
     db_settings stored{};
-    if (const int status = store_and_read(options, &stored); status != LSCTL_OK)
+    bool exists = true;
+    if (const int status = have_settings(options, &stored, &exists); status != LSCTL_OK)
         return status;
-    if (const int status = show(options, stored); status != LSCTL_OK)
+    if (const int status = show(options, stored, exists); status != LSCTL_OK)
         return status;
+    if (!exists) {
+        lsctl_complain(file_name() + " does not exist or is empty: these are the defaults, with "
+                                     "which the location service starts");
+    }
     if (antenna.has_value() || power.has_value()) {
         lsctl_complain("antenna type and receiver at start: taken up at the next start of the "
                        "location service");
     }
     if (wants_history() && stored.history.status == 1 &&
         stored.gps_power_on_status != GPS_POWER_ON) {
-        lsctl_complain("no history is acquired while the receiver is stored as off: lsctl power on "
-                       "--as 6");
+        lsctl_complain("no history is acquired while the receiver is stored as off: " +
+                       lsctl_power_advice("on", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP}));
     }
     return wants_history() ? tell_the_service(options) : LSCTL_OK;
 }
 
 } // namespace
+
+bool lsctl_look_at_settings(db_settings *stored) {
+    if (admin().look == nullptr)
+        return read_settings(stored);
+    const int look = admin().look(stored);
+    return look == DB_LOOK_STORED || look == DB_LOOK_ABSENT;
+}
 
 lsctl_runner lsctl_settings(CLI::App &app) {
     return lsctl_make<settings_command>(app);

@@ -3,7 +3,7 @@
 #include "lsctl_watch_plan.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -13,7 +13,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr seconds UNREGISTER_TIMEOUT{2};
+constexpr milliseconds UNREGISTER_TIMEOUT{2000};
+// A cancelled registration may reach the service behind the request to end it.
+constexpr milliseconds OVERTAKEN_FOR{600};
+constexpr milliseconds OVERTAKEN_RETRY{100};
 constexpr uint32_t MAX_INTERVAL_S = 604800; // a week
 
 struct watch_command {
@@ -29,7 +32,22 @@ struct watch_totals {
     uint64_t positions = 0;
     uint64_t failures = 0; // updates without a position
     bool output_gone = false;
+    bool in_doubt = false;            // a registration was cancelled before its answer
+    std::string fix_utc;              // of the last position
+    watch_clock::time_point fix_seen; // when the fix of that time came first
 };
+
+// How long this fix is known already: a service that could not get a new one sends the last one
+// again.
+uint32_t age_of(const gps_time_fields &time, watch_totals &totals, watch_clock::time_point now) {
+    std::string utc = lsctl_utc(time);
+    if (utc.empty() || utc != totals.fix_utc) {
+        totals.fix_utc = std::move(utc);
+        totals.fix_seen = now;
+    }
+    return static_cast<uint32_t>(
+        std::chrono::duration_cast<seconds>(now - totals.fix_seen).count());
+}
 
 std::string interval_problem(const std::string &text) {
     if (!CLI::Range(uint32_t{0}, MAX_INTERVAL_S)(text).empty())
@@ -47,16 +65,21 @@ location_result status_result(uint32_t status) {
 }
 
 // False: stdout takes no more.
-bool show_update(const lsctl_options &options, const ls_position_reply &update) {
+bool show_update(const lsctl_options &options, const ls_position_reply &update, uint32_t age_s) {
     const location_result result = status_result(update.status);
     if (options.json) {
         lsctl_json object = {{"status", lsctl_result_name(result)}};
-        if (result == LOCATION_ANSWERED)
+        if (result == LOCATION_ANSWERED) {
             object.update(lsctl_position_json(update.pos));
+            object["repeated_for_s"] = age_s;
+        }
         return lsctl_print(object.dump() + "\n");
     }
-    if (result == LOCATION_ANSWERED)
-        return lsctl_print(lsctl_position_line(update.pos) + "\n");
+    if (result == LOCATION_ANSWERED) {
+        return lsctl_print(lsctl_position_line(update.pos) +
+                           (age_s == 0 ? "" : lsctl_format("  (repeated, %u s old)", age_s)) +
+                           "\n");
+    }
     return lsctl_print(result == LOCATION_RECEIVER_TIMEOUT
                            ? "no position: the receiver did not answer in time\n"
                            : "no position: the receiver has no fix, or its answer was not valid\n");
@@ -100,19 +123,26 @@ location_result register_first(const lsctl_options &options, location_client *cl
     return result;
 }
 
-// Ends the registration, also when a signal has ended the waits of the client.
-void unregister(location_client *client, const watch_plan &plan) {
+// Ends the registration, also when a signal has ended the waits of the client. Further signals, as
+// timeout(1) sends two, do not cut this short: it has its own deadline. SIGQUIT ends it.
+void unregister(location_client *client, const watch_plan &plan, bool in_doubt) {
     if (plan.owed == 0)
         return;
+    lsctl_signals_set_client(nullptr);
     location_client_resume(client);
-    const location_result result = location_client_unregister_periodic(client, UNREGISTER_TIMEOUT);
+    const auto until = watch_clock::now() + OVERTAKEN_FOR;
+    location_result result = location_client_unregister_periodic(client, UNREGISTER_TIMEOUT);
+    while (in_doubt && result == LOCATION_FAILED && watch_clock::now() < until) {
+        std::this_thread::sleep_for(OVERTAKEN_RETRY);
+        result = location_client_unregister_periodic(client, OVERTAKEN_FOR);
+    }
     if (result != LOCATION_ANSWERED && result != LOCATION_FAILED)
         lsctl_complain(std::string("not unregistered: ") + location_client_error_text(result));
 }
 
 // Handles one registration attempt; false ends the watch with `status`.
 bool try_register(const lsctl_options &options, location_client *client, watch_plan &plan,
-                  int &status) {
+                  watch_totals &totals, int &status) {
     std::string why;
     const bool first = plan.phase == watch_phase::starting;
     const milliseconds patience =
@@ -124,6 +154,7 @@ bool try_register(const lsctl_options &options, location_client *client, watch_p
     if (result == LOCATION_CANCELLED) {
         // It may have been taken; unregistering what is not there does no harm.
         plan.owed = std::max(plan.owed, 1U);
+        totals.in_doubt = true;
         return true;
     }
     if (why.empty()) {
@@ -156,28 +187,25 @@ void take_updates(const lsctl_options &options, location_client *client, watch_p
         return;
     if (watch_on_update(plan, watch_clock::now()))
         lsctl_complain("updates come again");
-    ++(update.status == LS_STATUS_OK ? totals.positions : totals.failures);
-    errno = 0;
-    if (!show_update(options, update)) {
-        totals.output_gone = true;
-        if (errno != EPIPE)
-            lsctl_complain("cannot write to the standard output");
-    }
+    const bool placed = update.status == LS_STATUS_OK;
+    const uint32_t age_s = placed ? age_of(update.pos.time, totals, watch_clock::now()) : 0;
+    ++(placed ? totals.positions : totals.failures);
+    totals.output_gone = !show_update(options, update, age_s);
 }
 
 int exit_of(const watch_totals &totals) {
     return totals.positions != 0 ? LSCTL_OK : totals.failures != 0 ? LSCTL_FAILED : LSCTL_NO_ANSWER;
 }
 
-int watch(const lsctl_options &options, location_client *client, watch_plan &plan) {
-    watch_totals totals;
+int watch(const lsctl_options &options, location_client *client, watch_plan &plan,
+          watch_totals &totals) {
     int status = LSCTL_OK;
     while (lsctl_signals_last() == 0 && !totals.output_gone) {
         switch (watch_next(plan, watch_clock::now())) {
         case watch_step::finished:
             return exit_of(totals);
         case watch_step::try_register:
-            if (!try_register(options, client, plan, status))
+            if (!try_register(options, client, plan, totals, status))
                 return status;
             break;
         case watch_step::say_silent:
@@ -210,8 +238,9 @@ int watch_command::run(const lsctl_options &options) const {
     if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     watch_plan plan = watch_start(seconds(interval_s), count, reconnect, watch_clock::now());
-    const int status = watch(options, link.client, plan);
-    unregister(link.client, plan);
+    watch_totals totals;
+    const int status = watch(options, link.client, plan, totals);
+    unregister(link.client, plan, totals.in_doubt);
     const uint32_t lost = location_client_lost_updates(link.client);
     if (lost != 0)
         lsctl_complain(lsctl_format("%u updates were lost", lost));

@@ -2,6 +2,7 @@
 
 #include "children.h"
 #include "control.h"
+#include "environment.h"
 #include "loop.h"
 #include "ls_descriptor.h"
 #include "say.h"
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <unistd.h>
 
 namespace sim {
 namespace {
@@ -52,16 +54,11 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
     lock = tree_make(options.directory, paths, fresh, error);
     if (lock < 0 || !tree_configure(paths, options, board, error))
         return false;
-    // For this process's own platform libraries and for everything started below. No other thread
-    // runs yet.
-    if (setenv("MQUTILS_DIR", paths.bus.c_str(), 1) != 0 ||
-        setenv("DBHANDLER_FILE", paths.settings.c_str(), 1) != 0 ||
-        setenv("ZUKHAL_CONF", paths.hal.c_str(), 1) != 0 ||
-        setenv("LSCTL_ROOT", paths.root.c_str(), 1) != 0) {
+    if (!environment_set(paths)) {
         error = "setting the environment failed";
         return false;
     }
-    if (!settings_apply(options, fresh, error))
+    if (!environment_write(paths, error) || !settings_apply(options, fresh, error))
         return false;
     say_plain("simulated terminal %s, board type %d", paths.root.c_str(), board);
     say_plain("  settings   user/settings.db: %s", settings_describe().c_str());
@@ -159,6 +156,16 @@ int terminal_run(const terminal_options &options) {
     loop_close();
     ls_close(lock);
     return status == EXIT_SUCCESS && !orderly ? EXIT_FAILURE : status;
+}
+
+int terminal_env(const std::string &directory) {
+    const terminal_paths asked = tree_paths(tree_root(directory));
+    if (access(asked.marker.c_str(), F_OK) != 0) {
+        say_error("%s is no simulated terminal", directory.c_str());
+        return EXIT_FAILURE;
+    }
+    std::fputs(environment_text(asked).c_str(), stdout);
+    return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int terminal_ctl(const std::string &directory, const std::vector<std::string> &words) {

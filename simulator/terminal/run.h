@@ -15,6 +15,10 @@ namespace sim {
 // failure.
 int terminal_run(const terminal_options &options);
 
+// Prints the environment of the terminal in `directory`, running or not, for a shell. Returns the
+// exit status: 1 when there is none.
+int terminal_env(const std::string &directory);
+
 // Sends `words` to the terminal in `directory` and prints the answer. Returns the exit status: 0
 // done, 1 refused, 3 no terminal there.
 int terminal_ctl(const std::string &directory, const std::vector<std::string> &words);

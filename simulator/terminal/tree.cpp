@@ -92,6 +92,14 @@ int lock_marker(const terminal_paths &paths, std::string &error) {
 
 } // namespace
 
+std::string tree_root(const std::string &directory) {
+    std::error_code wrong;
+    std::string root = fs::absolute(directory, wrong).lexically_normal().string();
+    while (root.size() > 1 && root.ends_with('/'))
+        root.pop_back();
+    return root;
+}
+
 terminal_paths tree_paths(const std::string &root) {
     return {
         .root = root,
@@ -115,9 +123,7 @@ terminal_paths tree_paths(const std::string &root) {
 int tree_make(const std::string &directory, terminal_paths &paths, bool &fresh_settings,
               std::string &error) {
     std::error_code wrong;
-    std::string root = fs::absolute(directory, wrong).lexically_normal().string();
-    while (root.size() > 1 && root.ends_with('/'))
-        root.pop_back();
+    const std::string root = tree_root(directory);
     paths = tree_paths(root);
     if (!may_become_terminal(paths, error))
         return -1;

@@ -27,6 +27,9 @@ struct terminal_paths {
     std::string history;    // ring file of the location history
 };
 
+// The absolute path of a directory as it was typed.
+std::string tree_root(const std::string &directory);
+
 terminal_paths tree_paths(const std::string &root);
 
 // Makes `directory` into a terminal, or takes an existing terminal up again, and locks it for this

@@ -47,14 +47,14 @@ std::string read_export(size_t client) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     std::string text;
-    const std::string error = history_read(
+    const history_error error = history_read(
         LS_PATH_HISTORY_EXPORT, PATIENCE, [] { return false; }, &text);
     std::istringstream lines(text);
     uint32_t number = 0;
     for (std::string line; std::getline(lines, line);)
         if (line != line_of(++number))
             return "line " + std::to_string(number) + " is " + line;
-    return number >= before ? error : error + "ends with line " + std::to_string(number);
+    return number >= before ? error.text : error.text + "ends with line " + std::to_string(number);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "scratch_dir.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include <fcntl.h>
@@ -21,14 +22,14 @@ struct lsctl_files : testing::Test {
 
     void SetUp() override {
         setenv("TZ", "UTC0", 1);
-        setenv("LSCTL_ROOT", "t", 1);
+        setenv("LOCATION_TERMINAL_ROOT", "t", 1);
         setenv("DBHANDLER_FILE", "settings.db", 1);
         fake_reset();
         exporting(0);
         scratch_dir::write(EXPORT, LINES);
     }
     void TearDown() override {
-        for (const char *name : {"TZ", "LSCTL_ROOT", "DBHANDLER_FILE"})
+        for (const char *name : {"TZ", "LOCATION_TERMINAL_ROOT", "DBHANDLER_FILE"})
             unsetenv(name);
     }
     static void exporting(uint8_t status, uint8_t rest = 0) {
@@ -63,16 +64,47 @@ TEST_F(lsctl_files, exported_lines_are_printed_and_damaged_ones_counted) {
                 "2019-02-05T10:52:05Z,2019-02-05 10:52:05,2D,-70.132400,-11.516700,2.25,8\n"));
 }
 
+TEST_F(lsctl_files, a_history_without_lines_says_why) {
+    scratch_dir::write("notes", "shopping\n");
+    expect_outcome("history --input notes", 1, "", "notes is no exported location history");
+    expect_outcome("history --since 2030-01-01T00:00:00Z", 0, "",
+                   "none of the 2 recorded positions is between --since and --until");
+    scratch_dir::write(EXPORT, "");
+    expect_outcome("history", 0, "",
+                   "nothing is recorded: the history is off: lsctl settings --history on switches "
+                   "it on");
+    EXPECT_EQ(run("settings --history on").status, 0);
+    expect_outcome("history", 0, "",
+                   "nothing is recorded: t/user/location/location_history has no header and takes "
+                   "no lines: restart the location service, whose unit makes one (without that "
+                   "unit: while the history is off)");
+}
+
+TEST_F(lsctl_files, following_prints_each_line_once_also_from_a_new_ring) {
+    EXPECT_EQ(run("settings --interval 2").status, 0);
+    const std::string third = "2019-02-05 10:53:05,2D,70.132400S,11.516700W,+2.25m,08\n";
+    int exports = 0;
+    const play export_now = fake.service;
+    fake.service = [&](const sent_message &m) {
+        if (++exports == 2)
+            scratch_dir::write(EXPORT, SECOND + third);
+        if (exports == 3)
+            kill(getpid(), SIGTERM);
+        export_now(m);
+    };
+    expect_outcome("history --follow", 0, LINES + third, "");
+}
+
 TEST_F(lsctl_files, an_output_file_is_whole_or_as_it_was) {
     expect_outcome("history -o out.txt", 0, "", "");
     EXPECT_EQ(scratch_dir::read("out.txt"), LINES);
     expect_outcome("history -o /dev/full", 1, "",
                    "cannot write /dev/full: No space left on device");
-    const std::string failed = history_write("out.txt", [](FILE *out) {
+    const history_error failed = history_write("out.txt", [](FILE *out) {
         std::fputs("half", out);
         dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), fileno(out));
     });
-    EXPECT_EQ(failed, "out.txt: No space left on device");
+    EXPECT_EQ(failed.text, "out.txt: No space left on device");
     EXPECT_EQ(scratch_dir::read("out.txt"), LINES);
     const std::filesystem::directory_iterator here(".");
     EXPECT_EQ(std::distance(begin(here), end(here)), 2) << "it and the terminal";
@@ -103,7 +135,14 @@ TEST_F(lsctl_files, settings_without_a_service_or_beside_ws) {
     EXPECT_EQ(run("settings --history on --power-status off").status, 0);
     EXPECT_EQ(fake_sent(808).at(0).hdr.src_serv_id, 32);
     setenv("DBHANDLER_FILE", "missing/settings.db", 1);
-    expect_outcome("settings", 1, "", "the settings database missing/settings.db cannot be read");
+    const outcome shown = run("settings --json");
+    EXPECT_TRUE(shown.status == 0 && shown.out.ends_with("\"settings_file_exists\":false}\n"));
+    EXPECT_FALSE(std::filesystem::exists("missing"));
+    scratch_dir::write("notes", "interval = 60\n");
+    setenv("DBHANDLER_FILE", "notes", 1);
+    for (const char *line : {"settings", "settings --power-status on", "settings --interval 5"})
+        expect_outcome(line, 1, "", "notes is not a settings database; it is left as it is");
+    EXPECT_EQ(scratch_dir::read("notes"), "interval = 60\n");
 }
 
 } // namespace

@@ -1,9 +1,14 @@
 // lsctl as a whole, without its main: arguments, records, sentences, exit status.
+#include "ls_descriptor.h"
 #include "lsctl_rig.h"
+#include "scratch_dir.h"
 
 #include <csignal>
+#include <thread>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -22,6 +27,26 @@ TEST_F(lsctl_command_line, wrong_usage_sends_nothing) {
         EXPECT_EQ(got.out, "") << line;
     }
     EXPECT_TRUE(fake.sent.empty());
+}
+
+TEST_F(lsctl_command_line, wrong_usage_names_what_was_meant) {
+    const std::pair<const char *, const char *> rows[] = {
+        {"positon", "'positon' is no command; did you mean 'position'?"},
+        {"psoition", "'psoition' is no command; did you mean 'position'?"},
+        {"sat", "'sat' is no command; did you mean 'satellites'?"},
+        {"xyzzy", "'xyzzy' is no command: lsctl --help lists them"},
+        {"watch --cuont 2", "'--cuont' is no option of lsctl watch; did you mean '--count'?"},
+        {"--json power", "'--json' goes behind the command: lsctl power --json"},
+        {"", "a command is missing: lsctl --help lists them"},
+    };
+    for (const auto &[line, sentence] : rows) {
+        const bool json = std::string(line).starts_with("--json");
+        const std::string object = std::string(R"({"error":"usage","text":")") + sentence + "\"}\n";
+        expect_outcome(line, 2, json ? object : "", sentence);
+    }
+    fake.service = always({1, 0, 0, 0, 2, 0, 0, 0});
+    EXPECT_EQ(run("power --as ws").status, 0);
+    EXPECT_EQ(fake.sent.back().hdr.src_serv_id, 6);
 }
 
 TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
@@ -50,7 +75,12 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
                                            "Altitude     542 m up\n"));
 }
 
-TEST_F(lsctl_command_line, a_refused_power_change_is_explained) {
+TEST_F(lsctl_command_line, a_refused_power_change_names_a_service_that_may_and_is_free) {
+    const scratch_dir dir;
+    setenv("MQUTILS_DIR", dir.path().c_str(), 1);
+    const ls_descriptor ws(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un place = {AF_UNIX, "6"};
+    ASSERT_EQ(bind(ws.fd, reinterpret_cast<const sockaddr *>(&place), sizeof place), 0);
     fake.service = [](const sent_message &m) {
         const bool changes = m.hdr.msg_id == LS_REQUEST_SET_POWER_MODE;
         EXPECT_EQ(m.payload, changes ? bytes({2, 0, 0, 0}) : bytes());
@@ -58,7 +88,8 @@ TEST_F(lsctl_command_line, a_refused_power_change_is_explained) {
     };
     expect_outcome("power on", 1, "",
                    "switching on was refused: service 32 may not switch on a receiver that is off; "
-                   "services 3, 6, 8 and 9 may, lsctl power on --as 6");
+                   "lsctl power on --as 9 switches it on");
+    unsetenv("MQUTILS_DIR");
 }
 
 TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
@@ -121,6 +152,21 @@ TEST_F(lsctl_command_line, a_signal_ends_a_request_and_a_watch_which_unregisters
     };
     expect_outcome("watch", 3, "", "");
     EXPECT_EQ(fake_sent(1009).size(), 1U);
+    // The second one, as timeout(1) sends it, does not cut the clean-up short.
+    std::thread late;
+    fake.service = [&late](const sent_message &m) {
+        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
+            fake_reply(m.hdr, {1, 0, 0, 0});
+        kill(getpid(), m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE ? SIGHUP : SIGTERM);
+        if (m.hdr.msg_id != LS_REQUEST_REGISTER_PERIODIC_UPDATE)
+            late = std::thread([hdr = m.hdr] {
+                while (lsctl_signals_last() != SIGTERM)
+                    std::this_thread::yield();
+                fake_reply(hdr, {1, 0, 0, 0});
+            });
+    };
+    expect_outcome("watch", 3, "", "");
+    late.join();
     fake.service = [](const sent_message &) { kill(getpid(), SIGTERM); };
     expect_outcome("position", 128 + SIGTERM, "", "");
 }
@@ -142,12 +188,12 @@ TEST_F(lsctl_command_line, a_closed_output_ends_a_watch_and_a_full_disk_is_repor
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     close(ends[0]);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(run_onto(ends[1], "watch -i 4"), 0);
+    EXPECT_EQ(run_onto(ends[1], "watch -i 4"), 141);
     EXPECT_EQ(fake_sent(1009).size(), 1U); // unregistered
     fake.service = always({1, 0, 0, 0, 2, 0, 0, 0});
     EXPECT_EQ(run_onto(open("/dev/full", O_WRONLY | O_CLOEXEC), "power"), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "lsctl: cannot write to the standard output\n");
+              "lsctl: cannot write to the standard output: No space left on device\n");
 }
 
 } // namespace
