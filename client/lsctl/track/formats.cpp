@@ -1,8 +1,9 @@
 // lsctl: a track as lines, CSV, JSON, GPX 1.1, KML 2.2 and GeoJSON (RFC 7946).
 //
-// A JSON document is written an object at a time, so that it never stands in memory as a whole. In
-// the XML ones nothing is free text: only numbers and times go into them, which need no escaping.
+// Documents are written an object or element at a time, so that they never stand in memory as a
+// whole.
 #include "track.h"
+#include "xml.h"
 
 #include <cinttypes>
 #include <cmath>
@@ -51,29 +52,39 @@ void for_each_stretch(const track &all, int64_t gap_s, const track_progress &pro
     }
 }
 
-void write_kml_point(const track_vertex &at, FILE *out) {
-    std::fprintf(out, "<Point><coordinates>%.6f,%.6f</coordinates></Point>\n", at.longitude,
-                 at.latitude);
+std::string kml_place(const track_vertex &at) {
+    return xml_number(at.longitude, 6) + "," + xml_number(at.latitude, 6);
 }
 
-void write_kml_mark(const char *name, const track_point &at, FILE *out) {
-    std::fprintf(out,
-                 "<Placemark>\n<name>%s</name>\n<TimeStamp><when>%s</when></TimeStamp>\n"
-                 "<styleUrl>#mark</styleUrl>\n",
-                 name, track_utc_text(at.utc).c_str());
-    write_kml_point({at.latitude, at.longitude, at.utc}, out);
-    put("</Placemark>\n", out);
+void write_kml_point(const track_vertex &at, xml_writer &xml) {
+    xml.open("Point");
+    xml.text("coordinates", kml_place(at));
+    xml.close();
 }
 
-void write_kml_piece(const track_piece &piece, FILE *out) {
+void write_kml_mark(const char *name, const track_point &at, xml_writer &xml) {
+    xml.open("Placemark");
+    xml.text("name", name);
+    xml.open("TimeStamp");
+    xml.text("when", track_utc_text(at.utc));
+    xml.close();
+    xml.text("styleUrl", "#mark");
+    write_kml_point({at.latitude, at.longitude, at.utc}, xml);
+    xml.close();
+}
+
+void write_kml_piece(const track_piece &piece, xml_writer &xml) {
     if (piece.size() == 1) {
-        write_kml_point(piece.front(), out);
+        write_kml_point(piece.front(), xml);
         return;
     }
-    put("<LineString>\n<tessellate>1</tessellate>\n<coordinates>\n", out);
+    std::string places = "\n";
     for (const track_vertex &at : piece)
-        std::fprintf(out, "%.6f,%.6f\n", at.longitude, at.latitude);
-    put("</coordinates>\n</LineString>\n", out);
+        places += kml_place(at) + "\n";
+    xml.open("LineString");
+    xml.text("tessellate", "1");
+    xml.text("coordinates", places);
+    xml.close();
 }
 
 // Degrees as the exported lines have them, to the sixth digit.
@@ -158,58 +169,74 @@ void track_write_json(const track &all, int64_t, FILE *out, const track_progress
 }
 
 void track_write_gpx(const track &all, int64_t gap_s, FILE *out, const track_progress &progress) {
-    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<gpx version=\"1.1\" creator=\"lsctl\" xmlns=\"http://www.topografix.com/GPX/1/1\"\n"
-        "  xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"\n"
-        "  xsi:schemaLocation=\"http://www.topografix.com/GPX/1/1 "
-        "http://www.topografix.com/GPX/1/1/gpx.xsd\">\n"
-        "<metadata><name>Location history</name></metadata>\n"
-        "<trk>\n<name>Location history</name>\n",
-        out);
+    xml_writer xml(out);
+    xml.open("gpx", {{"version", "1.1"},
+                     {"creator", "lsctl"},
+                     {"xmlns", "http://www.topografix.com/GPX/1/1"},
+                     {"xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance"},
+                     {"xsi:schemaLocation", "http://www.topografix.com/GPX/1/1 "
+                                            "http://www.topografix.com/GPX/1/1/gpx.xsd"}});
+    xml.open("metadata");
+    xml.text("name", "Location history");
+    xml.close();
+    xml.open("trk");
+    xml.text("name", "Location history");
     for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
-        put("<trkseg>\n", out);
+        xml.open("trkseg");
         for (const size_t index : stretch) {
             const track_point &at = all.points[index];
             // GPX knows the antimeridian as -180 only.
-            std::fprintf(out,
-                         "<trkpt lat=\"%.6f\" lon=\"%.6f\"><time>%s</time>"
-                         "<cmt>accuracy %.2f m</cmt><sat>%" PRIu32 "</sat></trkpt>\n",
-                         at.latitude, at.longitude >= 180 ? -180.0 : at.longitude,
-                         track_utc_text(at.utc).c_str(), at.accuracy_m, at.satellites);
+            const double longitude = at.longitude >= 180 ? -180.0 : at.longitude;
+            xml.open("trkpt",
+                     {{"lat", xml_number(at.latitude, 6)}, {"lon", xml_number(longitude, 6)}});
+            xml.text("time", track_utc_text(at.utc));
+            xml.text("cmt", "accuracy " + xml_number(at.accuracy_m, 2) + " m");
+            xml.text("sat", std::to_string(at.satellites));
+            xml.close();
         }
-        put("</trkseg>\n", out);
+        xml.close();
     });
-    put("</trk>\n</gpx>\n", out);
 }
 
 void track_write_kml(const track &all, int64_t gap_s, FILE *out, const track_progress &progress) {
-    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<kml xmlns=\"http://www.opengis.net/kml/2.2\">\n<Document>\n"
-        "<name>Location history</name>\n"
-        "<Style id=\"track\"><LineStyle><color>ffb4501e</color><width>3</width></LineStyle>"
-        "</Style>\n"
-        "<Style id=\"mark\"><IconStyle><scale>1</scale></IconStyle></Style>\n",
-        out);
+    xml_writer xml(out);
+    xml.open("kml", {{"xmlns", "http://www.opengis.net/kml/2.2"}});
+    xml.open("Document");
+    xml.text("name", "Location history");
+    xml.open("Style", {{"id", "track"}});
+    xml.open("LineStyle");
+    xml.text("color", "ffb4501e");
+    xml.text("width", "3");
+    xml.close();
+    xml.close();
+    xml.open("Style", {{"id", "mark"}});
+    xml.open("IconStyle");
+    xml.text("scale", "1");
+    xml.close();
+    xml.close();
     const track_point *first = nullptr;
     const track_point *last = nullptr;
     for_each_stretch(all, gap_s, progress, [&](const track_stretch &stretch) {
         first = first == nullptr ? &all.points[stretch.front()] : first;
         last = &all.points[stretch.back()];
         const std::string begin = track_utc_text(all.points[stretch.front()].utc);
-        std::fprintf(out,
-                     "<Placemark>\n<name>From %s</name>\n"
-                     "<TimeSpan><begin>%s</begin><end>%s</end></TimeSpan>\n"
-                     "<styleUrl>#track</styleUrl>\n<MultiGeometry>\n",
-                     begin.c_str(), begin.c_str(), track_utc_text(last->utc).c_str());
+        xml.open("Placemark");
+        xml.text("name", "From " + begin);
+        xml.open("TimeSpan");
+        xml.text("begin", begin);
+        xml.text("end", track_utc_text(last->utc));
+        xml.close();
+        xml.text("styleUrl", "#track");
+        xml.open("MultiGeometry");
         for (const track_piece &piece : track_pieces(all, stretch))
-            write_kml_piece(piece, out);
-        put("</MultiGeometry>\n</Placemark>\n", out);
+            write_kml_piece(piece, xml);
+        xml.close();
+        xml.close();
     });
     if (first != nullptr) {
-        write_kml_mark("Start", *first, out);
-        write_kml_mark("End", *last, out);
+        write_kml_mark("Start", *first, xml);
+        write_kml_mark("End", *last, xml);
     }
-    put("</Document>\n</kml>\n", out);
 }
 
 void track_write_geojson(const track &all, int64_t gap_s, FILE *out,
