@@ -11,9 +11,10 @@ namespace {
 // Both fit with margins on A4 and on Letter.
 constexpr double LONG_SIDE_MM = 255;
 constexpr double SHORT_SIDE_MM = 185;
-constexpr double HEAD_MM = 18; // title above the map
-constexpr double FOOT_MM = 15; // scale and legend below it
-constexpr double ROOM_MM = 14; // between the track and the frame, for texts
+constexpr double MARGIN_MM = 6; // that nothing is written into
+constexpr double HEAD_MM = 18;  // title above the map
+constexpr double FOOT_MM = 12;  // scale and legend below it
+constexpr double ROOM_MM = 14;  // between the track and the frame, for texts
 
 constexpr double METRES_PER_DEGREE = 6371008.8 * std::numbers::pi / 180;
 constexpr double SMALLEST_EXTENT_M = 20; // of somebody who stands still
@@ -21,6 +22,8 @@ constexpr double VISIBLE_MM = 0.15;
 constexpr double INK_STEP_MM = 1.2;
 constexpr double LETTER_MM = 0.56 * PAGE_FONT_MM; // mean width
 constexpr double BESIDE_MM = 2.4;
+constexpr double SAME_PLACE_MM = 2;
+constexpr int STAYS = 3; // times at one place; fewer are a position that was logged twice
 
 struct extent {
     double low = 0;
@@ -46,6 +49,13 @@ bool is_inside(const page_box &inner, const page_box &outer) {
 
 double distance(page_point a, page_point b) {
     return std::hypot(a.x - b.x, a.y - b.y);
+}
+
+// What a text with its anchor at x and its middle at y covers.
+page_box box_of(double x, double y, const char *anchor, const std::string &text) {
+    const double length = LETTER_MM * static_cast<double>(text.size());
+    const double left = anchor[0] == 's' ? x : anchor[0] == 'e' ? x - length : x - length / 2;
+    return {left, y - 0.6 * PAGE_FONT_MM, left + length, y + 0.6 * PAGE_FONT_MM};
 }
 
 } // namespace
@@ -77,12 +87,18 @@ page_layout page_lay_out(const track &all, int64_t gap_s) {
     const bool landscape = wide >= high;
     layout.width = landscape ? LONG_SIDE_MM : SHORT_SIDE_MM;
     layout.height = landscape ? SHORT_SIDE_MM : LONG_SIDE_MM;
-    layout.frame = {0.5, HEAD_MM, layout.width - 0.5, layout.height - FOOT_MM};
+    layout.frame = {MARGIN_MM, MARGIN_MM + HEAD_MM, layout.width - MARGIN_MM,
+                    layout.height - MARGIN_MM - FOOT_MM};
     const page_box &frame = layout.frame;
     layout.metres_per_mm = std::max(wide / (frame.right - frame.left - 2 * ROOM_MM),
                                     high / (frame.bottom - frame.top - 2 * ROOM_MM));
 
     const page_point middle = {(frame.left + frame.right) / 2, (frame.top + frame.bottom) / 2};
+    layout.middle = middle;
+    layout.middle_latitude = latitudes.middle();
+    layout.middle_longitude = longitudes.middle();
+    layout.latitude_per_mm = layout.metres_per_mm / METRES_PER_DEGREE;
+    layout.longitude_per_mm = layout.metres_per_mm / narrowing;
     layout.places.resize(all.points.size());
     for (const track_stretch &stretch : layout.stretches) {
         std::vector<page_point> line;
@@ -136,8 +152,22 @@ size_t page_labels::covered(const page_box &box) const {
         }));
 }
 
+bool page_labels::is_free(const page_box &box) const {
+    return is_inside(box, frame) &&
+           std::none_of(
+               taken.begin(), taken.end(),
+               [&box](const page_box &other) { return overlap(box, other); });
+}
+
+bool page_labels::put(const page_text &text) {
+    const page_box box = box_of(text.at.x, text.at.y - 0.35 * PAGE_FONT_MM, text.anchor, text.text);
+    if (!is_free(box))
+        return false;
+    taken.push_back(box);
+    return true;
+}
+
 bool page_labels::place(page_point beside, const std::string &text, page_text *placed) {
-    const double length = LETTER_MM * static_cast<double>(text.size());
     // Directions in which a text may lie, best first.
     struct direction {
         double x;
@@ -158,13 +188,8 @@ bool page_labels::place(page_point beside, const std::string &text, page_text *p
     for (const direction &to : DIRECTIONS) {
         const double x = beside.x + to.x * BESIDE_MM;
         const double y = beside.y + to.y * BESIDE_MM;
-        const double left = to.anchor[0] == 's'   ? x
-                            : to.anchor[0] == 'e' ? x - length
-                                                  : x - length / 2;
-        const page_box box = {left, y - 0.6 * PAGE_FONT_MM, left + length, y + 0.6 * PAGE_FONT_MM};
-        if (!is_inside(box, frame) ||
-            std::any_of(taken.begin(), taken.end(),
-                        [&box](const page_box &other) { return overlap(box, other); }))
+        const page_box box = box_of(x, y, to.anchor, text);
+        if (!is_free(box))
             continue;
         const size_t ink_below = covered(box);
         if (!found || ink_below < least) {
@@ -203,6 +228,9 @@ std::vector<page_time> page_times(const track &all, const page_layout &layout) {
         };
         return number(8) * 86400 + number(11) * 3600 + number(14) * 60 + number(17);
     };
+    std::vector<std::string> last_at;
+    int count = 0; // of times at the last place
+    const auto near = [](page_point a, page_point b) { return distance(a, b) < SAME_PLACE_MM; };
     for (const track_stretch &stretch : layout.stretches) {
         for (size_t i = 1; i < stretch.size(); ++i) {
             const track_point &point = all.points[stretch[i]];
@@ -215,8 +243,50 @@ std::vector<page_time> page_times(const track &all, const page_layout &layout) {
                 time.text = std::string(day.substr(5)) + " ";
             }
             time.text += point.line.substr(11, step < 60 ? 8 : 5);
-            times.push_back(time);
+            if (times.empty() || !near(times.back().at, time.at)) {
+                times.push_back(time);
+                last_at.emplace_back();
+                count = 1;
+            } else if (++count >= STAYS) {
+                last_at.back() = " to " + time.text;
+            }
         }
     }
+    for (size_t i = 0; i < times.size(); ++i)
+        times[i].text += last_at[i];
+    // Both ends have a text of their own.
+    if (!times.empty() && near(times.back().at, layout.lines.back().back()))
+        times.pop_back();
+    if (!times.empty() && near(times.front().at, layout.lines.front().front()))
+        times.erase(times.begin());
     return times;
+}
+
+std::vector<page_degree> page_degrees(const page_layout &layout) {
+    std::vector<page_degree> degrees;
+    const page_box &frame = layout.frame;
+    const auto mark = [&](bool latitude, double low, double high) {
+        const double step = page_round_length((high - low) / 2);
+        const int digits = std::max(0, -static_cast<int>(std::floor(std::log10(step) + 1e-9)));
+        for (double at = std::ceil(low / step) * step; at < high; at += step) {
+            const page_point place =
+                latitude ? page_point{frame.left, layout.middle.y - (at - layout.middle_latitude) /
+                                                                        layout.latitude_per_mm}
+                         : page_point{layout.middle.x +
+                                          (at - layout.middle_longitude) / layout.longitude_per_mm,
+                                      frame.bottom};
+            const double shown = latitude ? at : track_unwrapped(0, at);
+            if (latitude && std::fabs(shown) > 90)
+                continue;
+            std::array<char, 48> text{};
+            std::snprintf(text.data(), text.size(), "%.*f° %s", digits, std::fabs(shown),
+                          latitude ? (shown < 0 ? "S" : "N") : (shown < 0 ? "W" : "E"));
+            degrees.push_back({place, latitude, text.data()});
+        }
+    };
+    const double up = (frame.bottom - frame.top) / 2 * layout.latitude_per_mm;
+    const double aside = (frame.right - frame.left) / 2 * layout.longitude_per_mm;
+    mark(true, layout.middle_latitude - up, layout.middle_latitude + up);
+    mark(false, layout.middle_longitude - aside, layout.middle_longitude + aside);
+    return degrees;
 }

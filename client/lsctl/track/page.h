@@ -28,6 +28,11 @@ struct page_layout {
     double height;
     page_box frame; // the map in it
     double metres_per_mm;
+    page_point middle; // where the degrees below are
+    double middle_latitude;
+    double middle_longitude;
+    double latitude_per_mm;
+    double longitude_per_mm;
     std::vector<track_stretch> stretches;
     std::vector<page_point> places; // by index in the track; meaningful for those in a stretch
     // The points of each stretch, but for those too close to see apart.
@@ -48,10 +53,13 @@ class page_labels {
   public:
     explicit page_labels(const page_layout &layout);
     void keep_free(const page_box &box);
-    // False: there is no room.
+    // False: a text has no room where it is to be.
+    bool put(const page_text &text);
+    // False: there is no room beside the point.
     bool place(page_point beside, const std::string &text, page_text *placed);
 
   private:
+    bool is_free(const page_box &box) const;
     size_t covered(const page_box &box) const;
 
     page_box frame;
@@ -59,7 +67,16 @@ class page_labels {
     std::vector<page_point> ink; // points along the track, closer to each other than a text is high
 };
 
-// A point of the track that gets its time written beside it.
+// A degree of latitude, on the left edge of the map, or longitude, on the lower one.
+struct page_degree {
+    page_point at;
+    bool latitude;
+    std::string text; // "47.365° N"
+};
+std::vector<page_degree> page_degrees(const page_layout &layout);
+
+// A place on the track that gets its time written beside it: one text a place. Where it stays for a
+// while this is "10:51 to 11:30".
 struct page_time {
     page_point at;
     std::string text; // "10:51", with seconds or the day before it where they are needed

@@ -95,6 +95,20 @@ TEST(lsctl_track, the_antimeridian_cuts) {
     EXPECT_TRUE(pieces[0].size() == 2 && pieces[1].size() == 2);
 }
 
+TEST(lsctl_track, a_position_logged_twice_has_one_time_and_a_stay_its_range) {
+    set_zone("UTC0");
+    std::string text;
+    // Each place twice, a minute apart, and the last but one for a while.
+    for (const char *at : {"00:00 1", "01:00 1", "02:00 2", "03:00 2", "04:00 3", "05:00 3",
+                           "06:00 3", "07:00 3", "08:00 4"})
+        text += std::string("2019-02-05 12:") + std::string(at, 5) + ",2D,1.0" + (at + 6) +
+                "N,1.0E,+2.25m,08\n";
+    const track all = parsed(text);
+    const std::vector<page_time> times = page_times(all, page_lay_out(all, 0));
+    ASSERT_EQ(times.size(), 2U);
+    EXPECT_EQ(times[0].text + ", " + times[1].text, "12:02:00, 12:04:00 to 12:07:00");
+}
+
 TEST(lsctl_track, is_summed_up_without_its_gaps) {
     set_zone("UTC0");
     const track all = parsed("2019-02-05 12:00:00,2D,0.000000N,179.999900E,+2.25m,08\n"
