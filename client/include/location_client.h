@@ -13,14 +13,13 @@
 
 #include "ls_messages.h"
 
-#define LOCATION_CLIENT_API __attribute__((visibility("default")))
-
 #ifdef __cplusplus
-#define LOCATION_CLIENT_NOEXCEPT noexcept
+#define LOCATION_NOEXCEPT noexcept
 extern "C" {
 #else
-#define LOCATION_CLIENT_NOEXCEPT
+#define LOCATION_NOEXCEPT
 #endif
+#pragma GCC visibility push(default)
 
 // Values are never changed; later versions add some at the end.
 enum location_result {
@@ -43,6 +42,8 @@ enum location_result {
     LOCATION_CANCELLED = 16,     // location_client_cancel was called
     LOCATION_NO_MEMORY = 17,     // nor threads, nor descriptors
     LOCATION_BUS_LOCKED = 18, // a dead process is in the place of the service id, its lock is held
+    LOCATION_PENDING = 19,    // of a started request: it is not over yet
+    LOCATION_TOO_MANY = 20,   // as many started requests as there may be are there
 };
 // Programs and the library must agree on what a function returns.
 static_assert(sizeof(enum location_result) == 4, "compile without -fshort-enums");
@@ -50,6 +51,12 @@ static_assert(sizeof(enum location_result) == 4, "compile without -fshort-enums"
 // Service ids kept for tools; 0 at opening stands for the first free one.
 #define LOCATION_CLIENT_TOOL_ID_FIRST 32
 #define LOCATION_CLIENT_TOOL_ID_LAST 63
+
+// Requests started and not yet taken, at once, of one client.
+#define LOCATION_CLIENT_MAX_STARTED 8
+
+// Requests of one client that are started and not yet taken.
+#define LOCATION_CLIENT_MAX_STARTED 8
 
 // Shortest interval of periodic updates that the service accepts, seconds.
 #define LOCATION_CLIENT_MIN_INTERVAL_S UINT32_C(4)
@@ -61,125 +68,205 @@ static_assert(sizeof(enum location_result) == 4, "compile without -fshort-enums"
 struct location_client;
 
 // One sentence without a full stop, in English; never null. Static text.
-LOCATION_CLIENT_API const char *location_client_error_text(enum location_result result)
-    LOCATION_CLIENT_NOEXCEPT;
+const char *location_client_error_text(enum location_result result) LOCATION_NOEXCEPT;
 
 // Connects as service `serv_id`, or as the first free tool id for 0. The id of the location service
 // itself is a bad argument. With LOCATION_ANSWERED *client is the new client, to be given back with
 // location_client_close; otherwise it is null.
-LOCATION_CLIENT_API enum location_result location_client_open(
-    uint8_t serv_id, struct location_client **client) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_open(uint8_t serv_id,
+                                          struct location_client **client) LOCATION_NOEXCEPT;
 
-// Leaves the bus and frees the client; null is ignored. An open registration for periodic updates
-// stays with the service: end it first.
-LOCATION_CLIENT_API void location_client_close(struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
+// Leaves the bus and frees the client; null is ignored. Started requests end without a result, and
+// their tickets and the descriptor are void; for one that a full queue holds up it waits. An open
+// registration for periodic updates stays with the service: end it first.
+void location_client_close(struct location_client *client) LOCATION_NOEXCEPT;
 
-LOCATION_CLIENT_API uint8_t location_client_serv_id(const struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
+uint8_t location_client_serv_id(const struct location_client *client) LOCATION_NOEXCEPT;
 
 // Power mode that the last LOCATION_RECEIVER_OFF was based on.
-LOCATION_CLIENT_API uint32_t location_client_power_seen(const struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
+uint32_t location_client_power_seen(const struct location_client *client) LOCATION_NOEXCEPT;
 
 // Ends all waits on this client, and all further ones at once, with LOCATION_CANCELLED, until
-// resumed.
-LOCATION_CLIENT_API void location_client_cancel(struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
-LOCATION_CLIENT_API void location_client_resume(struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
+// resumed. Started requests are over, too, with that result.
+void location_client_cancel(struct location_client *client) LOCATION_NOEXCEPT;
+void location_client_resume(struct location_client *client) LOCATION_NOEXCEPT;
 
 // Power mode (gps_power_mode) in force.
-LOCATION_CLIENT_API enum location_result location_client_get_power(
-    struct location_client *client, int64_t timeout_ms, uint32_t *mode) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_get_power(struct location_client *client, int64_t timeout_ms,
+                                               uint32_t *mode) LOCATION_NOEXCEPT;
 
 // Changes the power mode. *in_force, when wanted, is the mode afterwards, with LOCATION_FAILED too,
 // where it is asked with a second request in the time that is left; LOCATION_NO_REPLY when that had
 // no answer. While the receiver is off only services 3, 6, 8 and 9 may switch it on; switching off
 // what is off fails, switching on what is on does not.
-LOCATION_CLIENT_API enum location_result location_client_set_power(
-    struct location_client *client, int64_t timeout_ms, uint32_t mode,
-    uint32_t *in_force) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_set_power(struct location_client *client, int64_t timeout_ms,
+                                               uint32_t mode, uint32_t *in_force) LOCATION_NOEXCEPT;
 
 // The queries below, the registration and the engineering commands get no reply while the receiver
 // is off. When a reply is not there after 2 s, the client asks for the power mode too, and ends the
 // wait with LOCATION_RECEIVER_OFF soon after that says so. It does not ask as service 2 (SAL) and 3
 // (VoIP), behind whose answers the service may switch the receiver off, nor as service 9, for which
 // it is always on: there, as with a shorter time-out, such a request ends with LOCATION_NO_REPLY.
-LOCATION_CLIENT_API enum location_result location_client_get_position(
-    struct location_client *client, int64_t timeout_ms,
-    struct gps_pos_data *position) LOCATION_CLIENT_NOEXCEPT;
-LOCATION_CLIENT_API enum location_result location_client_get_time(
-    struct location_client *client, int64_t timeout_ms, struct gps_time_fields *utc,
-    uint32_t *time_of_week) LOCATION_CLIENT_NOEXCEPT;
-LOCATION_CLIENT_API enum location_result location_client_get_satellites(
-    struct location_client *client, int64_t timeout_ms,
-    struct gps_sat_info *info) LOCATION_CLIENT_NOEXCEPT;
-LOCATION_CLIENT_API enum location_result location_client_get_speed(
-    struct location_client *client, int64_t timeout_ms,
-    struct gps_speed_data *speed) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_get_position(struct location_client *client,
+                                                  int64_t timeout_ms,
+                                                  struct gps_pos_data *position) LOCATION_NOEXCEPT;
+enum location_result location_client_get_time(struct location_client *client, int64_t timeout_ms,
+                                              struct gps_time_fields *utc,
+                                              uint32_t *time_of_week) LOCATION_NOEXCEPT;
+enum location_result location_client_get_satellites(struct location_client *client,
+                                                    int64_t timeout_ms,
+                                                    struct gps_sat_info *info) LOCATION_NOEXCEPT;
+enum location_result location_client_get_speed(struct location_client *client, int64_t timeout_ms,
+                                               struct gps_speed_data *speed) LOCATION_NOEXCEPT;
 
 // `answer`, LS_ENGG_ANSWER_SIZE bytes, is the receiver's raw answer to an engineering command,
 // zero-filled. All zero with LOCATION_ANSWERED means that the receiver said nothing: the service
 // reports its time-out as success here.
 
 // `body`: NMEA sentence without $, * and checksum, 1 to 79 printable ASCII characters.
-LOCATION_CLIENT_API enum location_result location_client_exec_nmea(
-    struct location_client *client, int64_t timeout_ms, const char *body,
-    uint8_t *answer) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_exec_nmea(struct location_client *client, int64_t timeout_ms,
+                                               const char *body, uint8_t *answer) LOCATION_NOEXCEPT;
 
 // `frame`: a whole UBX frame of `size` bytes from its sync bytes to its two checksum bytes, whose
 // values do not matter (the service sets them). Its text form, see location_client_ubx_text, must
 // fit. The answer holds LOCATION_CLIENT_UBX_ANSWER_SIZE bytes at most.
-LOCATION_CLIENT_API enum location_result location_client_exec_ubx(
-    struct location_client *client, int64_t timeout_ms, const uint8_t *frame, size_t size,
-    uint8_t *answer) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_exec_ubx(struct location_client *client, int64_t timeout_ms,
+                                              const uint8_t *frame, size_t size,
+                                              uint8_t *answer) LOCATION_NOEXCEPT;
 
 // The text in which a frame travels: hexadecimal bytes between commas, two digits each, or as few
 // as possible when it would not fit otherwise. `text` has LS_ENGG_CMD_SIZE bytes. Returns its
 // length, at most 79; 0 = does not fit.
-LOCATION_CLIENT_API size_t location_client_ubx_text(const uint8_t *frame, size_t size,
-                                                    char *text) LOCATION_CLIENT_NOEXCEPT;
+size_t location_client_ubx_text(const uint8_t *frame, size_t size, char *text) LOCATION_NOEXCEPT;
 
 // Has the location history exported. The reply is filled with LOCATION_FAILED too, when it came:
 // its status tells the reason; its path is NUL-terminated.
-LOCATION_CLIENT_API enum location_result location_client_get_history_path(
+enum location_result location_client_get_history_path(
     struct location_client *client, int64_t timeout_ms,
-    struct ls_history_path_reply *reply) LOCATION_CLIENT_NOEXCEPT;
+    struct ls_history_path_reply *reply) LOCATION_NOEXCEPT;
 
 // Tells the service that the history settings in the settings database have changed. It says
 // nothing back: LOCATION_ANSWERED means that the service has the message.
-LOCATION_CLIENT_API enum location_result location_client_notify_history_settings(
-    struct location_client *client) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_notify_history_settings(struct location_client *client)
+    LOCATION_NOEXCEPT;
 
 // Asks, as SAL, for the LPP location parameters; a bad argument from any other service id. The
 // service tries three times and says nothing when it fails.
-LOCATION_CLIENT_API enum location_result location_client_get_lpp(
-    struct location_client *client, int64_t timeout_ms,
-    struct gps_lpp_location *lpp) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_get_lpp(struct location_client *client, int64_t timeout_ms,
+                                             struct gps_lpp_location *lpp) LOCATION_NOEXCEPT;
 
 // Registers for `num_updates` (1 or more) position updates, one at once and then one every
 // `interval_s` seconds (4 or more). LOCATION_FAILED: this service id is registered already, or
 // three others are.
-LOCATION_CLIENT_API enum location_result location_client_register_periodic(
-    struct location_client *client, int64_t timeout_ms, uint32_t num_updates,
-    uint32_t interval_s) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_register_periodic(struct location_client *client,
+                                                       int64_t timeout_ms, uint32_t num_updates,
+                                                       uint32_t interval_s) LOCATION_NOEXCEPT;
 
 // Ends the registration. LOCATION_FAILED: there was none. Served while the receiver is off as well.
-LOCATION_CLIENT_API enum location_result location_client_unregister_periodic(
-    struct location_client *client, int64_t timeout_ms) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_unregister_periodic(struct location_client *client,
+                                                         int64_t timeout_ms) LOCATION_NOEXCEPT;
 
 // Waits for the next position update and takes it from the queue. With LOCATION_ANSWERED the
 // update's own status is still to be looked at. The queue holds 64; a newer update pushes out the
 // oldest. A time-out of 0 only looks.
-LOCATION_CLIENT_API enum location_result location_client_next_update(
-    struct location_client *client, int64_t timeout_ms,
-    struct ls_position_reply *update) LOCATION_CLIENT_NOEXCEPT;
+enum location_result location_client_next_update(struct location_client *client, int64_t timeout_ms,
+                                                 struct ls_position_reply *update)
+    LOCATION_NOEXCEPT;
 
 // Updates pushed out of the queue, or dropped for their wrong size, since opening.
-LOCATION_CLIENT_API uint32_t location_client_lost_updates(const struct location_client *client)
-    LOCATION_CLIENT_NOEXCEPT;
+uint32_t location_client_lost_updates(const struct location_client *client) LOCATION_NOEXCEPT;
 
+// --- Requests that do not wait, for programs with an event loop ---
+//
+// A request is started; when it is over, the descriptor becomes readable and the result can be
+// taken. Arguments, results and times are those
+// of the function of the same name that waits. The library carries each out on a thread of its own,
+// with all signals blocked: nothing here takes time, whatever the service and its queue do. A
+// ticket is not 0; it stands for its request until the result was taken or the request abandoned.
+
+// The descriptor to poll for reading: readable as long as the result of a started request is there
+// to be taken or an update is in the queue. It is the client's: not to be read, written or closed.
+// The first call makes it; -1: there are no more descriptors.
+int location_client_fd(struct location_client *client) LOCATION_NOEXCEPT;
+
+// LOCATION_ANSWERED with a *ticket; otherwise 0 and LOCATION_TOO_MANY, LOCATION_NO_MEMORY or, for a
+// time-out or command that is none, LOCATION_BAD_ARGUMENT. Whatever else fails is a result to be
+// taken.
+enum location_result location_client_start_power(struct location_client *client, int64_t timeout_ms,
+                                                 uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_set_power(struct location_client *client,
+                                                     int64_t timeout_ms, uint32_t mode,
+                                                     uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_position(struct location_client *client,
+                                                    int64_t timeout_ms,
+                                                    uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_time(struct location_client *client, int64_t timeout_ms,
+                                                uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_satellites(struct location_client *client,
+                                                      int64_t timeout_ms,
+                                                      uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_speed(struct location_client *client, int64_t timeout_ms,
+                                                 uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_nmea(struct location_client *client, int64_t timeout_ms,
+                                                const char *body,
+                                                uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_ubx(struct location_client *client, int64_t timeout_ms,
+                                               const uint8_t *frame, size_t size,
+                                               uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_history_path(struct location_client *client,
+                                                        int64_t timeout_ms,
+                                                        uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_lpp(struct location_client *client, int64_t timeout_ms,
+                                               uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_register_periodic(struct location_client *client,
+                                                             int64_t timeout_ms,
+                                                             uint32_t num_updates,
+                                                             uint32_t interval_s,
+                                                             uint32_t *ticket) LOCATION_NOEXCEPT;
+enum location_result location_client_start_unregister_periodic(struct location_client *client,
+                                                               int64_t timeout_ms,
+                                                               uint32_t *ticket) LOCATION_NOEXCEPT;
+// Over when the service has the message, or does not take it for a second.
+enum location_result location_client_start_notify_history_settings(
+    struct location_client *client, uint32_t *ticket) LOCATION_NOEXCEPT;
+
+// The ticket of a request that is over, the earliest first; 0 = there is none.
+uint32_t location_client_next_ticket(struct location_client *client) LOCATION_NOEXCEPT;
+
+// LOCATION_PENDING while the request is under way. Otherwise what the function that waits would
+// have returned, and the ticket is void. LOCATION_BAD_ARGUMENT: no such ticket, or one whose result
+// is of another kind; it stays as it is.
+
+// Of start_power and start_set_power; the latter's mode is there with LOCATION_FAILED, too.
+enum location_result location_client_take_power(struct location_client *client, uint32_t ticket,
+                                                uint32_t *mode) LOCATION_NOEXCEPT;
+enum location_result location_client_take_position(struct location_client *client, uint32_t ticket,
+                                                   struct gps_pos_data *position) LOCATION_NOEXCEPT;
+enum location_result location_client_take_time(struct location_client *client, uint32_t ticket,
+                                               struct gps_time_fields *utc,
+                                               uint32_t *time_of_week) LOCATION_NOEXCEPT;
+enum location_result location_client_take_satellites(struct location_client *client,
+                                                     uint32_t ticket,
+                                                     struct gps_sat_info *info) LOCATION_NOEXCEPT;
+enum location_result location_client_take_speed(struct location_client *client, uint32_t ticket,
+                                                struct gps_speed_data *speed) LOCATION_NOEXCEPT;
+// Of start_nmea and start_ubx: LS_ENGG_ANSWER_SIZE bytes.
+enum location_result location_client_take_answer(struct location_client *client, uint32_t ticket,
+                                                 uint8_t *answer) LOCATION_NOEXCEPT;
+enum location_result location_client_take_history_path(
+    struct location_client *client, uint32_t ticket,
+    struct ls_history_path_reply *reply) LOCATION_NOEXCEPT;
+enum location_result location_client_take_lpp(struct location_client *client, uint32_t ticket,
+                                              struct gps_lpp_location *lpp) LOCATION_NOEXCEPT;
+// Of the registrations and the notification.
+enum location_result location_client_take_done(struct location_client *client,
+                                               uint32_t ticket) LOCATION_NOEXCEPT;
+
+// Gives a started request up, over or not: nothing is left to take, and a reply that comes is not
+// looked at. What was sent is not undone: a receiver may be switched, a registration be open.
+void location_client_abandon(struct location_client *client, uint32_t ticket) LOCATION_NOEXCEPT;
+
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

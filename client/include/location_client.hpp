@@ -31,6 +31,14 @@ inline location_result location_client_open(uint8_t serv_id,
 // The receiver's raw answer to an engineering command, zero-filled.
 using location_client_answer = std::array<uint8_t, LS_ENGG_ANSWER_SIZE>;
 
+// A body with a NUL behind it; empty, which is refused, when it is too long or has one in it.
+inline std::array<char, LS_ENGG_CMD_SIZE> location_client_text(std::string_view body) noexcept {
+    std::array<char, LS_ENGG_CMD_SIZE> text{};
+    if (body.size() < text.size() && body.find('\0') == body.npos)
+        body.copy(text.data(), body.size());
+    return text;
+}
+
 inline location_result location_client_get_power(location_client *client,
                                                  std::chrono::milliseconds timeout,
                                                  uint32_t *mode) noexcept {
@@ -72,11 +80,8 @@ inline location_result location_client_exec_nmea(location_client *client,
                                                  std::chrono::milliseconds timeout,
                                                  std::string_view body,
                                                  location_client_answer *answer) noexcept {
-    // With a NUL at its end. What is too long, or ends early, is refused as it stands.
-    char text[LS_ENGG_CMD_SIZE] = {};
-    if (body.size() < sizeof text && body.find('\0') == body.npos)
-        body.copy(text, body.size());
-    return location_client_exec_nmea(client, int64_t{timeout.count()}, text,
+    return location_client_exec_nmea(client, int64_t{timeout.count()},
+                                     location_client_text(body).data(),
                                      answer == nullptr ? nullptr : answer->data());
 }
 
@@ -123,6 +128,93 @@ inline location_result location_client_next_update(location_client *client,
                                                    std::chrono::milliseconds timeout,
                                                    ls_position_reply *update) noexcept {
     return location_client_next_update(client, int64_t{timeout.count()}, update);
+}
+
+// --- Requests that do not wait ---
+
+inline location_result location_client_start_power(location_client *client,
+                                                   std::chrono::milliseconds timeout,
+                                                   uint32_t *ticket) noexcept {
+    return location_client_start_power(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_set_power(location_client *client,
+                                                       std::chrono::milliseconds timeout,
+                                                       uint32_t mode, uint32_t *ticket) noexcept {
+    return location_client_start_set_power(client, int64_t{timeout.count()}, mode, ticket);
+}
+
+inline location_result location_client_start_position(location_client *client,
+                                                      std::chrono::milliseconds timeout,
+                                                      uint32_t *ticket) noexcept {
+    return location_client_start_position(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_time(location_client *client,
+                                                  std::chrono::milliseconds timeout,
+                                                  uint32_t *ticket) noexcept {
+    return location_client_start_time(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_satellites(location_client *client,
+                                                        std::chrono::milliseconds timeout,
+                                                        uint32_t *ticket) noexcept {
+    return location_client_start_satellites(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_speed(location_client *client,
+                                                   std::chrono::milliseconds timeout,
+                                                   uint32_t *ticket) noexcept {
+    return location_client_start_speed(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_nmea(location_client *client,
+                                                  std::chrono::milliseconds timeout,
+                                                  std::string_view body,
+                                                  uint32_t *ticket) noexcept {
+    return location_client_start_nmea(client, int64_t{timeout.count()},
+                                      location_client_text(body).data(), ticket);
+}
+
+inline location_result location_client_start_ubx(location_client *client,
+                                                 std::chrono::milliseconds timeout,
+                                                 std::span<const uint8_t> frame,
+                                                 uint32_t *ticket) noexcept {
+    return location_client_start_ubx(client, int64_t{timeout.count()}, frame.data(), frame.size(),
+                                     ticket);
+}
+
+inline location_result location_client_start_history_path(location_client *client,
+                                                          std::chrono::milliseconds timeout,
+                                                          uint32_t *ticket) noexcept {
+    return location_client_start_history_path(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_lpp(location_client *client,
+                                                 std::chrono::milliseconds timeout,
+                                                 uint32_t *ticket) noexcept {
+    return location_client_start_lpp(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_start_register_periodic(location_client *client,
+                                                               std::chrono::milliseconds timeout,
+                                                               uint32_t num_updates,
+                                                               uint32_t interval_s,
+                                                               uint32_t *ticket) noexcept {
+    return location_client_start_register_periodic(client, int64_t{timeout.count()}, num_updates,
+                                                   interval_s, ticket);
+}
+
+inline location_result location_client_start_unregister_periodic(location_client *client,
+                                                                 std::chrono::milliseconds timeout,
+                                                                 uint32_t *ticket) noexcept {
+    return location_client_start_unregister_periodic(client, int64_t{timeout.count()}, ticket);
+}
+
+inline location_result location_client_take_answer(location_client *client, uint32_t ticket,
+                                                   location_client_answer *answer) noexcept {
+    return location_client_take_answer(client, ticket,
+                                       answer == nullptr ? nullptr : answer->data());
 }
 
 #endif

@@ -121,6 +121,7 @@ void take_update(location_client &client, const bus_msg &msg) {
     const size_t slot = (client.first_update + client.num_updates) % CLIENT_UPDATE_SLOTS;
     std::memcpy(&client.updates[slot], msg.pld, sizeof(ls_position_reply));
     ++client.num_updates;
+    client_tell_ready(client);
 }
 
 bool is_lpp(const bus_msg &msg) {
@@ -153,6 +154,7 @@ bool client_take_update(location_client &client, ls_position_reply &update) noex
     update = client.updates[client.first_update];
     client.first_update = (client.first_update + 1) % CLIENT_UPDATE_SLOTS;
     --client.num_updates;
+    client_tell_ready(client);
     return true;
 }
 
@@ -221,6 +223,7 @@ location_result location_client_open(uint8_t serv_id, location_client **client) 
 
 void location_client_close(location_client *client) noexcept {
     if (client != nullptr) {
+        client_end_started(*client);
         scm_conn_exit(&client->link.conn);
         delete client;
     }

@@ -9,6 +9,7 @@ struct client_call {
     location_client *client;
     std::chrono::milliseconds timeout;
     client_clock::time_point start = client_clock::now();
+    const bool *abandoned = nullptr; // of a started request; guarded by the client's lock
 
     client_call(location_client *of, int64_t timeout_ms) : client(of), timeout(timeout_ms) {}
     client_clock::time_point deadline() const { return start + timeout; }
@@ -36,11 +37,16 @@ location_result client_wait(const client_call &call, client_clock::time_point un
                             const condition &done) {
     location_client &client = *call.client;
     bool is_done = false;
+    bool cancelled = false;
     std::unique_lock held(client.lock);
-    client.changed.wait_until(held, until, [&] { return (is_done = done()) || client.cancelled; });
+    client.changed.wait_until(held, until, [&] {
+        is_done = done();
+        cancelled = client.cancelled || (call.abandoned != nullptr && *call.abandoned);
+        return is_done || cancelled;
+    });
     if (is_done)
         return LOCATION_ANSWERED;
-    return client.cancelled ? LOCATION_CANCELLED : LOCATION_NO_REPLY;
+    return cancelled ? LOCATION_CANCELLED : LOCATION_NO_REPLY;
 }
 
 enum class client_probing : uint8_t { no, yes };

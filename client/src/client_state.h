@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <mutex>
 #include <span>
+#include <variant>
+
+#include <pthread.h>
 
 #include "location_client.h"
 #include "mqutils.h"
@@ -35,6 +38,39 @@ struct client_link {
     location_client *owner;
 };
 
+// What a started request is about and, when it is over, what there is to take.
+struct client_nothing {};
+using client_value =
+    std::variant<client_nothing, uint32_t, gps_pos_data, ls_time_reply, gps_sat_info,
+                 gps_speed_data, ls_engg_cmd, ls_history_path_reply, gps_lpp_location>;
+struct client_call;
+struct client_task {
+    location_result (*run)(const client_call &call, client_task &task) noexcept = nullptr;
+    client_value value{};
+    uint32_t msg_id = 0;                          // of an engineering command
+    std::array<char, LS_ENGG_CMD_SIZE> command{}; // the command
+    uint32_t power_mode = 0;                      // of a change
+    ls_register_periodic_req_pld_s wanted{};      // of a registration
+};
+
+// A place for a started request. Its thread, client_run_place, is started with its first request
+// and kept for the next ones. All guarded by location_client::lock, but for the task while the
+// thread runs it.
+enum class client_stage : uint8_t { idle, started, running, over };
+struct client_place {
+    location_client *owner = nullptr;
+    pthread_t thread{};
+    bool has_thread = false;
+    client_stage stage = client_stage::idle;
+    bool abandoned = false;
+    uint32_t ticket = 0;
+    client_clock::time_point start{}; // of the request
+    std::chrono::milliseconds timeout{};
+    client_task task{};
+    location_result result = LOCATION_PENDING;
+    uint64_t over_as = 0; // its number among the requests that are over
+};
+
 constexpr size_t CLIENT_UPDATE_SLOTS = 64;
 
 struct location_client {
@@ -50,6 +86,14 @@ struct location_client {
     std::array<ls_position_reply, CLIENT_UPDATE_SLOTS> updates{}; // ring
     size_t first_update = 0;
     size_t num_updates = 0;
+
+    std::array<client_place, LOCATION_CLIENT_MAX_STARTED> places{};
+    std::condition_variable work; // for the threads of the places
+    bool closing = false;
+    uint32_t last_ticket = 0;
+    uint64_t num_over = 0;
+    int ready_fd = -1;       // eventfd; -1 = not asked for yet
+    bool ready_said = false; // the descriptor is readable
 };
 
 // The bus callback; runs on the bus library's receive thread.
@@ -69,5 +113,12 @@ location_result client_send_request(location_client &client, client_waiter &wait
                                     std::span<const uint8_t> payload) noexcept;
 location_result client_send_notification(location_client &client, uint32_t msg_id,
                                          std::span<const uint8_t> payload) noexcept;
+
+// --- client_started.cpp ---
+
+// Makes the descriptor readable or not, as it is to be. With the lock held, after every change.
+void client_tell_ready(location_client &client) noexcept;
+// Ends the threads, what they do, and the descriptor.
+void client_end_started(location_client &client) noexcept;
 
 #endif

@@ -6,7 +6,7 @@
 namespace {
 
 // In the order of location_result.
-constexpr std::array<const char *, 19> TEXTS = {
+constexpr std::array<const char *, 21> TEXTS = {
     "the location service answered",
     "the location service answered that the request failed",
     "the location service answered that the receiver did not answer it in time",
@@ -28,8 +28,10 @@ constexpr std::array<const char *, 19> TEXTS = {
     "the wait was cancelled",
     "there is not enough memory",
     "another process holds the lock of the bus directory",
+    "the request is under way",
+    "too many requests are started and not taken",
 };
-static_assert(TEXTS.size() == static_cast<size_t>(LOCATION_BUS_LOCKED) + 1);
+static_assert(TEXTS.size() == static_cast<size_t>(LOCATION_TOO_MANY) + 1);
 
 } // namespace
 
