@@ -15,7 +15,7 @@
 namespace {
 
 constexpr size_t STACK_BYTES = 256 * 1024; // as of the bus library's thread
-constexpr int64_t NO_TIMEOUT_MS = 1000;    // of a sending, which has its own
+constexpr int64_t ANY_TIMEOUT_MS = 1000;   // for what only sends, which has its own
 
 void run(client_place &place, std::unique_lock<std::mutex> &held) {
     client_call call(place.owner, place.timeout.count());
@@ -148,6 +148,11 @@ void client_tell_ready(location_client &client) noexcept {
 }
 
 void client_end_started(location_client &client) noexcept {
+    if (client.process != getpid()) {
+        // A forked child has neither the threads nor a lock that anybody would give back.
+        ls_close(client.ready_fd);
+        return;
+    }
     {
         const std::lock_guard guard(client.lock);
         client.closing = client.cancelled = true;
@@ -282,7 +287,7 @@ location_result location_client_start_unregister_periodic(location_client *clien
 
 location_result location_client_start_notify_history_settings(location_client *client,
                                                               uint32_t *ticket) noexcept {
-    return start(client, NO_TIMEOUT_MS, ticket,
+    return start(client, ANY_TIMEOUT_MS, ticket,
                  {.run =
                       [](const client_call &call, client_task &) noexcept {
                           return location_client_notify_history_settings(call.client);

@@ -12,6 +12,7 @@
 #include <variant>
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include "location_client.h"
 #include "mqutils.h"
@@ -53,9 +54,8 @@ struct client_task {
     ls_register_periodic_req_pld_s wanted{};      // of a registration
 };
 
-// A place for a started request. Its thread, client_run_place, is started with its first request
-// and kept for the next ones. All guarded by location_client::lock, but for the task while the
-// thread runs it.
+// A place for a started request. Its thread is started with its first request and kept for the next
+// ones. All guarded by location_client::lock, but for the task while the thread runs it.
 enum class client_stage : uint8_t { idle, started, running, over };
 struct client_place {
     location_client *owner = nullptr;
@@ -76,6 +76,7 @@ constexpr size_t CLIENT_UPDATE_SLOTS = 64;
 struct location_client {
     client_link link{};
     uint8_t serv_id = 0;
+    pid_t process = getpid(); // that has the threads
     std::atomic<uint32_t> lost_updates{0};
     std::atomic<uint32_t> power_seen{GPS_POWER_OFF}; // mode behind the last receiver_off
 
