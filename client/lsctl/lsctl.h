@@ -98,6 +98,10 @@ int lsctl_fail(const lsctl_options &options, location_result result, const std::
 // The same for what is no result of the library: `error` is its stable name in JSON.
 int lsctl_fail_as(const lsctl_options &options, const char *error, int exit_status,
                   const std::string &sentence);
+// A failure with an answer to show: its lines on stdout, or its JSON object with `error` (a name of
+// docs/json.md) and the sentence in front. Returns LSCTL_FAILED.
+int lsctl_fail_with(const lsctl_options &options, const char *error, const std::string &sentence,
+                    const lsctl_json &object, const std::string &lines);
 // The sentence and the exit status alone.
 std::string lsctl_sentence(const lsctl_options &options, location_result result,
                            const location_client *client = nullptr);

@@ -165,6 +165,15 @@ int lsctl_fail_as(const lsctl_options &options, const char *error, int exit_stat
     return exit_status;
 }
 
+int lsctl_fail_with(const lsctl_options &options, const char *error, const std::string &sentence,
+                    const lsctl_json &object, const std::string &lines) {
+    lsctl_json failure = {{"error", error}, {"text", sentence}};
+    failure.update(object);
+    lsctl_show(options, failure, lines);
+    lsctl_complain(sentence);
+    return LSCTL_FAILED;
+}
+
 int lsctl_show(const lsctl_options &options, const lsctl_json &object, const std::string &lines) {
     const bool printed = options.json ? lsctl_print_json(object) : lsctl_print(lines);
     return printed ? LSCTL_OK : LSCTL_FAILED;

@@ -54,6 +54,15 @@ lsctl_verdict judge_line(std::string_view line, std::string_view wanted, std::st
     return is_wanted(body, wanted) ? lsctl_verdict::good : lsctl_verdict::other;
 }
 
+// What one line that the service did not cut says about the whole answer.
+void note_line(lsctl_verdict verdict, lsctl_heard &heard) {
+    const bool is_wrong = verdict == lsctl_verdict::wrong_checksum;
+    if (is_wrong || (verdict == lsctl_verdict::cut && heard.damage == lsctl_verdict::good))
+        heard.damage = verdict;
+    if (verdict != lsctl_verdict::cut)
+        heard.checksum_good = heard.checksum_good.value_or(true) && !is_wrong;
+}
+
 // How much a verdict says about the line: the first of these in an answer is the answer's.
 constexpr std::array BEST_FIRST = {lsctl_verdict::good, lsctl_verdict::other,
                                    lsctl_verdict::wrong_checksum, lsctl_verdict::cut,
@@ -69,6 +78,7 @@ lsctl_heard lsctl_judge_nmea(std::span<const uint8_t> answer, std::string_view w
     lsctl_heard heard;
     std::string_view rest(reinterpret_cast<const char *>(answer.data()), answer.size());
     rest = rest.substr(0, rest.find_last_not_of('\0') + 1);
+    const bool is_full = answer.size() == LS_ENGG_ANSWER_SIZE && rest.size() == answer.size();
     std::array<bool, VERDICT_NAMES.size()> seen{};
     if (!rest.empty())
         seen[static_cast<size_t>(lsctl_verdict::noise)] = true;
@@ -76,7 +86,14 @@ lsctl_heard lsctl_judge_nmea(std::span<const uint8_t> answer, std::string_view w
         rest.remove_prefix(start);
         const std::string_view line = rest.substr(0, rest.find_first_of("\r\n"));
         std::string_view body;
-        const lsctl_verdict verdict = judge_line(line, wanted, body);
+        lsctl_verdict verdict = judge_line(line, wanted, body);
+        if (verdict == lsctl_verdict::cut && is_full && line.size() == rest.size()) {
+            heard.cut_by_room = true;
+            if (!is_wanted(line.substr(1), wanted))
+                verdict = lsctl_verdict::other;
+        } else {
+            note_line(verdict, heard);
+        }
         seen[static_cast<size_t>(verdict)] = true;
         if (verdict == lsctl_verdict::good)
             heard.sentences.push_back(split(body));

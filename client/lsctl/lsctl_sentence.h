@@ -29,10 +29,17 @@ using lsctl_fields = std::vector<std::string>;
 struct lsctl_heard {
     lsctl_verdict verdict = lsctl_verdict::nothing; // the best one of what is in the answer
     std::vector<lsctl_fields> sentences;            // the good ones, in their order
+    // Beside a good one: wrong_checksum or cut, when a sentence is; else good.
+    lsctl_verdict damage = lsctl_verdict::good;
+    // The last sentence ends where the service's room for an answer does. That is no damage; with
+    // nothing better in the answer and the right beginning the verdict is still `cut`.
+    bool cut_by_room = false;
+    std::optional<bool> checksum_good; // of all whole sentences; none without one
 };
 
 // The receiver's bytes, zero-filled at the end. `wanted` is how the sentence begins behind '$' and
-// the talker: "VTG", or with its maker's talker: "PUBX,00"; empty for any.
+// the talker: "VTG", or with its maker's talker: "PUBX,00"; empty for any. An answer of
+// LS_ENGG_ANSWER_SIZE bytes without zeros behind has filled the service's room.
 lsctl_heard lsctl_judge_nmea(std::span<const uint8_t> answer, std::string_view wanted);
 
 // Sends `body` and judges the answer. `heard` says something with `answered` only.

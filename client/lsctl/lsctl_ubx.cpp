@@ -12,42 +12,7 @@ namespace {
 
 constexpr uint8_t CLASS_ACK = 0x05;
 constexpr uint8_t ID_NAK = 0x00;
-
-struct ubx_known {
-    uint8_t msg_class;
-    uint8_t id;
-    const char *name;
-    bool silent = false; // not acknowledged
-};
-
-constexpr ubx_known KNOWN[] = {
-    {0x01, 0x01, "NAV-POSECEF"}, {0x01, 0x02, "NAV-POSLLH"},    {0x01, 0x03, "NAV-STATUS"},
-    {0x01, 0x04, "NAV-DOP"},     {0x01, 0x06, "NAV-SOL"},       {0x01, 0x07, "NAV-PVT"},
-    {0x01, 0x11, "NAV-VELECEF"}, {0x01, 0x12, "NAV-VELNED"},    {0x01, 0x20, "NAV-TIMEGPS"},
-    {0x01, 0x21, "NAV-TIMEUTC"}, {0x01, 0x22, "NAV-CLOCK"},     {0x01, 0x30, "NAV-SVINFO"},
-    {0x01, 0x32, "NAV-SBAS"},    {0x02, 0x10, "RXM-RAW"},       {0x02, 0x11, "RXM-SFRB"},
-    {0x02, 0x20, "RXM-SVSI"},    {0x04, 0x00, "INF-ERROR"},     {0x04, 0x01, "INF-WARNING"},
-    {0x04, 0x02, "INF-NOTICE"},  {0x04, 0x04, "INF-DEBUG"},     {0x05, 0x00, "ACK-NAK"},
-    {0x05, 0x01, "ACK-ACK"},     {0x06, 0x00, "CFG-PRT"},       {0x06, 0x01, "CFG-MSG"},
-    {0x06, 0x02, "CFG-INF"},     {0x06, 0x04, "CFG-RST", true}, {0x06, 0x06, "CFG-DAT"},
-    {0x06, 0x07, "CFG-TP"},      {0x06, 0x08, "CFG-RATE"},      {0x06, 0x09, "CFG-CFG"},
-    {0x06, 0x11, "CFG-RXM"},     {0x06, 0x13, "CFG-ANT"},       {0x06, 0x16, "CFG-SBAS"},
-    {0x06, 0x17, "CFG-NMEA"},    {0x06, 0x1B, "CFG-USB"},       {0x06, 0x23, "CFG-NAVX5"},
-    {0x06, 0x24, "CFG-NAV5"},    {0x06, 0x31, "CFG-TP5"},       {0x06, 0x32, "CFG-PM"},
-    {0x06, 0x39, "CFG-ITFM"},    {0x06, 0x3B, "CFG-PM2"},       {0x06, 0x3E, "CFG-GNSS"},
-    {0x0A, 0x02, "MON-IO"},      {0x0A, 0x04, "MON-VER"},       {0x0A, 0x06, "MON-MSGPP"},
-    {0x0A, 0x07, "MON-RXBUF"},   {0x0A, 0x08, "MON-TXBUF"},     {0x0A, 0x09, "MON-HW"},
-    {0x0A, 0x0B, "MON-HW2"},     {0x0B, 0x01, "AID-INI"},       {0x0B, 0x02, "AID-HUI"},
-    {0x0B, 0x30, "AID-ALM"},     {0x0B, 0x31, "AID-EPH"},       {0x0D, 0x01, "TIM-TP"},
-    {0x0D, 0x03, "TIM-TM2"},
-};
-
-const ubx_known *find_known(uint8_t msg_class, uint8_t id) {
-    const auto *found = std::find_if(std::begin(KNOWN), std::end(KNOWN), [&](const ubx_known &row) {
-        return row.msg_class == msg_class && row.id == id;
-    });
-    return found == std::end(KNOWN) ? nullptr : found;
-}
+constexpr uint8_t ID_ACK = 0x01;
 
 bool is_separator(char c) {
     return c == ',' || std::isspace(static_cast<unsigned char>(c)) != 0;
@@ -128,6 +93,11 @@ std::string complete_frame(std::vector<uint8_t> &frame) {
     return {};
 }
 
+bool is_fill(std::span<const uint8_t> rest) {
+    return std::all_of(
+        rest.begin(), rest.end(), [](uint8_t byte) { return byte == 0; });
+}
+
 ubx_piece frame_piece(std::span<const uint8_t> rest, size_t &used) {
     ubx_piece piece;
     piece.is_frame = true;
@@ -136,6 +106,7 @@ ubx_piece frame_piece(std::span<const uint8_t> rest, size_t &used) {
     const size_t payload = payload_length(rest);
     piece.complete = rest.size() >= UBX_OVERHEAD + payload;
     if (!piece.complete) {
+        piece.cut_by_room = true;
         used = rest.size();
         piece.bytes = rest.subspan(UBX_HEADER);
         return piece;
@@ -145,7 +116,19 @@ ubx_piece frame_piece(std::span<const uint8_t> rest, size_t &used) {
     piece.checksum_ok =
         rest[used - 2] == (right & 0xFF) && rest[used - 1] == static_cast<uint8_t>(right >> 8);
     piece.bytes = rest.subspan(UBX_HEADER, payload);
+    // How long the answer was is not told: a damaged frame whose end is fill was cut on the line.
+    if (!piece.checksum_ok && is_fill(rest.subspan(used - 1))) {
+        piece.complete = false;
+        while (!piece.bytes.empty() && piece.bytes.back() == 0)
+            piece.bytes = piece.bytes.first(piece.bytes.size() - 1);
+    }
     return piece;
+}
+
+bool is_acknowledge(const ubx_piece &piece, uint8_t kind, uint8_t msg_class, uint8_t id) {
+    return piece.is_frame && piece.checksum_ok && piece.msg_class == CLASS_ACK &&
+           piece.id == kind && piece.bytes.size() == 2 && piece.bytes[0] == msg_class &&
+           piece.bytes[1] == id;
 }
 
 bool is_frame_start(std::span<const uint8_t> rest) {
@@ -153,12 +136,6 @@ bool is_frame_start(std::span<const uint8_t> rest) {
 }
 
 } // namespace
-
-std::string ubx_name(uint8_t msg_class, uint8_t id) {
-    const ubx_known *known = find_known(msg_class, id);
-    return known == nullptr ? lsctl_format("%02X %02X", msg_class, id)
-                            : lsctl_format("%s (%02X %02X)", known->name, msg_class, id);
-}
 
 uint16_t ubx_checksum(std::span<const uint8_t> covered) {
     unsigned a = 0;
@@ -172,6 +149,13 @@ uint16_t ubx_checksum(std::span<const uint8_t> covered) {
 
 std::string ubx_parse(std::span<const std::string> words, std::vector<uint8_t> &frame) {
     std::vector<uint8_t> typed;
+    if (!words.empty() && words[0].find('-') != std::string::npos) {
+        const auto named = ubx_named(words[0]);
+        if (!named)
+            return "'" + words[0] + "' is no message that lsctl knows; give its class and id";
+        typed = {named->msg_class, named->id};
+        words = words.subspan(1);
+    }
     std::string problem = parse_bytes(words, typed);
     if (!problem.empty())
         return problem;
@@ -204,10 +188,7 @@ std::string ubx_parse(std::span<const std::string> words, std::vector<uint8_t> &
 std::vector<ubx_piece> ubx_split(std::span<const uint8_t> answer) {
     std::vector<ubx_piece> pieces;
     size_t at = 0;
-    const auto ends_here = [&](size_t from) {
-        return std::all_of(answer.begin() + static_cast<ptrdiff_t>(from), answer.end(),
-                           [](uint8_t byte) { return byte == 0; });
-    };
+    const auto ends_here = [&](size_t from) { return is_fill(answer.subspan(from)); };
     while (!ends_here(at)) {
         if (is_frame_start(answer.subspan(at))) {
             size_t used = 0;
@@ -227,14 +208,37 @@ std::vector<ubx_piece> ubx_split(std::span<const uint8_t> answer) {
 }
 
 bool ubx_is_nak(const ubx_piece &piece, uint8_t msg_class, uint8_t id) {
-    return piece.is_frame && piece.checksum_ok && piece.msg_class == CLASS_ACK &&
-           piece.id == ID_NAK && piece.bytes.size() == 2 && piece.bytes[0] == msg_class &&
-           piece.bytes[1] == id;
+    return is_acknowledge(piece, ID_NAK, msg_class, id);
 }
 
-bool ubx_expects_answer(uint8_t msg_class, uint8_t id) {
-    const ubx_known *known = find_known(msg_class, id);
-    return known == nullptr || !known->silent;
+ubx_judgement ubx_judge(std::span<const ubx_piece> pieces, uint8_t msg_class, uint8_t id) {
+    ubx_judgement judged;
+    bool has_wanted = false;
+    bool has_frame = false;
+    bool is_cut = false;
+    for (const ubx_piece &piece : pieces) {
+        if (!piece.is_frame)
+            continue;
+        has_frame = true;
+        judged.cut_by_room = judged.cut_by_room || piece.cut_by_room;
+        is_cut = is_cut || (!piece.complete && !piece.cut_by_room);
+        if (piece.complete)
+            judged.checksum_good = judged.checksum_good.value_or(true) && piece.checksum_ok;
+        has_wanted = has_wanted || (piece.msg_class == msg_class && piece.id == id) ||
+                     is_acknowledge(piece, ID_ACK, msg_class, id);
+        judged.is_refused = judged.is_refused || ubx_is_nak(piece, msg_class, id);
+    }
+    if (judged.checksum_good == false)
+        judged.verdict = lsctl_verdict::wrong_checksum;
+    else if (is_cut)
+        judged.verdict = lsctl_verdict::cut;
+    else if (has_wanted)
+        judged.verdict = lsctl_verdict::good;
+    else if (has_frame)
+        judged.verdict = lsctl_verdict::other;
+    else if (!pieces.empty())
+        judged.verdict = lsctl_verdict::noise;
+    return judged;
 }
 
 std::string hex_text(std::span<const uint8_t> bytes) {

@@ -97,6 +97,7 @@ TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
     fake.service = always(padded({1}, 284, nak, 84));
     expect_outcome("ubx 06 08", 1,
                    "ACK-NAK (05 00), 2 payload bytes, checksum good\n"
+                   "  message                    CFG-RATE (06 08)\n"
                    "  0000  06 08                                            ..\n",
                    "the receiver refused CFG-RATE (06 08)");
     fake.service = always(padded({1}, 284));

@@ -1,0 +1,110 @@
+// What lsctl makes of answers: judged and decoded.
+#include "lsctl_rig.h"
+#include "lsctl_text.h"
+#include "lsctl_ubx.h"
+
+namespace {
+
+std::string sentence(const std::string &body, int spoilt = 0) {
+    int sum = spoilt;
+    for (const char c : body)
+        sum ^= c;
+    return "$" + body + lsctl_format("*%02X\r\n", static_cast<unsigned>(sum));
+}
+
+bytes frame(uint8_t msg_class, uint8_t id, const bytes &payload, uint8_t spoilt = 0) {
+    bytes whole = {UBX_SYNC_1, UBX_SYNC_2, msg_class, id, static_cast<uint8_t>(payload.size()), 0};
+    for (const uint8_t byte : payload)
+        whole.push_back(byte);
+    const uint16_t sum = ubx_checksum(std::span(whole).subspan(2));
+    whole.push_back(static_cast<uint8_t>(sum ^ spoilt));
+    whole.push_back(static_cast<uint8_t>(sum >> 8));
+    return whole;
+}
+
+bytes operator+(bytes first, const bytes &second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+struct judged {
+    const char *command;
+    bytes answer;
+    int status;
+    const char *judgement; // the end of the JSON object
+};
+
+TEST(lsctl_judge, answers) {
+    const auto text = [](const std::string &from, size_t size = std::string::npos) {
+        return bytes(from.begin(),
+                     from.begin() + static_cast<ptrdiff_t>(std::min(size, from.size())));
+    };
+    const std::string gsv =
+        sentence("GPGSV,2,1,08,02,40,175,41,04,07,157,33,05,82,354,49,07,30,052,41");
+    const std::string pubx_03 = sentence("PUBX,03,20" + std::string(220, ','));
+    const bytes rate = frame(6, 8, {100, 0, 1, 0, 1, 0});
+    const bytes ack = frame(5, 1, {6, 8});
+    constexpr const char *good = R"("verdict":"good","checksum_good":true,"cut_by_service":false})";
+    constexpr const char *wrong =
+        R"("verdict":"wrong_checksum","checksum_good":false,"cut_by_service":false})";
+    constexpr const char *other =
+        R"("verdict":"other","checksum_good":true,"cut_by_service":false})";
+    const std::vector<judged> table = {
+        {"nmea GPGPQ,GSV", text(gsv + gsv), 0, good},
+        {"nmea GPGPQ,GSV", text(gsv + gsv + gsv + gsv, 200), 0,
+         R"("verdict":"good","checksum_good":true,"cut_by_service":true})"},
+        {"nmea PUBX,03", text(pubx_03, 200), 0,
+         R"("verdict":"good","checksum_good":null,"cut_by_service":true})"},
+        {"nmea PUBX,03", text(pubx_03, 199), 1,
+         R"("verdict":"cut","checksum_good":null,"cut_by_service":false})"},
+        {"nmea PUBX,04", text(pubx_03, 200), 1,
+         R"("verdict":"other","checksum_good":null,"cut_by_service":true})"},
+        {"nmea GPGPQ,GSV", text(gsv + sentence("GPGSV,2,2,08", 1)), 1, wrong},
+        {"nmea GPGPQ,VTG", text(gsv), 1, other},
+        {"nmea GPGPQ,VTG", text("no sentence"), 1,
+         R"("verdict":"noise","checksum_good":null,"cut_by_service":false})"},
+        {"ubx cfg-rate", rate + ack, 0, good},
+        {"ubx CFG-RATE 64 00 01 00 01 00", ack, 0, good},
+        {"ubx 06 08", rate + frame(5, 1, {6, 8}, 1), 1, wrong},
+        {"ubx 06 08", frame(5, 0, {6, 8}), 1,
+         R"("verdict":"refused","checksum_good":true,"cut_by_service":false})"},
+        {"ubx 06 08", frame(5, 1, {6, 9}), 1, other},
+        {"ubx MON-VER", frame(0x0A, 4, padded({'S'}, 100)), 0,
+         R"("verdict":"good","checksum_good":null,"cut_by_service":true})"},
+    };
+    fake_reset();
+    for (const auto &[command, answer, status, judgement] : table) {
+        const bool is_ubx = answer[0] == UBX_SYNC_1;
+        fake.service =
+            always(padded({1}, 284,
+                          {answer.begin(), answer.begin() + std::min<ptrdiff_t>(std::ssize(answer),
+                                                                                is_ubx ? 80 : 200)},
+                          84));
+        const outcome got = run(std::string(command) + " --json");
+        EXPECT_EQ(got.status, status) << command << got.out;
+        EXPECT_TRUE(got.out.ends_with(judgement + std::string("\n"))) << command << got.out;
+        EXPECT_EQ(got.out.starts_with("{\"error\""), status != 0) << command;
+    }
+}
+
+TEST(lsctl_judge, payloads_in_units) {
+    const std::pair<bytes, const char *> table[] = {
+        {{6, 0, 1, 0, 0, 0, 0xD0, 8, 0, 0, 0x80, 0x25, 0, 0, 7, 0, 3, 0, 0, 0, 0, 0},
+         R"({"port":"uart1","baud_rate":9600,"data_bits":8,"parity":"none","stop_bits":1.0,)"
+         R"("protocols_in":["UBX","NMEA","RTCM"],"protocols_out":["UBX","NMEA"]})"},
+        {{6, 9, 0, 0, 0, 0, 0x1F, 0, 0, 0, 0, 2, 0, 0, 1},
+         R"({"clear":[],"save":["ports","messages","information","navigation","receiver manager"],)"
+         R"("load":["inventory"],"devices":["battery-backed memory"]})"},
+        {{6, 0x3E, 0, 0, 32, 1, 0, 8, 32, 0, 1, 0, 1, 0},
+         R"({"channels":0,"channels_in_use":32,"systems":[{"system":"GPS","enabled":true,)"
+         R"("least_channels":8,"most_channels":32,"signal_mask":1}]})"},
+        {padded({1, 1, 0xE8, 3, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, 22, {0xFF, 0xFF, 0xFF, 0xFF}, 18),
+         R"({"time_of_week_s":1.0,"x_m":-0.01,"y_m":0.0,"z_m":0.0,"accuracy_m":null})"},
+        {{1, 1, 0}, "null"},
+    };
+    for (const auto &[message, decoded] : table)
+        EXPECT_EQ(ubx_decoded(message[0], message[1], std::span(message).subspan(2)).dump(),
+                  decoded);
+}
+
+} // namespace
