@@ -2,6 +2,7 @@
 #include "lsctl_lpp.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "lsctl_text.h"
 
@@ -32,6 +33,11 @@ double lpp_longitude_deg(const gps_lpp_location &lpp) {
     return (value >= 0x800000 ? value - 0x1000000 : value) * 360.0 / 16777216;
 }
 
+bool lpp_is_empty(const gps_lpp_location &lpp) {
+    constexpr gps_lpp_location empty{};
+    return std::memcmp(&lpp, &empty, sizeof(lpp)) == 0; // it has no padding
+}
+
 std::string lpp_text(const gps_lpp_location &lpp) {
     const double latitude = lpp_latitude_deg(lpp);
     const double longitude = lpp_longitude_deg(lpp);
@@ -41,8 +47,10 @@ std::string lpp_text(const gps_lpp_location &lpp) {
     text += lsctl_format("%-12s %s (coded %u)\n", "Longitude",
                          lsctl_degrees(std::fabs(longitude), longitude < 0 ? 'W' : 'E').c_str(),
                          lpp.degrees_longitude);
-    text += lsctl_format("%-12s %u m %s\n", "Altitude", lpp.altitude,
-                         lpp.altitude_dir == 0 ? "up" : "down");
+    // The receiver's answer has the altitude elsewhere; the service takes this field for it.
+    text += lsctl_format("%-12s %u m vertical, whole metres (in the field of the altitude, which "
+                         "is not sent)\n",
+                         "Accuracy", lpp.altitude);
     text += lsctl_format("%-12s %.1f m semi-major, %.1f m semi-minor, %.1f m altitude (codes %u, "
                          "%u, %u)\n",
                          "Uncertainty", lpp_uncertainty_m(lpp.uncertainty_semi_major),
@@ -61,7 +69,7 @@ lsctl_json lpp_json(const gps_lpp_location &lpp) {
         {"longitude_deg", lpp_longitude_deg(lpp)},
         {"latitude_coded", lpp.degrees_latitude},
         {"longitude_coded", lpp.degrees_longitude},
-        {"altitude_m", lpp.altitude_dir == 0 ? int{lpp.altitude} : -int{lpp.altitude}},
+        {"vertical_accuracy_m", lpp.altitude},
         {"uncertainty_semi_major_m", lpp_uncertainty_m(lpp.uncertainty_semi_major)},
         {"uncertainty_semi_minor_m", lpp_uncertainty_m(lpp.uncertainity_semi_minor)},
         {"uncertainty_altitude_m", lpp_altitude_uncertainty_m(lpp.uncertainty_altitude)},
@@ -94,8 +102,15 @@ int run_lpp(const lsctl_options &options) {
                           lsctl_sentence(as_sal, result, link.client) +
                               " (it says nothing without a fix)");
     }
-    return result == LOCATION_ANSWERED ? lsctl_show(as_sal, lpp_json(lpp), lpp_text(lpp))
-                                       : lsctl_fail(as_sal, result, link.client);
+    if (result != LOCATION_ANSWERED)
+        return lsctl_fail(as_sal, result, link.client);
+    if (lpp_is_empty(lpp)) {
+        return lsctl_fail_with(as_sal, "lpp_empty",
+                               "the location service sent an empty record: the receiver does not "
+                               "answer it, or is switched off (lsctl power tells)",
+                               lsctl_json::object(), "");
+    }
+    return lsctl_show(as_sal, lpp_json(lpp), lpp_text(lpp));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// lsctl position, time, satellites, speed: one request, one answer.
+// lsctl position, time, satellites: one request, one answer.
 #include "lsctl_text.h"
 
 namespace {
@@ -52,16 +52,6 @@ int run_satellites(const lsctl_options &options) {
         });
 }
 
-int run_speed(const lsctl_options &options) {
-    gps_speed_data speed{};
-    return run_query(
-        options,
-        [&](location_client *client, std::chrono::milliseconds timeout) {
-            return location_client_get_speed(client, timeout, &speed);
-        },
-        [&] { return lsctl_show(options, lsctl_speed_json(speed), lsctl_speed_text(speed)); });
-}
-
 } // namespace
 
 lsctl_runner lsctl_position(CLI::App &) {
@@ -74,8 +64,4 @@ lsctl_runner lsctl_time(CLI::App &) {
 
 lsctl_runner lsctl_satellites(CLI::App &) {
     return run_satellites;
-}
-
-lsctl_runner lsctl_speed(CLI::App &) {
-    return run_speed;
 }

@@ -206,7 +206,7 @@ std::string lsctl_speed_text(const gps_speed_data &speed) {
         text += lsctl_format(" and a fraction (digits %u, their place is not transmitted)",
                              speed.speed_frac);
     }
-    return text + "\n";
+    return text + "; both numbers wrap at 256\n";
 }
 
 lsctl_json lsctl_speed_json(const gps_speed_data &speed) {

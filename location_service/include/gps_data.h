@@ -93,7 +93,8 @@ static_assert(offsetof(struct gps_sat_info, sat_snr) == 24, "gps_sat_info");
 static_assert(offsetof(struct gps_sat_info, sat_used_prn) == 36, "gps_sat_info");
 
 // Speed over ground in km/h. The fraction is the integer its digits form, without their count: 12.5
-// and 12.05 both have speed_frac 5. Both are cut to 8 bits: 300.826 km/h is 44 and 58.
+// and 12.05 both have speed_frac 5. Both wrap at 256: 299.826 km/h is 43 and 58, as 43.58 km/h is.
+// Above 255 km/h, and wherever the fraction matters, ask the receiver itself (1011, "GPGPQ,VTG").
 struct gps_speed_data {
     struct gps_time_fields time;
     uint8_t speed_int;
@@ -111,7 +112,7 @@ struct gps_lpp_location {
     uint8_t uncertainity_semi_minor;
     uint8_t uncertainty_altitude;
     uint8_t confidence; // per cent
-    uint16_t altitude;
+    uint16_t altitude;               // the vertical accuracy, whole metres (PUBX 00, field 10)
     uint16_t orientation_major_axis; // degrees, halved
     uint32_t degrees_latitude;       // latitude / 90 x 2^23
     uint32_t degrees_longitude;      // longitude / 360 x 2^24, west as 24-bit two's complement

@@ -3,6 +3,7 @@
 #include "ls_messages.h"
 #include "printable.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -29,6 +30,9 @@ std::string capabilities(std::span<const uint8_t> payload) {
 }
 
 std::string location(std::span<const uint8_t> payload) {
+    // A record with something in it says how confident it is.
+    if (std::all_of(payload.begin(), payload.end(), [](uint8_t byte) { return byte == 0; }))
+        return "FAILED, an empty record: the receiver did not answer, or is off";
     const auto lpp = copy_of<gps_lpp_location>(payload);
     const double latitude =
         lpp.degrees_latitude * 90.0 / (1 << 23) * (lpp.latitude_sign == 1 ? -1 : 1);
@@ -37,11 +41,11 @@ std::string location(std::span<const uint8_t> payload) {
     const double longitude = turned * 360.0 / (1 << 24);
     std::array<char, 400> text;
     std::snprintf(text.data(), text.size(),
-                  "latitude %.5f, longitude %.5f, latitude sign %u, altitude %u m %s, uncertainty "
-                  "codes %u %u %u (%.0f m, %.0f m, altitude %.0f m), confidence %u %%, orientation "
+                  "latitude %.5f, longitude %.5f, latitude sign %u, vertical accuracy %u m, "
+                  "uncertainty codes %u %u %u (%.0f m, %.0f m, altitude %.0f m), confidence %u %%, "
+                  "orientation "
                   "%u degrees",
-                  latitude, longitude, lpp.latitude_sign, lpp.altitude,
-                  lpp.altitude_dir == 0 ? "up" : "down", lpp.uncertainty_semi_major,
+                  latitude, longitude, lpp.latitude_sign, lpp.altitude, lpp.uncertainty_semi_major,
                   lpp.uncertainity_semi_minor, lpp.uncertainty_altitude,
                   uncertainty(lpp.uncertainty_semi_major, 10, 0.1),
                   uncertainty(lpp.uncertainity_semi_minor, 10, 0.1),

@@ -1,4 +1,4 @@
-// What lsctl makes of the receiver's own answers.
+// What lsctl makes of the receiver's own answers, of records that do not say what they seem to.
 #include "system_fixture.h"
 
 #include <gtest/gtest.h>
@@ -44,6 +44,11 @@ TEST_F(judged_answers, are_judged) {
     const words vtg = {"nmea", "GPGPQ,VTG", "--json"};
     expect_answers(
         term, {
+                  {"", {"speed"}, 0, "299.8 km/h  (83.3 m/s, 161.9 knots)\nCourse 90.0 deg"},
+                  {"",
+                   {"speed", "--json", "--raw"},
+                   0,
+                   "\"speed_whole_kmh\":43,\"speed_fraction_digits\""},
                   {"", vtg, 0, "\"verdict\":\"good\",\"checksum_good\":true"},
                   {"", {"ubx", "cfg-rate"}, 0, "measurement period         100 ms\n"},
                   {"", {"ubx", "MON-VER"}, 0, "(cut by the service, which hands on 80 bytes"},
@@ -53,5 +58,7 @@ TEST_F(judged_answers, are_judged) {
                   {"cut", vtg, 1, "\"verdict\":\"cut\",\"checksum_good\":null"},
                   {"cut", {"ubx", "06", "08"}, 1, "cut after 5 payload bytes"},
                   {"silent", vtg, 1, "\"verdict\":\"nothing\",\"checksum_good\":null"},
+                  {"", {"lpp"}, 0, "Accuracy     3 m vertical"},
+                  {"silent", {"lpp", "--json"}, 1, "{\"error\":\"lpp_empty\""},
               });
 }

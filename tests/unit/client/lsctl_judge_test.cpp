@@ -1,5 +1,6 @@
-// What lsctl makes of answers: judged and decoded.
+// What lsctl makes of answers: judged, decoded, and of numbers that have two readings.
 #include "lsctl_rig.h"
+#include "lsctl_speed.h"
 #include "lsctl_text.h"
 #include "lsctl_ubx.h"
 
@@ -105,6 +106,13 @@ TEST(lsctl_judge, payloads_in_units) {
     for (const auto &[message, decoded] : table)
         EXPECT_EQ(ubx_decoded(message[0], message[1], std::span(message).subspan(2)).dump(),
                   decoded);
+}
+
+TEST(lsctl_judge, numbers_with_two_readings) {
+    // 58 + 7 x 256 is the fastest there is; 5 may be .5, .05 and .005.
+    EXPECT_EQ(lsctl_speed_candidates(58, 0).back(), 1850.768);
+    EXPECT_EQ(lsctl_speed_candidates(59, 0).back(), 1595.768);
+    EXPECT_EQ(lsctl_speed_candidates(255, 5).size(), 7U * 6U);
 }
 
 } // namespace

@@ -72,7 +72,7 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
     fake.service = [&lpp](const sent_message &) { fake_send(LS_MSG_REQUEST, 19, lpp); };
     EXPECT_TRUE(run("lpp").out.starts_with("Latitude     45.000000 deg S (coded 4194304)\n"
                                            "Longitude    90.000000 deg W (coded 12582912)\n"
-                                           "Altitude     542 m up\n"));
+                                           "Accuracy     542 m vertical"));
 }
 
 TEST_F(lsctl_command_line, a_refused_power_change_names_a_service_that_may_and_is_free) {
