@@ -1,6 +1,6 @@
 // The location history as a GPX track on standard output.
 //
-// LSCTL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none.
+// LOCATION_TERMINAL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none.
 #include <location_client.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -36,7 +36,7 @@ int main(void) {
         return 1;
     }
     char path[512], line[128];
-    const char *root = getenv("LSCTL_ROOT");
+    const char *root = getenv("LOCATION_TERMINAL_ROOT");
     snprintf(path, sizeof path, "%s%s", root == NULL ? "" : root, reply.path);
     FILE *file = fopen(path, "re");
     if (file == NULL) {

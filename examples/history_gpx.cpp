@@ -1,6 +1,6 @@
 // The location history as a GPX track on standard output.
 //
-// LSCTL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none.
+// LOCATION_TERMINAL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -42,7 +42,7 @@ int main() {
         std::fprintf(stderr, "no history: %s\n", location_client_error_text(result));
         return 1;
     }
-    const char *root = std::getenv("LSCTL_ROOT");
+    const char *root = std::getenv("LOCATION_TERMINAL_ROOT");
     std::ifstream file((root == nullptr ? "" : root) + std::string(reply.path));
     if (!file) {
         std::fprintf(stderr, "%s cannot be read\n", reply.path);

@@ -135,5 +135,6 @@ lsctl_runner lsctl_ubx(CLI::App &app);
 lsctl_runner lsctl_lpp(CLI::App &app);
 lsctl_runner lsctl_history(CLI::App &app);
 lsctl_runner lsctl_settings(CLI::App &app);
+lsctl_runner lsctl_static(CLI::App &app);
 
 #endif

@@ -36,6 +36,7 @@ constexpr std::array COMMANDS = {
     lsctl_command{"history", "The location history, as lines, table, map file or drawing",
                   lsctl_history},
     lsctl_command{"settings", "Show or change the stored settings", lsctl_settings},
+    lsctl_command{"static", "Show, set or end the static location", lsctl_static},
 };
 
 constexpr const char *FOOTER =

@@ -26,17 +26,29 @@ int run_position(const lsctl_options &options) {
         });
 }
 
+double system_clock_s() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
 int run_time(const lsctl_options &options) {
     gps_time_fields utc{};
     uint32_t time_of_week = 0;
+    double before_s = 0;
+    double after_s = 0;
     return run_query(
         options,
         [&](location_client *client, std::chrono::milliseconds timeout) {
-            return location_client_get_time(client, timeout, &utc, &time_of_week);
+            before_s = system_clock_s();
+            const location_result result =
+                location_client_get_time(client, timeout, &utc, &time_of_week);
+            after_s = system_clock_s();
+            return result;
         },
         [&] {
-            return lsctl_show(options, lsctl_time_json(utc, time_of_week),
-                              lsctl_time_text(utc, time_of_week));
+            const auto offset = lsctl_clock_offset_of(utc, before_s, after_s);
+            return lsctl_show(options, lsctl_time_json(utc, time_of_week, offset),
+                              lsctl_time_text(utc, time_of_week, offset));
         });
 }
 

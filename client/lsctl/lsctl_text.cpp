@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <new>
 
@@ -143,7 +144,26 @@ lsctl_json lsctl_position_json(const gps_pos_data &position) {
     };
 }
 
-std::string lsctl_time_text(const gps_time_fields &utc, uint32_t time_of_week) {
+std::optional<lsctl_clock_offset> lsctl_clock_offset_of(const gps_time_fields &utc, double before_s,
+                                                        double after_s) {
+    if (lsctl_utc(utc).empty())
+        return std::nullopt;
+    std::tm fields{};
+    fields.tm_year = utc.year - 1900;
+    fields.tm_mon = utc.month - 1;
+    fields.tm_mday = utc.day;
+    fields.tm_hour = utc.hour;
+    fields.tm_min = utc.minute;
+    fields.tm_sec = utc.second;
+    constexpr double half = 0.5; // of the second whose fraction is not told
+    const double told_s = static_cast<double>(timegm(&fields)) + half;
+    const auto tenths = [](double seconds) { return std::round(seconds * 10) / 10; };
+    return lsctl_clock_offset{tenths((before_s + after_s) / 2 - told_s),
+                              tenths(half + (after_s - before_s) / 2)};
+}
+
+std::string lsctl_time_text(const gps_time_fields &utc, uint32_t time_of_week,
+                            const std::optional<lsctl_clock_offset> &offset) {
     std::string text = lsctl_format("%-13s %s\n", "Time", utc_or_unknown(utc).c_str());
     text += lsctl_format("%-13s %u s", "Time of week", time_of_week);
     if (time_of_week < SECONDS_PER_WEEK) {
@@ -151,11 +171,25 @@ std::string lsctl_time_text(const gps_time_fields &utc, uint32_t time_of_week) {
         text += lsctl_format(" (%s %02u:%02u:%02u)", DAYS.at(time_of_week / SECONDS_PER_DAY),
                              of_day / 3600, of_day / 60 % 60, of_day % 60);
     }
-    return text + "\n";
+    text += lsctl_format("\n%-13s ", "System clock");
+    if (!offset) {
+        text += "not compared: the receiver does not know the time\n";
+    } else if (std::fabs(offset->ahead_s) <= offset->uncertainty_s) {
+        text += lsctl_format("agrees (within %.1f s)\n", offset->uncertainty_s);
+    } else {
+        text += lsctl_format("%.1f s %s (+-%.1f s)\n", std::fabs(offset->ahead_s),
+                             offset->ahead_s > 0 ? "ahead" : "behind", offset->uncertainty_s);
+    }
+    return text;
 }
 
-lsctl_json lsctl_time_json(const gps_time_fields &utc, uint32_t time_of_week) {
-    return {{"time_utc", utc_json(utc)}, {"time_of_week_s", time_of_week}};
+lsctl_json lsctl_time_json(const gps_time_fields &utc, uint32_t time_of_week,
+                           const std::optional<lsctl_clock_offset> &offset) {
+    return {
+        {"time_utc", utc_json(utc)},
+        {"time_of_week_s", time_of_week},
+        {"clock_ahead_s", offset ? lsctl_json(offset->ahead_s) : lsctl_json(nullptr)},
+        {"clock_uncertainty_s", offset ? lsctl_json(offset->uncertainty_s) : lsctl_json(nullptr)}};
 }
 
 std::string lsctl_satellites_text(const gps_sat_info &info) {

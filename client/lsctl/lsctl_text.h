@@ -2,6 +2,7 @@
 #ifndef LSCTL_TEXT_H
 #define LSCTL_TEXT_H
 
+#include <optional>
 #include <string>
 
 #include "lsctl.h"
@@ -22,8 +23,19 @@ std::string lsctl_position_text(const gps_pos_data &position);
 std::string lsctl_position_line(const gps_pos_data &position); // one line, for watch
 lsctl_json lsctl_position_json(const gps_pos_data &position);
 
-std::string lsctl_time_text(const gps_time_fields &utc, uint32_t time_of_week);
-lsctl_json lsctl_time_json(const gps_time_fields &utc, uint32_t time_of_week);
+// How far the system clock is from the receiver's time.
+struct lsctl_clock_offset {
+    double ahead_s; // of the system clock; negative = behind
+    double uncertainty_s;
+};
+// The receiver's time is told in whole seconds and was read between the two readings of the system
+// clock, seconds since the epoch. None when the fields are no date and time.
+std::optional<lsctl_clock_offset> lsctl_clock_offset_of(const gps_time_fields &utc, double before_s,
+                                                        double after_s);
+std::string lsctl_time_text(const gps_time_fields &utc, uint32_t time_of_week,
+                            const std::optional<lsctl_clock_offset> &offset);
+lsctl_json lsctl_time_json(const gps_time_fields &utc, uint32_t time_of_week,
+                           const std::optional<lsctl_clock_offset> &offset);
 
 std::string lsctl_satellites_text(const gps_sat_info &info);
 lsctl_json lsctl_satellites_json(const gps_sat_info &info);

@@ -1,4 +1,5 @@
-// What lsctl makes of the receiver's own answers, of records that do not say what they seem to.
+// What lsctl makes of the receiver's own answers, of records that do not say what they seem to, and
+// of the static location's file.
 #include "system_fixture.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,8 @@ std::string fast_route() {
 
 // A terminal that moves along the equator at 299.777 km/h.
 struct judged_answers : testing::Test {
+    judged_answers() { setenv("LOCATION_TERMINAL_ROOT", term.dir().c_str(), 1); }
+
     const scratch_dir files;
     terminal term{words{"--route", fast_route()}};
 };
@@ -52,6 +55,7 @@ TEST_F(judged_answers, are_judged) {
                   {"", vtg, 0, "\"verdict\":\"good\",\"checksum_good\":true"},
                   {"", {"ubx", "cfg-rate"}, 0, "measurement period         100 ms\n"},
                   {"", {"ubx", "MON-VER"}, 0, "(cut by the service, which hands on 80 bytes"},
+                  {"", {"time", "--json"}, 0, "\"clock_ahead_s\":"},
                   {"checksum", vtg, 1, "{\"error\":\"wrong_checksum\""},
                   {"checksum", vtg, 1, "\"checksum_good\":false"},
                   {"checksum", {"ubx", "06", "08"}, 1, "!lsctl: the answer has a wrong checksum"},
@@ -61,4 +65,22 @@ TEST_F(judged_answers, are_judged) {
                   {"", {"lpp"}, 0, "Accuracy     3 m vertical"},
                   {"silent", {"lpp", "--json"}, 1, "{\"error\":\"lpp_empty\""},
               });
+}
+
+TEST_F(judged_answers, with_the_static_location) {
+    const auto reports = [](const std::string &place) {
+        return wait_until([&] { return lsctl({"position"}).out.find(place) != std::string::npos; });
+    };
+    expect_answers(term, {{"", {"static", "on", "-33.85678", "70.5w"}, 0, "33.856783 deg S"}});
+    EXPECT_TRUE(reports("(33 deg 51.4070' S)"));
+    EXPECT_TRUE(reports("(70 deg 30.0000' W)"));
+    // The service does not look at checksums now; lsctl does.
+    expect_answers(term,
+                   {{"checksum", {"speed", "--json"}, 1, "\"candidates_kmh\":[43.009,"},
+                    {"checksum", {"speed", "--json"}, 1, ",299.777,"},
+                    {"checksum", {"speed"}, 1, "(the receiver's answer has a wrong checksum)"},
+                    {"", {"lpp"}, 0, "Accuracy     2 m vertical"},
+                    {"", {"static", "on", "91", "0"}, 2, "!lsctl: '91' is no latitude"},
+                    {"", {"static", "off"}, 0, "Static location  off\n"}});
+    EXPECT_TRUE(reports("0.000000 deg N"));
 }

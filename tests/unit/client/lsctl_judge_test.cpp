@@ -1,6 +1,7 @@
-// What lsctl makes of answers: judged, decoded, and of numbers that have two readings.
+// What lsctl makes of answers: judged, decoded, and of numbers and places that have two readings.
 #include "lsctl_rig.h"
 #include "lsctl_speed.h"
+#include "lsctl_static_file.h"
 #include "lsctl_text.h"
 #include "lsctl_ubx.h"
 
@@ -108,11 +109,37 @@ TEST(lsctl_judge, payloads_in_units) {
                   decoded);
 }
 
+TEST(lsctl_judge, places_and_the_file_they_go_to) {
+    const std::tuple<const char *, const char *, double> coordinates[] = {
+        {"-33.85", "NS", -33.85}, {"33.85s", "NS", -33.85}, {"+90", "NS", 90}, {"180E", "EW", 180}};
+    for (const auto &[typed, letters, degrees] : coordinates)
+        EXPECT_EQ(static_coordinate(typed, letters), degrees) << typed;
+    for (const char *typed :
+         {"", "N", "90.0001", "-1S", "--1", "1E", "1 N", "nan", "0x1", "1e1", "47,1"})
+        EXPECT_FALSE(static_coordinate(typed, "NS")) << typed;
+    // Minutes that round to 60, and what is nearly the equator.
+    EXPECT_EQ(static_file_on({1.9999999, -0.000001}),
+              "STATIC_LOCATION = ON\n0200.000,N,00000.000,E\n");
+    const static_state state = static_read(static_file_on({-33.5, 8.25}));
+    ASSERT_TRUE(state.is_on && state.place);
+    EXPECT_EQ(state.place->latitude_deg, -33.5);
+    EXPECT_EQ(state.place->longitude_deg, 8.25);
+    EXPECT_FALSE(static_read("STATIC_LOCATION = OFF\n7007.939,N,01131.000,E\n").is_on);
+    for (const char *text :
+         {"", "7060.000,N,01131.000,E", "9000.001,N,01131.000,E", "7007.939,N,01131.000,N"})
+        EXPECT_FALSE(static_read("STATIC_LOCATION = ON\n" + std::string(text)).place) << text;
+}
+
 TEST(lsctl_judge, numbers_with_two_readings) {
     // 58 + 7 x 256 is the fastest there is; 5 may be .5, .05 and .005.
     EXPECT_EQ(lsctl_speed_candidates(58, 0).back(), 1850.768);
     EXPECT_EQ(lsctl_speed_candidates(59, 0).back(), 1595.768);
     EXPECT_EQ(lsctl_speed_candidates(255, 5).size(), 7U * 6U);
+    const gps_time_fields utc = {
+        .hour = 0, .minute = 0, .second = 1, .millisecond = 0, .day = 2, .month = 1, .year = 1970};
+    EXPECT_EQ(lsctl_clock_offset_of(utc, 86400, 86402)->ahead_s, -0.5);
+    EXPECT_EQ(lsctl_clock_offset_of(utc, 86400, 86402)->uncertainty_s, 1.5);
+    EXPECT_FALSE(lsctl_clock_offset_of({}, 0, 1));
 }
 
 } // namespace

@@ -65,7 +65,10 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
         "\n",
         "");
     fake.service = always(padded({1}, 20, {5}, 16));
-    expect_outcome("time --json", 0, "{\"time_utc\":null,\"time_of_week_s\":5}\n", "");
+    expect_outcome("time --json", 0,
+                   "{\"time_utc\":null,\"time_of_week_s\":5,\"clock_ahead_s\":null,"
+                   "\"clock_uncertainty_s\":null}\n",
+                   "");
     fake.service = always(padded(heard, 52, {13}, 14)); // in view, of 12 that have a place
     EXPECT_TRUE(
         run("satellites").out.ends_with("13 in view, 2 used (the service lists the first 12)\n"));
