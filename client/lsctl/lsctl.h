@@ -121,6 +121,8 @@ void lsctl_signals_stop();
 void lsctl_signals_set_client(location_client *client);
 // Number of the last signal, 0 = none.
 int lsctl_signals_last();
+// Readable from the first signal on, for a poll; nobody reads it.
+int lsctl_signals_descriptor();
 
 // --- the sub-commands ---
 
@@ -130,6 +132,7 @@ lsctl_runner lsctl_satellites(CLI::App &app);
 lsctl_runner lsctl_speed(CLI::App &app);
 lsctl_runner lsctl_power(CLI::App &app);
 lsctl_runner lsctl_watch(CLI::App &app);
+lsctl_runner lsctl_stream(CLI::App &app);
 lsctl_runner lsctl_nmea(CLI::App &app);
 lsctl_runner lsctl_ubx(CLI::App &app);
 lsctl_runner lsctl_lpp(CLI::App &app);

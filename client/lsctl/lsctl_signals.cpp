@@ -29,6 +29,7 @@ location_client *client_g = nullptr; // whose waits to end; guarded by signal_lo
 int last_signal_g = 0;               // guarded by signal_lock
 int signal_fd = -1;                  // written before the thread starts and after it ended
 int stop_fd = -1;                    // eventfd: the thread is to end; same
+int told_fd = -1;                    // eventfd: there was a signal; same
 std::thread thread_g;
 sigset_t former_mask; // of the thread that started
 
@@ -46,6 +47,8 @@ void wait_for_signals() {
         const std::lock_guard guard(signal_lock);
         last_signal_g = static_cast<int>(info.ssi_signo);
         location_client_cancel(client_g);
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = write(told_fd, &one, sizeof one);
     }
 }
 
@@ -64,7 +67,8 @@ bool lsctl_signals_start() {
         return false;
     signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (signal_fd >= 0 && stop_fd >= 0) {
+    told_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (signal_fd >= 0 && stop_fd >= 0 && told_fd >= 0) {
         const ls_signals_blocked blocked;
         thread_g = std::thread(wait_for_signals);
         return true;
@@ -80,9 +84,10 @@ void lsctl_signals_stop() {
         [[maybe_unused]] const ssize_t written = write(stop_fd, &one, sizeof one);
         thread_g.join();
     }
-    if (signal_fd >= 0 || stop_fd >= 0) {
+    if (signal_fd >= 0 || stop_fd >= 0 || told_fd >= 0) {
         ls_close(signal_fd);
         ls_close(stop_fd);
+        ls_close(told_fd);
         pthread_sigmask(SIG_SETMASK, &former_mask, nullptr);
     }
 }
@@ -98,4 +103,8 @@ void lsctl_signals_set_client(location_client *client) {
 int lsctl_signals_last() {
     const std::lock_guard guard(signal_lock);
     return last_signal_g;
+}
+
+int lsctl_signals_descriptor() {
+    return told_fd;
 }
