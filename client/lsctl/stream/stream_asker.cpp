@@ -11,7 +11,7 @@ namespace {
 
 // A position is three exchanges with the receiver. A question that a service took down with it is
 // not waited for longer.
-constexpr std::chrono::milliseconds LONGEST_QUESTION{5000};
+constexpr double LONGEST_QUESTION_S = 5;
 
 // A connection is made anew when the service was not heard: the bus may be another one by now.
 bool is_lost(location_result result) {
@@ -22,6 +22,7 @@ bool is_lost(location_result result) {
 
 stream_asker::stream_asker(const lsctl_options &given, stream_form form)
     : options(given), told(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    options.timeout_s = std::min(options.timeout_s, LONGEST_QUESTION_S);
     link.emplace(options.as);
     plan.form = form;
 }
@@ -84,7 +85,7 @@ stream_answer stream_asker::ask(stream_question question, stream_clock::time_poi
     answer.result = link->result;
     if (answer.result == LOCATION_ANSWERED) {
         location_client *client = link->client;
-        const auto timeout = std::min(lsctl_timeout(options), LONGEST_QUESTION);
+        const auto timeout = lsctl_timeout(options);
         lsctl_heard heard;
         switch (question) {
         case stream_question::position:
@@ -115,6 +116,7 @@ void stream_asker::run() {
     while (!stopping) {
         if (!wanted) {
             changed.wait(held); // no deadline: ended by the destructor
+            must_open = true;   // much may have happened meanwhile
             continue;
         }
         const auto now = stream_clock::now();

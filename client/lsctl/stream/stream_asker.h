@@ -16,7 +16,7 @@
 
 class stream_asker {
   public:
-    // `options` outlives this. Opens the connection; start() is for one that is open.
+    // Opens the connection; start() is for one that is open.
     stream_asker(const lsctl_options &options, stream_form form);
     ~stream_asker(); // ends a question that is under way
     stream_asker(const stream_asker &) = delete;
@@ -36,8 +36,8 @@ class stream_asker {
     stream_answer ask(stream_question question, stream_clock::time_point now);
     void open_again();
 
-    const lsctl_options &options;
-    ls_descriptor told; // eventfd
+    lsctl_options options; // with a time-out that suits a stream
+    ls_descriptor told;    // eventfd
     std::thread thread;
     std::optional<lsctl_link> link; // after start() the thread's own
     bool must_open = false;         // the thread's

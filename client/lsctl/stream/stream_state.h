@@ -29,7 +29,7 @@ enum class stream_question : uint8_t {
 constexpr size_t STREAM_QUESTIONS = 4;
 
 constexpr std::chrono::milliseconds STREAM_SPACING{1000};       // between two questions
-constexpr std::chrono::milliseconds STREAM_POSITION_LIFE{4000}; // two questions for a position
+constexpr std::chrono::milliseconds STREAM_POSITION_LIFE{3000}; // asked for every 2 s
 constexpr std::chrono::milliseconds STREAM_MOTION_LIFE{6000};
 constexpr std::chrono::milliseconds STREAM_SKY_LIFE{20000};
 
