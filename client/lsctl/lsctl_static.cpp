@@ -122,7 +122,7 @@ void static_command::add_options(CLI::App &app) {
 }
 
 int static_command::run(const lsctl_options &options) const {
-    const std::string path = lsctl_terminal_root() + LSCTL_STATIC_FILE;
+    const std::string path = lsctl_terminal_root().append(LSCTL_STATIC_FILE);
     if (action != "on" && !latitude.empty()) {
         return lsctl_fail(options, LOCATION_BAD_ARGUMENT,
                           "a place goes with 'on' only: lsctl static on LAT LON");
