@@ -3,8 +3,8 @@
 # The caller stands in the project's directory.
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev)
-test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps libxml2-utils python3 zsh asciidoctor mandoc man-db systemd make
-    kconfig-frontends-nox)
+test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps libxml2-utils python3 zsh asciidoctor
+    mandoc man-db systemd make kconfig-frontends-nox)
 analysis_packages=(clang-format clang-tidy shellcheck)
 armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static mmdebstrap debian-archive-keyring)
 

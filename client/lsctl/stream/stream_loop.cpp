@@ -150,8 +150,7 @@ void report(stream_run &run, const stream_answer *answer, stream_clock::time_poi
 
 // Trouble is told once, when it begins and when it is over.
 void tell(stream_run &run, const stream_answer &answer) {
-    if (answer.question != stream_question::position || answer.result == run.told ||
-        answer.result == LOCATION_CANCELLED)
+    if (answer.question != stream_question::position || answer.result == run.told)
         return;
     run.told = answer.result;
     lsctl_complain(answer.result == LOCATION_ANSWERED
@@ -237,7 +236,6 @@ void one_round(stream_run &run) {
     std::vector<pollfd> fds = {{lsctl_signals_descriptor(), POLLIN, 0},
                                {run.asker.descriptor(), POLLIN, 0},
                                {run.server ? -1 : STDOUT_FILENO, 0, 0}};
-    const size_t before = fds.size();
     if (run.server)
         run.server->watch(fds);
     const auto deadline = next_deadline(run);
@@ -260,7 +258,7 @@ void one_round(stream_run &run) {
     take_answers(run);
     const auto now = stream_clock::now();
     if (run.server)
-        serve(run, fds.data() + before, now);
+        serve(run, &fds[3], now);
     update_asking(run, now);
     if (run.asking && now - run.reported >= longest_silence(run))
         report(run, nullptr, now);
