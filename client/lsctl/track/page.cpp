@@ -268,7 +268,10 @@ std::vector<page_degree> page_degrees(const page_layout &layout) {
     const auto mark = [&](bool latitude, double low, double high) {
         const double step = page_round_length((high - low) / 2);
         const int digits = std::max(0, -static_cast<int>(std::floor(std::log10(step) + 1e-9)));
-        for (double at = std::ceil(low / step) * step; at < high; at += step) {
+        const auto first = static_cast<int64_t>(std::ceil(low / step));
+        const auto last = static_cast<int64_t>(std::floor(high / step));
+        for (int64_t i = first; i <= last; ++i) {
+            const double at = static_cast<double>(i) * step;
             const page_point place =
                 latitude ? page_point{frame.left, layout.middle.y - (at - layout.middle_latitude) /
                                                                         layout.latitude_per_mm}
