@@ -115,7 +115,8 @@ void deliver_ta_answer(std::string_view answer, uint32_t cmd_len) {
 // --- libmqutils
 
 int scm_conn_init(scm_conn *, uint8_t) {
-    return 0;
+    const std::lock_guard guard(lock);
+    return fake::database().registration_result;
 }
 
 int scm_conn_exit(scm_conn *) {

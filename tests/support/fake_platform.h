@@ -58,12 +58,14 @@ votes system_state_votes();
 // Waits for the workers; whether as many votes were given back as taken, and any at all.
 bool wait_for_votes_returned();
 
-// Settings database, under the fake's lock. Any write is recorded as the stored value.
+// Settings database and what else answers, under the fake's lock. Any write is recorded as the
+// stored value.
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
     int power_on_write_result = 0;
     location_history_settings history = {};
+    int registration_result = 0; // of scm_conn_init
 };
 inline settings &database() {
     static settings stored;

@@ -96,4 +96,30 @@ TEST_F(bring_up, leaves_the_receiver_on_or_off_as_stored) {
     }
 }
 
+TEST_F(bring_up, fails_without_bus_line_or_power_lines) {
+    const auto without = [](const std::string &file) {
+        return [file] { std::filesystem::remove("sys/class/gpio/" + file); };
+    };
+    const struct {
+        std::function<void()> spoil;
+        const char *error;
+    } rows[] = {
+        {[] { fake::database().registration_result = -1; }, "Scm registration failed"},
+        {[] { std::filesystem::remove_all("dev"); }, "GPS uart initialization failed\n"},
+        {[] { std::filesystem::remove_all("sys"); }, "Unable to open gpio export file\n"},
+        {without("gpio102/direction"), "/gpio102/direction file\n"},
+        {without("gpio37/value"), "/gpio37/value file\n"},
+    };
+    for (const auto &r : rows) {
+        SetUp();
+        line_peer peer(nullptr);
+        r.spoil();
+        EXPECT_EQ(ls_hal_init_device(1), -1) << r.error;
+        EXPECT_EQ(errors(r.error), 1u) << r.error;
+        EXPECT_EQ(gps_p_g == nullptr, fake::database().registration_result != 0) << r.error;
+        EXPECT_TRUE(peer.commands().empty() && fake::sent().empty()) << r.error;
+        TearDown();
+    }
+}
+
 } // namespace

@@ -12,15 +12,18 @@ class satellites : public receiver_fixture {
         answer("GPGPQ,ZDA", "GPZDA,235959.00,31,12,2019,00,00");
     }
 
-    // Asks for the satellites; a whole GSV answer of several sentences.
+    // Asks for the satellites, into a record of a query before; a whole GSV answer of several
+    // sentences.
     int32_t query(const std::vector<std::string> &bodies) {
         std::string text;
         for (const std::string &body : bodies)
             text += nmea(body);
         answer_raw("GPGPQ,GSV", text);
-        return gps_get_sat_info(&(info = {}));
+        memset(&info, BEFORE, sizeof(info));
+        return gps_get_sat_info(&info);
     }
 
+    static constexpr int BEFORE = 0xEE;
     gps_sat_info info = {};
 };
 
@@ -57,7 +60,9 @@ TEST_F(satellites, announced_counts_never_lead_past_an_array) {
           "GPGSV,99,14,200" + four},
          0,
          12},
-        {"sentences missing", {"GPGSV,3,1,12" + four, "GPGSV,3,2,12" + four}, 1, 0},
+        {"sentences missing", {"GPGSV,3,1,12" + four, "GPGSV,3,2,12" + four}, 1, BEFORE},
+        {"no number of sentences", {"GPGSV,,1,04" + four}, 1, BEFORE},
+        {"no number of satellites", {"GPGSV,1,1," + four}, 1, BEFORE},
         {"out of order", {"GPGSV,2,2,05,5,,,5", "GPGSV,2,1,05" + four}, 1, 5},
     };
     for (const auto &r : rows) {
