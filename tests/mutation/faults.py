@@ -1,0 +1,111 @@
+"""The small faults that can be planted into a source file: where, and what stands there instead.
+
+It works on the text, in the layout that clang-format gives it: blanks around binary operators, a statement
+on lines of its own. What is logged is no target: the tests hold a few of the lines, and no more is wanted.
+"""
+import re
+
+SWAPS = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">", "&&": "||", "||": "&&",
+         "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "&", "^": "|", "<<": ">>", ">>": "<<",
+         "+=": "-=", "-=": "+=", "|=": "&=", "&=": "|=", "^=": "|=",
+         "++": "--", "--": "++", "true": "false", "false": "true"}
+OPERATOR = re.compile(r"(?<=\s)[-=!<>&|+*/%^]{1,2}(?=\s)|\+\+|--|\btrue\b|\bfalse\b")
+NUMBER = re.compile(r"(?<![\w.'])(0x[\dA-F]+|\d[\d']*)(?![\w.'])")
+CONDITION = re.compile(r"\b(?:if|while) \(")
+NEGATION = re.compile(r"(?<![\w)])!(?=[\w(])")
+CHANGED_WHOLE = re.compile(r"!\w[^&|]*|(?:(?!&&|\|\|)[^=])*(?:==|!=)(?:(?!&&|\|\|)[^=])*")  # by one of the others
+SWAPPED = re.compile(r"(?<=[\w>])\((\w+), (\w+)(?=[,)])")
+STATEMENT = re.compile(r"(?:[\w*(][\w:.>*\[\]()-]+(?:\(| [-+|&^]?= )|[-+]{2}|\w+[-+]{2};|(?:return|break|continue);)")
+NOT_DROPPED = re.compile(r"(?:if|while|for|switch|static_assert|return \w|do|using)\b")
+# Comments, directives, texts and what is logged, as blanks.
+HIDDEN = re.compile(r'//[^\n]*|#[^\n]*|"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])\'|\bstatic_assert\((?:[^;])*;')
+LOGGED = re.compile(r"\blog_(?:error|warning|info|debug|text)\([^;]*;")
+
+
+class Fault:
+    def __init__(self, name, text, start, end, instead):
+        self.name, self.start, self.end, self.instead = name, start, end, instead
+        self.line = text.count("\n", 0, start) + 1
+        first, last = text.rfind("\n", 0, start) + 1, text.find("\n", end)
+        self.before = " ".join(text[first:last].split())
+        self.after = " ".join((text[first:start] + instead + text[end:last]).split())
+        heads = re.findall(r"^(?!namespace|static |constexpr |struct |using )\w[^\n;=]*?(\w+)\(", text[:end], re.M)
+        self.place = f"{name} {heads[-1] if heads else '-'}"
+
+    def key(self):  # holds when lines above it change
+        return f"{self.place}\n- {self.before}\n+ {self.after}"
+
+    def planted(self, text):
+        # The lines below keep their numbers.
+        lost = text.count("\n", self.start, self.end) - self.instead.count("\n")
+        return text[: self.start] + self.instead + "\n" * lost + text[self.end :]
+
+
+def blank(match):
+    return re.sub(r"[^\n]", " ", match.group())
+
+
+def matching(text, at):
+    """The end of what the bracket at `at` opens."""
+    depth = 0
+    for i in range(at, len(text)):
+        depth += (text[i] in "([{") - (text[i] in ")]}")
+        if depth == 0:
+            return i
+    return len(text) - 1
+
+
+def statements(text):
+    """Start and end of each statement that can be left out."""
+    before, inside = "", []
+    for match in re.finditer(r"[(\[{]|[)\]}]|[^\s()\[\]{}][^()\[\]{}\n;]*;?|;", text):
+        at, word = match.start(), match.group()
+        starts = before in (";", "{", "}", ")", ":") or before.endswith("else")
+        if starts and inside[-1:] == ["{"] and STATEMENT.match(text, at) and not NOT_DROPPED.match(text, at):
+            end, depth = at, 0
+            while depth > 0 or depth == 0 and text[end] != ";":
+                depth += (text[end] in "([{") - (text[end] in ")]}")
+                end += 1
+            if depth == 0:  # below: an expression inside something
+                yield at, end + 1
+        if word in "([{":
+            inside.append(word)
+        elif word in ")]}":
+            inside.pop()
+        before = word if word in "(){}[]" else word[-1] if word[-1] in ";:" else word
+
+
+def faults_of(name, text):
+    """All faults of a file, in its order."""
+    code = LOGGED.sub(blank, HIDDEN.sub(blank, text))
+    found = []
+
+    def add(start, end, instead):
+        found.append(Fault(name, text, start, end, instead))
+
+    for match in OPERATOR.finditer(code):
+        if match.group() in SWAPS:
+            add(*match.span(), SWAPS[match.group()])
+    for match in NUMBER.finditer(code):
+        value = int(match.group().replace("'", ""), 0)
+        add(*match.span(), str(value + 1))
+        if value > 1:
+            add(*match.span(), str(value - 1))
+    for match in CONDITION.finditer(code):
+        end = matching(code, match.end() - 1)
+        start = max(match.end(), code.rfind("; ", match.end(), end) + 2)
+        if not CHANGED_WHOLE.fullmatch(code, start, end):
+            add(start, end, f"!({text[start:end]})")
+    for match in NEGATION.finditer(code):
+        add(*match.span(), "")
+    for match in SWAPPED.finditer(code):
+        if match.group(1) != match.group(2):
+            add(*match.span(), f"({match.group(2)}, {match.group(1)}")
+    for start, end in statements(code):
+        add(start, end, ";")
+    seen = {}
+    for fault in sorted(found, key=lambda f: (f.start, f.end, f.instead)):
+        seen[fault.key()] = nth = seen.get(fault.key(), 0) + 1
+        if nth > 1:  # the same line once more in the same function
+            fault.place += f" {nth}"
+    return sorted(found, key=lambda f: (f.start, f.end, f.instead))
