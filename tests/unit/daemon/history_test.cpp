@@ -137,10 +137,15 @@ TEST_F(history, a_line_that_no_header_counts_is_replaced) {
         std::string file, older; // what is exported before the two newest lines
     } rows[] = {
         {"in the ring", wrapped + unknown + rest + oldest, rest + oldest},
+        {"in the ring, one byte longer", wrapped + newest + rest + oldest, rest + oldest},
         {"none; clock set back", wrapped + longer + oldest, "8\n" + oldest},
         {"none; the last of the file", wrapped + longer, "8\n"},
         {"none; too long for a line", wrapped + endless + rest, endless.substr(54) + rest},
         {"none; other text", wrapped + std::string(55, 'x') + "\n" + rest, "x\n" + rest},
+        {"none; without a time",
+         wrapped + longer.substr(0, 11) + std::string(44, 'x') + "\n" + rest, "x\n" + rest},
+        {"none; without a date", wrapped + std::string(19, 'x') + longer.substr(19) + rest,
+         "8\n" + rest},
         {"at the end", open_end + unknown, ""},
         {"at the end, half written", open_end + longer.substr(0, 56), ""},
     };

@@ -65,6 +65,7 @@ TEST_F(lpp, record_from_the_receiver) {
     EXPECT_EQ(location.latitude_sign, 1u);
     EXPECT_EQ(location.degrees_latitude, 4407301u);
     EXPECT_EQ(location.degrees_longitude, 0x1000000u - 399169u);
+    EXPECT_EQ(serve(208, 2).size(), 1u); // tried no more
 }
 
 TEST_F(lpp, a_failing_request_208_is_tried_three_times_and_stays_counted) {

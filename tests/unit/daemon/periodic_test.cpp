@@ -1,6 +1,9 @@
 // Periodic updates: registration, count-down, slots, timers.
 #include "daemon_fixture.h"
 #include "gps_message_handler.h"
+#include "gps_power.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -22,6 +25,11 @@ class periodic : public daemon_fixture {
         return serve(1007, from, {updates, 0, 0, 0, interval, 0, 0, 0});
     }
     static messages expire(uint8_t slot) { return serve(1008, 8, {slot, 0, 0, 0}); }
+    // The kernel's, of this process.
+    static size_t timers() {
+        const std::string list = scratch_dir::read("/proc/self/timers");
+        return static_cast<size_t>(std::count(list.begin(), list.end(), 'C')); // "ClockID: "
+    }
     // The occupied ones of slots 0 to 2, as digits.
     static std::string occupied() {
         std::string slots;
@@ -40,18 +48,20 @@ void expect_notification(const fake::sent_message &sent, uint8_t to) {
 }
 
 TEST_F(periodic, updates_are_counted_and_the_first_comes_at_once) {
-    for (const uint8_t updates : {uint8_t{3}, uint8_t{1}}) {
+    for (const uint8_t updates : {uint8_t{3}, uint8_t{1}, uint8_t{2}}) {
         const messages sent = enroll(40, updates, 4);
         ASSERT_EQ(sent.size(), 2u);
         expect_message(sent[0], 1, 1007, 40, {1, 0, 0, 0});
         expect_notification(sent[1], 40);
         for (int more = 1; more < updates; ++more) {
             EXPECT_EQ(occupied(), "2"); // the highest free slot
+            EXPECT_EQ(timers(), 1u);
             const messages update = expire(2);
             ASSERT_EQ(update.size(), 1u);
             expect_notification(update[0], 40);
         }
         EXPECT_EQ(occupied(), "");
+        EXPECT_EQ(timers(), 0u);
     }
 }
 
@@ -101,6 +111,10 @@ TEST_F(periodic, an_expiry_for_a_freed_slot_goes_to_service_0_and_harms_no_later
     expect_notification(expire(0).at(0), 42); // slot 0 works like any other
     EXPECT_TRUE(expire(3).empty());           // there is no such slot
     EXPECT_TRUE(serve(1008, 8, bytes(3)).empty());
+    EXPECT_EQ(timers(), 2u);
+    gps_p_g = nullptr; // not the daemon's own, to be freed
+    ls_hal_deinit_device(1);
+    EXPECT_EQ(timers(), 0u);
 }
 
 } // namespace

@@ -26,6 +26,7 @@ class request : public daemon_fixture {
 
 TEST_F(request, commands_go_out_whole_and_an_answer_is_one_bounded_read) {
     EXPECT_EQ(exchange(), 1);
+    EXPECT_EQ(fake::sent().size(), 1u); // one alarm
     line_peer peer([](const std::string &) { return std::string(300, 'A'); });
     ASSERT_EQ(ls_hal_uart_init(), 0);
     const std::string poll = "\xB5\x62\x06\x08\x00\x00\x0E\x30"s;
@@ -54,6 +55,7 @@ TEST_F(request, what_lies_on_the_line_is_dropped_in_doubt_only) {
         {"of another type", "$GPGPQ,GGA*3C\r\n", nmea("GPGSA,1"), false},
         {"another message of the maker", "$PUBX,04*37\r\n", nmea("PUBX,00,1"), false},
         {"the message of the maker", "$PUBX,04*37\r\n", nmea("PUBX,04,1"), true},
+        {"anything, for a command of no such kind", "$x*78\r\n", nmea("GPTXT,1"), true},
         {"noise", "$PUBX,04*37\r\n", "noise", false},
         {"the frame", ubx_poll, ubx_poll, true},
         {"its refusal", ubx_poll, "\xB5\x62\x05\x00\x02\x00\x06\x08"s, true},
@@ -128,6 +130,7 @@ TEST_F(request, a_late_or_stray_ta_answer_does_not_answer_the_next_request) {
         fake::deliver_ta_answer(stray, 7);
     EXPECT_EQ(exchange(), 0);
     EXPECT_STREQ(answer.text, "$fresh");
+    EXPECT_EQ(sem_trywait(&ta_data_sem), -1); // the strays are forgotten
     fake::on_send(nullptr);
     rffe_req_sem_wait_time = 0;
     EXPECT_EQ(exchange(), 1);

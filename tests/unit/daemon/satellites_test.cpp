@@ -83,16 +83,16 @@ TEST_F(satellites, an_answer_cut_by_the_line_fails_and_leaves_the_next_query_alo
 
 TEST_F(satellites, speed_is_two_integers) {
     const struct {
-        const char *field;
+        const char *type, *field;
         int32_t result;
         int whole, frac;
     } rows[] = {
-        {"12.05", 0, 12, 5},
-        {"300.5", 0, 44, 5},
-        {"", 1, 0, 0},
+        {"GPVTG", "12.05", 0, 12, 5},
+        {"GNVTGX", "300.5", 0, 44, 5}, // a field 0 of another length is not checked
+        {"GPVTG", "", 1, 0, 0},
     };
     for (const auto &r : rows) {
-        answer("GPGPQ,VTG", "GPVTG,77.52,T,,M,0.004,N,"s + r.field + ",K,A");
+        answer("GPGPQ,VTG", r.type + ",77.52,T,,M,0.004,N,"s + r.field + ",K,A");
         gps_speed_data speed = {};
         EXPECT_EQ(gps_get_speed(&speed), r.result) << r.field;
         EXPECT_EQ(speed.speed_int, r.whole) << r.field;
