@@ -29,7 +29,7 @@ class Fault:
         first, last = text.rfind("\n", 0, start) + 1, text.find("\n", end)
         self.before = " ".join(text[first:last].split())
         self.after = " ".join((text[first:start] + instead + text[end:last]).split())
-        heads = re.findall(r"^(?!namespace|static |constexpr |struct |using )\w[^\n;=]*?(\w+)\(", text[:end], re.M)
+        heads = re.findall(r"^(?!namespace|static|constexpr |struct |using )\w[^\n;=]*?(\w+)\(", text[:end], re.M)
         self.place = f"{name} {heads[-1] if heads else '-'}"
 
     def key(self):  # holds when lines above it change

@@ -194,6 +194,8 @@ TEST_F(history, a_call_that_fails_once_costs_one_line_and_no_more) {
         EXPECT_EQ(ls_hal_read_history_data(), -1) << skip;
     }
     EXPECT_EQ(errors("LH: ls_hal_read_history_data, file read error: 5"), 2U);
+    failing = {open_call, EMFILE, 1}; // behind the header
+    EXPECT_EQ(ls_hal_read_history_data(), -1);
 }
 
 // Whoever may write in the directory can put something else under a name.

@@ -50,6 +50,13 @@ TEST_F(receiver, refusals_are_retried_logged_and_passed_over) {
     EXPECT_EQ(peer.commands().size(), SILENCING + 26);
     EXPECT_EQ(fake::count_logged(4, "Negative ack for "), 6u * 3);
     EXPECT_EQ(fake::count_logged(4, "Negative ack for configuring GNSS system\n"), 3u);
+    peer.send_unasked("late"); // the acknowledge that was not there in time
+    ls_hal_tty_discard_doubtful();
+    peer.send_unasked("next");
+    uint8_t answer[205] = {};
+    int32_t length = sizeof(answer);
+    EXPECT_EQ(ls_hal_tty_read(answer, &length), 0);
+    EXPECT_EQ(answer[0], 'n');
 }
 
 class bring_up : public receiver {
