@@ -54,6 +54,7 @@ TEST_F(lpp, record_from_the_receiver) {
     EXPECT_EQ(location.degrees_longitude, 399169u);
     EXPECT_EQ(location.altitude, 2); // 65538 in 16 bits
     EXPECT_EQ(location.orientation_major_axis, 45);
+    EXPECT_EQ(fake::count_logged(6, " cart_x2=1 cart_y2=2 cart_z2=3\n"), 1u);
     const auto commands = peer->commands();
     ASSERT_EQ(commands.size(), 3 + 2 + 3 + 1u); // fix, two samples, second fix, PUBX 00
     EXPECT_EQ(commands[3], ecef_poll);

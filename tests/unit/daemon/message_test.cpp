@@ -23,6 +23,7 @@ TEST_F(message, closed_gate_answers_requests_with_zeros_and_drops_the_rest) {
     EXPECT_EQ(antenna_type, 4);
     EXPECT_EQ(fake::system_state_votes(), (votes{2, 2}));
     EXPECT_EQ(serve(1001).at(0).payload, (bytes{1, 0, 0, 0, 2, 0, 0, 0}));
+    EXPECT_EQ(fake::deliver(2, 201, 7, {0}), 0);
 }
 
 TEST_F(message, what_it_does_not_know_is_refused_with_its_vote_returned) {
