@@ -30,21 +30,11 @@ void mutate(bytes &input, const bytes &other, std::mt19937 &random) {
     const auto some = [&random](size_t limit) {
         return static_cast<std::ptrdiff_t>(random() % (limit + 1));
     };
-    const auto here = input.begin() + some(input.size());
-    const auto left = static_cast<size_t>(input.end() - here);
-    switch (random() % 4) {
-    case 0: // a changed bit
-        if (left != 0)
-            *here = static_cast<uint8_t>(*here ^ (1u << (random() % 8)));
-        break;
-    case 1: // bytes missing
-        input.erase(here, here + some(std::min<size_t>(left, 16)));
-        break;
-    case 2: // one byte many times
-        input.insert(here, random() % 256, static_cast<uint8_t>(random()));
-        break;
-    default: // the rest of another input
-        input.erase(here, input.end());
+    if (random() % 2 == 0 && !input.empty()) {
+        uint8_t &one = input[random() % input.size()];
+        one = static_cast<uint8_t>(one ^ (1u << (random() % 8)));
+    } else { // the beginning of one and the end of another; of itself: bytes missing, or twice
+        input.erase(input.begin() + some(input.size()), input.end());
         input.insert(input.end(), other.begin() + some(other.size()), other.end());
     }
     input.resize(std::min(input.size(), longest_input));

@@ -56,7 +56,7 @@ TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
 }
 
 // Board type 2, whose TA has two seconds to answer: what the requests behind each fault get.
-TEST(ta, an_answer_that_is_too_long_late_or_lost) {
+TEST(ta, an_answer_that_is_late_or_lost) {
     terminal term({"--board", "2"}, true);
     scratch_dir::write(term.dir() / "user/gps_control_prm.txt",
                        "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 2\n");
@@ -69,15 +69,6 @@ TEST(ta, an_answer_that_is_too_long_late_or_lost) {
     };
     const auto logged = [&](const char *text) { return count_of(text, term.log()); };
     ASSERT_TRUE(wait_until(succeeds));
-
-    for (const char *length : {"201", "4294967295"}) {
-        term.ctl({"fault", "ta-overlong", length, "on"});
-        EXPECT_FALSE(succeeds()) << length;
-    }
-    term.ctl({"fault", "ta-overlong", "off"});
-    EXPECT_TRUE(succeeds()) << "behind answers that were too long";
-    EXPECT_EQ(logged("rffe module returned corrupt pointer"), 2U);
-    EXPECT_EQ(logged("semaphore timed out"), 0U);
 
     term.ctl({"fault", "ta-late", "4000", "on"});
     const size_t arrived = logged("Received GPS data from TA");
