@@ -53,6 +53,7 @@ TEST(receiver_fault, an_unplugged_line_raises_the_alarm) {
     term.restart_daemon();
     EXPECT_EQ(position_status(client), LS_STATUS_OK);
     EXPECT_EQ(term.stop(), 0);
+    EXPECT_FALSE(exists(term.dir() / "bus/8")); // it has left the bus
 }
 
 // Board type 2, whose TA has two seconds to answer: what the requests behind each fault get.

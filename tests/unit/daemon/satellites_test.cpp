@@ -61,6 +61,7 @@ TEST_F(satellites, announced_counts_never_lead_past_an_array) {
          0,
          12},
         {"sentences missing", {"GPGSV,3,1,12" + four, "GPGSV,3,2,12" + four}, 1, BEFORE},
+        {"a wrong checksum", {"GPGSV,1,1,00*00"}, 1, BEFORE},
         {"no type", {",1,1,00"}, 1, BEFORE},
         {"another type", {"GPGSA,1,1,00"}, 1, BEFORE},
         {"no number of sentences", {"GPGSV,,1,04" + four}, 1, BEFORE},
