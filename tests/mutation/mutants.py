@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -B
 """Plants small faults into location_service/src, one at a time, and says which of them no test notices.
 
     tests/mutation/mutants.py COUNT SEED
@@ -22,6 +22,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 
 from faults import faults_of
@@ -34,9 +35,8 @@ JOBS = 2
 UNIT_TESTS = ["tests/unit/daemon/*_test", "tests/system/history_clients_test"]
 UNIT_LIMIT_S = 30  # of a program of unit tests; of one test of the others:
 LIMIT_S = 120
+NOT_RUN = re.compile("service_unit|recipes")  # they know nothing of what the daemon does
 NO_FAULT, SURVIVED = "no fault", ("unit tests pass", "survived")  # the first: does not compile, or the same code
-# They know nothing of what the daemon does.
-NOT_RUN = re.compile("service_unit|recipes")
 
 
 def run(*command, **options):
@@ -235,7 +235,9 @@ def main(count, seed):
 if __name__ == "__main__":
     if len(sys.argv) != 3 or not all(argument.isdigit() for argument in sys.argv[1:]):
         sys.exit("usage: mutants.py COUNT SEED")
-    try:
-        sys.exit(main(int(sys.argv[1]), int(sys.argv[2])))
-    finally:
-        kill_children()
+    # A test that is killed leaves its directory there.
+    with tempfile.TemporaryDirectory(prefix="mutants-") as os.environ["TMPDIR"]:
+        try:
+            sys.exit(main(int(sys.argv[1]), int(sys.argv[2])))
+        finally:
+            kill_children()
