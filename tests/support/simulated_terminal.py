@@ -1,0 +1,71 @@
+"""A simulated terminal with the daemon in it, for tests in Python."""
+
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+LIMIT_S = 60  # far above what anything takes on a busy machine
+
+
+class Terminal:
+    """Ready when made; `options` are those of simterm run. To be used in a with statement."""
+
+    def __init__(self, programs, *options, name="t"):
+        self.programs = programs  # "daemon", "simterm", "lsctl": their paths
+        self.scratch = tempfile.TemporaryDirectory()
+        self.dir = pathlib.Path(self.scratch.name, name)
+        self.environment = {**os.environ, "MQUTILS_DIR": str(self.dir / "bus"), "LSCTL_ROOT": str(self.dir),
+                            "DBHANDLER_FILE": str(self.dir / "user/settings.db"), "PYTHONDONTWRITEBYTECODE": "1"}
+        self.said = open(pathlib.Path(self.scratch.name, "said"), "w+", encoding="utf-8")
+        # cat begins when the daemon serves requests, and ends with its input.
+        self.process = subprocess.Popen(
+            [programs["simterm"], "run", self.dir, "--daemon", programs["daemon"], "--baud", "0", "--instant-fix",
+             *options, "--", "cat"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.said, text=True)
+        try:
+            self.process.stdin.write("up\n")
+            self.process.stdin.flush()
+            assert self.process.stdout.readline() == "up\n"
+        except (OSError, AssertionError):
+            sys.exit(f"no terminal: {self.what_it_said()}")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        self.process.stdin.close()
+        status = self.process.wait(LIMIT_S)
+        if failure[0] or status:
+            print(self.what_it_said())
+        assert status == 0, f"simterm ended with {status}"
+        self.said.close()
+        self.scratch.cleanup()
+
+    def what_it_said(self):
+        self.said.seek(0)
+        return self.said.read()[-4000:]
+
+    def run(self, *command, **more):
+        return subprocess.run([str(word) for word in command], env={**self.environment, **more}, timeout=LIMIT_S,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def ctl(self, *words):
+        done = self.run(self.programs["simterm"], "ctl", self.dir, *words)
+        assert done.returncode == 0, done.stderr
+
+    def lsctl(self, *arguments, **more):
+        """Exit status, and the objects that it printed with --json."""
+        done = self.run(self.programs["lsctl"], *arguments, "--json", **more)
+        return done.returncode, [json.loads(line) for line in done.stdout.splitlines()]
+
+
+def wait_until(done):
+    """Asks until it is so, and returns what `done` returned."""
+    limit = time.monotonic() + LIMIT_S
+    while not (result := done()):
+        assert time.monotonic() < limit, "not in time"
+        time.sleep(0.02)
+    return result

@@ -1,0 +1,217 @@
+"""The Python module and its examples against a simulated terminal of both boards.
+
+Usage: python_client_test.py SOURCE_DIR DAEMON SIMTERM LSCTL
+"""
+
+import os
+import pathlib
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import time
+import unittest
+import xml.etree.ElementTree
+
+source = pathlib.Path(sys.argv[1])
+programs = dict(zip(("daemon", "simterm", "lsctl"), sys.argv[2:5]))
+sys.dont_write_bytecode = True
+sys.path[:0] = [str(source / "tests/support"), str(source / "client/python")]
+
+import location_client as lc  # noqa: E402
+from simulated_terminal import Terminal, wait_until  # noqa: E402
+
+PLACE = ("--place", "-33.85678,-70.5,12.5", "--history", "on", "--history-interval", "1", "--log-level", "debug")
+
+
+def updates_of(items):
+    return [(update.latitude_deg, update.fix_type) for update in items]
+
+
+class Requests:
+    """What both boards have in common; `options` of the terminal differ."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.terminal = Terminal(programs, *PLACE, *cls.options, name=cls.name)
+        os.environ.update(cls.terminal.environment)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.terminal.__exit__(None)
+
+    def agrees(self, ask, command):
+        """Both look at a moment of their own: until they are of the same second."""
+        wait_until(lambda: (0, [ask().as_dict()]) == self.terminal.lsctl(command))
+
+    def test_records_are_those_of_lsctl(self):
+        with lc.Client() as client:
+            for ask, command in ((client.get_power, "power"), (client.get_position, "position"),
+                                 (client.get_satellites, "satellites")):
+                with self.subTest(command):
+                    self.agrees(ask, command)
+            position = client.get_position()
+            self.assertEqual((position.latitude_deg, position.longitude_deg), (-33.85678, -70.5))
+            now = client.get_time()
+            self.assertLess(abs((now.time_utc - position.time_utc).total_seconds()), 30)
+            of_day = now.time_utc.hour * 3600 + now.time_utc.minute * 60 + now.time_utc.second
+            self.assertEqual(now.time_of_week_s, (now.time_utc.isoweekday() % 7) * 86400 + of_day)
+            self.assertEqual(client.get_speed().speed_whole_kmh, 0)
+
+    def test_commands_reach_the_receiver(self):
+        with lc.Client() as client:
+            self.assertRegex(client.exec_nmea("PUBX,04"), rb"^\$PUBX,04,[^*]+\*[0-9A-F]{2}\r\n$")
+            rate = lc.ubx_frame(6, 8)
+            self.assertEqual(rate, bytes.fromhex("b56206080000 0e30"))
+            answer = client.exec_ubx(rate)  # the rate, which start-up sets on board 1 alone, and an ACK
+            self.assertEqual((answer[:6].hex(), answer[14:].hex()), ("b56206080600", "b562050102000608163f"))
+            for wrong in (lambda: client.exec_nmea("PUBX*"), lambda: client.exec_ubx(rate[:-1]),
+                          lambda: client.exec_ubx(lc.ubx_frame(6, 1, bytes(40))), lambda: client.set_power(3),
+                          lambda: client.get_time(0), lambda: client.register_periodic(1, 3), client.get_lpp):
+                self.assertRaises(lc.BadArgumentError, wrong)
+
+    def test_history(self):
+        with lc.Client() as client:
+            self.assertEqual(client.get_history_path(), lc.HistoryExport("/user/location/location_history.txt", True))
+            log = self.terminal.dir / "log/terminal.log"
+            before = log.read_text(errors="replace").count("CONFIG_UPDATE")
+            client.notify_history_settings()
+        self.assertEqual(log.read_text(errors="replace").count("CONFIG_UPDATE"), before + 1)  # read before it left
+
+    def test_updates(self):
+        expected = (-33.85678, "3D")
+        with lc.Client() as client:
+            client.register_periodic(2, 4)
+            self.assertRaises(lc.FailedError, client.register_periodic, 2, 4)
+            self.assertEqual(updates_of([client.next_update()]), [expected])
+            self.assertRaises(lc.NoReplyError, client.next_update, 0.01)
+            self.assertEqual(client.poll_updates(), [])
+            client.unregister_periodic()
+            self.assertRaises(lc.FailedError, client.unregister_periodic)
+        # One that was killed leaves its registration and its socket to the next of its id.
+        code = "from location_client import *; c = Client(32); c.register_periodic(9, 4); print('up'); input()"
+        killed = subprocess.Popen([sys.executable, "-uc", code], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, env={**self.terminal.environment, "PYTHONPATH": str(source / "client/python")})
+        self.assertEqual(killed.stdout.readline(), b"up\n")
+        killed.send_signal(signal.SIGKILL)
+        killed.communicate()
+        with lc.Client(32) as client:
+            self.assertEqual(updates_of(client.updates(4, 2)), [expected] * 2)
+            self.assertRaises(lc.FailedError, client.unregister_periodic)
+            next(client.updates(4))
+        with lc.Client(32) as client:  # closing ended that one
+            self.assertRaises(lc.FailedError, client.unregister_periodic)
+
+    def test_examples(self):
+        examples = {path.name: path for path in source.glob("examples/*.py")}
+        wanted = {"position.py": (), "updates.py": ("2", "4"), "history_gpx.py": ()}
+        self.assertEqual(set(examples), set(wanted))
+        out = {}
+        if self.records_history:
+            wait_until(lambda: "33.856780S,70.500000W" in self.terminal.run(programs["lsctl"], "history").stdout)
+        for name, arguments in wanted.items():
+            self.assertLess(len(examples[name].read_text().splitlines()), 60, name)
+            done = self.terminal.run(sys.executable, examples[name], *arguments,
+                                     PYTHONPATH=str(source / "client/python"))
+            self.assertEqual(done.returncode, 0, done.stderr)
+            out[name] = done.stdout
+        self.assertRegex(out["position.py"], r"^-33\.856780 -70\.500000 \+-\d+\.\d m, 12\.5 m high, 3D, 20")
+        self.assertEqual(out["updates.py"].count('"latitude_deg": -33.85678'), 2)
+        points = [point.attrib for point in xml.etree.ElementTree.fromstring(out["history_gpx.py"])[0][0]]
+        self.assertEqual({(point["lat"], point["lon"]) for point in points},
+                         {("-33.856780", "-70.500000")} if self.records_history else set())
+
+
+class Board1(Requests, unittest.TestCase):
+    options, name, records_history = ("--no-services",), "t", True
+
+    def test_lpp(self):
+        with lc.Client(2) as client:
+            found = client.get_lpp()
+            self.assertAlmostEqual(found.latitude_deg, -33.85678, 4)
+            self.assertAlmostEqual(found.longitude_deg, -70.5, 4)
+            self.assertEqual(found.confidence_percent, 70)
+
+    def test_power_and_why_there_is_no_answer(self):
+        with lc.Client() as tool, lc.Client(6) as ws:
+            with self.assertRaises(lc.FailedError) as refused:
+                tool.set_power(lc.PowerMode.OFF)
+            self.assertEqual(refused.exception.power_mode, 2)
+            self.assertFalse(ws.set_power(lc.PowerMode.OFF).receiver_on)
+            start = time.monotonic()
+            with self.assertRaises(lc.ReceiverOffError) as off:
+                tool.get_position(60)
+            self.assertEqual((off.exception.power_mode, off.exception.error), (0, "receiver_off"))
+            self.assertLess(time.monotonic() - start, 30)
+            self.assertTrue(ws.set_power(lc.PowerMode.ON).receiver_on)
+            self.addCleanup(self.terminal.ctl, "fault", "silent", "off")
+            self.terminal.ctl("fault", "silent", "on")
+            self.assertRaises(lc.NoReplyError, tool.get_position, 0.1)
+            self.assertRaises(lc.ReceiverTimeoutError, tool.get_position)
+
+    def test_a_peer_among_others(self):
+        with lc.Client(45) as client, self.assertRaises(lc.IdTakenError):
+            own = self.terminal.dir / "bus/45"
+            self.assertEqual(own.stat().st_mode & 0o777, 0o660)
+            child = os.fork()
+            if child == 0:  # a copy that goes takes nothing with it
+                client.close()
+                os._exit(0)
+            os.waitpid(child, 0)
+            self.assertTrue(client.get_power().receiver_on and own.exists())
+            lc.Client(45)
+        lc.Client(45)  # nobody closed it: so it has left all the same
+        self.assertFalse(own.exists())
+        with lc.Client(45) as client:
+            waiting = threading.Thread(target=lambda: self.assertRaises(lc.NoReplyError, client.next_update, 1))
+            waiting.start()
+            wait_until(client._reading.locked)
+            self.assertRaises(RuntimeError, client.get_power)
+            waiting.join()
+        self.assertRaises(lc.BadArgumentError, client.get_power)  # closed
+
+    @unittest.skipUnless(os.geteuid() == 0, "needs another user")
+    def test_another_user_is_not_believed(self):
+        with lc.Client(45) as client, self.assertLogs("location_client") as log:
+            path = str(self.terminal.dir / "bus/45")
+            os.chmod(path, 0o666)
+            os.chmod(self.terminal.scratch.name, 0o755)
+            child = os.fork()
+            if child == 0:
+                os.setuid(65534)
+                forged = struct.pack("<BBBBIIII", 2, 0, 8, 45, 1010, 1, 80, 0) + b"\1" + bytes(79)
+                with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as forger:
+                    forger.sendto(forged, path)
+                os._exit(0)
+            self.assertEqual(os.waitpid(child, 0)[1], 0)
+            self.assertEqual(client.poll_updates(), [])
+        self.assertIn("belongs to another user", log.output[0])
+
+    def test_nobody_there(self):
+        for made, error in ((False, lc.NoBusError), (True, lc.NoDaemonError)):
+            directory = self.terminal.dir / "other-bus"
+            if made:
+                directory.mkdir()
+            with self.assertRaises(error):
+                with lc.Client(directory=str(directory)) as client:
+                    client.get_position()
+        self.assertEqual(list(directory.iterdir()), [])
+
+
+class Board2(Requests, unittest.TestCase):
+    # The stand-ins carry its exchanges; its history begins minutes later; the path is too long for an address.
+    options, name, records_history = ("--board", "2"), "t" + "-" * 90, False
+
+    def test_gate_closed(self):
+        with lc.Client() as client:
+            self.terminal.ctl("antenna", "0")
+            for ask in (client.get_position, client.get_power, lambda: client.set_power(2)):
+                self.assertRaises(lc.GateClosedError, ask)
+            self.terminal.ctl("antenna", "4")
+            self.assertTrue(client.get_power().receiver_on)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
