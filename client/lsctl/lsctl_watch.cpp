@@ -64,25 +64,42 @@ location_result status_result(uint32_t status) {
                                                 : LOCATION_FAILED;
 }
 
-// False: stdout takes no more.
+// The objects of a stream stand on a line each, on a terminal too. False: stdout takes no more.
+bool print_object(const char *kind, const lsctl_json &members) {
+    lsctl_json object = {{"class", kind}};
+    object.update(members);
+    return lsctl_print(object.dump() + "\n");
+}
+
+bool print_failure(location_result result, const std::string &text) {
+    return print_object("error", {{"error", lsctl_result_name(result)}, {"text", text}});
+}
+
+// Says why the watch ends; returns the exit status.
+int fail(const lsctl_options &options, location_result result, const std::string &text) {
+    if (options.json)
+        print_failure(result, text);
+    lsctl_complain(text);
+    return lsctl_exit_of(result);
+}
+
 bool show_update(const lsctl_options &options, const ls_position_reply &update, uint32_t age_s) {
     const location_result result = status_result(update.status);
-    if (options.json) {
-        lsctl_json object = {{"status", lsctl_result_name(result)}};
-        if (result == LOCATION_ANSWERED) {
-            object.update(lsctl_position_json(update.pos));
-            object["repeated_for_s"] = age_s;
-        }
-        return lsctl_print(object.dump() + "\n");
+    if (result == LOCATION_ANSWERED && options.json) {
+        lsctl_json members = lsctl_position_json(update.pos);
+        members["repeated_for_s"] = age_s;
+        return print_object("position", members);
     }
     if (result == LOCATION_ANSWERED) {
         return lsctl_print(lsctl_position_line(update.pos) +
                            (age_s == 0 ? "" : lsctl_format("  (repeated, %u s old)", age_s)) +
                            "\n");
     }
-    return lsctl_print(result == LOCATION_RECEIVER_TIMEOUT
-                           ? "no position: the receiver did not answer in time\n"
-                           : "no position: the receiver has no fix, or its answer was not valid\n");
+    const std::string text =
+        result == LOCATION_RECEIVER_TIMEOUT
+            ? "no position: the receiver did not answer in time"
+            : "no position: the receiver has no fix, or its answer was not valid";
+    return options.json ? print_failure(result, text) : lsctl_print(text + "\n");
 }
 
 uint32_t interval_of(const watch_plan &plan) {
@@ -163,7 +180,7 @@ bool try_register(const lsctl_options &options, location_client *client, watch_p
     }
     switch (watch_on_registration(plan, result, watch_clock::now())) {
     case watch_verdict::give_up:
-        status = lsctl_fail(options, result, why);
+        status = fail(options, result, why);
         return false;
     case watch_verdict::say_again:
         lsctl_complain("registered again");
@@ -212,8 +229,8 @@ int watch(const lsctl_options &options, location_client *client, watch_plan &pla
             lsctl_complain(lsctl_format("no update for %u s; watching on", 2 * interval_of(plan)));
             break;
         case watch_step::give_up:
-            lsctl_complain(lsctl_format("no update for %u s", 2 * interval_of(plan)));
-            return LSCTL_NO_ANSWER;
+            return fail(options, LOCATION_NO_REPLY,
+                        lsctl_format("no update for %u s", 2 * interval_of(plan)));
         case watch_step::wait:
             take_updates(options, client, plan, totals);
             break;
@@ -236,7 +253,7 @@ void watch_command::add_options(CLI::App &app) {
 int watch_command::run(const lsctl_options &options) const {
     const lsctl_link link(options.as);
     if (link.result != LOCATION_ANSWERED)
-        return lsctl_fail(options, link.result);
+        return fail(options, link.result, lsctl_sentence(options, link.result));
     watch_plan plan = watch_start(seconds(interval_s), count, reconnect, watch_clock::now());
     watch_totals totals;
     const int status = watch(options, link.client, plan, totals);
