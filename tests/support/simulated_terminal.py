@@ -59,7 +59,11 @@ class Terminal:
     def lsctl(self, *arguments, **more):
         """Exit status, and the objects that it printed with --json."""
         done = self.run(self.programs["lsctl"], *arguments, "--json", **more)
-        return done.returncode, [json.loads(line) for line in done.stdout.splitlines()]
+        objects, rest = [], done.stdout.strip()
+        while rest:
+            found, end = json.JSONDecoder().raw_decode(rest)
+            objects, rest = [*objects, found], rest[end:].lstrip()
+        return done.returncode, objects
 
 
 def wait_until(done):

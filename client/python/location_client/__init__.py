@@ -9,7 +9,7 @@
             print(update.as_dict())
 
 Attributes have the names and units of the keys of `lsctl --json` (docs/json.md); times are datetime in UTC, and
-`as_dict()` gives the object that lsctl prints. What goes wrong is a LocationError, whose `error` is the name that
+`as_dict()` gives an object with the same keys. What goes wrong is a LocationError, whose `error` is the name that
 lsctl prints: an AnsweredError where the service answered with a failure, a NoAnswerError where nobody did. Its users
 are members of the groups terminal-bus and terminal-tools. For a simulated terminal set MQUTILS_DIR, as its
 `simterm run DIR -- COMMAND` does. Datagrams that are not taken are logged to the logger "location_client".
@@ -20,18 +20,20 @@ Pure Python, the standard library alone: it speaks to the bus itself.
 from ._client import DEFAULT_TIMEOUT_S, MIN_INTERVAL_S, TOOL_IDS, Client
 from ._errors import (
     AnsweredError, BadArgumentError, BadReplyError, BusDeniedError, BusError, BusFullError, BusLockedError,
-    FailedError, GateClosedError, IdsExhaustedError, IdTakenError, LocationError, NoAnswerError, NoBusError,
-    NoDaemonError, NoReplyError, ReceiverBusyError, ReceiverOffError, ReceiverTimeoutError)
+    FailedError, GateClosedError, IdsExhaustedError, IdTakenError, LocationError, LppEmptyError, NoAnswerError,
+    NoBusError, NoDaemonError, NoReplyError, ReceiverBusyError, ReceiverOffError, ReceiverTimeoutError,
+    SpeedAmbiguousError)
 from ._records import (
-    HistoryExport, Lpp, NoPosition, Position, Power, PowerMode, Record, Satellite, Satellites, Speed, Time, Update)
+    HistoryExport, Lpp, NoPosition, Position, Power, PowerMode, Record, Satellite, Satellites, Speed,
+    SpeedRecord, Time, Update)
 
 __all__ = [
     "AnsweredError", "BadArgumentError", "BadReplyError", "BusDeniedError", "BusError", "BusFullError",
     "BusLockedError", "Client", "DEFAULT_TIMEOUT_S", "FailedError", "GateClosedError", "HistoryExport",
-    "IdTakenError", "IdsExhaustedError", "LocationError", "Lpp", "MIN_INTERVAL_S", "NoAnswerError", "NoBusError",
-    "NoDaemonError", "NoPosition", "NoReplyError", "Position", "Power", "PowerMode", "ReceiverBusyError",
-    "ReceiverOffError", "ReceiverTimeoutError", "Record", "Satellite", "Satellites", "Speed", "TOOL_IDS", "Time",
-    "Update", "ubx_frame",
+    "IdsExhaustedError", "IdTakenError", "LocationError", "Lpp", "LppEmptyError", "MIN_INTERVAL_S", "NoAnswerError",
+    "NoBusError", "NoDaemonError", "NoPosition", "NoReplyError", "Position", "Power", "PowerMode",
+    "ReceiverBusyError", "ReceiverOffError", "ReceiverTimeoutError", "Record", "Satellite", "Satellites", "Speed",
+    "SpeedAmbiguousError", "SpeedRecord", "Time", "TOOL_IDS", "ubx_frame", "Update",
 ]
 
 

@@ -152,7 +152,18 @@ class Client:
         return records.satellites(self._query(_SATELLITES, records.SATELLITES_SIZE, timeout))
 
     def get_speed(self, timeout: float | None = None) -> records.Speed:
-        return records.speed(self._query(_SPEED, records.SPEED_SIZE, timeout))
+        """Asks the service, whose record gives the time, and then the receiver itself; each with the time-out."""
+        record = self.get_speed_record(timeout)
+        try:
+            speed = records.speed(self.exec_nmea("GPGPQ,VTG", timeout), record.time_utc)
+        except errors.LocationError as failure:
+            raise errors.SpeedAmbiguousError(record, failure.text) from None
+        if speed is None:
+            raise errors.SpeedAmbiguousError(record, "its answer is damaged, or holds no speed")
+        return speed
+
+    def get_speed_record(self, timeout: float | None = None) -> records.SpeedRecord:
+        return records.speed_record(self._query(_SPEED, records.SPEED_SIZE, timeout))
 
     def exec_nmea(self, body: str, timeout: float | None = None) -> bytes:
         """The receiver's bytes in answer to a sentence without $, * and checksum, such as "PUBX,00". Empty: the
@@ -199,7 +210,7 @@ class Client:
         self._wait_or_diagnose(lambda: bool(self._lpp_answers), start, seconds)
         answer = self._lpp_answers.pop()
         if not any(answer):  # the confidence of a real one is 70
-            raise errors.FailedError("the location service had no position to make LPP parameters of")
+            raise errors.LppEmptyError()
         return records.lpp(answer)
 
     # --- periodic updates ---
@@ -388,13 +399,14 @@ class Client:
         except errors.FailedError:
             if not first or self.serv_id not in TOOL_IDS:
                 raise
-            try:
+            with contextlib.suppress(errors.FailedError):
                 self.unregister_periodic()
+            self._updates.clear()  # those of the one before
+            try:
+                self.register_periodic(num_updates, interval_s)
             except errors.FailedError:
                 raise errors.FailedError(
                     "the registration was refused: three other services are registered already") from None
-            self._updates.clear()  # those of the one before
-            self.register_periodic(num_updates, interval_s)
 
     def _look_after(self, interval_s: int) -> None:
         """No update for two intervals. A restarted service has forgotten the registration; the only question that

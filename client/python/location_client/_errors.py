@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from typing import ClassVar
 
+from ._records import SpeedRecord
+
 
 class LocationError(Exception):
     """A request without the answer that was wanted. `error` is a stable name, `text` is for people."""
@@ -33,6 +35,24 @@ class FailedError(AnsweredError):
     def __init__(self, text: str = "", power_mode: int | None = None) -> None:
         self.power_mode = power_mode
         super().__init__(text)
+
+
+class LppEmptyError(FailedError):
+    error = "lpp_empty"
+    default_text = (
+        "the location service sent an empty record: the receiver does not answer it, or is switched off"
+    )
+
+
+class SpeedAmbiguousError(FailedError):
+    """The receiver itself could not be asked. `record`: what the service says, modulo 256."""
+
+    error = "speed_ambiguous"
+
+    def __init__(self, record: SpeedRecord, why: str) -> None:
+        self.record = record
+        super().__init__(
+            f"the service tells the speed modulo 256 only, and the receiver itself could not be asked: {why}")
 
 
 class ReceiverTimeoutError(AnsweredError):

@@ -6,6 +6,9 @@ Byte layouts: docs/wire.md. Each decoder takes a whole payload of exactly its si
 from __future__ import annotations
 
 import dataclasses
+import functools
+import operator
+import re
 import struct
 from datetime import datetime, timedelta, timezone
 from enum import IntEnum
@@ -28,7 +31,7 @@ class Record:
     """Base of all records."""
 
     def as_dict(self) -> dict[str, Any]:
-        """What `lsctl --json` prints for it, as plain values that `json.dumps` takes."""
+        """The keys and values of `lsctl --json`, such as `json.dumps` takes."""
         return {field.name: _plain(getattr(self, field.name)) for field in dataclasses.fields(self)}
 
 
@@ -84,7 +87,18 @@ class Satellites(Record):
 
 @dataclasses.dataclass(frozen=True)
 class Speed(Record):
-    """What the record holds: both numbers are cut to 8 bits, so 300.826 km/h is 44 and 58."""
+    """As the receiver itself tells it."""
+
+    time_utc: datetime | None
+    speed_kmh: float
+    speed_mps: float
+    speed_knots: float
+    course_deg: float | None  # from north; None without movement
+
+
+@dataclasses.dataclass(frozen=True)
+class SpeedRecord(Record):
+    """What the service's record holds: both numbers are cut to 8 bits, so 300.826 km/h is 44 and 58."""
 
     time_utc: datetime | None
     speed_whole_kmh: int
@@ -97,7 +111,7 @@ class Lpp(Record):
     longitude_deg: float
     latitude_coded: int
     longitude_coded: int
-    altitude_m: int
+    vertical_accuracy_m: int  # truncated; the record has it in the field of the altitude
     uncertainty_semi_major_m: float
     uncertainty_semi_minor_m: float
     uncertainty_altitude_m: float
@@ -183,9 +197,30 @@ _SPEED = struct.Struct(f"<I{_TIME}BB")
 SPEED_SIZE = _SPEED.size
 
 
-def speed(payload: bytes) -> Speed:
+def speed_record(payload: bytes) -> SpeedRecord:
     _, *utc, whole, digits = _SPEED.unpack(payload)
-    return Speed(_utc(*utc), whole, digits)
+    return SpeedRecord(_utc(*utc), whole, digits)
+
+
+_SENTENCE = re.compile(rb"\$(..VTG,[ -)+-~]*)\*([0-9A-Fa-f]{2})\r\n")
+
+
+def speed(answer: bytes, time_utc: datetime | None) -> Speed | None:
+    """The speed in the receiver's sentence VTG; None where there is no undamaged one, or it holds no speed."""
+    for body, checksum in _SENTENCE.findall(answer):
+        if functools.reduce(operator.xor, body) == int(checksum, 16):
+            fields = [_number(field) for field in body.split(b",")] + 8 * [None]
+            course, knots, kmh = fields[1], fields[5], fields[7]
+            if knots is not None and kmh is not None:
+                return Speed(time_utc, kmh, round(kmh / 3.6, 3), knots, course)
+    return None
+
+
+def _number(field: bytes) -> float | None:
+    try:
+        return float(field)
+    except ValueError:
+        return None
 
 
 _LPP = struct.Struct("<IIBBBBHHII")
@@ -193,14 +228,14 @@ LPP_SIZE = _LPP.size
 
 
 def lpp(payload: bytes) -> Lpp:
-    south, down, major, minor, altitude_code, confidence, altitude, axis, lat, lon = _LPP.unpack(payload)
+    south, _, major, minor, altitude_code, confidence, accuracy, axis, lat, lon = _LPP.unpack(payload)
     lon_signed = (lon & 0x7FFFFF) - (lon & 0x800000)
     return Lpp(
         latitude_deg=_signed(lat * 90 / 2**23, b"S" if south == 1 else b"N"),
         longitude_deg=lon_signed * 360 / 2**24,
         latitude_coded=lat,
         longitude_coded=lon,
-        altitude_m=altitude if down == 0 else -altitude,
+        vertical_accuracy_m=accuracy,
         uncertainty_semi_major_m=10 * (1.1**major - 1),
         uncertainty_semi_minor_m=10 * (1.1**minor - 1),
         uncertainty_altitude_m=45 * (1.025**altitude_code - 1),
