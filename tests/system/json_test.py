@@ -24,9 +24,11 @@ EMPTY = {"history", "lpp", "nmea", "settings", "speed", "static", "status", "doc
 FORMS = {
     "power": ("", "on --as 6"),
     "watch": ("-n 1",),
-    "history": ("",),
+    "history": ("", "--summary"),
     "nmea": ("PUBX,04",),
     "ubx": ("06 08",),
+    "speed": ("", "--raw"),
+    "static": ("show", "on 47.5 8.5", "off"),
     "settings": ("", "--history on --interval 1"),
 }
 # Further runs that have to fail, with their `error`.
@@ -50,10 +52,42 @@ def check(right, complaint):
 
 
 def rows(section):
-    """The cells of the tables' rows, without their heads."""
-    lines = [[cell.strip() for cell in line.strip("|").split(" | ")]
-             for line in sections[section].splitlines() if line.startswith("|")]
-    return [(cells[0].strip("|` "), *cells[1:]) for cells in lines if cells[0].lstrip("| ").startswith("`")]
+    """The cells of the rows of all its tables, without their heads."""
+    lines = [re.split(r" *\| *", line.strip("| ")) for line in sections[section].splitlines() if line.startswith("| `")]
+    return [(re.findall(r"`([^`]+)`", cells[0]), *cells[1:]) for cells in lines]
+
+
+class Table:
+    """The keys of one table: their types, and whether they are there in some circumstances only. A table behind a
+    sentence that begins "`key`, by" has what is in that key, which differs from one object to the next."""
+
+    def __init__(self, before, text, known):
+        self.kinds, self.optional = {}, set()
+        inside = re.match(r"`(.+?)`, by ", before)
+        prefix = next((key + "." for key in known if inside and f".{key}".endswith(f".{inside[1]}")), "")
+        for line in text.splitlines():
+            names, kinds, meaning = (re.split(r" *\| *", line.strip("| ")) + [""])[:3]
+            for name in re.findall(r"`([^`]+)`", names) if line.startswith("| `") else ():
+                key = prefix + name.removesuffix("[]")
+                self.kinds[key] = {kind.rstrip("s") for kind in re.findall(r"\w+", re.sub(r" of \w+", "", kinds))}
+                if prefix or meaning.lower().startswith("only "):
+                    self.optional.add(key)
+
+    def needed(self):
+        return {key for key in self.kinds if key not in self.optional and not re.search(r"[.\[]", key)}
+
+
+def tables_of(section):
+    found, known = [], []
+    for before, text in re.findall(r"(?m)((?:^(?!\|).*\n)*)((?:^\|.*\n?)+)", sections[section]):
+        found.append(Table(before.strip().split("\n\n")[-1], text, known))
+        known += found[-1].kinds
+    return found
+
+
+def row_of(key, kinds):
+    """The row for a printed key; an upper-case word in it stands for any name."""
+    return next((row for row in kinds if re.fullmatch(re.sub(r"[A-Z]+", r"\\w+", re.escape(row)), key)), None)
 
 
 def keys_of(value, path=""):
@@ -71,35 +105,40 @@ def is_of(value, types):
     return any(isinstance(value, KINDS[kind]) for kind in types if kind in KINDS and kind != "boolean")
 
 
-def check_failure(command, run, status, failure):
+def check_failure(command, run, status, failure, kinds):
     name = failure.get("error")
     known = name in errors and isinstance(failure.get("text"), str) and failure["text"]
     check(known, f"{run}: error unknown, or no text: {failure}")
     check(status in (0, errors.get(name)), f"{run}: exit status {status} with error {name!r}")
-    check(set(failure) <= {"error", "text", "class"}, f"{run}: more than error and text: {failure}")
+    rest = set(failure) - {"error", "text", "class"} - set(kinds)
+    check(not rest, f"{run}: printed with a failure and not on the page: {rest}")
 
 
 def check_command(terminal, command):
-    table = {key: (set(re.findall(r"\w+", kind)), meaning) for key, kind, meaning in rows(command)}
-    seen = set()
+    tables = tables_of(command)
+    kinds = {key: kind for table in tables for key, kind in table.kinds.items()}
+    seen, filled = set(), set()
     for form in FORMS.get(command, ("",)):
         run = f"lsctl {command} {form}".strip()
         status, objects = terminal.lsctl(command, *form.split())
         check(status == 0 and objects, f"{run}: exit status {status}, {objects}")
         for found in objects:
             if "error" in found:
-                check_failure(command, run, status, found)
+                check_failure(command, run, status, found, kinds)
                 continue
-            printed = list(keys_of(found))
-            for key, value in printed:
-                check(key in table, f"{run}: `{key}` is printed and not on the page")
-                check(key not in table or is_of(value, table[key][0]), f"{run}: `{key}` is {value!r}")
-            seen |= {key for key, _ in printed}
-            for key in table if "class" not in found else ():
-                absent = key not in found and not re.search(r"\.|\[", key) and not table[key][1].startswith("Only")
-                check(not absent, f"{run}: `{key}` is on the page and not printed")
-    for key in set(table) - seen:
-        check(table[key][1].startswith("Only"), f"lsctl {command}: `{key}` is on the page and never printed")
+            for key, value in keys_of(found):
+                row = row_of(key, kinds)
+                inside = [name for name in kinds if name.startswith((f"{key}.", f"{key}[]."))]
+                check(row or inside, f"{run}: `{key}` is printed and not on the page")
+                check(not row or is_of(value, kinds[row]), f"{run}: `{key}` is {value!r}, not of its type")
+                seen.add(row)
+                filled |= set(inside) if value else set()
+            absent = min((table.needed() - set(found) for table in tables), key=len)
+            check(not absent, f"{run}: on the page and not printed: {absent}")
+    for table in tables:
+        for key in set(table.kinds) - seen - table.optional:
+            if "[" not in key and "." not in key or key in filled:
+                check(False, f"lsctl {command}: `{key}` is on the page and never printed")
     failures = [(form, error, {}) for form, error in FAILURES.get(command, ())]
     if command not in WITHOUT_BUS:
         form = FORMS.get(command, ("",))[0]
@@ -109,16 +148,17 @@ def check_command(terminal, command):
         status, objects = terminal.lsctl(command, *form.split(), **environment)
         check(objects and objects[-1].get("error") == error and status != 0, f"{run}: {status}, {objects}")
         if objects:
-            check_failure(command, run, status, objects[-1])
-            check(("class" in table) == ("class" in objects[-1]), f"{run}: class in {objects[-1]}")
-    print(f"lsctl {command}: {len(table)} keys")
+            check_failure(command, run, status, objects[-1], kinds)
+            check(("class" in kinds) == ("class" in objects[-1]), f"{run}: class in {objects[-1]}")
+    print(f"lsctl {command}: {len(kinds)} keys")
 
 
-errors = {name: int(status) for name, status, _ in rows("Errors")}
+errors = {name: int(status) for names, status, _ in rows("Errors") for name in names}
 in_code = dict(re.findall(r'\{"(\w+)", LSCTL_(\w+)', (source / "client/lsctl/lsctl_output.cpp").read_text()))
 statuses = {"OK": 0, "FAILED": 1, "USAGE": 2, "NO_ANSWER": 3}
 told = {name: statuses[status] for name, status in in_code.items() if name != "answered"}
-check(told and set(told.items()) <= set(errors.items()), f"errors: not on the page: {set(told.items()) - set(errors.items())}")
+missing = set(told.items()) - set(errors.items())
+check(told and not missing, f"errors: not on the page: {missing}")
 
 commands = [name for name in sections if name != "Errors"]
 helped = subprocess.run([programs["lsctl"], "--help"], stdout=subprocess.PIPE, text=True, check=True, timeout=60).stdout
