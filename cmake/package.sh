@@ -117,7 +117,7 @@ build terminal -DLS_ROOT= -DLS_CLIENT=ON
 build sim -DLS_ROOT=. -DLS_SIMULATOR=ON
 
 printf 'Source: location-service\n\nPackage: location-service\nArchitecture: any\n' >"$work/shlibdeps/debian/control"
-for component in daemon platform library client dev; do
+for component in daemon platform library client python dev; do
     stage terminal "$component"
 done
 stage sim simulator
@@ -127,18 +127,19 @@ done
 [ "$architecture" = "$machine" ] || fetch_libraries
 
 rm -rf "$work/cpack"
-pack terminal daemon platform library client dev
+pack terminal daemon platform library client python dev
 pack sim simulator
-rm -f build/packages/*_"$architecture".deb
+rm -f build/packages/*_{"$architecture",all}.deb
 mv "$work"/cpack/*/*.deb build/packages/
 
-lintian --allow-root --fail-on error,warning build/packages/*_"$architecture".deb || fail "lintian is not content"
+made=(build/packages/*_{"$architecture",all}.deb)
+lintian --allow-root --fail-on error,warning "${made[@]}" || fail "lintian is not content"
 # This machine's are installed in a test. Of the others apt says whether it could, on a bare system.
 if [ "$architecture" != "$machine" ]; then
-    foreign_apt --no-install-recommends -s install ./build/packages/*_"$architecture".deb >"$work/install.log" 2>&1 ||
+    foreign_apt --no-install-recommends -s install "${made[@]/#/./}" >"$work/install.log" 2>&1 ||
         { tail -n 20 "$work/install.log" >&2; fail "the packages could not be installed"; }
 fi
-for package in build/packages/*_"$architecture".deb; do
+for package in "${made[@]}"; do
     echo "$package"
     dpkg-deb -f "$package" Depends | sed 's/^/    /'
 done

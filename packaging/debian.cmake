@@ -74,6 +74,15 @@ time, speed, satellites, power, periodic updates, history, engineering
 commands and settings, in people's units or as JSON.
 .
 Its users must be members of the groups terminal-bus and terminal-tools.")
+  ls_package(python python3-location-client python "python3:any (>= 3.9)"
+    "Python client of the terminal's location service"
+    "The module location_client: typed, blocking requests to the location service
+over the terminal's message bus, an iterator of position updates, and errors
+that say what is wrong, with the names and units of lsctl --json.
+.
+It is pure Python and speaks to the bus itself. Its users must be members of
+the groups terminal-bus and terminal-tools.")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
   ls_package(dev liblocation-client-dev libdevel
     "liblocation-client3 ${same}, terminal-platform ${same}"
     "development files of the terminal's location service"

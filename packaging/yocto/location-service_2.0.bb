@@ -10,7 +10,7 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=5005e8a491fd6235ead895e8375a8855"
 
 DEPENDS = "glib-2.0 sqlite3 cli11 nlohmann-json"
 
-inherit cmake pkgconfig systemd useradd externalsrc features_check
+inherit cmake pkgconfig python3-dir systemd useradd externalsrc features_check
 
 REQUIRED_DISTRO_FEATURES = "systemd"
 
@@ -25,9 +25,10 @@ EXTRA_OECMAKE = "\
     -DLS_MANUALS=OFF \
     -DLS_UNIT_DIR=${systemd_system_unitdir} \
     -DLS_UDEV_DIR=${nonarch_base_libdir}/udev/rules.d \
+    -DLS_PYTHON_DIR=${PYTHON_SITEPACKAGES_DIR} \
 "
 
-PACKAGES =+ "terminal-platform liblocation-client lsctl"
+PACKAGES =+ "terminal-platform liblocation-client lsctl python3-location-client"
 
 # The libraries' names have no version: they belong to the image, not to the development package.
 FILES_SOLIBSDEV = "${libdir}/liblocation_client.so"
@@ -43,6 +44,7 @@ FILES:terminal-platform = "\
 "
 FILES:liblocation-client = "${libdir}/liblocation_client.so.*"
 FILES:lsctl = "${bindir}/lsctl ${datadir}/bash-completion ${datadir}/zsh"
+FILES:python3-location-client = "${PYTHON_SITEPACKAGES_DIR}/location_client"
 FILES:${PN} = "\
     ${sbindir}/location_service \
     ${libexecdir}/location_service \
@@ -56,6 +58,7 @@ CONFFILES:terminal-platform = "${sysconfdir}/terminal.conf ${sysconfdir}/termina
 
 RDEPENDS:${PN} = "terminal-platform"
 RRECOMMENDS:${PN} = "lsctl"
+RDEPENDS:python3-location-client = "python3-modules"
 RDEPENDS:${PN}-dev = "terminal-platform liblocation-client"
 
 SYSTEMD_SERVICE:${PN} = "location_service.service"

@@ -11,7 +11,7 @@ skip() { echo "skipped: $*"; exit 77; }
 . "$source_dir/cmake/prepare.sh"
 need_packages g++ cmake pkg-config mmdebstrap systemd-container
 architecture=$(dpkg --print-architecture)
-packages=("$package_dir"/*_"$architecture".deb)
+packages=("$package_dir"/*_{"$architecture",all}.deb)
 [ -e "${packages[0]}" ] || { echo "FAILED: no packages in $package_dir: run cmake/package.sh" >&2; exit 1; }
 
 work=$(mktemp -d)
@@ -43,7 +43,7 @@ if [ -n "$kept" ] && [ -e "$kept" ]; then
     tar -xf "$kept" -C "$tree"
 else
     "$source_dir/cmake/debian-sources.sh" >"$work/sources"
-    mmdebstrap --variant=minbase --include=systemd,systemd-sysv,libglib2.0-0,libsqlite3-0 "" "$work/tree.tar" - \
+    mmdebstrap --variant=minbase --include=systemd,systemd-sysv,libglib2.0-0,libsqlite3-0,python3 "" "$work/tree.tar" - \
         <"$work/sources" 2>"$work/log" || { tail -n 20 "$work/log" >&2; exit 1; }
     tar -xf "$work/tree.tar" -C "$tree"
     [ -z "$kept" ] || mv "$work/tree.tar" "$kept"
@@ -62,8 +62,9 @@ step "a simulated terminal, by nobody"
 # shellcheck disable=SC2016  # for the shell inside
 inside setpriv --reuid=65534 --regid=65534 --clear-groups sh -c 'cd "$(mktemp -d)" && exec simterm run t \
     --daemon /usr/lib/simterm/location_service --instant-fix --place 70.1,11.5 --baud 0 -- \
-    sh -c "sleep 1; lsctl position"' >"$work/log" 2>&1 || fail "simterm run"
-grep -q '70\.1' "$work/log" || { cat "$work/log"; fail "no position from the simulated terminal"; }
+    sh -c "sleep 1; lsctl position; python3 /usr/share/doc/python3-location-client/examples/position.py"' \
+    >"$work/log" 2>&1 || fail "simterm run"
+{ grep -q '^Latitude .*70\.1' "$work/log" && grep -q '^70\.1' "$work/log"; } || { cat "$work/log"; fail "no position from the simulated terminal"; }
 
 step "programs built against the -dev package"
 "$source_dir/tests/package/dev.sh" "$tree" "$work/dev" || fail "-dev package"
