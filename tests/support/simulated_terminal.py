@@ -18,19 +18,19 @@ class Terminal:
         self.programs = programs  # "daemon", "simterm", "lsctl": their paths
         self.scratch = tempfile.TemporaryDirectory()
         self.dir = pathlib.Path(self.scratch.name, name)
-        self.environment = {**os.environ, "MQUTILS_DIR": str(self.dir / "bus"), "LSCTL_ROOT": str(self.dir),
-                            "DBHANDLER_FILE": str(self.dir / "user/settings.db"), "PYTHONDONTWRITEBYTECODE": "1"}
+        self.environment = {**os.environ, "PYTHONDONTWRITEBYTECODE": "1"}
         self.said = open(pathlib.Path(self.scratch.name, "said"), "w+", encoding="utf-8")
-        # cat begins when the daemon serves requests, and ends with its input.
+        # The command begins when the daemon serves requests, tells what simterm set for it, and ends with its input.
         self.process = subprocess.Popen(
             [programs["simterm"], "run", self.dir, "--daemon", programs["daemon"], "--baud", "0", "--instant-fix",
-             *options, "--", "cat"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.said, text=True)
-        try:
-            self.process.stdin.write("up\n")
-            self.process.stdin.flush()
-            assert self.process.stdout.readline() == "up\n"
-        except (OSError, AssertionError):
-            sys.exit(f"no terminal: {self.what_it_said()}")
+             *options, "--", "sh", "-c", "env; echo up; exec cat"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.said, text=True)
+        for line in iter(self.process.stdout.readline, "up\n"):
+            if not line:
+                sys.exit(f"no terminal: {self.what_it_said()}")
+            name, _, value = line.rstrip("\n").partition("=")
+            if str(self.dir) in value:
+                self.environment[name] = value
 
     def __enter__(self):
         return self
