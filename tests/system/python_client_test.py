@@ -157,7 +157,7 @@ class Board1(Requests, unittest.TestCase):
             self.addCleanup(self.terminal.ctl, "fault", "silent", "off")
             self.terminal.ctl("fault", "silent", "on")
             self.assertRaises(lc.NoReplyError, tool.get_position, 0.1)
-            self.assertRaises(lc.ReceiverTimeoutError, tool.get_position)
+            self.assertRaises(lc.ReceiverTimeoutError, tool.get_position, 60)  # the history asks, too
 
     def test_a_peer_among_others(self):
         with lc.Client(45) as client, self.assertRaises(lc.IdTakenError):
