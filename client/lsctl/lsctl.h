@@ -26,6 +26,7 @@ enum lsctl_exit : int {
     LSCTL_FAILED = 1,        // answered: failure
     LSCTL_USAGE = 2,         // wrong arguments; nothing was sent
     LSCTL_NO_ANSWER = 3,     // no answer, no service, no bus
+    LSCTL_RESTART = 4,       // of status and doctor: a restart of the service mends it
     LSCTL_SIGNAL = 128,      // plus the signal that ended it
     LSCTL_CLOSED_PIPE = 141, // nobody reads the standard output any more
 };
@@ -139,5 +140,8 @@ lsctl_runner lsctl_lpp(CLI::App &app);
 lsctl_runner lsctl_history(CLI::App &app);
 lsctl_runner lsctl_settings(CLI::App &app);
 lsctl_runner lsctl_static(CLI::App &app);
+lsctl_runner lsctl_status(CLI::App &app);
+lsctl_runner lsctl_wait(CLI::App &app);
+lsctl_runner lsctl_doctor(CLI::App &app);
 
 #endif

@@ -38,6 +38,9 @@ constexpr std::array COMMANDS = {
                   lsctl_history},
     lsctl_command{"settings", "Show or change the stored settings", lsctl_settings},
     lsctl_command{"static", "Show, set or end the static location", lsctl_static},
+    lsctl_command{"status", "Whether service and receiver are well, in one look", lsctl_status},
+    lsctl_command{"wait", "Wait until the service answers, or has a fix", lsctl_wait},
+    lsctl_command{"doctor", "What is wrong and what to do; a bundle for support", lsctl_doctor},
 };
 
 constexpr const char *FOOTER =

@@ -1,4 +1,5 @@
 // lsctl position, time, satellites: one request, one answer.
+#include "explain.h"
 #include "lsctl_text.h"
 
 namespace {
@@ -10,7 +11,8 @@ int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
     if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     const location_result result = ask(link.client, lsctl_timeout(options));
-    return result == LOCATION_ANSWERED ? show() : lsctl_fail(options, result, link.client);
+    return result == LOCATION_ANSWERED ? show()
+                                       : lsctl_fail_explained(options, result, link.client);
 }
 
 int run_position(const lsctl_options &options) {

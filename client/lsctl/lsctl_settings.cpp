@@ -274,6 +274,10 @@ bool lsctl_look_at_settings(db_settings *stored) {
     return look == DB_LOOK_STORED || look == DB_LOOK_ABSENT;
 }
 
+std::string lsctl_settings_file() {
+    return admin().file != nullptr ? admin().file() : "";
+}
+
 lsctl_runner lsctl_settings(CLI::App &app) {
     return lsctl_make<settings_command>(app);
 }

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "explain.h"
 #include "lsctl_sentence.h"
 #include "lsctl_text.h"
 
@@ -112,7 +113,7 @@ int speed_command::run(const lsctl_options &options) const {
     location_result result =
         location_client_get_speed(link.client, lsctl_timeout(options), &record);
     if (result != LOCATION_ANSWERED)
-        return lsctl_fail(options, result, link.client);
+        return lsctl_fail_explained(options, result, link.client);
     if (raw)
         return lsctl_show(options, lsctl_speed_json(record), lsctl_speed_text(record));
     lsctl_heard heard;
