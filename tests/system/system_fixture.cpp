@@ -117,8 +117,10 @@ terminal::terminal(const words &options, bool stand_ins)
     // Under a sanitizer lsctl does not look for what it loads by name where the program does.
     setenv("LD_LIBRARY_PATH", DBHANDLER_ADMIN_DIR, 1);
 #endif
-    words command = {SIMTERM_PROGRAM, "run",    root.string(), "--daemon",
-                     DAEMON_PROGRAM,  "--baud", "0",           "--instant-fix"};
+    words command = {SIMTERM_PROGRAM, "run",          root.string(),
+                     "--daemon",      DAEMON_PROGRAM, "--instant-fix"};
+    if (std::find(options.begin(), options.end(), "--baud") == options.end())
+        command.insert(command.end(), {"--baud", "0"});
     if (!stand_ins)
         command.emplace_back("--no-services");
     command.insert(command.end(), options.begin(), options.end());
