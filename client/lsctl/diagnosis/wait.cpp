@@ -47,7 +47,7 @@ std::optional<double> accuracy_in(const std::string &text) {
 
 void wait_command::add_options(CLI::App &app) {
     app.add_option("--for", what, "Until the service answers, or clients get a fix, or a good one")
-        ->option_text("service|fix|accuracy=METRES [service]")
+        ->option_text("service, fix or accuracy=METRES [service]")
         ->check([](const std::string &text) {
             return text == "service" || text == "fix" || accuracy_in(text)
                        ? std::string()
