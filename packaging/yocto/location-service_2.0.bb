@@ -49,6 +49,9 @@ FILES:${PN} = "\
     ${sbindir}/location_service \
     ${libexecdir}/location_service \
     ${systemd_system_unitdir}/location_service.service \
+    ${systemd_system_unitdir}/location-service-health.service \
+    ${systemd_system_unitdir}/location-service-health.timer \
+    ${nonarch_libdir}/systemd/system-preset/80-location-service-health.preset \
     ${nonarch_base_libdir}/udev/rules.d/60-location_service.rules \
     ${nonarch_libdir}/sysusers.d/location_service.conf \
     ${nonarch_libdir}/tmpfiles.d/location_service.conf \

@@ -23,6 +23,33 @@ tail -n 1 "$work/exposure"
 cat "$packaging/examples/suspend.conf" >>"$unit"
 exposure "$unit" >"$work/exposure" || fail "exposure with suspend.conf above 1.5: $(tail -n 1 "$work/exposure")"
 
+# The health check parses, is confined, and is for those who enable it.
+health=$work/location-service-health.service
+sed -e "s|=\(+\?\)/usr/libexec/location_service/|=\1$packaging/libexec/|" \
+    "$packaging/systemd/location-service-health.service" >"$health"
+cp "$packaging/systemd/location-service-health.timer" "$work"
+said=$(systemd-analyze verify --man=no "$health" "$work/location-service-health.timer" 2>&1 | grep -F health || true)
+[ -z "$said" ] || fail "verify: $said"
+systemd-analyze security --offline=yes --no-pager --threshold=20 "$health" >"$work/exposure" 2>&1 ||
+    fail "exposure of the health check above 2: $(tail -n 1 "$work/exposure")"
+grep -qx 'disable location-service-health.timer' "$packaging"/preset/*.preset || fail "the health check is enabled"
+
+# It restarts after the third status 4 in a row: what lsctl says, and the restarts there have been by then.
+mkdir "$work/bin" "$work/run"
+# shellcheck disable=SC2016  # for the script
+printf '#!/bin/sh\nexit "$SAYS"\n' >"$work/bin/lsctl"
+printf '#!/bin/sh\necho "$*" >>"%s"\n' "$work/restarts" >"$work/bin/systemctl"
+chmod +x "$work"/bin/*
+: >"$work/restarts"
+for row in 4:0 4:0 1:0 4:0 4:0 4:1 4:1 0:1 1:1 1:1 1:1 3:1 4:1 4:1 3:1 4:1 4:1 4:2; do
+    for step in '' restart; do
+        # shellcheck disable=SC2086  # no argument is no argument
+        SAYS=${row%:*} RUNTIME_DIRECTORY=$work/run PATH=$work/bin:$PATH "$packaging/libexec/health-check" $step \
+            >/dev/null || fail "health-check $step with $row"
+    done
+    [ "$(grep -cx 'try-restart location_service.service' "$work/restarts")" = "${row#*:}" ] || fail "restarts at $row"
+done
+
 # A second line of one of these would widen the sandbox, or the limit of starts, unseen: exactly these, once.
 while read -r setting; do
     found=$(grep "^${setting%%=*}=" "$packaging/systemd/location_service.service" || true)

@@ -43,6 +43,7 @@ define LOCATION_SERVICE_PERMISSIONS
 	/etc/terminal-bus.policy f 644 0 0 - - - - -
 	/usr/libexec/location_service/power-lines f 755 0 0 - - - - -
 	/usr/libexec/location_service/history-ring f 755 0 0 - - - - -
+	/usr/libexec/location_service/health-check f 755 0 0 - - - - -
 endef
 
 # CMake installs it, too; this is where Buildroot looks for a service.
