@@ -26,7 +26,7 @@ struct outcome {
 // In the order of location_result.
 constexpr std::array<outcome, 19> OUTCOMES = {{
     {"answered", LSCTL_OK, ""},
-    {"failed", LSCTL_FAILED, " (the receiver may have no fix yet)"},
+    {"failed", LSCTL_FAILED, ""},
     {"receiver_timeout", LSCTL_FAILED, ""},
     {"gate_closed", LSCTL_FAILED, ""},
     {"receiver_off", LSCTL_NO_ANSWER, ""},

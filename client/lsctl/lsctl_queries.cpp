@@ -4,15 +4,15 @@
 
 namespace {
 
-// Connects, asks, and shows what came.
+// Connects, asks, and shows what came. `also`: see lsctl_fail_explained.
 template <class ask_fn, class show_fn>
-int run_query(const lsctl_options &options, ask_fn ask, show_fn show) {
+int run_query(const lsctl_options &options, ask_fn ask, show_fn show, std::string_view also = {}) {
     const lsctl_link link(options.as);
     if (link.result != LOCATION_ANSWERED)
         return lsctl_fail(options, link.result);
     const location_result result = ask(link.client, lsctl_timeout(options));
     return result == LOCATION_ANSWERED ? show()
-                                       : lsctl_fail_explained(options, result, link.client);
+                                       : lsctl_fail_explained(options, result, link.client, also);
 }
 
 int run_position(const lsctl_options &options) {
@@ -63,7 +63,8 @@ int run_satellites(const lsctl_options &options) {
         },
         [&] {
             return lsctl_show(options, lsctl_satellites_json(info), lsctl_satellites_text(info));
-        });
+        },
+        "full_sky");
 }
 
 } // namespace

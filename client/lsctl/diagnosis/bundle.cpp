@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 
 constexpr size_t LOG_LIMIT = 4U << 20;   // bytes of its end
 constexpr size_t FILE_LIMIT = 16U << 20; // of any other file
-constexpr size_t STATIC_SWITCH = 21;     // bytes of the static location's file before its place
 constexpr int CHILD_PATIENCE_MS = 60'000;
 constexpr const char *INSIDE = "location-service-bundle";
 
@@ -93,7 +92,7 @@ std::string journal(const fs::path &scratch, bool with_debug) {
     if (out.fd < 0 ||
         run_into(out.fd, {"journalctl", "--unit=location_service", "--lines=20000", "--no-pager",
                           "--output=short-iso", with_debug ? "--priority=7" : "--priority=6"}) != 0)
-        return "the system's log cannot be read: " + std::string(std::strerror(errno)) + "\n";
+        return "the system's log cannot be read: journalctl failed, or is not there\n";
     const std::string text = read_file(scratch, LOG_LIMIT, true).value_or("");
     fs::remove(scratch);
     return text;
@@ -110,9 +109,10 @@ std::string log_text(const facts &found, const fs::path &scratch, bool with_posi
 }
 
 std::string settings_text(const file_facts &files) {
-    if (files.settings != settings_state::read)
-        return "not read\n";
     std::ostringstream text;
+    text << "static_location_on " << files.static_on << "\n";
+    if (files.settings != settings_state::read)
+        return text.str() + "settings not read\n";
     text << "gps_power_on_status " << files.stored_power << "\nantenna_type "
          << files.stored_antenna << "\nhistory_on " << files.history_on << "\nhistory_interval_s "
          << files.history_interval_s << "\n";
@@ -127,13 +127,6 @@ std::string fill(const fs::path &directory, const facts &found, const std::strin
         std::optional<std::string> text; // none: there is none
     };
     const places &where = found.where;
-    std::optional<std::string> switched =
-        read_file(where.in_user("stub_location/stub_loc.gps"), 4096);
-    if (switched && !with_positions)
-        switched->resize(std::min(switched->size(), STATIC_SWITCH));
-    // A switch that is shorter than its columns would have the place among its bytes.
-    if (switched && !with_positions)
-        switched->resize(std::min(switched->size(), switched->find('\n')));
     std::vector<content> contents = {
         {"report.txt", report},
         {"report.json", report_json},
@@ -141,12 +134,12 @@ std::string fill(const fs::path &directory, const facts &found, const std::strin
         {"terminal.conf", read_file(where.hal, FILE_LIMIT)},
         {"gps_control_prm.txt", read_file(where.in_user("gps_control_prm.txt"), FILE_LIMIT)},
         {"policy", read_file(where.bus + "/policy", FILE_LIMIT)},
-        {"stub_loc.gps", switched},
         {"service.log", log_text(found, directory / "journal", with_positions)},
     };
     if (with_positions) {
-        contents.push_back({"location_history",
-                            read_file(where.in_user("location/location_history"), FILE_LIMIT)});
+        for (const char *name : {"location/location_history", "stub_location/stub_loc.gps"})
+            contents.push_back(
+                {fs::path(name).filename(), read_file(where.in_user(name), FILE_LIMIT)});
     }
     for (const content &each : contents)
         if (each.text && !write_whole(directory / each.name, *each.text))
@@ -154,27 +147,38 @@ std::string fill(const fs::path &directory, const facts &found, const std::strin
     return "";
 }
 
+// A number with three digits behind its point, as every coordinate has.
+bool has_long_fraction(std::string_view text) {
+    size_t digits = 0;
+    bool behind_point = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const bool is_digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+        if (is_digit && behind_point && ++digits == 3)
+            return true;
+        if (!is_digit) {
+            behind_point = text[i] == '.' && i > 0 &&
+                           std::isdigit(static_cast<unsigned char>(text[i - 1])) != 0;
+            digits = 0;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 std::string without_positions(const std::string &log) {
+    // Sentences, bytes, the level at which all of these are, and what the LPP parameters say.
+    constexpr std::array MARKS = {"$", "0x", " debug ", "itude", "cart_"};
     std::istringstream lines(log);
     std::string kept;
     size_t left_out = 0;
     for (std::string line; std::getline(lines, line);) {
-        bool tells = line.find('$') != std::string::npos ||
-                     line.find(" debug ") != std::string::npos ||
-                     line.find("0x") != std::string::npos;
-        // Three digits behind a point and more: less is a time of the log's own, or a version. A
-        // coordinate of a sentence has three or more, the service's own numbers have six.
-        const size_t text = line.find_first_of("Z ") + 1;
-        for (size_t at = line.find('.', text); !tells && at != std::string::npos;
-             at = line.find('.', at + 1)) {
-            const auto is_digit = [&](size_t i) {
-                return i < line.size() && std::isdigit(static_cast<unsigned char>(line[i])) != 0;
-            };
-            tells = at > 0 && is_digit(at - 1) && is_digit(at + 1) && is_digit(at + 2) &&
-                    is_digit(at + 3);
-        }
+        // Behind the line's own time, which may have three digits of a second.
+        const std::string_view text =
+            std::string_view(line).substr(line.find(' ') == std::string::npos ? 0 : line.find(' '));
+        bool tells = has_long_fraction(text);
+        for (const char *mark : MARKS)
+            tells = tells || text.find(mark) != std::string_view::npos;
         if (tells)
             ++left_out;
         else

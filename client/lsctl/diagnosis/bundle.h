@@ -15,7 +15,7 @@ std::string bundle_write(const std::string &path, const facts &found, const std:
                          const std::string &report_json, bool with_positions);
 
 // The lines of a log that tell no position: none of the level debug, none with a sentence of the
-// receiver, bytes, or a number that could be a coordinate.
+// receiver, bytes, coded coordinates, or a number that could be one.
 std::string without_positions(const std::string &log);
 
 } // namespace diagnosis

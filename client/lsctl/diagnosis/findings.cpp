@@ -203,12 +203,13 @@ int exit_of(severity level) {
     return STATUSES.at(static_cast<size_t>(level));
 }
 
-const finding *explanation_in(const std::vector<finding> &findings) {
-    const auto found = std::find_if(findings.begin(), findings.end(), [](const finding &each) {
+const finding *explanation_in(const std::vector<finding> &findings, std::string_view also) {
+    const auto explains = [also](const finding &each) {
         const std::string_view name = each.name;
-        return each.level != severity::healthy && name != "wrong_date" &&
-               name != "settings_damaged" && !name.starts_with("history_");
-    });
+        return name == also || (each.level != severity::healthy && name != "wrong_date" &&
+                                name != "settings_damaged" && !name.starts_with("history_"));
+    };
+    const auto found = std::find_if(findings.begin(), findings.end(), explains);
     return found == findings.end() ? nullptr : &*found;
 }
 

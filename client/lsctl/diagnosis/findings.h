@@ -28,8 +28,9 @@ std::vector<finding> judge(const facts &found);
 severity worst_of(const std::vector<finding> &findings);
 int exit_of(severity level);
 
-// The finding that explains why a query of the receiver failed; null: none of these does.
-const finding *explanation_in(const std::vector<finding> &findings);
+// The finding that explains why a query of the receiver failed; null: none of these does. `also`
+// is one that explains this query besides.
+const finding *explanation_in(const std::vector<finding> &findings, std::string_view also = {});
 
 // "board type 1", or why the gate is closed.
 std::string gate_text(const facts &found);

@@ -61,7 +61,7 @@ void doctor_command::add_options(CLI::App &app) {
                                        "Pack report, log, settings and configuration for support")
                             ->option_text("FILE.tar.gz");
     app.add_flag("--with-positions", with_positions,
-                 "Leave what tells positions in the bundle: history, static location, whole log")
+                 "Put in what tells positions: history, static location, whole log")
         ->needs(file);
 }
 
