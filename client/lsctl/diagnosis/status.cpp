@@ -9,10 +9,14 @@ namespace {
 
 using namespace diagnosis;
 
+constexpr const char *FOOTER = "Exit status: 0 healthy, 1 degraded, 3 no answer, 4 degraded, and a "
+                               "restart of the service mends it.";
+
 struct status_command {
     bool quiet = false;
 
     void add_options(CLI::App &app) {
+        app.footer(FOOTER);
         app.add_flag("-q,--quiet", quiet, "Nothing but the exit status");
     }
     int run(const lsctl_options &options) const;
@@ -57,6 +61,7 @@ int status_command::run(const lsctl_options &options) const {
 }
 
 void doctor_command::add_options(CLI::App &app) {
+    app.footer(FOOTER);
     CLI::Option *file = app.add_option("--bundle", bundle,
                                        "Pack report, log, settings and configuration for support")
                             ->option_text("FILE.tar.gz");
