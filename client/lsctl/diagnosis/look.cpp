@@ -14,6 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr double DAY_S = 86400;
+constexpr double CLIENT_ASKS_S = 1.9; // by then the client may have asked for the power mode
 constexpr std::string_view ASK_ZDA = "GPGPQ,ZDA";
 
 // What is left of the look's time; 1 ms at least, which the client wants.
@@ -125,8 +126,14 @@ void ask_service(location_client *client, const patience &wait, facts &found) {
     if (found.power != LOCATION_ANSWERED)
         return;
     found.power_mode = mode;
-    if (mode == GPS_POWER_ON)
-        ask_receiver(client, wait, found, found.receiver);
+    if (mode != GPS_POWER_ON)
+        return;
+    ask_receiver(client, wait, found, found.receiver);
+    // In a long wait the client itself asks for the power mode, and gets the answer behind the one
+    // that it waits for. Whoever leaves before that has the service log an error: so that is asked
+    // once more, and its answer awaited.
+    if (found.receiver.took_s >= CLIENT_ASKS_S)
+        location_client_get_power(client, std::min(wait.left(), milliseconds(1000)), &mode);
 }
 
 } // namespace
