@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(libc6-dev libgcc-s1 libstdc++6 libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
-    libgtest-dev)
+    libncurses-dev libgtest-dev)
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 # What neither the compiler nor a program under the emulator reads. The emulator looks up every path in the
 # sysroot first: /etc, /tmp and the like must not exist there.

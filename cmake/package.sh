@@ -72,7 +72,7 @@ fetch_libraries() {
     : >"$apt/status"
     cmake/debian-sources.sh >"$apt/sources.list"
     (cd "$apt/debs" && foreign_apt update &&
-        foreign_apt download libc6 libgcc-s1 libstdc++6 libglib2.0-0 libsqlite3-0) >"$apt/log" 2>&1 ||
+        foreign_apt download libc6 libgcc-s1 libstdc++6 libglib2.0-0 libsqlite3-0 libncurses6 libtinfo6) >"$apt/log" 2>&1 ||
         { tail -n 20 "$apt/log" >&2; fail "the libraries could not be fetched"; }
     for package in "$apt"/debs/*.deb; do
         dpkg-deb -R "$package" "$work/libraries/$(dpkg-deb -f "$package" Package)"

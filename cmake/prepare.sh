@@ -2,7 +2,8 @@
 # Sourced by ./run, ./test and .ci/run: the packages they need, and configuring and building a preset.
 # The caller stands in the project's directory.
 
-build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
+    libncurses-dev)
 test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps libxml2-utils python3 zsh asciidoctor
     mandoc man-db systemd make kconfig-frontends-nox)
 analysis_packages=(clang-format clang-tidy shellcheck)

@@ -134,6 +134,7 @@ lsctl_runner lsctl_speed(CLI::App &app);
 lsctl_runner lsctl_power(CLI::App &app);
 lsctl_runner lsctl_watch(CLI::App &app);
 lsctl_runner lsctl_stream(CLI::App &app);
+lsctl_runner lsctl_monitor(CLI::App &app);
 lsctl_runner lsctl_nmea(CLI::App &app);
 lsctl_runner lsctl_ubx(CLI::App &app);
 lsctl_runner lsctl_lpp(CLI::App &app);

@@ -31,6 +31,7 @@ constexpr std::array COMMANDS = {
     lsctl_command{"power", "Show or change the receiver's power mode", lsctl_power},
     lsctl_command{"watch", "Position updates as they come", lsctl_watch},
     lsctl_command{"stream", "Positions for programs that read a receiver, or gpsd", lsctl_stream},
+    lsctl_command{"monitor", "Position, satellites and errors on a full screen", lsctl_monitor},
     lsctl_command{"nmea", "Send an NMEA sentence to the receiver", lsctl_nmea},
     lsctl_command{"ubx", "Send a UBX frame to the receiver", lsctl_ubx},
     lsctl_command{"lpp", "LPP location parameters, asked as SAL", lsctl_lpp},

@@ -8,7 +8,7 @@ SECTION = "net"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=5005e8a491fd6235ead895e8375a8855"
 
-DEPENDS = "glib-2.0 sqlite3 cli11 nlohmann-json"
+DEPENDS = "glib-2.0 sqlite3 cli11 nlohmann-json ncurses"
 
 inherit cmake pkgconfig python3-dir systemd useradd externalsrc features_check
 

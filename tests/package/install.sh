@@ -43,7 +43,7 @@ if [ -n "$kept" ] && [ -e "$kept" ]; then
     tar -xf "$kept" -C "$tree"
 else
     "$source_dir/cmake/debian-sources.sh" >"$work/sources"
-    mmdebstrap --variant=minbase --include=systemd,systemd-sysv,libglib2.0-0,libsqlite3-0,python3 "" "$work/tree.tar" - \
+    mmdebstrap --variant=minbase --include=systemd,systemd-sysv,libglib2.0-0,libsqlite3-0,libncurses6,python3 "" "$work/tree.tar" - \
         <"$work/sources" 2>"$work/log" || { tail -n 20 "$work/log" >&2; exit 1; }
     tar -xf "$work/tree.tar" -C "$tree"
     [ -z "$kept" ] || mv "$work/tree.tar" "$kept"

@@ -57,7 +57,7 @@ if command -v kconfig-conf >/dev/null; then
             TOOLCHAIN_GCC_AT_LEAST_12 INIT_SYSTEMD; do
             printf 'config BR2_%s\n\tbool\n\tdefault y\n' $symbol
         done
-        for symbol in LIBGLIB2 SQLITE CLI11 JSON_FOR_MODERN_CPP; do
+        for symbol in LIBGLIB2 SQLITE CLI11 JSON_FOR_MODERN_CPP NCURSES; do
             printf 'config BR2_PACKAGE_%s\n\tbool "%s"\n' $symbol $symbol
         done
         printf 'source "%s"\n' "$package/Config.in"
@@ -65,7 +65,7 @@ if command -v kconfig-conf >/dev/null; then
     (cd "$work" && echo 'CONFIG_BR2_PACKAGE_LOCATION_SERVICE=y' >.config &&
         kconfig-conf --olddefconfig Config.in >said 2>&1) || fail "Config.in: $(cat "$work/said")"
     ! grep -Ei 'warning|error' "$work/said" || fail "Config.in"
-    for symbol in SQLITE LIBGLIB2 CLI11 JSON_FOR_MODERN_CPP; do
+    for symbol in SQLITE LIBGLIB2 CLI11 JSON_FOR_MODERN_CPP NCURSES; do
         grep -q "BR2_PACKAGE_$symbol=y" "$work/.config" || fail "Config.in does not select $symbol"
     done
 else

@@ -1,0 +1,105 @@
+"""lsctl monitor as its user sees it: in a pseudo-terminal, on a simulated terminal.
+
+Usage: monitor_test.py SOURCE_DIR LSCTL SIMTERM DAEMON
+"""
+
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+source, lsctl, simterm, daemon = sys.argv[1:5]
+sys.path.insert(0, f"{source}/docs/pictures")
+from terminal_screen import Terminal  # noqa: E402
+
+wrong = 0
+
+
+def expect(what, holds, seen=""):
+    global wrong
+    if not holds:
+        wrong += 1
+        print(f"{what}: not so. Seen:\n{seen}")
+
+
+def ctl(*words):
+    subprocess.run([simterm, "ctl", directory, *words], check=True, stdout=subprocess.DEVNULL, timeout=90)
+
+
+def comes(view, pattern):
+    expect(f"'{pattern}' comes", view.wait_for(pattern), view.screen.text())
+
+
+def ends(view, status):
+    expect(f"it ends with {status}", (found := view.end()) == status, found)
+    expect("the screen is given back", view.screen.alternate is False and view.screen.shown_cursor is not False,
+           view.output[-80:])
+
+
+def refuses(arguments, **environment):
+    done = subprocess.run(["script", "-qec", f"{lsctl} monitor {arguments}", "/dev/null"], text=True, timeout=60,
+                          stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, env={**os.environ, **environment})
+    expect(f"refused: {arguments} {environment}", done.returncode == 2 and "\x1b" not in done.stdout and
+           "monitor" in done.stdout, done)
+
+
+with tempfile.TemporaryDirectory() as root:
+    directory = f"{root}/terminal"
+    running = subprocess.Popen([simterm, "run", directory, "--daemon", daemon, "--instant-fix", "--place",
+                                "-33.85678,-70.5,12.5", "--baud", "0", "--", "cat"],
+                               stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    os.environ.update(MQUTILS_DIR=f"{directory}/bus", LC_ALL="C")
+    try:
+        while not os.path.exists(f"{directory}/bus/8"):
+            time.sleep(0.05)
+        view = Terminal([lsctl, "monitor"])
+        comes(view, r"33\.856780 deg S +70\.500000 deg W")
+        comes(view, r"Altitude +12\.5 m")
+        comes(view, r"Speed 0\.\d km/h")
+        comes(view, r"System clock 0\.\d s")
+        comes(view, r"\*\d\d \d\d #+")  # a bar
+        comes(view, r"\.\..*\d\d\*")  # on the map
+        view.type("d")
+        comes(view, r"33 deg 51\.4068' S")
+        view.type("?")
+        comes(view, "Ctrl-C  end")
+        view.type("?")
+        view.resize(10, 40)
+        comes(view, r"(?m)^33 deg 51\.4068' S 70 deg 30\.0000' W$")
+        comes(view, r"(?m)^No error so far$")
+        view.resize(24, 80)
+        ctl("fault", "no-fix", "on")
+        comes(view, r"(?s)the receiver has no fix.*\(last known\).*Now: the receiver answers")
+        ctl("fault", "no-fix", "off")
+        comes(view, "Last error")
+        ctl("fault", "checksum", "on")
+        comes(view, r"(?s)no word from the receiver.*\(last known\).*Now: .*damaged")
+        ctl("fault", "checksum", "off")
+        ctl("restart-daemon")
+        comes(view, r"33 deg 51\.4068' S +70 deg 30\.0000' W\n")
+        view.type("q")
+        ends(view, 0)
+        # Nothing that is 0 N 0 E before there is a fix; without colours; ended in the two other ways.
+        ctl("fault", "no-fix", "on")
+        for terminal, number in (("vt100", signal.SIGTERM), ("xterm", signal.SIGINT)):
+            view = Terminal([lsctl, "monitor"], term=terminal)
+            comes(view, "Position +none so far")
+            comes(view, "the receiver has no fix")
+            expect("no coordinates", " deg" not in view.screen.text(), view.screen.text())
+            if number == signal.SIGTERM:
+                view.signal(number)
+                expect("it ends by SIGTERM", view.end() == 128 + number)
+            else:
+                view.type("\x03")
+                ends(view, 128 + number)
+        refuses("", TERM="dumb")
+        refuses("", TERM="")
+        refuses("| cat; exit ${PIPESTATUS[0]}", SHELL="/bin/bash", TERM="xterm")
+        refuses("--json", TERM="xterm")
+    finally:
+        running.stdin.close()
+        running.wait(60)
+print(f"{wrong} wrong")
+sys.exit(1 if wrong else 0)
