@@ -16,6 +16,7 @@ enum class kind {
     plain,  // on or off
     number, // on with a number, which has a default
     frame,  // a list of UBX frames, each switched by itself
+    times,  // on, or on for once; `highest` stands for always
 };
 
 // A fault has exactly one of the members that belong to its kind.
@@ -99,9 +100,9 @@ const std::array<fault, 16> FAULTS{{
     plain_fault(
         "week-rollover", [](fault_targets t) -> bool & { return t.receiver.week_rollover; },
         "dates are 1024 weeks in the past"),
-    plain_fault(
-        "ta-silent", [](fault_targets t) -> bool & { return t.ta.silent; },
-        "the TA answers nothing (board 2)"),
+    {"ta-silent", "once", kind::times, 1, TA_LOSES_ALL, TA_LOSES_ALL, nullptr,
+     [](fault_targets t) -> unsigned & { return t.ta.lost; }, nullptr,
+     "the TA answers nothing, or loses one answer (board 2)"},
     number_fault(
         "ta-late", "MS", 1, LONGEST_DELAY_MS, TA_LATE_MS,
         [](fault_targets t) -> unsigned & { return t.ta.late_ms; },
@@ -169,6 +170,16 @@ bool switch_frame(const fault &entry, fault_targets targets, std::string_view ar
     return true;
 }
 
+bool switch_times(const fault &entry, fault_targets targets, std::string_view argument, bool on,
+                  std::string &error) {
+    if (!argument.empty() && argument != entry.argument) {
+        error = std::string("fault ") + entry.name + ": the argument must be " + entry.argument;
+        return false;
+    }
+    entry.value(targets) = !on ? 0 : argument.empty() ? entry.highest : entry.lowest;
+    return true;
+}
+
 // "" = off.
 std::string state_of(const fault &entry, fault_targets targets) {
     switch (entry.type) {
@@ -178,6 +189,10 @@ std::string state_of(const fault &entry, fault_targets targets) {
         if (entry.flag != nullptr && entry.value(targets) == 0)
             return entry.flag(targets) ? "on" : "";
         return entry.value(targets) == 0 ? "" : std::to_string(entry.value(targets));
+    case kind::times:
+        return entry.value(targets) == 0               ? ""
+               : entry.value(targets) == entry.highest ? "on"
+                                                       : entry.argument;
     case kind::frame:
         break;
     }
@@ -207,6 +222,8 @@ bool fault_switch(fault_targets targets, std::string_view name, std::string_view
         return switch_plain(*found, targets, argument, on, error);
     case kind::number:
         return switch_number(*found, targets, argument, on, error);
+    case kind::times:
+        return switch_times(*found, targets, argument, on, error);
     case kind::frame:
         break;
     }

@@ -12,7 +12,8 @@ namespace {
 
 // Thread of the loop.
 verb_targets target{};
-int restart_client = -1; // waits for a restart of the daemon
+daemon_wish wish = daemon_wish::none;
+int wishing_client = -1; // waits for what it wished
 
 using words_of = const std::vector<std::string> &;
 using answer = std::optional<control_reply>;
@@ -47,13 +48,30 @@ answer on_power(words_of, int) {
     return control_reply{true, target.power()};
 }
 
-answer on_restart(words_of, int client) {
+answer wish_for(daemon_wish what, int client) {
     if (!target.have_daemon())
         return control_reply{false, "no daemon was started with --daemon\n"};
-    if (restart_client >= 0)
-        return control_reply{false, "a restart is under way\n"};
-    restart_client = client;
+    if (wish != daemon_wish::none)
+        return control_reply{false, "another change of the daemon is under way\n"};
+    if (what != daemon_wish::restart && target.daemon_running() != (what == daemon_wish::kill)) {
+        return control_reply{false, what == daemon_wish::kill ? "the daemon is not running\n"
+                                                              : "the daemon is running\n"};
+    }
+    wish = what;
+    wishing_client = client;
     return std::nullopt;
+}
+
+answer on_restart(words_of, int client) {
+    return wish_for(daemon_wish::restart, client);
+}
+
+answer on_kill(words_of, int client) {
+    return wish_for(daemon_wish::kill, client);
+}
+
+answer on_start(words_of, int client) {
+    return wish_for(daemon_wish::start, client);
 }
 
 answer on_antenna(words_of words, int) {
@@ -100,12 +118,14 @@ struct verb {
     answer (*act)(words_of words, int client);
 };
 
-constexpr std::array<verb, 10> VERBS{{
+constexpr std::array<verb, 12> VERBS{{
     {"status", 1, "status", "everything in a few lines", on_status},
     {"faults", 1, "faults", "every fault and its state", on_faults},
     {"fault", 0, "fault NAME [ARG] on|off", "switch a fault", on_fault},
     {"power", 1, "power", "the receiver's power lines", on_power},
     {"restart-daemon", 1, "restart-daemon", "stop the daemon and start it again", on_restart},
+    {"kill-daemon", 1, "kill-daemon", "kill the daemon (SIGKILL); the terminal stays", on_kill},
+    {"start-daemon", 1, "start-daemon", "start the daemon that was killed or has died", on_start},
     {"antenna", 2, "antenna TYPE", "the TA announces this antenna type (1418)", on_antenna},
     {"cfun", 2, "cfun LEVEL", "the modem announces this cfun level (201)", on_cfun},
     {"sal", 2, "sal request-location", "SAL asks for the LPP parameters (208)", on_sal},
@@ -140,13 +160,14 @@ answer verbs_handle(words_of words, int client) {
     return control_reply{false, "unknown request; \"help\" lists them\n"};
 }
 
-bool verbs_restart_wanted() {
-    return restart_client >= 0;
+daemon_wish verbs_daemon_wish() {
+    return wish;
 }
 
-void verbs_restart_done(bool ok, const std::string &error) {
-    control_answer(restart_client, {ok, ok ? "" : error + "\n"});
-    restart_client = -1;
+void verbs_daemon_done(bool ok, const std::string &error) {
+    control_answer(wishing_client, {ok, ok ? "" : error + "\n"});
+    wish = daemon_wish::none;
+    wishing_client = -1;
 }
 
 } // namespace sim

@@ -17,7 +17,8 @@ struct verb_targets {
     std::string (*faults)(); // one line per fault
     std::string (*power)();  // the receiver's power lines
     bool (*fault)(std::string_view name, std::string_view argument, bool on, std::string &error);
-    bool (*have_daemon)(); // one was asked for
+    bool (*have_daemon)();    // one was asked for
+    bool (*daemon_running)(); // now
 };
 
 void verbs_use(const verb_targets &terminal); // before the first verbs_handle
@@ -25,9 +26,11 @@ void verbs_use(const verb_targets &terminal); // before the first verbs_handle
 // The control_handler of simterm, on the thread of the loop.
 std::optional<control_reply> verbs_handle(const std::vector<std::string> &words, int client);
 
-// Somebody waits for a restart of the daemon, which the run carries out and then reports.
-bool verbs_restart_wanted();
-void verbs_restart_done(bool ok, const std::string &error);
+// What somebody wants to be done to the daemon, and waits for: the run carries it out and then
+// reports.
+enum class daemon_wish { none, restart, start, kill };
+daemon_wish verbs_daemon_wish();
+void verbs_daemon_done(bool ok, const std::string &error);
 
 } // namespace sim
 

@@ -26,7 +26,7 @@ struct services_host {
     // `handler` is called when `when` says so; empty = not now.
     void (*add_timer)(std::function<std::optional<double>()> when, std::function<void()> handler);
     void (*line_send)(std::span<const uint8_t> command); // board 2: to the receiver
-    const ta_faults &(*faults)();
+    ta_faults &(*faults)();
     void (*tell)(const char *service, const std::string &what); // one line for people
 };
 

@@ -11,11 +11,13 @@ namespace {
 
 constexpr double RECEIVER_PATIENCE_S = 3.0;
 
-void finish(ta &unit, std::span<const uint8_t> answer, const ta_faults &faults, double now) {
+void finish(ta &unit, std::span<const uint8_t> answer, ta_faults &faults, double now) {
     const ta_request request = std::move(*unit.current);
     unit.current.reset();
-    if (faults.silent)
+    if (faults.lost != 0) {
+        faults.lost -= faults.lost == TA_LOSES_ALL ? 0 : 1;
         return;
+    }
     ta_reply reply{request.hdr, {}, now + faults.late_ms / 1000.0};
     std::copy(request.command.begin(), request.command.end(), reply.payload.command);
     const size_t length = std::min(answer.size(), GPS_DATA_RSP_SIZE);
@@ -52,13 +54,12 @@ std::optional<std::vector<uint8_t>> ta_next_command(ta &unit, double now) {
     return unit.current->command;
 }
 
-void ta_take_answer(ta &unit, std::span<const uint8_t> answer, const ta_faults &faults,
-                    double now) {
+void ta_take_answer(ta &unit, std::span<const uint8_t> answer, ta_faults &faults, double now) {
     if (unit.current.has_value())
         finish(unit, answer, faults, now);
 }
 
-std::vector<ta_reply> ta_due_replies(ta &unit, const ta_faults &faults, double now) {
+std::vector<ta_reply> ta_due_replies(ta &unit, ta_faults &faults, double now) {
     if (unit.current.has_value() && now >= unit.patience_until)
         finish(unit, {}, faults, now);
     // Not in the order of the requests: a late one does not hold up those after the fault has

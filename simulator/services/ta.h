@@ -9,6 +9,7 @@
 #include "gps_data.h"
 #include "mqutils.h"
 
+#include <climits>
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -18,8 +19,10 @@
 
 namespace sim {
 
+constexpr unsigned TA_LOSES_ALL = UINT_MAX;
+
 struct ta_faults {
-    bool silent = false;         // no reply to any request
+    unsigned lost = 0;           // so many replies are still to be lost, or TA_LOSES_ALL
     unsigned late_ms = 0;        // replies go out this much later
     unsigned claimed_length = 0; // length that replies claim instead of their own; 0 = their own
 };
@@ -50,11 +53,11 @@ bool ta_take_request(ta &unit, const msg_hdr &hdr, std::span<const uint8_t> payl
 std::optional<std::vector<uint8_t>> ta_next_command(ta &unit, double now);
 
 // The receiver said something: the answer of the present exchange. Without one it is ignored.
-void ta_take_answer(ta &unit, std::span<const uint8_t> answer, const ta_faults &faults, double now);
+void ta_take_answer(ta &unit, std::span<const uint8_t> answer, ta_faults &faults, double now);
 
 // The replies that go on the bus now. An exchange that the receiver leaves unanswered for three
 // seconds ends with an empty answer.
-std::vector<ta_reply> ta_due_replies(ta &unit, const ta_faults &faults, double now);
+std::vector<ta_reply> ta_due_replies(ta &unit, ta_faults &faults, double now);
 
 // When ta_due_replies has something to do; empty = not by itself.
 std::optional<double> ta_next_event(const ta &unit);

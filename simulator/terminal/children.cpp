@@ -178,6 +178,17 @@ bool children_stop_daemon() {
     return orderly;
 }
 
+void children_kill_daemon() {
+    look_at_children();
+    if (daemon_pid < 0)
+        return;
+    const pid_t pid = std::exchange(daemon_pid, -1);
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    say_event("daemon killed: %s", process_outcome(status).c_str());
+}
+
 bool children_start_command(std::string &error) {
     command_end.reset();
     command_pid = process_start(
@@ -189,9 +200,18 @@ bool children_have_daemon() {
     return !asked->daemon.empty();
 }
 
+bool children_daemon_running() {
+    look_at_children();
+    return daemon_pid > 0;
+}
+
 bool children_daemon_died() {
     look_at_children();
     return daemon_end.has_value();
+}
+
+void children_forget_death() {
+    daemon_end.reset();
 }
 
 void children_report_death() {

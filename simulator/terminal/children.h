@@ -27,10 +27,15 @@ bool children_start_daemon(std::string &error, const std::function<bool()> &canc
 // then does not end with success any more.
 bool children_stop_daemon();
 
+// Kills it with SIGKILL, as a crash would end it; the run does not end by that.
+void children_kill_daemon();
+
 bool children_start_command(std::string &error);
 
 bool children_have_daemon(); // one was asked for
-bool children_daemon_died(); // it was running, and nobody here stopped it
+bool children_daemon_running();
+bool children_daemon_died();  // it was running, and nobody here stopped it
+void children_forget_death(); // it has been dealt with
 void children_report_death();
 bool children_command_ended();
 int children_command_status(); // as a shell reports it

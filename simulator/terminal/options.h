@@ -34,6 +34,7 @@ struct terminal_options {
 
     bool services = true;
     std::string daemon; // empty = none
+    bool keep = false;  // the terminal outlives its daemon
     bool verbose = false;
     std::vector<std::string> command; // empty = stay until a signal
 };

@@ -67,7 +67,8 @@ bool bring_up(const terminal_options &options, int &lock, std::string &error) {
                .faults = terminal_faults,
                .power = terminal_power,
                .fault = terminal_fault,
-               .have_daemon = children_have_daemon});
+               .have_daemon = children_have_daemon,
+               .daemon_running = children_daemon_running});
     int32_t antenna = 0;
     return terminal_up(options, paths, board, error) &&
            (!options.services ||
@@ -95,18 +96,40 @@ bool start_daemon(std::string &error) {
     return true;
 }
 
-// Until the command has ended, the daemon has died, or somebody wants to stop. The exit status.
-int stay() {
+// Does to the daemon what was asked by `simterm ctl`. False: the run ends.
+bool grant(const terminal_options &options, daemon_wish wish) {
+    std::string error;
+    if (wish == daemon_wish::kill) {
+        children_kill_daemon();
+        verbs_daemon_done(true, "");
+        return true;
+    }
+    const bool orderly = wish == daemon_wish::start || children_stop_daemon();
+    const bool started = start_daemon(error);
+    if (!started)
+        children_forget_death(); // start_daemon has said it
+    verbs_daemon_done(orderly && started, started ? "the daemon did not stop in order" : error);
+    if (started || options.keep || wish == daemon_wish::start)
+        return true;
+    say_error("%s", error.c_str());
+    return false;
+}
+
+// Until the command has ended, the daemon has died for good, or somebody wants to stop. The exit
+// status.
+int stay(const terminal_options &options) {
     for (;;) {
         loop_until(
             [] {
                 return stop_wanted || children_daemon_died() || children_command_ended() ||
-                       verbs_restart_wanted();
+                       verbs_daemon_wish() != daemon_wish::none;
             },
             std::nullopt);
         if (children_daemon_died()) {
             children_report_death();
-            return EXIT_FAILURE;
+            if (!options.keep)
+                return EXIT_FAILURE;
+            children_forget_death();
         }
         if (children_command_ended())
             return children_command_status();
@@ -114,15 +137,9 @@ int stay() {
             say_event("stopping");
             return EXIT_SUCCESS;
         }
-        std::string error;
-        const bool orderly = children_stop_daemon();
-        const bool started = start_daemon(error);
-        verbs_restart_done(orderly && started,
-                           started ? "the daemon did not stop in order" : error);
-        if (!started) {
-            say_error("%s", error.c_str());
+        const daemon_wish wish = verbs_daemon_wish();
+        if (wish != daemon_wish::none && !grant(options, wish))
             return EXIT_FAILURE;
-        }
     }
 }
 
@@ -137,14 +154,19 @@ int terminal_run(const terminal_options &options) {
     children_use(options, paths);
     bool up =
         children_watch_signals([] { stop_wanted = true; }, error) && bring_up(options, lock, error);
-    if (up && !options.daemon.empty())
-        up = start_daemon(error);
+    if (up && !options.daemon.empty() && !start_daemon(error)) {
+        up = options.keep;
+        if (up) {
+            say_error("%s", error.c_str());
+            children_forget_death();
+        }
+    }
     if (up && !stop_wanted && !options.command.empty())
         up = children_start_command(error);
     if (up) {
         if (options.command.empty())
             say_plain("running; stop with Ctrl-C or SIGTERM");
-        status = stay();
+        status = stay(options);
     } else {
         say_error("%s", error.c_str());
     }

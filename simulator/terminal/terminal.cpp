@@ -138,6 +138,24 @@ bool follow_plug_fault(std::string &error) {
 
 } // namespace
 
+bool terminal_check(const terminal_options &options, std::string &error) {
+    receiver_options module_options;
+    std::string source;
+    if (!source_from_options(options, module_options, source, error))
+        return false;
+    line_faults on_line;
+    receiver_faults in_receiver;
+    ta_faults in_ta;
+    for (const std::string &fault : options.faults)
+        if (!fault_switch_on({on_line, in_receiver, in_ta}, fault, error))
+            return false;
+    if (!options.daemon.empty() && access(options.daemon.c_str(), X_OK) != 0) {
+        error = "--daemon " + options.daemon + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 bool terminal_up(const terminal_options &options, const terminal_paths &paths, int board,
                  std::string &error) {
     receiver_options receiver_is;
@@ -221,7 +239,7 @@ void terminal_line_send(std::span<const uint8_t> command) {
     line_send(wire, command, loop_now());
 }
 
-const ta_faults &terminal_ta_faults() {
+ta_faults &terminal_ta_faults() {
     return ta_is;
 }
 

@@ -18,6 +18,10 @@ namespace sim {
 // The receiver's power lines on board 1; it runs when both are 1.
 constexpr int TERMINAL_POWER_LINES[] = {102, 37};
 
+// Whether what `options` say can be done: values, files, faults. Makes nothing. False: `error` says
+// what is wrong.
+bool terminal_check(const terminal_options &options, std::string &error);
+
 // Brings the hardware up inside the tree of `paths`. Board 1: receiver on the serial line, powered
 // by the two lines. Board 2: receiver powered from the start, behind the TA. False: `error` names
 // the step, and terminal_down cleans up.
@@ -35,7 +39,7 @@ void terminal_step();
 // The receiver's line on board 2, for the TA. Answers go to services_take_answer.
 void terminal_line_send(std::span<const uint8_t> command);
 
-const ta_faults &terminal_ta_faults();
+ta_faults &terminal_ta_faults(); // the TA itself takes back what was to happen once
 
 // Switches a fault; see fault_switch.
 bool terminal_fault(std::string_view name, std::string_view argument, bool on, std::string &error);

@@ -95,6 +95,35 @@ TEST(daemon_end, sigterm_during_a_slow_start_kills_it) {
     EXPECT_EQ(term.daemon_end(), "signal 15 (Terminated)");
 }
 
+TEST(simterm, an_option_that_is_wrong_makes_nothing) {
+    const scratch_dir scratch;
+    scratch_dir::write("damaged", "$GPGGA*00\n");
+    const words lines[] = {{"--place", "91,0"},     {"--ttff", "1,2"},
+                           {"--fault", "cut=0"},    {"--fault", "ta-silent=twice"},
+                           {"--replay", "damaged"}, {"--route", "damaged"},
+                           {"--daemon", "damaged"}, {"--history-interval", "0"},
+                           {"--antenna", "-1"},     {"--board", "3"}};
+    for (const words &options : lines) {
+        words command = {SIMTERM_PROGRAM, "run", "t"};
+        command.insert(command.end(), options.begin(), options.end());
+        EXPECT_EQ(run(command).status, 2) << options[0] << options[1];
+        EXPECT_FALSE(std::filesystem::exists("t")) << options[0] << options[1];
+    }
+}
+
+TEST(simterm, outlives_its_daemon_when_that_is_wanted) {
+    terminal term({"--keep"});
+    term.ctl({"kill-daemon"});
+    comes({"power"}, 3, "service is not running");
+    term.ctl({"start-daemon"});
+    comes({"position"}, 0, "deg N");
+    kill(term.daemon(), SIGKILL);
+    comes({"power"}, 3, "service is not running");
+    term.ctl({"start-daemon"});
+    comes({"position"}, 0, "deg N");
+    EXPECT_EQ(term.stop(), 0);
+}
+
 TEST(power, a_change_by_voip_reaches_the_lines_the_settings_and_voip) {
     terminal term;
     bus_client voip(LS_SERV_VOIP);
