@@ -32,7 +32,11 @@ std::string screen_problem(const lsctl_options &options) {
         return "monitor needs to know the kind of terminal: TERM is not set";
     int found = 0;
     char cup[] = "cup"; // the function's own parameter type
-    if (setupterm(nullptr, STDOUT_FILENO, &found) != OK || tigetstr(cup) == nullptr)
+    const bool can_place_cursor =
+        setupterm(nullptr, STDOUT_FILENO, &found) == OK && tigetstr(cup) != nullptr;
+    if (TERMINAL *const looked_at = set_curterm(nullptr); looked_at != nullptr)
+        del_curterm(looked_at);
+    if (!can_place_cursor)
         return "monitor cannot draw on a terminal of kind \"" + std::string(name) +
                "\" (TERM): lsctl watch can write to it";
     return "";
