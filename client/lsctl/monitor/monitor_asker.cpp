@@ -33,8 +33,13 @@ constexpr milliseconds BETWEEN_QUESTIONS{1000};
 // A service configures its receiver in one or two seconds, and makes questions wait for three.
 constexpr std::chrono::seconds START_UP{4};
 
-// When the service was first seen after it had not been there. Thread of the asker.
-std::optional<monitor_time> service_since;
+// The service as last seen: it makes its socket when it comes to the bus. Thread of the asker.
+struct service_seen {
+    ino_t socket;
+    timespec made;
+    monitor_time since; // this one was first seen then
+};
+std::optional<service_seen> service;
 
 // False: the thread is to end.
 bool pause_until(monitor_time when) {
@@ -48,20 +53,23 @@ void change(change_fn how) {
     how(model, steady_clock::now());
 }
 
-// The service's socket is made when it comes to the bus. The clock may have been set since: what
-// cannot be, is not believed.
-bool socket_is_old() {
+// Looks whether it is another one than before, or the first.
+void look_at_service(monitor_time now) {
     const char *bus = std::getenv("MQUTILS_DIR");
     const std::string path =
         std::string(bus != nullptr && *bus != '\0' ? bus : "/run/terminal-bus") + "/8";
     struct stat made {};
-    if (stat(path.c_str(), &made) != 0)
-        return false;
-    return system_clock::now() - system_clock::from_time_t(made.st_mtime) > START_UP;
+    stat(path.c_str(), &made);
+    if (!service || service->socket != made.st_ino || service->made.tv_sec != made.st_mtim.tv_sec ||
+        service->made.tv_nsec != made.st_mtim.tv_nsec)
+        service = {made.st_ino, made.st_mtim, now};
 }
 
+// The system's clock may have been set since the socket was made: one from the future is not
+// believed.
 bool may_be_starting(monitor_time now) {
-    return now - *service_since < START_UP && !socket_is_old();
+    const auto made = system_clock::from_time_t(service->made.tv_sec);
+    return now - service->since < START_UP && system_clock::now() - made < START_UP;
 }
 
 bool is_absence(location_result result) {
@@ -75,12 +83,11 @@ bool ask_power() {
     const location_result result = location_client_get_power(client_g, PATIENCE, &mode);
     const std::string text = lsctl_sentence(*options_g, result, client_g);
     if (is_absence(result)) {
-        service_since.reset();
+        service.reset();
         change([&](monitor_model &m, monitor_time now) { monitor_on_absent(m, text, now); });
         return false;
     }
-    if (!service_since)
-        service_since = steady_clock::now();
+    look_at_service(steady_clock::now());
     bool ready = false;
     change([&](monitor_model &m, monitor_time now) {
         if (result != LOCATION_ANSWERED) {
@@ -181,6 +188,9 @@ bool ask_round(size_t &turn, bool &failing) {
     const location_result position = ask_position();
     if (!pause_until(steady_clock::now() + BETWEEN_QUESTIONS))
         return false;
+    look_at_service(steady_clock::now());
+    if (may_be_starting(steady_clock::now()))
+        return true;
     // Why there is no position is seen in what the receiver itself says, which comes first then.
     const bool fails = position != LOCATION_ANSWERED;
     if (fails && !failing)
@@ -221,7 +231,7 @@ void monitor_asker_start(const lsctl_options &options, location_client *client) 
         stop_wanted = false;
         model = {};
     }
-    service_since.reset();
+    service.reset();
     const ls_signals_blocked blocked;
     thread = std::thread(ask_on);
 }

@@ -32,7 +32,7 @@ constexpr std::array<state_look, 9> STATES = {{
     {"NO FIX", "the receiver has no fix", MONITOR_BAD},
     {"STALE", "an old fix, and no newer one", MONITOR_BAD},
     {"2D FIX", "fix without altitude", MONITOR_DOUBTFUL},
-    {"3D FIX", "fix", MONITOR_GOOD},
+    {"3D FIX", "fix with altitude", MONITOR_GOOD},
 }};
 
 std::string age_text(monitor_time::duration age) {
