@@ -27,8 +27,6 @@ std::thread thread;
 const lsctl_options *options_g = nullptr;
 location_client *client_g = nullptr;
 
-// Longer than the three seconds for which the service waits for its receiver.
-constexpr milliseconds PATIENCE{5000};
 constexpr milliseconds BETWEEN_QUESTIONS{1000};
 // A service configures its receiver in one or two seconds, and makes questions wait for three.
 constexpr std::chrono::seconds START_UP{4};
@@ -72,15 +70,18 @@ bool may_be_starting(monitor_time now) {
     return now - service->since < START_UP && system_clock::now() - made < START_UP;
 }
 
+// A service that is slow, or waits for the TA, is there.
 bool is_absence(location_result result) {
     return result != LOCATION_ANSWERED && result != LOCATION_FAILED &&
-           result != LOCATION_GATE_CLOSED && result != LOCATION_RECEIVER_TIMEOUT;
+           result != LOCATION_GATE_CLOSED && result != LOCATION_RECEIVER_TIMEOUT &&
+           result != LOCATION_NO_REPLY && result != LOCATION_BUS_FULL;
 }
 
 // True: the receiver can be asked.
 bool ask_power() {
     uint32_t mode = 0;
-    const location_result result = location_client_get_power(client_g, PATIENCE, &mode);
+    const location_result result =
+        location_client_get_power(client_g, lsctl_timeout(*options_g), &mode);
     const std::string text = lsctl_sentence(*options_g, result, client_g);
     if (is_absence(result)) {
         service.reset();
@@ -105,7 +106,8 @@ bool ask_power() {
 // A position is shown at once; what its absence means is left to the caller.
 location_result ask_position() {
     gps_pos_data position{};
-    const location_result result = location_client_get_position(client_g, PATIENCE, &position);
+    const location_result result =
+        location_client_get_position(client_g, lsctl_timeout(*options_g), &position);
     if (result == LOCATION_ANSWERED)
         change([&](monitor_model &m, monitor_time now) { monitor_on_position(m, position, now); });
     return result;
@@ -115,7 +117,8 @@ location_result ask_position() {
 template <class take_fn>
 void ask_receiver(std::string_view body, std::string_view wanted, take_fn take) {
     lsctl_heard heard;
-    const location_result result = lsctl_ask_receiver(client_g, PATIENCE, body, wanted, heard);
+    const location_result result =
+        lsctl_ask_receiver(client_g, lsctl_timeout(*options_g), body, wanted, heard);
     const std::string text = lsctl_sentence(*options_g, result, client_g);
     // A sky of several sentences is cut on a line in order, and has a good one on a bad line.
     const bool tells_of_line = body != LSCTL_ASK_GSV;
@@ -162,7 +165,8 @@ void ask_satellites() {
         return;
     }
     gps_sat_info info{};
-    record_fits = location_client_get_satellites(client_g, PATIENCE, &info) == LOCATION_ANSWERED;
+    record_fits = location_client_get_satellites(client_g, lsctl_timeout(*options_g), &info) ==
+                  LOCATION_ANSWERED;
     if (record_fits)
         change([&](monitor_model &m, monitor_time now) { monitor_on_satellites(m, info, now); });
 }

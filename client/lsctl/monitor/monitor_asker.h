@@ -3,7 +3,8 @@
 // A round of questions every MONITOR_ROUND: the power mode, which the service answers itself, and
 // two to the receiver, a second apart: the position, and one of those that take turns. On a line of
 // 9600 baud they take half a second of the two at most. Nothing goes to the receiver while the
-// service may still be configuring it, or while it is off.
+// service may still be configuring it, or while it is off. Each waits for its answer as long as
+// --timeout says: with less than the service's own wait they would pile up in it.
 #ifndef MONITOR_ASKER_H
 #define MONITOR_ASKER_H
 

@@ -60,7 +60,10 @@ std::string meaning_of(lsctl_verdict verdict) {
 std::string no_fix_text(const monitor_model &model) {
     const auto heard = std::ranges::count_if(
         model.satellites, [](const monitor_satellite &one) { return one.cn0_dbhz.has_value(); });
-    return "the receiver answers and has no fix; satellites heard: " + std::to_string(heard) +
+    const std::string text = "the receiver answers and has no fix";
+    if (!model.satellites_at)
+        return text;
+    return text + "; satellites heard: " + std::to_string(heard) +
            (heard < 4 ? ". Look at the antenna and the view of the sky" : "");
 }
 
@@ -203,10 +206,10 @@ void monitor_tick(monitor_model &model, monitor_time now) {
     for (; now >= *model.strip_next; *model.strip_next += MONITOR_STRIP_STEP) {
         monitor_moment moment;
         const monitor_state state = monitor_state_of(model, now);
-        moment.fix = state == monitor_state::fix_3d                             ? '3'
-                     : state == monitor_state::fix_2d                           ? '2'
-                     : model.heard && model.service == monitor_service::present ? '-'
-                                                                                : '?';
+        moment.fix = state == monitor_state::fix_3d   ? '3'
+                     : state == monitor_state::fix_2d ? '2'
+                     : state == monitor_state::no_fix ? '-'
+                                                      : '?';
         if (moment.fix != '?')
             moment.cn0_dbhz = best_cn0(model);
         model.strip.push_back(moment);

@@ -74,7 +74,11 @@ std::string clock_text(const monitor_model &model) {
     if (!model.clock_ahead_s)
         return "System clock --";
     const double ahead = *model.clock_ahead_s;
-    return lsctl_format("System clock %.1f s %s", std::fabs(ahead), ahead < 0 ? "behind" : "ahead");
+    const double seconds = std::fabs(ahead);
+    const std::string text = seconds < 120         ? lsctl_format("%.1f s", seconds)
+                             : seconds < 48 * 3600 ? lsctl_format("%.1f h", seconds / 3600)
+                                                   : lsctl_format("%.0f days", seconds / 86400);
+    return "System clock " + text + (ahead < 0 ? " behind" : " ahead");
 }
 
 std::string power_text(const monitor_model &model) {

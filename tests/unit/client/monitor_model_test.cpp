@@ -73,7 +73,7 @@ TEST_F(monitor, why_there_is_no_position_is_what_the_receiver_itself_says) {
         monitor_state state;
         const char *text;
     } constexpr rows[] = {
-        {lsctl_verdict::good, monitor_state::no_fix, "has no fix; satellites heard: 0"},
+        {lsctl_verdict::good, monitor_state::no_fix, "answers and has no fix"},
         {lsctl_verdict::nothing, monitor_state::silent, "no byte comes"},
         {lsctl_verdict::wrong_checksum, monitor_state::silent, "damaged"},
         {lsctl_verdict::cut, monitor_state::silent, "cut"},
@@ -115,6 +115,8 @@ TEST_F(monitor, strip_has_a_column_for_each_step_and_an_end) {
     ASSERT_EQ(model.strip.size(), 1U);
     EXPECT_EQ(model.strip[0].fix, '3');
     EXPECT_EQ(model.strip[0].cn0_dbhz, 40);
+    monitor_tick(model, now + seconds(9));
+    EXPECT_EQ(model.strip.back().fix, '?') << "stale";
     monitor_on_absent(model, "gone", now);
     monitor_tick(model, now + std::chrono::hours(9));
     EXPECT_EQ(model.strip.size(), MONITOR_STRIP_LENGTH);
