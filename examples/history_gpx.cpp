@@ -1,6 +1,7 @@
 // The location history as a GPX track on standard output.
 //
-// LOCATION_TERMINAL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none.
+// LOCATION_TERMINAL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal
+// has none.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>

@@ -111,7 +111,7 @@ struct gps_lpp_location {
     uint8_t uncertainty_semi_major;
     uint8_t uncertainity_semi_minor;
     uint8_t uncertainty_altitude;
-    uint8_t confidence; // per cent
+    uint8_t confidence;              // per cent
     uint16_t altitude;               // the vertical accuracy, whole metres (PUBX 00, field 10)
     uint16_t orientation_major_axis; // degrees, halved
     uint32_t degrees_latitude;       // latitude / 90 x 2^23

@@ -4,7 +4,6 @@
 
 #include "ls_descriptor.h"
 
-
 #include <array>
 #include <cstring>
 

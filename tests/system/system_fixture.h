@@ -71,8 +71,8 @@ process_result lsctl(words arguments); // on the bus of the terminal that was br
 // The simulated terminal "t" in a scratch directory, with the daemon in it.
 class terminal {
   public:
-    // `options`: of simterm run; without a --baud the line takes no time. Returns when the daemon has its
-    // signal handlers. The test owns the ids of TA, SAL, VoIP and WS, unless it wants the
+    // `options`: of simterm run; without a --baud the line takes no time. Returns when the daemon
+    // has its signal handlers. The test owns the ids of TA, SAL, VoIP and WS, unless it wants the
     // terminal's stand-ins for them.
     explicit terminal(const words &options = {}, bool stand_ins = false);
     ~terminal(); // shows the end of the logs when the test has failed
