@@ -15,6 +15,8 @@ using std::chrono::milliseconds;
 
 constexpr double DAY_S = 86400;
 constexpr double CLIENT_ASKS_S = 1.9; // by then the client may have asked for the power mode
+// For what is answered at once, on a machine that is busy.
+constexpr milliseconds ANSWER_PATIENCE{5000};
 constexpr std::string_view ASK_ZDA = "GPGPQ,ZDA";
 
 // What is left of the look's time; 1 ms at least, which the client wants.
@@ -133,7 +135,7 @@ void ask_service(location_client *client, const patience &wait, facts &found) {
     // that it waits for. Whoever leaves before that has the service log an error: so that is asked
     // once more, and its answer awaited.
     if (found.receiver.took_s >= CLIENT_ASKS_S)
-        location_client_get_power(client, std::min(wait.left(), milliseconds(1000)), &mode);
+        location_client_get_power(client, std::min(wait.left(), ANSWER_PATIENCE), &mode);
 }
 
 } // namespace
