@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """The location history as a GPX track on standard output.
 
-LSCTL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none. A line that cannot be
-read, as the oldest one of a full history, is left out.
+LOCATION_TERMINAL_ROOT is the directory of a simulated terminal, which simterm sets; a terminal has none. A line that
+cannot be read, as the oldest one of a full history, is left out.
 """
 
 import os
@@ -31,7 +31,7 @@ def main() -> int:
     try:
         with location_client.Client() as client:
             export = client.get_history_path()
-        with open(os.environ.get("LSCTL_ROOT", "") + export.path, encoding="ascii", errors="replace") as file:
+        with open(os.environ.get("LOCATION_TERMINAL_ROOT", "") + export.path, encoding="ascii", errors="replace") as file:
             found = list(points(file))
     except (location_client.LocationError, OSError) as failure:
         print(f"no history: {failure}", file=sys.stderr)

@@ -4,7 +4,7 @@
 #
 ################################################################################
 
-LOCATION_SERVICE_VERSION = 2.0
+LOCATION_SERVICE_VERSION = 3.0
 LOCATION_SERVICE_SITE = $(call qstrip,$(BR2_PACKAGE_LOCATION_SERVICE_SOURCE))
 LOCATION_SERVICE_SITE_METHOD = local
 LOCATION_SERVICE_LICENSE = MIT
