@@ -43,7 +43,7 @@ gcc -std=c11 -Wall -Wextra -Werror "$out/dev.c" -o "$out/by_c" "${flags[@]}" -ld
 cat >"$out/cmake/CMakeLists.txt" <<PROJECT
 cmake_minimum_required(VERSION 3.25)
 project(dev CXX)
-find_package(location_service 2.0 REQUIRED)
+find_package(location_service 3.0 REQUIRED)
 add_executable(by_cmake "$out/dev.cpp")
 target_link_libraries(by_cmake PRIVATE location_service::location_client)
 target_link_options(by_cmake PRIVATE $indirect)

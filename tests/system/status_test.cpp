@@ -133,7 +133,7 @@ TEST(doctor, packs_a_bundle_without_positions) {
     for (const char *place : {"3351.4", "33.85", "7030.0", "70.5"})
         EXPECT_EQ(count_of(place, unpacked("one.tar.gz")), 0U) << place;
     EXPECT_NE(count_of("3351.4", unpacked("all.tar.gz")), 0U);
-    EXPECT_NE(count_of("Location Service Version: 2.0", unpacked("one.tar.gz")), 0U);
+    EXPECT_NE(count_of("Location Service Version: ", unpacked("one.tar.gz")), 0U);
     const process_result again = lsctl({"doctor", "--bundle", "one.tar.gz"});
     EXPECT_EQ(again.status, 1);
     EXPECT_EQ(count_of("exists, and is not overwritten", again.err), 1U) << again.err;
