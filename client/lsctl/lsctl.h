@@ -34,6 +34,7 @@ enum lsctl_exit : int {
 // Options that every sub-command has.
 struct lsctl_options {
     bool json = false;
+    bool stream = false;   // many objects: a failure's has a class, too
     double timeout_s = 20; // three receiver exchanges of one query, each slow, and some to spare
     uint32_t as = 0;       // service id; 0 = first free tool id
 };
@@ -85,6 +86,8 @@ int lsctl_output_end(int status);
 // Line on stdout; in JSON one object, indented only on a terminal. False: stdout takes no more.
 bool lsctl_print(const std::string &lines);
 bool lsctl_print_json(const lsctl_json &object);
+// An object of a stream: its kind in front, and on a line of its own on a terminal too.
+bool lsctl_print_object(const char *kind, const lsctl_json &members);
 
 // "lsctl: ..." on stderr.
 void lsctl_complain(const std::string &sentence);

@@ -146,8 +146,12 @@ int history_command::run(const lsctl_options &options) const {
     history_source from = source;
     if (from.root.empty())
         from.root = lsctl_terminal_root();
-    if (follow)
-        return history_follow(options, from, chosen_format(options).line, wanted_range());
+    if (follow) {
+        lsctl_options streamed = options;
+        streamed.stream = true;
+        streamed.json = options.json || format_name == "json";
+        return history_follow(streamed, from, chosen_format(options).line, wanted_range());
+    }
     std::string text;
     bool incomplete = false;
     if (const int status = history_load(options, from, &text, &incomplete); status != LSCTL_OK)

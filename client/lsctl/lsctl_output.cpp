@@ -97,6 +97,12 @@ bool lsctl_print_json(const lsctl_json &object) {
                        "\n");
 }
 
+bool lsctl_print_object(const char *kind, const lsctl_json &members) {
+    lsctl_json object = {{"class", kind}};
+    object.update(members);
+    return lsctl_print(object.dump(-1, ' ', false, lsctl_json::error_handler_t::replace) + "\n");
+}
+
 void lsctl_complain(const std::string &sentence) {
     std::fprintf(stderr, "lsctl: %s\n", sentence.c_str());
 }
@@ -159,8 +165,11 @@ int lsctl_fail(const lsctl_options &options, location_result result, const std::
 
 int lsctl_fail_as(const lsctl_options &options, const char *error, int exit_status,
                   const std::string &sentence) {
-    if (options.json)
-        lsctl_print_json({{"error", error}, {"text", sentence}});
+    const lsctl_json failure = {{"error", error}, {"text", sentence}};
+    if (options.json && options.stream)
+        lsctl_print_object("error", failure);
+    else if (options.json)
+        lsctl_print_json(failure);
     lsctl_complain(sentence);
     return exit_status;
 }

@@ -175,7 +175,13 @@ int settings_command::have_settings(const lsctl_options &options, db_settings *s
     return store_and_read(options, stored);
 }
 
-int show(const lsctl_options &options, const db_settings &stored, bool exists) {
+bool takes_up_later(location_result told) {
+    return told == LOCATION_NO_DAEMON || told == LOCATION_NO_BUS;
+}
+
+// `told`: how telling the service of what was stored went.
+int show(const lsctl_options &options, const db_settings &stored, bool exists,
+         location_result told) {
     const uint8_t status = stored.history.status;
     const std::string acquisition = status == 1   ? "on"
                                     : status == 0 ? "off"
@@ -193,6 +199,13 @@ int show(const lsctl_options &options, const db_settings &stored, bool exists) {
                          {"power_on_status", stored.gps_power_on_status}};
     object["settings_file"] = admin().file != nullptr ? lsctl_json(admin().file()) : lsctl_json();
     object["settings_file_exists"] = exists;
+    if (told != LOCATION_ANSWERED && !takes_up_later(told)) {
+        lsctl_fail_with(options, lsctl_result_name(told),
+                        "settings stored, but the location service could not be told: " +
+                            lsctl_sentence(options, told),
+                        object, text);
+        return lsctl_exit_of(told);
+    }
     return lsctl_show(options, object, text);
 }
 
@@ -207,23 +220,6 @@ location_result notify(const lsctl_options &options) {
     }
     return as_ws.result == LOCATION_ANSWERED ? location_client_notify_history_settings(as_ws.client)
                                              : as_ws.result;
-}
-
-int tell_the_service(const lsctl_options &options) {
-    const location_result result = notify(options);
-    switch (result) {
-    case LOCATION_ANSWERED:
-        return LSCTL_OK;
-    case LOCATION_NO_DAEMON:
-    case LOCATION_NO_BUS:
-        lsctl_complain("settings stored; the location service is not running and takes them up at "
-                       "its next start");
-        return LSCTL_OK;
-    default:
-        lsctl_complain("settings stored, but the location service could not be told: " +
-                       lsctl_sentence(options, result));
-        return lsctl_exit_of(result);
-    }
 }
 
 void settings_command::add_options(CLI::App &app) {
@@ -247,7 +243,8 @@ int settings_command::run(const lsctl_options &options) const {
     bool exists = true;
     if (const int status = have_settings(options, &stored, &exists); status != LSCTL_OK)
         return status;
-    if (const int status = show(options, stored, exists); status != LSCTL_OK)
+    const location_result told = wants_history() ? notify(options) : LOCATION_ANSWERED;
+    if (const int status = show(options, stored, exists, told); status != LSCTL_OK)
         return status;
     if (!exists) {
         lsctl_complain(file_name() + " does not exist or is empty: these are the defaults, with "
@@ -262,7 +259,10 @@ int settings_command::run(const lsctl_options &options) const {
         lsctl_complain("no history is acquired while the receiver is stored as off: " +
                        lsctl_power_advice("on", {LS_SERV_WS, LS_SERV_CLIENT_9, LS_SERV_VOIP}));
     }
-    return wants_history() ? tell_the_service(options) : LSCTL_OK;
+    if (takes_up_later(told))
+        lsctl_complain("settings stored; the location service is not running and takes them up at "
+                       "its next start");
+    return LSCTL_OK;
 }
 
 } // namespace

@@ -64,15 +64,8 @@ location_result status_result(uint32_t status) {
                                                 : LOCATION_FAILED;
 }
 
-// The objects of a stream stand on a line each, on a terminal too. False: stdout takes no more.
-bool print_object(const char *kind, const lsctl_json &members) {
-    lsctl_json object = {{"class", kind}};
-    object.update(members);
-    return lsctl_print(object.dump() + "\n");
-}
-
 bool print_failure(location_result result, const std::string &text) {
-    return print_object("error", {{"error", lsctl_result_name(result)}, {"text", text}});
+    return lsctl_print_object("error", {{"error", lsctl_result_name(result)}, {"text", text}});
 }
 
 // Says why the watch ends; returns the exit status.
@@ -88,7 +81,7 @@ bool show_update(const lsctl_options &options, const ls_position_reply &update, 
     if (result == LOCATION_ANSWERED && options.json) {
         lsctl_json members = lsctl_position_json(update.pos);
         members["repeated_for_s"] = age_s;
-        return print_object("position", members);
+        return lsctl_print_object("position", members);
     }
     if (result == LOCATION_ANSWERED) {
         return lsctl_print(lsctl_position_line(update.pos) +

@@ -3,10 +3,13 @@
 Usage: json_test.py SOURCE_DIR DAEMON SIMTERM LSCTL
 """
 
+import json
 import pathlib
 import re
+import signal
 import subprocess
 import sys
+import threading
 
 source = pathlib.Path(sys.argv[1])
 programs = dict(zip(("daemon", "simterm", "lsctl"), sys.argv[2:5]))
@@ -14,34 +17,44 @@ sys.dont_write_bytecode = True
 sys.path[:0] = [str(source / "tests/support"), str(source / "client/python")]
 
 from location_client import Client  # noqa: E402
-from simulated_terminal import Terminal, wait_until  # noqa: E402
-
-# Sections that are still empty. Whoever fills one in takes it out of here.
-EMPTY = {"history", "lpp", "nmea", "settings", "speed", "static", "status", "doctor", "stream", "time", "ubx", "wait"}
+from simulated_terminal import LIMIT_S, Terminal, wait_until  # noqa: E402
 
 # How each command is run so that it succeeds, in all its forms: together they print every key of its table. Those
 # without a row are run without arguments.
 FORMS = {
     "power": ("", "on --as 6"),
     "watch": ("-n 1",),
-    "history": ("", "--summary"),
+    "history": ("", "--summary", "--follow"),
+    "stream": ("", "--listen 0"),
     "nmea": ("PUBX,04",),
     "ubx": ("06 08",),
     "speed": ("", "--raw"),
     "static": ("show", "on 47.5 8.5", "off"),
     "settings": ("", "--history on --interval 1"),
 }
-# Further runs that have to fail, with their `error`.
-FAILURES = {
-    "power": (("off", "failed"), ("on --as 12", "id_taken")),
-    "watch": (("--as 12", "id_taken"),),
+# Those that a signal ends, when objects of these classes have come.
+ENDLESS = {
+    "history --follow": {"position"},
+    "stream": {"position", "satellites"},
+    "stream --listen 0": {"listening"},
 }
-# Commands that do not ask the service, and so do not fail without a bus.
-WITHOUT_BUS = {"settings", "static"}
+# Runs that have to fail, with their `error`. Those without a row are run without a bus, which the last two errors mean.
+FAILURES = {
+    "power": (("off", "failed"), ("on --as 12", "id_taken"), ("", "no_bus")),
+    "watch": (("--as 12", "id_taken"), ("", "no_bus")),
+    "history": (("--input / ", "failed"), ("", "no_bus"), ("--follow", "no_bus")),
+    "doctor": (("--bundle /nowhere/b", "failed"), ("", "no_bus")),
+    "settings": (("--interval x", "usage"), ("--interval 1 --as 12", "id_taken")),
+    "static": (("on", "bad_argument"),),
+    "wait": (("--timeout 0.2", "timed_out"),),
+    "nmea": (("PUBX,04", "no_bus"),),
+    "ubx": (("06 08", "no_bus"),),
+}
 
 KINDS = {"string": str, "number": (int, float), "integer": int, "boolean": bool, "array": list, "object": dict}
 page = (source / "docs/json.md").read_text(encoding="utf-8")
 sections = {name.removeprefix("lsctl "): text for name, text in re.findall(r"(?m)^## (.+)\n((?:(?!## ).*\n?)*)", page)}
+sections["doctor"] += sections["status"]  # it prints the same
 wrong = set()
 
 
@@ -105,13 +118,40 @@ def is_of(value, types):
     return any(isinstance(value, KINDS[kind]) for kind in types if kind in KINDS and kind != "boolean")
 
 
-def check_failure(command, run, status, failure, kinds):
+def check_failure(command, run, status, failure):
     name = failure.get("error")
-    known = name in errors and isinstance(failure.get("text"), str) and failure["text"]
-    check(known, f"{run}: error unknown, or no text: {failure}")
-    check(status in (0, errors.get(name)), f"{run}: exit status {status} with error {name!r}")
-    rest = set(failure) - {"error", "text", "class"} - set(kinds)
-    check(not rest, f"{run}: printed with a failure and not on the page: {rest}")
+    check(name in errors and failure.get("text"), f"{run}: error unknown, or no text: {failure}")
+    allowed = {3} if "findings" in failure and name not in findings else errors.get(name, set())
+    check(status == 0 or status in allowed, f"{run}: exit status {status} with error {name!r}")
+
+
+def check_keys(run, found, kinds, seen, filled):
+    for key, value in keys_of({key: value for key, value in found.items() if key not in ("error", "text")}):
+        row = row_of(key, kinds)
+        inside = [name for name in kinds if name.startswith((f"{key}.", f"{key}[]."))]
+        check(row or inside, f"{run}: `{key}` is printed and not on the page")
+        nested = inside and isinstance(value, (list, dict))
+        check(not row or nested or is_of(value, kinds[row]), f"{run}: `{key}` is {value!r}, not of its type")
+        seen.add(row)
+        filled |= set(inside) if value else set()
+
+
+def until_classes(terminal, words, classes):
+    """The objects of a command without an end, and whether it ended well."""
+    objects = []
+    with subprocess.Popen([programs["lsctl"], *words, "--json"], env=terminal.environment, stdout=subprocess.PIPE,
+                          text=True) as process:
+        limit = threading.Timer(LIMIT_S, process.kill)
+        limit.start()
+        for line in process.stdout:
+            objects.append(json.loads(line))
+            if classes <= {each.get("class") for each in objects}:
+                process.terminate()
+                break
+        process.stdout.read()
+        status = process.wait()
+        limit.cancel()
+    return 0 if status in (0, 128 + signal.SIGTERM) else status, objects
 
 
 def check_command(terminal, command):
@@ -120,48 +160,61 @@ def check_command(terminal, command):
     seen, filled = set(), set()
     for form in FORMS.get(command, ("",)):
         run = f"lsctl {command} {form}".strip()
-        status, objects = terminal.lsctl(command, *form.split())
+        endless = ENDLESS.get(f"{command} {form}".strip())
+        words = (command, *form.split())
+        status, objects = until_classes(terminal, words, endless) if endless else terminal.lsctl(*words)
         check(status == 0 and objects, f"{run}: exit status {status}, {objects}")
         for found in objects:
+            check_keys(run, found, kinds if "class" not in found or found["class"] != "error" else {"class": {"string"}},
+                       seen, filled)
             if "error" in found:
-                check_failure(command, run, status, found, kinds)
+                check_failure(command, run, status, found)
                 continue
-            for key, value in keys_of(found):
-                row = row_of(key, kinds)
-                inside = [name for name in kinds if name.startswith((f"{key}.", f"{key}[]."))]
-                check(row or inside, f"{run}: `{key}` is printed and not on the page")
-                nested = inside and isinstance(value, (list, dict))
-                check(not row or nested or is_of(value, kinds[row]), f"{run}: `{key}` is {value!r}, not of its type")
-                seen.add(row)
-                filled |= set(inside) if value else set()
             absent = min((table.needed() - set(found) for table in tables), key=len)
             check(not absent, f"{run}: on the page and not printed: {absent}")
+    for form, error in FAILURES.get(command, (("", "no_bus"),)):
+        run = f"lsctl {command} {form} ({error})"
+        lost = {"MQUTILS_DIR": str(terminal.dir / "nowhere")} if error in ("no_bus", "timed_out") else {}
+        status, objects = terminal.lsctl(command, *form.split(), **lost)
+        check(objects and objects[-1].get("error") == error and status != 0, f"{run}: {status}, {objects}")
+        for found in objects:
+            check_failure(command, run, status, found)
+            check_keys(run, found, {**kinds, "class": {"string"}}, seen, filled)
+            streams = command in ("watch", "stream") or "--follow" in form
+            check(found.get("class") == ("error" if streams else None), f"{run}: class in {found}")
     for table in tables:
         for key in set(table.kinds) - seen - table.optional:
             if "[" not in key and "." not in key or key in filled:
                 check(False, f"lsctl {command}: `{key}` is on the page and never printed")
-    failures = [(form, error, {}) for form, error in FAILURES.get(command, ())]
-    if command not in WITHOUT_BUS:
-        form = FORMS.get(command, ("",))[0]
-        failures.append((form, "no_bus", {"MQUTILS_DIR": str(terminal.dir / "nowhere")}))
-    for form, error, environment in failures:
-        run = f"lsctl {command} {form} ({error})"
-        status, objects = terminal.lsctl(command, *form.split(), **environment)
-        check(objects and objects[-1].get("error") == error and status != 0, f"{run}: {status}, {objects}")
-        if objects:
-            check_failure(command, run, status, objects[-1], kinds)
-            check(("class" in kinds) == ("class" in objects[-1]), f"{run}: class in {objects[-1]}")
     print(f"lsctl {command}: {len(kinds)} keys")
 
 
-errors = {name: int(status) for names, status, _ in rows("Errors") for name in names}
-in_code = dict(re.findall(r'\{"(\w+)", LSCTL_(\w+)', (source / "client/lsctl/lsctl_output.cpp").read_text()))
-statuses = {"OK": 0, "FAILED": 1, "USAGE": 2, "NO_ANSWER": 3}
-told = {name: statuses[status] for name, status in in_code.items() if name != "answered"}
-missing = set(told.items()) - set(errors.items())
-check(told and not missing, f"errors: not on the page: {missing}")
+def statuses_of(section):
+    found = [(name, set(map(int, re.findall(r"\d", status)))) for names, status, _ in rows(section) for name in names]
+    check(len(found) == len(dict(found)), f"{section}: a name has two rows")
+    return dict(found)
 
-commands = [name for name in sections if name != "Errors"]
+
+findings = statuses_of("Findings")
+errors = statuses_of("Errors")
+files = {path: path.read_text(encoding="utf-8") for path in source.glob("client/lsctl/**/*.cpp")}
+code = "".join(files.values())
+in_code = dict(re.findall(r'"(\w+)", LSCTL_(\w+)', code))
+statuses = {"OK": 0, "FAILED": 1, "USAGE": 2, "NO_ANSWER": 3}
+missing = {name for name, status in in_code.items() if name != "answered"
+           if statuses[status] not in errors.get(name, ())}
+missing |= set(re.findall(r'lsctl_fail_with\(\s*\w+,\s*"(\w+)"', code)) - set(errors)
+check(len(in_code) > 1 and not missing, f"errors: not on the page: {missing}")
+judged = "".join(text for path, text in files.items() if path.name.startswith("findings"))
+severities = {"healthy": 0, "degraded": 1, "restart": 4}
+for name, levels in re.findall(r'"(\w+)",\s*([^"{};]*severity::\w+)', judged):
+    levels = {severities[level] for level in re.findall(r"severity::(\w+)", levels)}
+    check(findings.get(name) == levels, f"findings: {name} is {levels}, on the page {findings.get(name)}")
+unused = {name for name in findings if f'"{name}"' not in judged}
+check(not unused, f"findings: on the page only: {unused}")
+errors = {name: errors.get(name, set()) | findings.get(name, set()) for name in {**errors, **findings}}
+
+commands = [name for name in sections if name not in ("Errors", "Findings")]
 helped = subprocess.run([programs["lsctl"], "--help"], stdout=subprocess.PIPE, text=True, check=True, timeout=60).stdout
 offered = re.findall(r"^  (\w+)", helped.partition("Subcommands:\n")[2], re.M)
 check(set(offered) - {"monitor"} <= set(commands), f"commands without a section: {set(offered) - set(commands)}")
@@ -169,9 +222,6 @@ with Terminal(programs, "--no-services", "--history", "on", "--history-interval"
     wait_until(lambda: terminal.run(programs["lsctl"], "history").stdout)
     with Client(12, directory=str(terminal.dir / "bus")):
         for command in commands:
-            is_empty = not rows(command)
-            check(is_empty == (command in EMPTY), f"lsctl {command}: its section is {'' if is_empty else 'not '}empty")
-            if not is_empty:
-                check_command(terminal, command)
-print(f"{len(commands) - len(EMPTY)} commands, {len(errors)} errors, {len(wrong)} wrong")
+            check_command(terminal, command)
+print(f"{len(commands)} commands, {len(errors)} errors, {len(wrong)} wrong")
 sys.exit(bool(wrong))

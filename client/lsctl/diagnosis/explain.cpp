@@ -21,8 +21,5 @@ int lsctl_fail_explained(const lsctl_options &options, location_result result,
     }
     const std::string sentence =
         why->cause + (why->remedy.empty() ? "" : ". What to do: " + why->remedy);
-    if (options.json)
-        lsctl_print_json({{"error", why->name}, {"text", sentence}});
-    lsctl_complain(sentence);
-    return status;
+    return lsctl_fail_as(options, why->name, status, sentence);
 }

@@ -30,10 +30,14 @@ struct doctor_command {
     int run(const lsctl_options &options) const;
 };
 
-// Shown, and worth the worst finding's exit status; what cannot be written is a failure.
+// Shown, and worth the worst finding's exit status; what cannot be written is a failure, as is a
+// bundle that could not be made, which `bundle_failure` tells.
 int show(const lsctl_options &options, const facts &found, const std::vector<finding> &findings,
-         const std::string &text) {
+         const std::string &text, const std::string &bundle_failure = "") {
     lsctl_json object = report_json(found, findings);
+    if (!bundle_failure.empty())
+        return lsctl_fail_with(options, "not_written", "no bundle: " + bundle_failure, object,
+                               text);
     const severity worst = worst_of(findings);
     if (worst != severity::healthy) {
         object["error"] = findings.front().name;
@@ -81,15 +85,13 @@ int doctor_command::run(const lsctl_options &options) const {
     std::string text = verdict_text(findings) + facts_text(found) + remedies_text(findings);
     if (findings.empty())
         text += "\nNothing is wrong.\n";
-    const int status = show(options, found, findings, text);
     if (bundle.empty())
-        return status;
+        return show(options, found, findings, text);
     const std::string error = bundle_write(
         bundle, found, text, report_json(found, findings).dump(2) + "\n", with_positions);
-    if (!error.empty()) {
-        lsctl_complain("no bundle: " + error);
-        return LSCTL_FAILED;
-    }
+    const int status = show(options, found, findings, text, error);
+    if (!error.empty())
+        return status;
     lsctl_complain("bundle written: " + bundle +
                    (with_positions ? ", with positions" : ", without positions"));
     return status;

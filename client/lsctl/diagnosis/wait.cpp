@@ -119,10 +119,7 @@ int timed_out(const lsctl_options &options, const std::string &what, const progr
                            double{last.position.horizontal_accuracy});
     const std::string sentence =
         lsctl_format("not within %g s (%s): %s", options.timeout_s, what.c_str(), why.c_str());
-    if (options.json)
-        lsctl_print_json({{"error", "timed_out"}, {"text", sentence}});
-    lsctl_complain(sentence);
-    return answers ? LSCTL_FAILED : LSCTL_NO_ANSWER;
+    return lsctl_fail_as(options, "timed_out", answers ? LSCTL_FAILED : LSCTL_NO_ANSWER, sentence);
 }
 
 int wait_command::run(const lsctl_options &options) const {

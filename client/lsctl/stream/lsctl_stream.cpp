@@ -38,7 +38,9 @@ int stream_command::run(const lsctl_options &options) const {
     if (form == stream_form::gpsd && !port)
         return lsctl_fail(options, LOCATION_BAD_ARGUMENT,
                           "gpsd's clients connect to a port: --format gpsd needs --listen PORT");
-    return stream_serve(options, form, port);
+    lsctl_options as_json = options;
+    as_json.json = as_json.stream = form == stream_form::json;
+    return stream_serve(as_json, form, port);
 }
 
 } // namespace

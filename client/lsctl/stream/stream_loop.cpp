@@ -268,7 +268,7 @@ void one_round(stream_run &run) {
 void show_port(const stream_run &run) {
     const unsigned port = run.server->port();
     if (run.form == stream_form::json)
-        lsctl_print(lsctl_json({{"class", "listening"}, {"port", port}}).dump() + "\n");
+        lsctl_print_object("listening", {{"port", port}});
     else
         lsctl_print(lsctl_format("listening on port %u of this machine\n", port));
 }
