@@ -167,8 +167,11 @@ int history_command::run(const lsctl_options &options) const {
 int history_command::write(const lsctl_options &options, const std::string &text,
                            bool incomplete) const {
     history_progress progress(text.size());
-    const track all =
+    track all =
         track_parse(text, wanted_range(), [&](double part) { progress.show("Reading", part); });
+    if (incomplete)
+        all.incomplete =
+            "the location service could not write all of its export: lines are missing";
     const bool any = !all.points.empty() || all.out_of_range != 0;
     if (!source.input.empty() && !any && all.bad_lines != 0) {
         return lsctl_fail_as(options, "not_history", LSCTL_FAILED,
@@ -198,7 +201,7 @@ int history_command::write(const lsctl_options &options, const std::string &text
         summary || (to.write != track_write_lines && to.write != track_write_csv && !as_json);
     tell_what_was_left_out(all, needs_places);
     if (incomplete) {
-        lsctl_complain("the location service could not write all of its export: lines are missing");
+        lsctl_complain(all.incomplete);
         return LSCTL_FAILED;
     }
     return LSCTL_OK;

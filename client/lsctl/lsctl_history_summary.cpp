@@ -71,6 +71,9 @@ lsctl_json json_of(const track_summary &sum, size_t skipped) {
 
 void history_write_summary(const track &all, int64_t gap_s, bool json, FILE *out) {
     const track_summary sum = track_summarise(all, gap_s);
-    const std::string text = json ? json_of(sum, all.bad_lines).dump() + "\n" : text_of(sum);
+    lsctl_json object = json_of(sum, all.bad_lines);
+    if (!all.incomplete.empty())
+        object.update({{"error", "incomplete"}, {"text", all.incomplete}});
+    const std::string text = json ? object.dump() + "\n" : text_of(sum);
     std::fwrite(text.data(), 1, text.size(), out);
 }

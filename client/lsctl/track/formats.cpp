@@ -165,7 +165,10 @@ void track_write_json(const track &all, int64_t, FILE *out, const track_progress
         put(point_json(all.points[i]).dump(), out);
         tell(progress, i, all.points.size());
     }
-    std::fprintf(out, "\n],\"skipped_lines\":%zu}\n", all.bad_lines);
+    std::fprintf(out, "\n],\"skipped_lines\":%zu", all.bad_lines);
+    if (!all.incomplete.empty())
+        put(",\"error\":\"incomplete\",\"text\":" + json(all.incomplete).dump(), out);
+    put("}\n", out);
 }
 
 void track_write_gpx(const track &all, int64_t gap_s, FILE *out, const track_progress &progress) {

@@ -36,6 +36,7 @@ struct track {
     size_t bad_lines = 0; // skipped: cut, damaged, or no position
     bool first_bad = false;
     size_t out_of_range = 0; // good, but not between `since` and `until`
+    std::string incomplete;  // why lines are missing at its end, a sentence; empty: none are
 };
 
 struct track_range {

@@ -45,6 +45,7 @@ TEST_F(lsctl_files, exported_lines_are_printed_and_damaged_ones_counted) {
     exporting(255); // not all of it could be written
     expect_outcome("history", 1, LINES,
                    "the location service could not write all of its export: lines are missing");
+    EXPECT_EQ(lsctl_json::parse(run("history --json").out)["error"], "incomplete");
     exporting(0xFF, 0xFF); // nothing; what is there is an older one
     EXPECT_EQ(run("history").out, "");
     exporting(0);
