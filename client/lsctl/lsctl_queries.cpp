@@ -20,12 +20,13 @@ int run_position(const lsctl_options &options) {
     return run_query(
         options,
         [&](location_client *client, std::chrono::milliseconds timeout) {
-            return location_client_get_position(client, timeout, &position);
+            const location_result result = location_client_get_position(client, timeout, &position);
+            // The receiver repeats old coordinates then, or has none.
+            return result == LOCATION_ANSWERED && position.fix_type == GPS_FIX_NONE
+                       ? LOCATION_FAILED
+                       : result;
         },
         [&] {
-            // The receiver repeats old coordinates then, or has none.
-            if (position.fix_type == GPS_FIX_NONE)
-                return lsctl_fail(options, LOCATION_FAILED, "the receiver has no fix");
             return lsctl_show(options, lsctl_position_json(position),
                               lsctl_position_text(position));
         });

@@ -62,7 +62,7 @@ TEST_F(judged_answers, are_judged) {
                   {"cut", vtg, 1, "\"verdict\":\"cut\",\"checksum_good\":null"},
                   {"cut", {"ubx", "06", "08"}, 1, "cut after 5 payload bytes"},
                   {"silent", vtg, 1, "\"verdict\":\"nothing\",\"checksum_good\":null"},
-                  {"", {"lpp"}, 0, "Accuracy     3 m vertical"},
+                  {"", {"lpp"}, 0, " m vertical, whole metres"},
                   {"silent", {"lpp", "--json"}, 1, "{\"error\":\"lpp_empty\""},
               });
 }
