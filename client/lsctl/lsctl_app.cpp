@@ -97,9 +97,9 @@ std::string did_you_mean(const std::string &nearest) {
 
 // One sentence for people, better than the parser's own where a word was mistyped.
 std::string usage_sentence(CLI::App &app, const CLI::ParseError &error, const std::string &word) {
-    std::vector<std::string> names;
-    for (const lsctl_command &command : COMMANDS)
-        names.emplace_back(command.name);
+    std::vector<std::string> names(COMMANDS.size());
+    std::transform(COMMANDS.begin(), COMMANDS.end(), names.begin(),
+                   [](const lsctl_command &command) { return command.name; });
     if (word.empty() && app.remaining().empty())
         return "a command is missing: lsctl --help lists them";
     const bool known = std::find(names.begin(), names.end(), word) != names.end();

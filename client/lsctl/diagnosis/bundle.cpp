@@ -93,7 +93,7 @@ std::string journal(const fs::path &scratch, bool with_debug) {
         run_into(out.fd, {"journalctl", "--unit=location_service", "--lines=20000", "--no-pager",
                           "--output=short-iso", with_debug ? "--priority=7" : "--priority=6"}) != 0)
         return "the system's log cannot be read: journalctl failed, or is not there\n";
-    const std::string text = read_file(scratch, LOG_LIMIT, true).value_or("");
+    std::string text = read_file(scratch, LOG_LIMIT, true).value_or("");
     fs::remove(scratch);
     return text;
 }
@@ -206,7 +206,7 @@ std::string bundle_write(const std::string &path, const facts &found, const std:
     const fs::path inside = stage.path / INSIDE;
     if (mkdir(inside.c_str(), 0700) != 0)
         return reason(inside);
-    if (const std::string error = fill(inside, found, report, report_json, with_positions);
+    if (std::string error = fill(inside, found, report, report_json, with_positions);
         !error.empty())
         return error;
     const fs::path packed = stage.path / "packed";

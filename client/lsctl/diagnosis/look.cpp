@@ -39,7 +39,8 @@ std::optional<double> seconds_of_day(const lsctl_fields &fields, size_t index) {
     if (!packed || *packed < 0 || *packed >= 240000)
         return std::nullopt;
     const auto whole = static_cast<unsigned>(*packed);
-    return whole / 10000 * 3600.0 + whole / 100 % 100 * 60.0 + std::fmod(*packed, 100.0);
+    const unsigned minutes = whole / 10000 * 60 + whole / 100 % 100;
+    return minutes * 60.0 + std::fmod(*packed, 100.0);
 }
 
 std::optional<int64_t> utc_of(const lsctl_fields &zda) {
