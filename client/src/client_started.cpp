@@ -14,8 +14,8 @@
 
 namespace {
 
-constexpr size_t STACK_BYTES = 256 * 1024; // as of the bus library's thread
-constexpr int64_t ANY_TIMEOUT_MS = 1000;   // for what only sends, which has its own
+constexpr size_t STACK_BYTES = size_t{256} * 1024; // as of the bus library's thread
+constexpr int64_t ANY_TIMEOUT_MS = 1000;           // for what only sends, which has its own
 
 void run(client_place &place, std::unique_lock<std::mutex> &held) {
     client_call call(place.owner, place.timeout.count());
