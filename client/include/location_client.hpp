@@ -3,6 +3,10 @@
 #ifndef LOCATION_CLIENT_HPP
 #define LOCATION_CLIENT_HPP
 
+#if __cplusplus < 202002L
+#error "location_client.hpp is C++20; location_client.h does with less"
+#endif
+
 #include <array>
 #include <chrono>
 #include <cstddef>
