@@ -129,6 +129,15 @@ std::optional<double> lsctl_field_number(const lsctl_fields &fields, size_t inde
     return value;
 }
 
+std::optional<double> lsctl_field_time_s(const lsctl_fields &fields, size_t index) {
+    const std::optional<double> packed = lsctl_field_number(fields, index);
+    if (!packed || *packed < 0 || *packed >= 240000)
+        return std::nullopt;
+    const unsigned clock = static_cast<unsigned>(*packed) / 100; // "hhmm"
+    const unsigned minutes = clock / 100 * 60 + clock % 100;
+    return minutes * 60.0 + (*packed - clock * 100.0);
+}
+
 lsctl_motion lsctl_motion_of(const lsctl_fields &vtg) {
     return {.course_deg = lsctl_field_number(vtg, 1),
             .speed_knots = lsctl_field_number(vtg, 5),

@@ -49,6 +49,8 @@ location_result lsctl_ask_receiver(location_client *client, std::chrono::millise
 
 // Field `index` as a number; none when it is absent, empty or no number.
 std::optional<double> lsctl_field_number(const lsctl_fields &fields, size_t index);
+// Field `index`, a time "hhmmss.ss", as seconds of the day.
+std::optional<double> lsctl_field_time_s(const lsctl_fields &fields, size_t index);
 
 // VTG, asked for with LSCTL_ASK_VTG. A field that the receiver leaves empty is none: without
 // movement it has no course.

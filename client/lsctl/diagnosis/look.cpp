@@ -33,18 +33,8 @@ class patience {
     std::chrono::steady_clock::time_point end;
 };
 
-// "hhmmss.ss" as seconds of the day.
-std::optional<double> seconds_of_day(const lsctl_fields &fields, size_t index) {
-    const std::optional<double> packed = lsctl_field_number(fields, index);
-    if (!packed || *packed < 0 || *packed >= 240000)
-        return std::nullopt;
-    const auto whole = static_cast<unsigned>(*packed);
-    const unsigned minutes = whole / 10000 * 60 + whole / 100 % 100;
-    return minutes * 60.0 + std::fmod(*packed, 100.0);
-}
-
 std::optional<int64_t> utc_of(const lsctl_fields &zda) {
-    const auto seconds = seconds_of_day(zda, 1);
+    const auto seconds = lsctl_field_time_s(zda, 1);
     const auto day = lsctl_field_number(zda, 2);
     const auto month = lsctl_field_number(zda, 3);
     const auto year = lsctl_field_number(zda, 4);
@@ -114,8 +104,8 @@ void ask_receiver(location_client *client, const patience &wait, const facts &so
     clock_gettime(CLOCK_REALTIME, &now);
     if (const auto utc = utc_of(zda.sentences.front()))
         receiver.clock_offset_s = static_cast<double>(*utc - now.tv_sec);
-    const auto asked_at = seconds_of_day(zda.sentences.front(), 1);
-    const auto fixed_at = seconds_of_day(pubx.sentences.front(), 2);
+    const auto asked_at = lsctl_field_time_s(zda.sentences.front(), 1);
+    const auto fixed_at = lsctl_field_time_s(pubx.sentences.front(), 2);
     if (asked_at && fixed_at && receiver.navigation->has_fix()) {
         // The solution that was current when the first sentence was asked for.
         const double age = std::fmod(*asked_at - *fixed_at + DAY_S, DAY_S);

@@ -60,7 +60,7 @@ std::string meaning_of(lsctl_verdict verdict) {
 std::string no_fix_text(const monitor_model &model) {
     const auto heard = std::ranges::count_if(
         model.satellites, [](const monitor_satellite &one) { return one.cn0_dbhz.has_value(); });
-    const std::string text = "the receiver answers and has no fix";
+    std::string text = "the receiver answers and has no fix";
     if (!model.satellites_at)
         return text;
     return text + "; satellites heard: " + std::to_string(heard) +
@@ -241,19 +241,16 @@ std::optional<double> monitor_clock_ahead(const lsctl_fields &pubx_04, double sy
     // $PUBX,04,hhmmss.ss,ddmmyy,...
     if (pubx_04.size() < 4 || pubx_04[3].size() != 6)
         return std::nullopt;
-    const auto clock = lsctl_field_number(pubx_04, 2);
+    const auto clock = lsctl_field_time_s(pubx_04, 2);
     const auto date = lsctl_field_number(pubx_04, 3);
-    if (!clock || !date || *clock < 0 || *clock >= 240000)
+    if (!clock || !date)
         return std::nullopt;
-    const auto whole = static_cast<unsigned>(*clock);
     const auto number = static_cast<unsigned>(*date);
     const std::chrono::year_month_day day(std::chrono::year(2000 + static_cast<int>(number % 100)),
                                           std::chrono::month(number / 100 % 100),
                                           std::chrono::day(number / 10000));
     if (!day.ok())
         return std::nullopt;
-    const double of_day =
-        whole / 10000 * 3600.0 + whole / 100 % 100 * 60.0 + (*clock - whole / 100 * 100);
     const auto days = std::chrono::sys_days(day).time_since_epoch().count();
-    return system_s - (static_cast<double>(days) * 86400.0 + of_day);
+    return system_s - (static_cast<double>(days) * 86400.0 + *clock);
 }
