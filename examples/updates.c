@@ -49,6 +49,7 @@ int main(int argc, char **argv) {
     loop = g_main_loop_new(NULL, FALSE);
     g_unix_fd_add(location_client_fd(client), G_IO_IN, on_ready, NULL);
     g_unix_signal_add(SIGINT, quit, NULL);
+    g_unix_signal_add(SIGTERM, quit, NULL);
     g_timeout_add_seconds(seconds * (left + 2), quit, "they stayed away");
     g_main_loop_run(loop);
     g_main_loop_unref(loop);

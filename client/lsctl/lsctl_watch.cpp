@@ -111,7 +111,7 @@ location_result register_first(const lsctl_options &options, location_client *cl
         return location_client_register_periodic(client, lsctl_timeout(options), watch_wanted(plan),
                                                  interval_of(plan));
     };
-    location_result result = ask();
+    const location_result result = ask();
     if (result != LOCATION_FAILED)
         return result;
     const uint8_t id = location_client_serv_id(client);
@@ -128,9 +128,9 @@ location_result register_first(const lsctl_options &options, location_client *cl
         ls_position_reply stale;
         while (location_client_next_update(client, milliseconds(0), &stale) == LOCATION_ANSWERED) {
         }
-        result = ask();
     }
-    return result;
+    // Also when none was left behind: the one that stood in the way may have ended by itself since.
+    return ask();
 }
 
 // Ends the registration, also when a signal has ended the waits of the client. Further signals, as
