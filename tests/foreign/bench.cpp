@@ -2,14 +2,9 @@
 
 #include "line_peer.h"
 
+#include <regex>
 #include <sys/mman.h>
 #include <sys/socket.h>
-
-msg_hdr foreign_event::header() const {
-    msg_hdr hdr = {};
-    memcpy(&hdr, first.data(), std::min(first.size(), sizeof(hdr)));
-    return hdr;
-}
 
 bench::bench() {
     memory = memfd_create("foreign", MFD_CLOEXEC);
@@ -36,13 +31,9 @@ bench::~bench() {
     daemon.reset();
     shutdown(ours, SHUT_RDWR);
     reader = {};
-    for (size_t i = HasFailure() ? seen.size() - std::min<size_t>(seen.size(), 60) : seen.size();
-         i < seen.size(); ++i) {
-        const foreign_event &e = seen[i];
-        std::cerr << i << ", thread " << e.thread << ", " << e.number << ": "
-                  << (e.kind == EVENT_SEND ? "send " + std::to_string(e.header().msg_id) : e.first)
-                  << "\n";
-    }
+    if (HasFailure())
+        for (size_t i = seen.size() - std::min<size_t>(seen.size(), 60); i < seen.size(); ++i)
+            std::cerr << i << ", thread " << seen[i].thread << ": " << seen[i].line << "\n";
     for (const int fd : {memory, ours, theirs})
         close(fd);
     munmap(state, sizeof(*state));
@@ -63,7 +54,7 @@ void bench::launch() {
 
 void bench::start() {
     launch();
-    ASSERT_GE(await_call("rtc_reinit"), 0) << daemon->err();
+    ASSERT_GE(await("call rtc_reinit"), 0) << daemon->err();
 }
 
 int bench::end() {
@@ -73,81 +64,100 @@ int bench::end() {
     return status;
 }
 
+void bench::pass_on(const bus_message &message) const {
+    bytes packet = payload_of(message.hdr);
+    packet.insert(packet.end(), message.payload.begin(), message.payload.end());
+    ::send(ours, packet.data(), packet.size(), MSG_NOSIGNAL);
+}
+
 uint32_t bench::deliver(uint32_t id, uint8_t from, const bytes &payload, uint8_t type) {
     const uint32_t transaction = ++transactions;
-    const msg_hdr hdr = {
-        type, 0, from, LS_OWN_SERV_ID, id, transaction, static_cast<uint32_t>(payload.size()), 0};
-    bytes packet = payload_of(hdr);
-    packet.insert(packet.end(), payload.begin(), payload.end());
-    ::send(ours, packet.data(), packet.size(), MSG_NOSIGNAL);
+    const auto size = static_cast<uint32_t>(payload.size());
+    pass_on({{type, 0, from, LS_OWN_SERV_ID, id, transaction, size, 0}, payload});
     return transaction;
 }
 
+uint32_t bench::deliver_command(const std::string &body, uint8_t from) {
+    ls_engg_cmd record = {};
+    body.copy(record.command, sizeof(record.command) - 1);
+    return deliver(LS_EXEC_NMEA_CMD, from, payload_of(record));
+}
+
+// The receiver: a sentence to a poll for the position, else the poll itself.
+void bench::answer_ta(const std::string &poll) {
+    std::string text = poll;
+    for (const char *known :
+         {"GPGGA,123318.00,5130.000,N,00007.500,W,1,08,0.9,545.4,M,46.9,M,,",
+          "GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1", "GPZDA,123318.00,31,12,2019,00,00"})
+        if (poll.find("GPGPQ," + std::string(known + 2, 3)) != std::string::npos)
+            text = nmea(known);
+    gps_data_req_pld record = {};
+    record.status = 1;
+    text.copy(reinterpret_cast<char *>(record.response), sizeof(record.response));
+    record.cmd_len = static_cast<uint32_t>(text.size());
+    deliver(TA_REQUEST_GPS_DATA, LS_SERV_TA, payload_of(record), LS_MSG_RESPONSE);
+}
+
 void bench::read_events() {
-    std::vector<char> packet(size_t{128} * 1024);
-    while (true) {
-        const ssize_t size = recv(ours, packet.data(), packet.size(), 0);
-        foreign_event_head head = {};
-        if (size < static_cast<ssize_t>(sizeof(head)))
-            break;
-        memcpy(&head, packet.data(), sizeof(head));
-        const char *text = packet.data() + sizeof(head);
-        foreign_event event = {head.kind, head.number, head.thread,
-                               std::string(text, head.first_size),
-                               std::string(text + head.first_size, head.second_size)};
-        if (event.kind == EVENT_SEND && event.header().dst_serv_id == LS_OWN_SERV_ID)
-            ::send(ours, (event.first + event.second).data(),
-                   event.first.size() + event.second.size(), MSG_NOSIGNAL);
-        const bool to_ta = event.is_send(LS_MSG_REQUEST, TA_REQUEST_GPS_DATA);
-        std::string poll;
-        if (to_ta) {
-            gps_data_req_pld request = {};
-            memcpy(&request, event.second.data(), sizeof(request));
-            poll.assign(reinterpret_cast<const char *>(request.command),
-                        std::min<size_t>(request.cmd_len, sizeof(request.command)));
+    std::vector<char> packet(FOREIGN_PACKET_SIZE);
+    for (ssize_t size; (size = recv(ours, packet.data(), packet.size(), 0)) > 0;) {
+        foreign_event event = {};
+        memcpy(&event.thread, packet.data(), sizeof(event.thread));
+        event.line = &packet[sizeof(event.thread)];
+        bus_message &sent = event.sent;
+        const char *rest = &packet[sizeof(event.thread) + event.line.size() + 1];
+        if (event.line.starts_with("send ")) {
+            memcpy(&sent.hdr, rest, sizeof(sent.hdr));
+            sent.payload.assign(rest + sizeof(sent.hdr),
+                                static_cast<const char *>(packet.data()) + size);
         }
+        if (sent.hdr.dst_serv_id == LS_OWN_SERV_ID)
+            pass_on(sent);
+        const bool to_ta = sent.hdr.dst_serv_id == LS_SERV_TA && !ta_silent;
+        const auto asked = record_in<gps_data_req_pld>(sent);
         {
             const std::lock_guard guard(lock);
             seen.push_back(std::move(event));
         }
         arrived.notify_all();
-        if (to_ta && !ta_silent)
-            answers.emplace_back([this, poll, delay = ta_delay_ms.load()] {
-                usleep(static_cast<useconds_t>(delay) * 1000);
-                answer_ta(echo(poll));
+        if (to_ta)
+            answers.emplace_back([this, asked, delay_ms = ta_delay_ms.load()] {
+                std::this_thread::sleep_for(milliseconds(delay_ms));
+                answer_ta({reinterpret_cast<const char *>(asked.command),
+                           std::min<size_t>(asked.cmd_len, sizeof(asked.command))});
             });
     }
     socket_ended = true;
     arrived.notify_all();
 }
 
-int bench::await(const std::string &what, const event_test &wanted, int from, milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+int bench::await(const std::string &pattern, int from) {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    const std::regex wanted(pattern);
     std::unique_lock guard(lock);
     for (auto i = static_cast<size_t>(from);; ++i) {
-        const bool there =
-            arrived.wait_until(guard, deadline, [&] { return i < seen.size() || socket_ended; });
-        if (!there || i >= seen.size()) {
-            ADD_FAILURE() << "not seen: " << what << (socket_ended ? "; the daemon has ended" : "");
+        arrived.wait_until(guard, deadline, [&] { return i < seen.size() || socket_ended; });
+        if (i >= seen.size()) {
+            ADD_FAILURE() << "not seen: " << pattern
+                          << (socket_ended ? "; the daemon has ended" : "");
             return -1;
         }
-        if (wanted(seen[i]))
+        if (std::regex_search(seen[i].line, wanted))
             return static_cast<int>(i);
     }
 }
 
 bytes bench::reply(uint32_t transaction, int *place) {
-    const int at =
-        await("reply to transaction " + std::to_string(transaction), [&](const foreign_event &e) {
-            return e.kind == EVENT_SEND && e.header().msg_type == LS_MSG_RESPONSE &&
-                   e.header().txn_id == transaction;
-        });
+    const int at = await("^send 1 .* in " + std::to_string(transaction) + "$");
     if (place != nullptr)
         *place = at;
-    if (at < 0)
-        return {};
-    const std::string payload = events(at).front().second;
-    return {payload.begin(), payload.end()};
+    return at < 0 ? bytes() : events(at).front().sent.payload;
+}
+
+std::string bench::answer(uint32_t transaction, int *place) {
+    const auto record = record_in<ls_engg_cmd>(bus_message{{}, reply(transaction, place)});
+    const auto *text = reinterpret_cast<const char *>(record.answer);
+    return record.status == 1 ? std::string(text, strnlen(text, sizeof(record.answer))) : "";
 }
 
 std::vector<foreign_event> bench::events(int from) {
@@ -155,36 +165,15 @@ std::vector<foreign_event> bench::events(int from) {
     return {seen.begin() + from, seen.end()};
 }
 
-int bench::count(const event_test &wanted, int from) {
+int bench::count(const std::string &pattern, int from) {
+    const std::regex wanted(pattern);
     const auto all = events(from);
-    return static_cast<int>(std::count_if(all.begin(), all.end(), wanted));
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const foreign_event &event) {
+        return std::regex_search(event.line, wanted);
+    }));
 }
 
 int bench::now() {
     const std::lock_guard guard(lock);
     return static_cast<int>(seen.size());
-}
-
-ls_engg_cmd bench::command(const std::string &body) {
-    ls_engg_cmd record = {};
-    body.copy(record.command, sizeof(record.command) - 1);
-    return record;
-}
-
-void bench::answer_ta(const std::string &answer) {
-    gps_data_req_pld record = {};
-    record.status = 1;
-    answer.copy(reinterpret_cast<char *>(record.response), sizeof(record.response));
-    record.cmd_len = static_cast<uint32_t>(answer.size());
-    deliver(TA_REQUEST_GPS_DATA, LS_SERV_TA, payload_of(record), LS_MSG_RESPONSE);
-}
-
-std::string bench::echo(const std::string &command) {
-    if (command.find("GPGPQ,GGA") != std::string::npos)
-        return nmea("GPGGA,123318.00,5130.000,N,00007.500,W,1,08,0.9,545.4,M,46.9,M,,");
-    if (command.find("GPGPQ,GSA") != std::string::npos)
-        return nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1");
-    if (command.find("GPGPQ,ZDA") != std::string::npos)
-        return nmea("GPZDA,123318.00,31,12,2019,00,00");
-    return command;
 }

@@ -2,17 +2,20 @@
 // threads.
 #include "bench.h"
 
+#include "line_peer.h"
+
 #include <set>
 #include <sys/resource.h>
 
 namespace {
 
 constexpr int OWN_SIGNALS = 50;
+constexpr uint32_t HISTORY_CHANGED = WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE;
 
 class signals : public bench, public testing::WithParamInterface<foreign_place> {};
 
 TEST_P(signals, of_a_library_reach_it_and_the_daemon_blocks_only_its_own) {
-    state->own_signal = state->own_sigio = GetParam();
+    state->own_signals = GetParam();
     start();
     uint64_t own = 0;
     for (const int signal :
@@ -24,10 +27,10 @@ TEST_P(signals, of_a_library_reach_it_and_the_daemon_blocks_only_its_own) {
         usleep(2000);
     }
     kill(state->pid, SIGIO);
-    EXPECT_TRUE(wait_until([&] { return state->signals_taken == OWN_SIGNALS || !lives(); }));
-    EXPECT_EQ(state->signals_taken, OWN_SIGNALS);
-    EXPECT_TRUE(wait_until([&] { return state->sigio_taken == 1; }));
-    EXPECT_EQ(std::string(ask("A").command), "A");
+    EXPECT_TRUE(wait_until([&] {
+        return (state->signals_taken == OWN_SIGNALS && state->sigio_taken == 1) || !lives();
+    })) << state->signals_taken;
+    EXPECT_EQ(ask("A"), nmea("A"));
     EXPECT_EQ(end(), 0);
 }
 
@@ -45,25 +48,25 @@ TEST_F(bench, a_change_that_the_kernel_cannot_queue_is_still_read) {
     const int before = now();
     scratch_dir::write("user/stub_location/stub_loc.gps",
                        "STATIC_LOCATION = ON\n7007.939,N,01131.000,E\n");
-    await_log("static location is ON", before);
+    await("static location is ON", before);
     EXPECT_TRUE(lives());
     EXPECT_EQ(end(), 0);
 }
 
-// A message, a log line and a record of settings on the stack, nested, twice over.
+// As much as two messages, two log lines and two records of settings, one in the other.
 TEST_F(bench, every_thread_carries_a_librarys_stack) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer keeps its own record of a thread on the thread's stack";
 #endif
-    state->stack_rounds = 2;
+    state->stack_frames = 5;
     start();
     EXPECT_EQ(reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)).size(), sizeof(ls_power_reply));
-    EXPECT_EQ(std::string(ask("A").command), "A");
+    EXPECT_EQ(ask("A"), nmea("A"));
     EXPECT_EQ(reply(deliver(LS_REQUEST_SET_POWER_MODE, LS_SERV_WS, {2, 0, 0, 0})).size(),
               sizeof(ls_power_reply));
     const int before = now();
     scratch_dir::write("user/stub_location/stub_loc.gps", "STATIC_LOCATION = OF\n");
-    await_log("static location is OFF", before);
+    await("static location is OFF", before);
     EXPECT_EQ(end(), 0);
 }
 
@@ -71,26 +74,26 @@ TEST_F(bench, changed_history_settings_are_applied_in_the_callback) {
     start();
     const int asked = now();
     reply(deliver(LS_REQUEST_GET_POWER_MODE, 40)); // the callback's end, and its worker's vote
-    await_call("on_message returned", asked);
-    await_call("pm_system_state_enable", await_call("send_msg returns", asked));
-    constexpr uint32_t id = WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE;
+    await("call on_message returned", asked);
+    await("call pm_system_state_enable", await("call send_msg returns", asked));
     constexpr int burst = 20;
     const int before = now();
-    for (int i = 0; i < burst; ++i)
-        deliver(id, LS_SERV_WS, {}, LS_MSG_NOTIFICATION);
     int last = before;
-    for (int i = 0; i < burst; ++i)
-        last = await_call("on_message returned", last) + 1;
     std::string calls, wanted;
     std::set<int> threads;
+    for (int i = 0; i < burst; ++i)
+        deliver(HISTORY_CHANGED, LS_SERV_WS, {}, LS_MSG_NOTIFICATION);
+    for (int i = 0; i < burst; ++i) {
+        last = await("call on_message returned", last) + 1;
+        wanted += "call on_message 808\ncall pm_system_state_disable\n"
+                  "call db_read_location_history_settings\ncall pm_system_state_enable\n"
+                  "call on_message returned\n";
+    }
     for (const foreign_event &event : events(before)) {
-        if (event.kind == EVENT_CALL)
-            calls += event.first + "\n";
+        if (event.line.starts_with("call "))
+            calls += event.line + "\n";
         threads.insert(event.thread);
     }
-    for (int i = 0; i < burst; ++i)
-        wanted += "on_message\npm_system_state_disable\ndb_read_location_history_settings\n"
-                  "pm_system_state_enable\non_message returned\n";
     EXPECT_EQ(calls, wanted);
     EXPECT_EQ(threads.size(), 1u);
     EXPECT_EQ(end(), 0);
@@ -105,24 +108,19 @@ TEST_P(deletion, of_a_timer_whose_callback_waits_for_the_ta) {
     state->deletion_waits = GetParam();
     ta_silent = true;
     start();
-    const int asked =
-        await("1416", [](const auto &e) { return e.is_send(0, TA_REQUEST_GPS_DATA); });
-    deliver(WS_NOTIFY_LOCATION_HISTORY_ACQUISTION_CONFIG_UPDATE, LS_SERV_WS, {},
-            LS_MSG_NOTIFICATION);
-    const int applied = await_call("on_message returned", asked);
-    if (GetParam() == 0) { // the acquisition is not disturbed
-        ta_silent = false;
-        answer_ta(echo("GPGPQ,GGA"));
-        await(
-            "GSA", [](const auto &e) { return e.is_send(0, TA_REQUEST_GPS_DATA); }, applied);
-        EXPECT_EQ(count([](const auto &e) { return e.is_log("semaphore timed out"); }), 0);
-    } else { // it ends by its wait time
-        EXPECT_LT(await_log("semaphore timed out", asked), applied);
-        ta_silent = false;
-        answer_ta(echo("GPGPQ,GGA")); // late
+    const int asked = await(TO_TA);
+    deliver(HISTORY_CHANGED, LS_SERV_WS, {}, LS_MSG_NOTIFICATION);
+    const int applied = await("call on_message returned", asked);
+    if (GetParam() != 0) // it ends by its wait time
+        EXPECT_LT(await("semaphore timed out", asked), applied);
+    ta_silent = false;
+    answer_ta("GPGPQ,GGA"); // or late
+    if (GetParam() == 0) {  // the acquisition is not disturbed
+        await(TO_TA, applied);
+        EXPECT_EQ(count("semaphore timed out"), 0);
     }
-    await_call("timer callback returned", asked);
-    EXPECT_EQ(ask("A").status, 1u);
+    await("call timer callback returned", asked);
+    EXPECT_EQ(ask("A"), nmea("A"));
     EXPECT_EQ(end(), 0);
 }
 
