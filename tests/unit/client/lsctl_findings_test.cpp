@@ -28,11 +28,21 @@ facts healthy() {
     return found;
 }
 
-void fail_after(facts &found, double seconds, location_result result = LOCATION_FAILED) {
+// The receiver did not answer the last question.
+diagnosis::file_facts &fail_after(facts &found, double seconds,
+                                  location_result result = LOCATION_FAILED) {
     found.receiver.result = result;
     found.receiver.took_s = seconds;
     found.receiver.navigation.reset();
     found.receiver.in_view.reset();
+    return found.files;
+}
+
+// The history's last line is so old, of one each ten minutes.
+void written(facts &found, int64_t seconds_ago) {
+    found.files.history_on = found.files.ring_there = true;
+    found.files.history_interval_s = 600;
+    found.files.ring_written_utc = found.seen_utc - seconds_ago;
 }
 
 } // namespace
@@ -51,41 +61,19 @@ TEST(findings, table) {
         {"late_answers", 1, [](facts &f) { f.receiver.verdict = lsctl_verdict::other; }},
         {"receiver_busy", 1, [](facts &f) { fail_after(f, 20, LOCATION_RECEIVER_BUSY); }},
         {"power_not_stored", 1,
-         [](facts &f) {
-             fail_after(f, 20, LOCATION_RECEIVER_BUSY);
-             f.files.stored_power = GPS_POWER_OFF;
-         }},
-        {"board_unknown", 1,
-         [](facts &f) {
-             fail_after(f, 0);
-             f.files.board.reset();
-         }},
-        {"no_antenna", 1,
-         [](facts &f) {
-             fail_after(f, 0);
-             f.files.stored_antenna = 1;
-         }},
+         [](facts &f) { fail_after(f, 20, LOCATION_RECEIVER_BUSY).stored_power = GPS_POWER_OFF; }},
+        {"board_unknown", 1, [](facts &f) { fail_after(f, 0).board.reset(); }},
+        {"no_antenna", 1, [](facts &f) { fail_after(f, 0).stored_antenna = 1; }},
         {"no_antenna", 0,
          [](facts &f) {
-             fail_after(f, 0);
-             f.files.stored_antenna = 1;
+             fail_after(f, 0).stored_antenna = 1;
              f.files.static_on = f.files.static_place = true;
          }},
         // Nothing is known of what came meanwhile: a restart must not be advised for sure.
         {"ta_silent", 1, [](facts &f) { fail_after(f, 15); }},
         {"history_not_written", 1, [](facts &f) { f.files.history_on = true; }},
-        {"history_overdue", 1,
-         [](facts &f) {
-             f.files.history_on = f.files.ring_there = true;
-             f.files.history_interval_s = 600;
-             f.files.ring_written_utc = f.seen_utc - 1801;
-         }},
-        {"", 0,
-         [](facts &f) {
-             f.files.history_on = f.files.ring_there = true;
-             f.files.history_interval_s = 600;
-             f.files.ring_written_utc = f.seen_utc - 1799;
-         }},
+        {"history_overdue", 1, [](facts &f) { written(f, 1801); }},
+        {"", 0, [](facts &f) { written(f, 1799); }},
     };
     for (const auto &row : rows) {
         facts found = healthy();

@@ -1,4 +1,5 @@
 // lsctl as a whole, without its main: arguments, records, sentences, exit status.
+#include "line_peer.h"
 #include "ls_descriptor.h"
 #include "lsctl_rig.h"
 #include "scratch_dir.h"
@@ -17,33 +18,27 @@ struct lsctl_command_line : testing::Test {
     void SetUp() override { fake_reset(); }
 };
 
-TEST_F(lsctl_command_line, wrong_usage_sends_nothing) {
-    constexpr const char *lines[] = {
-        "position --timeout 0", "position --as 8", "position --as 256",     "watch -i 3",
-        "watch -n 0",           "power 3",         "settings --interval 0", "ubx 06"};
-    for (const char *line : lines) {
+TEST_F(lsctl_command_line, wrong_usage_sends_nothing_and_names_what_was_meant) {
+    for (const char *line :
+         {"position --timeout 0", "position --as 8", "position --as 256", "watch -i 3",
+          "watch -n 0", "power 3", "settings --interval 0", "ubx 06"}) {
         const outcome got = run(line);
         EXPECT_EQ(got.status, 2) << line;
         EXPECT_EQ(got.out, "") << line;
     }
-    EXPECT_TRUE(fake.sent.empty());
-}
-
-TEST_F(lsctl_command_line, wrong_usage_names_what_was_meant) {
     const std::pair<const char *, const char *> rows[] = {
         {"positon", "'positon' is no command; did you mean 'position'?"},
         {"psoition", "'psoition' is no command; did you mean 'position'?"},
         {"sat", "'sat' is no command; did you mean 'satellites'?"},
         {"xyzzy", "'xyzzy' is no command: lsctl --help lists them"},
         {"watch --cuont 2", "'--cuont' is no option of lsctl watch; did you mean '--count'?"},
-        {"--json power", "'--json' goes behind the command: lsctl power --json"},
         {"", "a command is missing: lsctl --help lists them"},
     };
-    for (const auto &[line, sentence] : rows) {
-        const bool json = std::string(line).starts_with("--json");
-        const std::string object = std::string(R"({"error":"usage","text":")") + sentence + "\"}\n";
-        expect_outcome(line, 2, json ? object : "", sentence);
-    }
+    for (const auto &[line, sentence] : rows)
+        expect_outcome(line, 2, "", sentence);
+    const std::string behind = "'--json' goes behind the command: lsctl power --json";
+    expect_outcome("--json power", 2, R"({"error":"usage","text":")" + behind + "\"}\n", behind);
+    EXPECT_TRUE(fake.sent.empty());
     fake.service = always({1, 0, 0, 0, 2, 0, 0, 0});
     EXPECT_EQ(run("power --as ws").status, 0);
     EXPECT_EQ(fake.sent.back().hdr.src_serv_id, 6);
@@ -76,6 +71,32 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
     EXPECT_TRUE(run("lpp").out.starts_with("Latitude     45.000000 deg S (coded 4194304)\n"
                                            "Longitude    90.000000 deg W (coded 12582912)\n"
                                            "Accuracy     542 m vertical"));
+    fake.service = [](const sent_message &) { fake_send(LS_MSG_REQUEST, 19, bytes(24)); };
+    EXPECT_TRUE(run("lpp --json").out.starts_with("{\"error\":\"lpp_empty\""));
+    fake.service =
+        always(padded({1}, 284, {0xB5, 0x62, 6, 8, 6, 0, 100, 0, 1, 0, 1, 0, 0x7A, 0x12}, 84));
+    EXPECT_NE(run("ubx cfg-rate").out.find("  measurement period         100 ms\n"),
+              std::string::npos);
+}
+
+TEST_F(lsctl_command_line, a_speed_is_the_receivers_own_or_one_of_several) {
+    std::string vtg = nmea("GPVTG,90.00,T,,M,161.867,N,299.777,K,A");
+    // The record's whole number is 299 modulo 256, its digits are 777.
+    fake.service = [&vtg](const sent_message &m) {
+        if (m.hdr.msg_id == LS_REQUEST_GET_SPEED)
+            fake_reply(m.hdr, padded({1}, sizeof(ls_speed_reply), {43, 9}, 14));
+        else
+            always(padded({1}, 284, {vtg.begin(), vtg.end()}, 84))(m);
+    };
+    expect_outcome("speed", 0,
+                   "Time   unknown\nSpeed  299.8 km/h  (83.3 m/s, 161.9 knots)\n"
+                   "Course 90.0 deg from north\n",
+                   "");
+    vtg[vtg.size() - 3] ^= 1; // its checksum
+    const outcome got = run("speed --json");
+    EXPECT_EQ(got.status, 1);
+    EXPECT_NE(got.out.find("\"candidates_kmh\":[43.009,"), std::string::npos) << got.out;
+    EXPECT_NE(got.out.find(",299.777,"), std::string::npos) << got.out;
 }
 
 TEST_F(lsctl_command_line, a_refused_power_change_names_a_service_that_may_and_is_free) {

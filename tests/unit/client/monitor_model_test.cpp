@@ -37,6 +37,9 @@ TEST_F(monitor, state_and_age_follow_the_answers) {
     expect_state(monitor_state::starting);
     monitor_on_power(model, GPS_POWER_ON, false);
     expect_state(monitor_state::waiting);
+    monitor_on_no_position(model, "the query failed", now);
+    expect_state(monitor_state::silent);
+    EXPECT_EQ(error(), "the query failed");
     // A record without a fix has numbers in it, which are none.
     tell(GPS_FIX_NONE, 0);
     expect_state(monitor_state::no_fix);
@@ -61,29 +64,6 @@ TEST_F(monitor, state_and_age_follow_the_answers) {
     EXPECT_EQ(error(), "nobody is there");
     monitor_on_power(model, GPS_POWER_ON, false);
     EXPECT_FALSE(model.error->present);
-}
-
-TEST_F(monitor, why_there_is_no_position_is_what_the_receiver_itself_says) {
-    monitor_on_power(model, GPS_POWER_ON, false);
-    monitor_on_no_position(model, "the query failed", now);
-    EXPECT_EQ(error(), "the query failed");
-    expect_state(monitor_state::silent);
-    struct {
-        lsctl_verdict verdict;
-        monitor_state state;
-        const char *text;
-    } constexpr rows[] = {
-        {lsctl_verdict::good, monitor_state::no_fix, "answers and has no fix"},
-        {lsctl_verdict::nothing, monitor_state::silent, "no byte comes"},
-        {lsctl_verdict::wrong_checksum, monitor_state::silent, "damaged"},
-        {lsctl_verdict::cut, monitor_state::silent, "cut"},
-    };
-    for (const auto &row : rows) {
-        monitor_on_verdict(model, row.verdict, now);
-        monitor_on_no_position(model, "the query failed", now);
-        expect_state(row.state);
-        EXPECT_NE(error().find(row.text), std::string::npos) << error();
-    }
 }
 
 TEST_F(monitor, satellites_of_record_and_sky_are_one_list) {
