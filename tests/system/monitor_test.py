@@ -7,11 +7,10 @@ import os
 import signal
 import subprocess
 import sys
-import tempfile
-import time
 
 source, lsctl, simterm, daemon = sys.argv[1:5]
-sys.path.insert(0, f"{source}/docs/pictures")
+sys.path[:0] = [f"{source}/docs/pictures", f"{source}/tests/support"]
+import simulated_terminal  # noqa: E402
 from terminal_screen import Terminal  # noqa: E402
 
 wrong = 0
@@ -22,10 +21,6 @@ def expect(what, holds, seen=""):
     if not holds:
         wrong += 1
         print(f"{what}: not so. Seen:\n{seen}")
-
-
-def ctl(*words):
-    subprocess.run([simterm, "ctl", directory, *words], check=True, stdout=subprocess.DEVNULL, timeout=90)
 
 
 def comes(view, pattern):
@@ -45,63 +40,53 @@ def refuses(arguments, **environment):
            "monitor" in done.stdout, done)
 
 
-with tempfile.TemporaryDirectory() as root:
-    directory = f"{root}/terminal"
-    running = subprocess.Popen([simterm, "run", directory, "--daemon", daemon, "--instant-fix", "--place",
-                                "-33.85678,-70.5,12.5", "--baud", "0", "--", "cat"],
-                               stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    os.environ.update(MQUTILS_DIR=f"{directory}/bus", LC_ALL="C")
-    try:
-        while not os.path.exists(f"{directory}/bus/8"):
-            time.sleep(0.05)
-        view = Terminal([lsctl, "monitor"])
-        comes(view, r"33\.856780 deg S +70\.500000 deg W")
-        comes(view, r"Altitude +12\.5 m")
-        comes(view, r"Speed 0\.\d km/h")
-        comes(view, r"System clock 0\.\d s")
-        comes(view, r"\*\d\d \d\d #+")  # a bar
-        comes(view, r"\.\..*\d\d\*")  # on the map
-        view.type("d")
-        comes(view, r"33 deg 51\.4068' S")
-        view.type("?")
-        comes(view, "Ctrl-C  end")
-        view.type("?")
-        view.resize(10, 40)
-        comes(view, r"(?m)^33 deg 51\.4068' S 70 deg 30\.0000' W$")
-        comes(view, r"(?m)^No error so far$")
-        view.resize(24, 80)
-        ctl("fault", "no-fix", "on")
-        comes(view, r"(?s)the receiver has no fix.*\(last known\).*Now: the receiver answers")
-        ctl("fault", "no-fix", "off")
-        comes(view, "Last error")
-        ctl("fault", "checksum", "on")
-        comes(view, r"(?s)no word from the receiver.*\(last known\).*Now: .*damaged")
-        ctl("fault", "checksum", "off")
-        ctl("kill-daemon")
-        comes(view, r"(?s)the location service is not there.*\(last known\)")
-        ctl("start-daemon")
-        comes(view, r"33 deg 51\.4068' S +70 deg 30\.0000' W\n")
-        view.type("q")
-        ends(view, 0)
-        # Nothing that is 0 N 0 E before there is a fix; without colours; ended in the two other ways.
-        ctl("fault", "no-fix", "on")
-        for terminal, number in (("vt100", signal.SIGTERM), ("xterm", signal.SIGINT)):
-            view = Terminal([lsctl, "monitor"], term=terminal)
-            comes(view, "Position +none so far")
-            comes(view, "the receiver has no fix")
-            expect("no coordinates", " deg" not in view.screen.text(), view.screen.text())
-            if number == signal.SIGTERM:
-                view.signal(number)
-                expect("it ends by SIGTERM", view.end() == 128 + number)
-            else:
-                view.type("\x03")
-                ends(view, 128 + number)
-        refuses("", TERM="dumb")
-        refuses("", TERM="")
-        refuses("| cat; exit ${PIPESTATUS[0]}", SHELL="/bin/bash", TERM="xterm")
-        refuses("--json", TERM="xterm")
-    finally:
-        running.stdin.close()
-        running.wait(60)
+with simulated_terminal.Terminal({"daemon": daemon, "simterm": simterm}, "--place", "-33.85678,-70.5,12.5") as terminal:
+    os.environ.update(terminal.environment, LC_ALL="C")
+    view = Terminal([lsctl, "monitor"])
+    comes(view, r"33\.856780 deg S +70\.500000 deg W")
+    comes(view, r"Altitude +12\.5 m")
+    comes(view, r"Speed 0\.\d km/h")
+    comes(view, r"System clock 0\.\d s")
+    comes(view, r"\*\d\d \d\d #+")  # a bar
+    comes(view, r"\.\..*\d\d\*")  # on the map
+    view.type("d")
+    comes(view, r"33 deg 51\.4068' S")
+    view.type("?")
+    comes(view, "Ctrl-C  end")
+    view.type("?")
+    view.resize(10, 40)
+    comes(view, r"(?m)^33 deg 51\.4068' S 70 deg 30\.0000' W$")
+    comes(view, r"(?m)^No error so far$")
+    view.resize(24, 80)
+    terminal.ctl("fault", "no-fix", "on")
+    comes(view, r"(?s)the receiver has no fix.*\(last known\).*Now: the receiver answers")
+    terminal.ctl("fault", "no-fix", "off")
+    comes(view, "Last error")
+    terminal.ctl("fault", "checksum", "on")
+    comes(view, r"(?s)no word from the receiver.*\(last known\).*Now: .*damaged")
+    terminal.ctl("fault", "checksum", "off")
+    terminal.ctl("kill-daemon")
+    comes(view, r"(?s)the location service is not there.*\(last known\)")
+    terminal.ctl("start-daemon")
+    comes(view, r"33 deg 51\.4068' S +70 deg 30\.0000' W\n")
+    view.type("q")
+    ends(view, 0)
+    # Nothing that is 0 N 0 E before there is a fix; without colours; ended in the two other ways.
+    terminal.ctl("fault", "no-fix", "on")
+    for name, number in (("vt100", signal.SIGTERM), ("xterm", signal.SIGINT)):
+        view = Terminal([lsctl, "monitor"], term=name)
+        comes(view, "Position +none so far")
+        comes(view, "the receiver has no fix")
+        expect("no coordinates", " deg" not in view.screen.text(), view.screen.text())
+        if number == signal.SIGTERM:
+            view.signal(number)
+            expect("it ends by SIGTERM", view.end() == 128 + number)
+        else:
+            view.type("\x03")
+            ends(view, 128 + number)
+    refuses("", TERM="dumb")
+    refuses("", TERM="")
+    refuses("| cat; exit ${PIPESTATUS[0]}", SHELL="/bin/bash", TERM="xterm")
+    refuses("--json", TERM="xterm")
 print(f"{wrong} wrong")
 sys.exit(1 if wrong else 0)

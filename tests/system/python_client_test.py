@@ -42,16 +42,12 @@ class Requests:
     def tearDownClass(cls):
         cls.terminal.__exit__(None)
 
-    def agrees(self, ask, command):
-        """Both look at a moment of their own: until they are of the same second."""
-        wait_until(lambda: (0, [ask().as_dict()]) == self.terminal.lsctl(command))
-
     def test_records_are_those_of_lsctl(self):
         with lc.Client() as client:
             for ask, command in ((client.get_power, "power"), (client.get_position, "position"),
                                  (client.get_satellites, "satellites")):
-                with self.subTest(command):
-                    self.agrees(ask, command)
+                with self.subTest(command):  # each looks at a moment of its own: until they are of the same second
+                    wait_until(lambda: (0, [ask().as_dict()]) == self.terminal.lsctl(command))
             position = client.get_position()
             self.assertEqual((position.latitude_deg, position.longitude_deg), (-33.85678, -70.5))
             now = client.get_time()
@@ -100,8 +96,7 @@ class Requests:
         # to it any more: it keeps a header for each such send, a leak to the sanitizer.
         code = ("from location_client import *; c = Client(32); c.register_periodic(9, 600); c.next_update(); "
                 "print('up'); input()")
-        killed = subprocess.Popen([sys.executable, "-uc", code], stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE,
+        killed = subprocess.Popen([sys.executable, "-uc", code], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                   env={**os.environ, "PYTHONPATH": str(source / "client/python")})
         self.assertEqual(killed.stdout.readline(), b"up\n")
         killed.send_signal(signal.SIGKILL)

@@ -82,18 +82,17 @@ long send_signals(pid_t pid, const std::map<int, uintptr_t> &values, seconds dur
 void work(uint8_t id, const std::atomic<bool> &stop) {
     bus_client client(id);
     while (!stop) {
-        std::map<uint32_t, uint32_t> asked; // transaction: message
+        std::map<uint32_t, uint32_t> asked; // message: transaction
         for (const uint32_t request :
              {LS_REQUEST_GET_POSITION, LS_REQUEST_GET_POWER_MODE, LS_REQUEST_GET_TIME,
               LS_REQUEST_GET_SAT_INFO, LS_REQUEST_GET_SPEED})
-            asked[client.send(request)] = request;
-        asked.erase(0); // the queue stayed full for as long as a send waits
-        for (const auto &[txn, request] : asked) {
-            const auto reply = client.take([of = txn](const bus_message &message) {
-                return message.hdr.msg_type == LS_MSG_RESPONSE && message.hdr.txn_id == of;
-            });
+            asked[request] = client.send(request);
+        for (const auto &[request, transaction] : asked) {
+            if (transaction == 0) // the queue stayed full for as long as a send waits
+                continue;
+            const auto reply = client.take(request);
             ASSERT_TRUE(reply) << "no reply to " << request;
-            EXPECT_EQ(reply->hdr.msg_id, request);
+            EXPECT_EQ(reply->hdr.txn_id, transaction);
             ++replies;
             good += !reply->payload.empty() && reply->payload[0] == LS_STATUS_OK;
         }
@@ -118,14 +117,13 @@ TEST(signal_stress, everything_is_answered) {
     ASSERT_TRUE(wait_until([&] { return timer_values(pid).size() == 3; }));
 
     std::atomic<bool> stop = false;
-    std::vector<std::thread> workers;
+    std::vector<std::jthread> workers;
     for (uint8_t i = 0; i < WORKERS; ++i)
         workers.emplace_back([&, i] { work(FIRST_WORKER + i, stop); });
     const seconds duration(std::getenv("LS_TEST_LONG") != nullptr ? 20 : 3);
     const long file_signals = send_signals(pid, timer_values(pid), duration);
     stop = true;
-    for (std::thread &worker : workers)
-        worker.join();
+    workers.clear();
     EXPECT_TRUE(wait_until([&] { return threads_of(pid) <= idle_threads; }));
     // The last notices may still lie in the daemon's queue; while it is full the bus refuses.
     bus_client client(FIRST_WORKER);

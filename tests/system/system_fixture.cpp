@@ -16,20 +16,6 @@ namespace {
 constexpr size_t SHOWN_LOG_BYTES = 4000;
 std::atomic<int> children_started; // numbers their output files
 
-// Between fork and exec: nothing that takes a lock.
-[[noreturn]] void become(char *const *arguments, const char *where, int out, int err,
-                         pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (getppid() == parent && chdir(where) == 0 && dup2(in, STDIN_FILENO) >= 0 &&
-        dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0)
-        execv(arguments[0], arguments);
-    _exit(127);
-}
-
 } // namespace
 
 bool wait_until(const std::function<bool()> &done, milliseconds limit) {
@@ -60,8 +46,14 @@ background::background(const words &command, const std::string &where) {
     arguments.push_back(nullptr);
     const pid_t parent = getpid();
     pid = fork();
-    if (pid == 0)
-        become(arguments.data(), where.c_str(), out, err, parent);
+    if (pid == 0) { // nothing that takes a lock
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (getppid() == parent && chdir(where.c_str()) == 0 && dup2(in, STDIN_FILENO) >= 0 &&
+            dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0)
+            execv(arguments[0], arguments.data());
+        _exit(127);
+    }
     close(out);
     close(err);
     if (pid < 0)
