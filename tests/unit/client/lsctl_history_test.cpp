@@ -40,23 +40,21 @@ struct lsctl_files : testing::Test {
 };
 
 TEST_F(lsctl_files, exported_lines_are_printed_and_damaged_ones_counted) {
-    expect_outcome("history", 0, LINES, "");
+    expect_outcome("history", 0, LINES);
     EXPECT_EQ(fake_sent(1013).size(), 1U);
     exporting(255); // not all of it could be written
-    expect_outcome("history", 1, LINES,
-                   "the location service could not write all of its export: lines are missing");
+    expect_outcome("history", 1, LINES, "the location service could not write all of its export");
     EXPECT_EQ(lsctl_json::parse(run("history --json").out)["error"], "incomplete");
     exporting(0xFF, 0xFF); // nothing; what is there is an older one
     EXPECT_EQ(run("history").out, "");
     exporting(0);
-    expect_outcome("history --since 2019-02-05T10:52:05", 0, SECOND, "");
-    expect_outcome("history --until 2019-02-05T10:51:05", 0, FIRST, "");
+    expect_outcome("history --since 2019-02-05T10:52:05", 0, SECOND);
+    expect_outcome("history --until 2019-02-05T10:51:05", 0, FIRST);
     const std::string nowhere = "2019-02-05 10:53:05,ER,0.000000X,0.000000Y,+2.25m,08\n";
     scratch_dir::write("elsewhere" + std::string(EXPORT + 1),
                        "16667E,+2.25m,08\n" + FIRST + "\n" + nowhere + SECOND + "2019-02-05 10");
     expect_outcome("history --root elsewhere", 0, FIRST + nowhere + SECOND,
-                   "3 lines skipped: cut or damaged (the first one is the oldest, which the newest "
-                   "may have overwritten in part)");
+                   "3 lines skipped: cut or damaged");
     // Other programs read the other formats in the system tests.
     EXPECT_TRUE(
         run("history --root elsewhere --format csv")
@@ -71,9 +69,7 @@ TEST_F(lsctl_files, a_history_without_lines_says_why) {
     expect_outcome("history --since 2030-01-01T00:00:00Z", 0, "",
                    "none of the 2 recorded positions is between --since and --until");
     scratch_dir::write(EXPORT, "");
-    expect_outcome("history", 0, "",
-                   "nothing is recorded: the history is off: lsctl settings --history on switches "
-                   "it on");
+    expect_outcome("history", 0, "", "nothing is recorded: the history is off");
     EXPECT_EQ(run("settings --history on").status, 0);
     EXPECT_NE(run("history").err.find("location_history has no header"), std::string::npos);
 }
@@ -90,11 +86,11 @@ TEST_F(lsctl_files, following_prints_each_line_once_also_from_a_new_ring) {
             kill(getpid(), SIGTERM);
         export_now(m);
     };
-    expect_outcome("history --follow", 0, LINES + third, "");
+    expect_outcome("history --follow", 0, LINES + third);
 }
 
 TEST_F(lsctl_files, an_output_file_is_whole_or_as_it_was) {
-    expect_outcome("history -o out.txt", 0, "", "");
+    expect_outcome("history -o out.txt", 0, "");
     EXPECT_EQ(scratch_dir::read("out.txt"), LINES);
     expect_outcome("history -o /dev/full", 1, "",
                    "cannot write /dev/full: No space left on device");
@@ -125,8 +121,7 @@ TEST_F(lsctl_files, settings_are_shown_and_stored) {
                    "History         off, every 30 s\n"
                    "Antenna type    4 (GNSS)\n"
                    "Receiver        on (power mode 2)\n",
-                   "antenna type and receiver at start: taken up at the next start of the location "
-                   "service");
+                   "antenna type and receiver at start: taken up at the next start");
     EXPECT_EQ(fake_sent(808).size(), 2U); // neither showing nor the other settings
 }
 

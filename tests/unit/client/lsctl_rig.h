@@ -34,12 +34,14 @@ inline outcome run(const std::string &line) {
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
 }
 
+// `sentence`: how the one line of the error begins; empty = there is none.
 inline void expect_outcome(const std::string &line, int status, const std::string &out,
-                           const std::string &sentence) {
+                           const std::string &sentence = "") {
     const outcome got = run(line);
     EXPECT_EQ(got.status, status) << line;
     EXPECT_EQ(got.out, out) << line;
-    EXPECT_EQ(got.err, sentence.empty() ? "" : "lsctl: " + sentence + "\n") << line;
+    EXPECT_TRUE(sentence.empty() || got.err.starts_with("lsctl: " + sentence)) << line << got.err;
+    EXPECT_EQ(std::count(got.err.begin(), got.err.end(), '\n'), sentence.empty() ? 0 : 1) << line;
 }
 
 #endif

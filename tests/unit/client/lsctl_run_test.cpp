@@ -57,13 +57,11 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
         R"({"time_utc":"2019-02-05T10:51:05Z","satellites_in_view":3,"satellites_used":2,)"
         R"("satellites":[{"prn":7,"cn0_dbhz":44,"used":true},{"prn":9,"cn0_dbhz":null,"used":false},)"
         R"({"prn":12,"cn0_dbhz":1,"used":false},{"prn":31,"cn0_dbhz":null,"used":true}]})"
-        "\n",
-        "");
+        "\n");
     fake.service = always(padded({1}, 20, {5}, 16));
     expect_outcome("time --json", 0,
                    "{\"time_utc\":null,\"time_of_week_s\":5,\"clock_ahead_s\":null,"
-                   "\"clock_uncertainty_s\":null}\n",
-                   "");
+                   "\"clock_uncertainty_s\":null}\n");
     fake.service = always(padded(heard, 52, {13}, 14)); // in view, of 12 that have a place
     EXPECT_TRUE(
         run("satellites").out.ends_with("13 in view, 2 used (the service lists the first 12)\n"));
@@ -90,8 +88,7 @@ TEST_F(lsctl_command_line, a_speed_is_the_receivers_own_or_one_of_several) {
     };
     expect_outcome("speed", 0,
                    "Time   unknown\nSpeed  299.8 km/h  (83.3 m/s, 161.9 knots)\n"
-                   "Course 90.0 deg from north\n",
-                   "");
+                   "Course 90.0 deg from north\n");
     vtg[vtg.size() - 3] ^= 1; // its checksum
     const outcome got = run("speed --json");
     EXPECT_EQ(got.status, 1);
@@ -125,8 +122,7 @@ TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
                    "  0000  06 08                                            ..\n",
                    "the receiver refused CFG-RATE (06 08)");
     fake.service = always(padded({1}, 284));
-    expect_outcome("nmea PUBX,00", 1, "",
-                   "the receiver did not answer (the service reports that as success)");
+    expect_outcome("nmea PUBX,00", 1, "", "the receiver did not answer");
     // These are obeyed without a word.
     EXPECT_EQ(run("ubx 06 04 00 00 02 00").status, 0);
     EXPECT_EQ(run("nmea PUBX,40,GLL,0,0,0,0,0,0").status, 0);
@@ -146,8 +142,7 @@ TEST_F(lsctl_command_line, watch_tells_why_there_is_no_position) {
     fake.service = registering({0, 2});
     expect_outcome("watch -n 2 -i 4", 1,
                    "no position: the receiver has no fix, or its answer was not valid\n"
-                   "no position: the receiver did not answer in time\n",
-                   "");
+                   "no position: the receiver did not answer in time\n");
     EXPECT_EQ(fake_sent(1007).at(0).payload, (bytes{2, 0, 0, 0, 4, 0, 0, 0}));
 }
 
@@ -175,7 +170,7 @@ TEST_F(lsctl_command_line, a_signal_ends_a_request_and_a_watch_which_unregisters
         if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
             kill(getpid(), SIGHUP);
     };
-    expect_outcome("watch", 3, "", "");
+    expect_outcome("watch", 3, "");
     EXPECT_EQ(fake_sent(1009).size(), 1U);
     // The second one, as timeout(1) sends it, does not cut the clean-up short.
     std::thread late;
@@ -190,10 +185,10 @@ TEST_F(lsctl_command_line, a_signal_ends_a_request_and_a_watch_which_unregisters
                 fake_reply(hdr, {1, 0, 0, 0});
             });
     };
-    expect_outcome("watch", 3, "", "");
+    expect_outcome("watch", 3, "");
     late.join();
     fake.service = [](const sent_message &) { kill(getpid(), SIGTERM); };
-    expect_outcome("position", 128 + SIGTERM, "", "");
+    expect_outcome("position", 128 + SIGTERM, "");
 }
 
 TEST_F(lsctl_command_line, a_closed_output_ends_a_watch_and_a_full_disk_is_reported) {
