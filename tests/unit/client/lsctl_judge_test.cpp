@@ -49,6 +49,9 @@ TEST(lsctl_judge, answers) {
         {"ubx 06 08", rate + frame(5, 1, {6, 8}, 1), 1, "wrong_checksum false false"},
         {"ubx 06 08", text("no") + frame(5, 0, {6, 8}), 1, "refused true false"},
         {"ubx 06 08", frame(5, 1, {6, 9}), 1, "other true false"},
+        {"nmea PUBX,00", {}, 1, "nothing null false"},
+        {"nmea PUBX,40,GLL,0,0,0,0,0,0", {}, 0, "nothing null false"}, // obeyed without a word
+        {"ubx 06 04 00 00 02 00", {}, 0, "nothing null false"},
         {"ubx MON-VER", frame(0x0A, 4, padded({'S'}, 72)), 0, "good true false"},
         {"ubx MON-VER", frame(0x0A, 4, padded({'S'}, 73)), 0, "good null true"},
     };

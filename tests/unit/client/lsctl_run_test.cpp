@@ -19,13 +19,14 @@ struct lsctl_command_line : testing::Test {
 };
 
 TEST_F(lsctl_command_line, wrong_usage_sends_nothing_and_names_what_was_meant) {
-    for (const char *line :
-         {"position --timeout 0", "position --as 8", "position --as 256", "watch -i 3",
-          "watch -n 0", "power 3", "settings --interval 0", "ubx 06"}) {
+    for (const char *line : {"position --timeout 0", "position --as 8", "position --as 256",
+                             "watch -i 3", "watch -n 0", "power 3", "stream --format gpsd",
+                             "stream --listen 65536", "settings --interval 0", "ubx 06"}) {
         const outcome got = run(line);
         EXPECT_EQ(got.status, 2) << line;
         EXPECT_EQ(got.out, "") << line;
     }
+    EXPECT_EQ(run("stream --json --format nmea").status, 2);
     const std::pair<const char *, const char *> rows[] = {
         {"positon", "'positon' is no command; did you mean 'position'?"},
         {"psoition", "'psoition' is no command; did you mean 'position'?"},
@@ -111,21 +112,6 @@ TEST_F(lsctl_command_line, a_refused_power_change_names_a_service_that_may_and_i
                    "switching on was refused: service 32 may not switch on a receiver that is off; "
                    "lsctl power on --as 9 switches it on");
     unsetenv("MQUTILS_DIR");
-}
-
-TEST_F(lsctl_command_line, a_refused_frame_is_a_failure) {
-    const bytes nak = {0xB5, 0x62, 0x05, 0x00, 0x02, 0x00, 0x06, 0x08, 0x15, 0x3A};
-    fake.service = always(padded({1}, 284, nak, 84));
-    expect_outcome("ubx 06 08", 1,
-                   "ACK-NAK (05 00), 2 payload bytes, checksum good\n"
-                   "  message                    CFG-RATE (06 08)\n"
-                   "  0000  06 08                                            ..\n",
-                   "the receiver refused CFG-RATE (06 08)");
-    fake.service = always(padded({1}, 284));
-    expect_outcome("nmea PUBX,00", 1, "", "the receiver did not answer");
-    // These are obeyed without a word.
-    EXPECT_EQ(run("ubx 06 04 00 00 02 00").status, 0);
-    EXPECT_EQ(run("nmea PUBX,40,GLL,0,0,0,0,0,0").status, 0);
 }
 
 // Accepts a registration and sends `statuses` as updates at once.

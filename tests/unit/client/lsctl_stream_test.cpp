@@ -162,10 +162,4 @@ TEST(lsctl_stream, a_reader_that_does_not_read_loses_its_place) {
     EXPECT_LE(deaf.out.size(), STREAM_UNREAD_SIZE + 1000);
 }
 
-TEST(lsctl_stream, options_that_do_not_go_together) {
-    expect_outcome("stream --format gpsd", LSCTL_USAGE, "", "gpsd's clients connect to a port: ");
-    EXPECT_EQ(run("stream --json --format nmea").status, LSCTL_USAGE);
-    EXPECT_EQ(run("stream --listen 65536").status, LSCTL_USAGE);
-}
-
 } // namespace
