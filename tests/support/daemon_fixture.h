@@ -10,8 +10,10 @@
 #include "scratch_dir.h"
 
 #include <gtest/gtest.h>
+#include <iomanip>
 #include <map>
 #include <memory>
+#include <sstream>
 
 using fake::bytes;
 using namespace std::string_literals; // for bytes with NUL among them
@@ -21,12 +23,38 @@ inline size_t errors(std::string_view part) {
     return fake::count_logged(3, part);
 }
 
-inline void expect_message(const fake::sent_message &message, uint8_t type, uint32_t id, uint8_t to,
-                           const bytes &payload) {
-    EXPECT_EQ(message.hdr.msg_type, type);
-    EXPECT_EQ(message.hdr.msg_id, id);
-    EXPECT_EQ(message.hdr.dst_serv_id, to);
-    EXPECT_EQ(message.payload, payload);
+inline std::string hex(const void *data, size_t size) {
+    std::ostringstream text;
+    for (const uint8_t byte : std::string_view(static_cast<const char *>(data), size))
+        text << std::hex << std::setw(2) << std::setfill('0') << int{byte};
+    return text.str();
+}
+
+// The bytes of hexadecimal words; "00*72" is 72 times 00.
+template <typename Bytes>
+Bytes from_hex(const std::string &text) {
+    Bytes out;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        const size_t star = word.find('*');
+        const size_t count = star == std::string::npos ? 1 : std::stoul(word.substr(star + 1));
+        out.insert(out.end(), count, static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
+    }
+    return out;
+}
+
+// What was sent, message by message: "TYPE ID>TO PAYLOAD", of a long payload its length.
+inline std::string told(const std::vector<fake::sent_message> &sent) {
+    std::ostringstream text;
+    for (const char *between = ""; const auto &[hdr, payload] : sent) {
+        text << between << int{hdr.msg_type} << ' ' << hdr.msg_id << '>' << int{hdr.dst_serv_id};
+        if (payload.size() > 8)
+            text << ' ' << payload.size() << " bytes";
+        else
+            text << ' ' << hex(payload.data(), payload.size());
+        between = ", ";
+    }
+    return text.str();
 }
 
 class daemon_fixture : public testing::Test {
@@ -68,29 +96,53 @@ class daemon_fixture : public testing::Test {
     scratch_dir dir;
 };
 
+// Answers by the poll's body, or by the bytes of a frame.
+using receiver_answers = std::map<std::string, std::string>;
+
+inline const std::string ecef_poll = "\xB5\x62\x01\x01\x00\x00\x02\x07"s;
+// Of a receiver that knows its place.
+inline const receiver_answers usual_answers = {
+    {"GPGPQ,GGA", nmea("GPGGA,123318.00,5130.000,N,00007.500,W,1,08,0.9,545.4,M,46.9,M,,")},
+    {"GPGPQ,GSA", nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1")},
+    {"GPGPQ,ZDA", nmea("GPZDA,235959.00,31,12,2019,00,00")},
+    {"PUBX,00", nmea("PUBX,00,081350.00,4717.1,N,00833.9,E,546.589,G3,2.1,65538.9,0.007")},
+    {"PUBX,04", nmea("PUBX,04,073731.00,091202,113851.00,1196,15D,1930035,-2660.664,43")},
+    {ecef_poll, from_hex<std::string>("B5 62 01 01 14 00*5 01 00*3 02 00*3 03 00*9")},
+};
+
 class receiver_fixture : public daemon_fixture {
   protected:
     void SetUp() override {
         fake::reset();
+        peer.reset(); // it reads the answers
+        answers = usual_answers;
         peer = std::make_unique<line_peer>([this](const std::string &command) {
             const bool text = command[0] == '$';
             const std::lock_guard guard(answers_lock);
-            return answers[text ? command.substr(1, command.find('*') - 1) : command];
+            const std::string poll = text ? command.substr(1, command.find('*') - 1) : command;
+            const std::string now = answers[poll];
+            if (const auto next = later.extract(poll))
+                answers[poll] = next.mapped();
+            return now;
         });
         ASSERT_EQ(ls_hal_uart_init(), 0);
     }
 
     // Sets the answer to a poll, as a sentence with its checksum.
     void answer(const std::string &poll, const std::string &body) { answer_raw(poll, nmea(body)); }
-    // The same by the poll's body, or by the bytes of a frame, as it stands.
-    void answer_raw(const std::string &poll, const std::string &text) {
+    // The same by the poll's body, or by the bytes of a frame, as it stands; `then` from the second
+    // time on.
+    void answer_raw(const std::string &poll, const std::string &text,
+                    const std::string &then = "") {
         const std::lock_guard guard(answers_lock);
         answers[poll] = text;
+        if (!then.empty())
+            later[poll] = then;
     }
 
     std::mutex answers_lock;
-    std::map<std::string, std::string> answers; // under answers_lock; read by the peer's thread
-    std::unique_ptr<line_peer> peer;            // last: it goes first
+    receiver_answers answers, later; // under answers_lock; read by the peer's thread
+    std::unique_ptr<line_peer> peer; // last: it goes first
 };
 
 #endif

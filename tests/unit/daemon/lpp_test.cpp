@@ -5,22 +5,7 @@
 
 namespace {
 
-const std::string ecef_poll = "\xB5\x62\x01\x01\x00\x00\x02\x07"s;
-
-class lpp : public receiver_fixture {
-  protected:
-    void SetUp() override {
-        receiver_fixture::SetUp();
-        answer("GPGPQ,GGA", "GPGGA,1,4717.113210,N,00833.915187,E,1,08,0.9,545.4,M,46.9,M,,");
-        answer("GPGPQ,GSA", "GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1");
-        answer("GPGPQ,ZDA", "GPZDA,235959.00,31,12,2019,00,00");
-        answer("PUBX,00", "PUBX,00,081350.00,4717.1,N,00833.9,E,546.589,G3,2.1,65538.9,0.007");
-        answer_raw(ecef_poll, "\xB5\x62\x01\x01\x14\x00\x00\x00\x00\x00\x01\x00\x00\x00\x02\x00"
-                              "\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00\x00\x00"s);
-    }
-
-    gps_lpp_location location = {};
-};
+using lpp = receiver_fixture;
 
 TEST_F(lpp, ellipse) {
     const struct {
@@ -32,12 +17,7 @@ TEST_F(lpp, ellipse) {
         {"the same twice: divisions by zero give 0", {5, 6, 7}, {5, 6, 7}, 0, 7, 90},
         {"backwards in x", {10, 5, 40}, {0, 3, 20}, 10, 30, 5},
         {"a ratio of one: the largest length", {0, 0, -10}, {1, 1000, -10}, 500, 4294967295, 90},
-        {"everything at its limit",
-         {0, -2147483648, 0},
-         {-1, 2147483647, -2147483648},
-         1073741824,
-         3221225472,
-         0},
+        {"the limits", {0, INT32_MIN, 0}, {-1, INT32_MAX, INT32_MIN}, 1U << 30, 3U << 30, 0},
     };
     for (const auto &r : rows) {
         const gps_lpp_ellipse ellipse = gps_make_lpp_ellipse(r.first, r.second);
@@ -47,26 +27,19 @@ TEST_F(lpp, ellipse) {
     }
 }
 
-TEST_F(lpp, record_from_the_receiver) {
-    EXPECT_EQ(gps_get_lpp_paramas(&location), 0);
-    EXPECT_EQ(location.latitude_sign, 0u);
-    EXPECT_EQ(location.degrees_latitude, 4407301u);
-    EXPECT_EQ(location.degrees_longitude, 399169u);
-    EXPECT_EQ(location.altitude, 2); // 65538 in 16 bits
-    EXPECT_EQ(location.orientation_major_axis, 45);
-    EXPECT_EQ(fake::count_logged(6, " cart_x2=1 cart_y2=2 cart_z2=3\n"), 1u);
+TEST_F(lpp, is_asked_for_in_this_order) {
+    const std::string second = from_hex<std::string>("B5 62 01 01 14 00*5 01 00*3 03 00*3 05 00*9");
+    answer_raw(ecef_poll, usual_answers.at(ecef_poll), second);
+    const auto sent = serve(208, 2);
+    ASSERT_EQ(sent.size(), 1u); // tried no more
+    EXPECT_EQ(sent[0].as<gps_lpp_location>().orientation_major_axis, 13);
+    EXPECT_EQ(pending_req_count, 0);
+    EXPECT_EQ(fake::count_logged(6, " cart_x2=1 cart_y2=3 cart_z2=5\n"), 1u);
     const auto commands = peer->commands();
     ASSERT_EQ(commands.size(), 3 + 2 + 3 + 1u); // fix, two samples, second fix, PUBX 00
     EXPECT_EQ(commands[3], ecef_poll);
     EXPECT_EQ(commands[4], ecef_poll);
     EXPECT_EQ(commands[8], "$PUBX,00*33\r\n");
-
-    answer("GPGPQ,GGA", "GPGGA,1,4717.113210,S,00833.915187,W,1,08,0.9,545.4,M,46.9,M,,");
-    EXPECT_EQ(gps_get_lpp_paramas(&location), 0);
-    EXPECT_EQ(location.latitude_sign, 1u);
-    EXPECT_EQ(location.degrees_latitude, 4407301u);
-    EXPECT_EQ(location.degrees_longitude, 0x1000000u - 399169u);
-    EXPECT_EQ(serve(208, 2).size(), 1u); // tried no more
 }
 
 TEST_F(lpp, a_failing_request_208_is_tried_three_times_and_stays_counted) {

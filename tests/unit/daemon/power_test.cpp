@@ -3,9 +3,7 @@
 #include "gps_message_handler.h"
 #include "gps_power.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <thread>
 
 namespace {
 
@@ -15,7 +13,6 @@ class power : public daemon_fixture {
         fake::reset();
         make_gpio_files();
     }
-    static auto set_mode(uint8_t from, uint8_t mode) { return serve(1002, from, {mode, 0, 0, 0}); }
 };
 
 TEST_F(power, modes_by_service_and_state) {
@@ -86,44 +83,34 @@ TEST_F(power, a_mode_that_could_not_be_stored_is_logged) {
     EXPECT_EQ(errors("power mode 2 could not be stored"), 1u);
 }
 
-TEST_F(power, set_mode_replies_and_tells_voip_for_voip_and_ws_only) {
+TEST_F(power, set_mode_is_answered_and_announced) {
     const struct {
-        uint8_t from;
-        bool stores_status, notifies;
-    } rows[] = {{3, true, true}, {6, true, true}, {9, true, false}, {5, false, false}};
+        const char *name;
+        uint8_t from, mode;
+        int32_t cfun_level, status, status_after;
+        const char *sent;
+    } rows[] = {
+        {"VoIP's", 3, 2, 0, 0, 2, "1 1002>3 0100000002000000, 2 1014>3 02000000"},
+        {"WS's", 6, 2, 0, 0, 2, "1 1002>6 0100000002000000, 2 1014>3 02000000"},
+        {"no news for VoIP", 9, 2, 0, 0, 2, "1 1002>9 0100000002000000"},
+        {"not stored", 5, 2, 0, 1, 1, "1 1002>5 0100000002000000"},
+        {"modem up", 6, 2, 1, 0, 2, "0 18>2 0100, 1 1002>6 0100000002000000, 2 1014>3 02000000"},
+        {"and off", 6, 0, 1, 2, 0, "0 18>2 0000, 1 1002>6 0100000000000000, 2 1014>3 00000000"},
+        {"no such mode", 6, 1, 1, 2, 1, "1 1002>6 0000000000000000"},
+        {"refused while the status is on", 5, 0, 0, 2, 2, "1 1002>5 0000000000000000"},
+    };
     for (const auto &r : rows) {
-        SCOPED_TRACE(int{r.from});
+        SCOPED_TRACE(r.name);
         SetUp();
-        gps_current_power_mode_g = 0;
-        mt_gps_status = r.stores_status ? 0 : 1;
-        const auto sent = set_mode(r.from, 2);
-        EXPECT_EQ(mt_gps_status, r.stores_status ? 2 : 1);
-        ASSERT_EQ(sent.size(), r.notifies ? 2u : 1u);
-        expect_message(sent[0], 1, 1002, r.from, {1, 0, 0, 0, 2, 0, 0, 0});
-        if (r.notifies)
-            expect_message(sent[1], 2, 1014, 3, {2, 0, 0, 0});
+        gps_cfun_level_g = r.cfun_level;
+        mt_gps_status = r.status;
+        gps_current_power_mode_g = static_cast<uint32_t>(r.status);
+        EXPECT_EQ(told(serve(1002, r.from, {r.mode, 0, 0, 0})), r.sent);
+        EXPECT_EQ(mt_gps_status, r.status_after);
+        EXPECT_EQ(gps_current_power_mode_g, r.status_after == 0 ? 0u : 2u);
     }
-}
-
-TEST_F(power, a_refused_mode_leaves_the_reply_zero) {
-    for (const auto &sent : {set_mode(5, 0),               // the stored status says on
-                             serve(1002, 3, {0, 0, 0})}) { // no mode in it
-        ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(sent[0].payload, bytes(8));
-    }
+    EXPECT_EQ(told(serve(1002, 3, {0, 0, 0})), "1 1002>3 0000000000000000"); // no mode in it
     EXPECT_EQ(mt_gps_status, 2);
-    EXPECT_EQ(gps_current_power_mode_g, 2u);
-}
-
-TEST_F(power, a_mode_change_is_announced_to_sal_while_the_modem_is_up) {
-    gps_cfun_level_g = 1;
-    std::vector<bytes> announced;
-    for (const uint8_t mode : {uint8_t{2}, uint8_t{0}, uint8_t{1}}) {
-        for (const fake::sent_message &sent : set_mode(6, mode))
-            if (sent.hdr.msg_id == 18)
-                announced.push_back(sent.payload);
-    }
-    EXPECT_EQ(announced, (std::vector<bytes>{{1, 0}, {0, 0}}));
 }
 
 // A reply to VoIP, or request 19 to whoever: the last one puts a woken receiver back to sleep.

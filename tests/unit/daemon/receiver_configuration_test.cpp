@@ -6,17 +6,11 @@ namespace {
 
 using commands = std::vector<std::string>;
 
-// The bytes of pairs of hexadecimal digits, each but the last followed by a blank.
-std::string hex(std::string_view text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); i += 3)
-        out.push_back(static_cast<char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-    return out;
-}
+const auto ubx = from_hex<std::string>;
 
 const commands whole_configuration = {
     "$PUBX,41,1,0007,0000,9600,0*13\r\n",
-    hex("B5 62 06 02 0A 00 01 00 00 00 00 00 00 00 00 00 13 F0"),
+    ubx("B5 62 06 02 0A 00 01 00 00 00 00 00 00 00 00 00 13 F0"),
     "$PUBX,40,GGA,0,0,0,0,0,0*5A\r\n",
     "$PUBX,40,GSV,0,0,0,0,0,0*59\r\n",
     "$PUBX,40,GSA,0,0,0,0,0,0*4E\r\n",
@@ -25,13 +19,12 @@ const commands whole_configuration = {
     "$PUBX,40,VTG,0,0,0,0,0,0*5E\r\n",
     "$PUBX,40,TXT,0,0,0,0,0,0*43\r\n",
     "$PUBX,41,1,0007,0003,9600,0*10\r\n",
-    hex("B5 62 06 08 06 00 64 00 01 00 01 00 7A 12"),
-    hex("B5 62 06 3E 0C 00 00 00 20 01 00 08 20 00 01 00 01 00 9B F1"),
-    hex("B5 62 06 17 14 00 00 40 00 00 72 00 00 00 00 01 01 01 00 00 00 00 00 00 00 00 E6 57"),
-    hex("B5 62 06 57 08 00 01 00 00 00 52 55 4E 20 7B 60"),
-    hex("B5 62 06 3B 2C 00 01 00 00 00 60 10 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
-        "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 DE 79"),
-    hex("B5 62 06 09 0D 00 00 00 00 00 1F 00 00 00 1F 00 00 00 01 5B 6C"),
+    ubx("B5 62 06 08 06 00 64 00 01 00 01 00 7A 12"),
+    ubx("B5 62 06 3E 0C 00 00 00 20 01 00 08 20 00 01 00 01 00 9B F1"),
+    ubx("B5 62 06 17 14 00 00 40 00 00 72 00 00 00 00 01 01 01 00 00 00 00 00 00 00 00 E6 57"),
+    ubx("B5 62 06 57 08 00 01 00 00 00 52 55 4E 20 7B 60"),
+    ubx("B5 62 06 3B 2C 00 01 00 00 00 60 10 00*38 DE 79"),
+    ubx("B5 62 06 09 0D 00 00 00 00 00 1F 00 00 00 1F 00 00 00 01 5B 6C"),
 };
 constexpr size_t SILENCING = 10; // commands at its start that nobody acknowledges
 
@@ -96,9 +89,7 @@ TEST_F(bring_up, leaves_the_receiver_on_or_off_as_stored) {
         }
         EXPECT_EQ(gps_current_power_mode_g, static_cast<uint32_t>(status));
         EXPECT_EQ(fake::database().power_on_writes, 0);
-        const auto sent = fake::sent();
-        ASSERT_EQ(sent.size(), 1u);
-        expect_message(sent[0], 2, 1014, 3, {static_cast<uint8_t>(status), 0, 0, 0});
+        EXPECT_EQ(told(fake::sent()), "2 1014>3 0" + std::to_string(status) + "000000");
         TearDown();
     }
 }

@@ -6,12 +6,6 @@ namespace {
 
 class satellites : public receiver_fixture {
   protected:
-    void SetUp() override {
-        receiver_fixture::SetUp();
-        answer("GPGPQ,GSA", "GPGSA,A,3,04,05,,33,12,,,32,,,00,65,2.5,1.3,2.1");
-        answer("GPGPQ,ZDA", "GPZDA,235959.00,31,12,2019,00,00");
-    }
-
     // Asks for the satellites, into a record of a query before; a whole GSV answer of several
     // sentences.
     int32_t query(const std::vector<std::string> &bodies) {
@@ -28,6 +22,7 @@ class satellites : public receiver_fixture {
 };
 
 TEST_F(satellites, eleven_in_view_fill_eleven_entries) {
+    answer("GPGPQ,GSA", "GPGSA,A,3,04,05,,33,12,,,32,,,00,65,2.5,1.3,2.1");
     EXPECT_EQ(query({"GPGSV,3,1,11,01,,,40,02,,,,03,,,30,04,,,31",
                      "GPGSV,3,2,11,05,1,2,41,06,,,42,07,,,43,08,,,44",
                      "GPGSV,3,3,11,09,,,45,10,,,46,11,,,47"}),

@@ -1,11 +1,8 @@
 // The serial transport on a pty: configuration, read, time-out, line failure.
 #include "daemon_fixture.h"
 
-#include <array>
 #include <csignal>
-#include <fcntl.h>
 #include <termios.h>
-#include <thread>
 
 namespace {
 
@@ -18,12 +15,10 @@ TEST_F(uart, the_line_is_raw_at_9600_baud_and_gives_up_after_three_seconds) {
     termios set = {};
     ASSERT_EQ(tcgetattr(fd, &set), 0);
     close(fd);
-    EXPECT_EQ(cfgetospeed(&set), static_cast<speed_t>(B9600));
-    EXPECT_EQ(set.c_iflag, static_cast<tcflag_t>(IGNPAR));
-    EXPECT_EQ(set.c_oflag, 0u);
-    EXPECT_EQ(set.c_lflag, 0u);
-    EXPECT_EQ(set.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS | CLOCAL | CREAD),
-              static_cast<tcflag_t>(CS8 | CLOCAL | CREAD));
+    using modes = std::array<tcflag_t, 5>;
+    EXPECT_EQ((modes{set.c_iflag, set.c_oflag, set.c_lflag, cfgetospeed(&set),
+                     set.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS | CLOCAL | CREAD)}),
+              (modes{IGNPAR, 0, 0, B9600, CS8 | CLOCAL | CREAD}));
     EXPECT_EQ(set.c_cc[VMIN], 0);
     EXPECT_EQ(set.c_cc[VTIME], 30); // tenths of a second
 }

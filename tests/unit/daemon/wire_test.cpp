@@ -6,12 +6,10 @@
 
 #include <regex>
 #include <set>
-#include <sstream>
-#include <thread>
 
 namespace {
 
-// By "ID TYPE" or "ID TYPE, VARIANT". "00*72" among the bytes is 72 times 00.
+// By "ID TYPE" or "ID TYPE, VARIANT".
 std::map<std::string, bytes> read_samples() {
     std::map<std::string, bytes> samples;
     std::istringstream page(scratch_dir::read(WIRE_PAGE));
@@ -21,14 +19,8 @@ std::map<std::string, bytes> read_samples() {
             key = line.substr(7, line.find(':') - 7);
             EXPECT_TRUE(samples.try_emplace(key).second) << key << " is there twice";
         } else if (!key.empty() && line.starts_with("    ")) {
-            std::istringstream words(line);
-            for (std::string word; words >> word;) {
-                const size_t star = word.find('*');
-                const size_t count =
-                    star == std::string::npos ? 1 : std::stoul(word.substr(star + 1));
-                samples[key].insert(samples[key].end(), count,
-                                    static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
-            }
+            const auto more = from_hex<bytes>(line);
+            samples[key].insert(samples[key].end(), more.begin(), more.end());
         } else if (!line.empty()) {
             key.clear();
         }
