@@ -8,16 +8,16 @@ to the same object code. Each goes through the daemon's unit tests; what survive
 tests and those between foreign libraries; until one fails. A test that takes too long fails. Survivors that
 change nothing that could be seen are in equivalent.txt, each with the reason; they do not count.
 
-All is built in build/mutants, where results.json keeps what was caught: what was interrupted goes on, and only
-survivors are tried again. Remove it to begin anew. Exit status: 1 when there are survivors.
+All is done in build/mutants, on a copy of the tree. results.json there keeps what was caught: what was interrupted
+goes on, and only survivors are tried again. Remove it to begin anew. Exit status: 1 when there are survivors.
 """
 import ctypes
+import filecmp
 import json
 import os
 import pathlib
 import random
 import re
-import shlex
 import shutil
 import signal
 import subprocess
@@ -28,23 +28,20 @@ import time
 from faults import faults_of
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
-SOURCES = TREE / "location_service/src"
 BUILD = TREE / "build/mutants"
+COPY = BUILD / "tree"
 RESULTS = BUILD / "results.json"
 JOBS = 2
-UNIT_TESTS = ["tests/unit/daemon/*_test", "tests/system/history_clients_test"]
-UNIT_LIMIT_S = 30  # of a program of unit tests; of one test of the others:
+UNIT_TESTS = ["tests/unit/daemon/daemon_tests", "tests/system/history_clients_test"]
+PROGRAMS = ["location_service", *UNIT_TESTS]
+UNIT_LIMIT_S = 30  # of a suite of unit tests; of one test of the others:
 LIMIT_S = 120
 NOT_RUN = re.compile("service_unit|recipes")  # they know nothing of what the daemon does
 NO_FAULT, SURVIVED = "no fault", ("unit tests pass", "survived")  # the first: does not compile, or the same code
 
 
-def run(*command, **options):
-    return subprocess.run(command, cwd=BUILD, capture_output=True, text=True, **options)
-
-
-def commands(target):
-    return run("ninja", "-t", "commands", target, check=True).stdout.splitlines()
+def run(*command):
+    return subprocess.run(command, cwd=BUILD, capture_output=True, text=True)
 
 
 def kill_children():
@@ -80,116 +77,71 @@ def first_failure(tests):
     return failed
 
 
-class Bench:
-    """A build of the project in which one object at a time is another."""
+def build(*targets):
+    print("Building", flush=True)
+    if (built := run("ninja", f"-j{JOBS}", *targets)).returncode != 0:
+        sys.exit(built.stdout)
 
-    def __init__(self):
-        os.makedirs(BUILD, exist_ok=True)
-        run("cmake", "--preset", "sim", "-S", TREE, "-B", BUILD, check=True)
-        print("Building", flush=True)
-        built = run("ninja", f"-j{JOBS}")
-        if built.returncode != 0:
-            sys.exit(built.stdout)
-        self.planted, self.object = BUILD / "planted", BUILD / "planted/fault.o"
-        shutil.rmtree(self.planted, ignore_errors=True)
-        self.planted.mkdir()
-        self.program = self.planted / "unit_tests"
-        self.programs = sorted(str(p.relative_to(BUILD)) for t in UNIT_TESTS for p in BUILD.glob(t))
-        self.links = [self.unit_link(), shlex.split(self.last_link("location_service"))]
-        self.clean = {}  # object code of the sources as they are
-        self.link(None)
-        self.tests = [self.measured(self.unit_tests()), None]
 
-    @staticmethod
-    def last_link(target):
-        return commands(target)[-1].split("&&")[1].strip()
+def prepare():
+    """The copy made like the tree, ready to be built."""
+    os.makedirs(COPY, exist_ok=True)
+    names = run("git", "-C", TREE, "ls-files", "-co", "--exclude-standard").stdout.splitlines()
+    for copy in {COPY / name for name in names} | {path for path in COPY.rglob("*") if path.is_file()}:
+        source = TREE / copy.relative_to(COPY)
+        if not source.is_file():
+            copy.unlink(missing_ok=True)
+        elif not (copy.is_file() and filecmp.cmp(source, copy, shallow=False)):
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(source, copy)
+    # An index behind the end would be found with the sanitizers only.
+    run("cmake", "--preset", "sim", "-S", COPY, "-B", BUILD, "-DCMAKE_CXX_FLAGS=-w -D_GLIBCXX_ASSERTIONS",
+        "-DLS_BENCHMARKS=OFF")
 
-    def unit_link(self):
-        """All the daemon's unit tests as one program: linked once, where each has a link of its own."""
-        arguments, output = {}, None
-        for program in self.programs:
-            for argument in shlex.split(self.last_link(program)):
-                arguments[argument] = argument.endswith(".o")
-                if output == "-o":
-                    del arguments[argument]
-                output = argument
-        del arguments["-o"]
-        objects = [a for a, is_object in arguments.items() if is_object]
-        others = [a for a, is_object in arguments.items() if not is_object]
-        return others[:1] + objects + others[1:] + ["-o", str(self.program)]
 
-    def compile(self, name, text):
-        """Whether it compiles; the object is there then."""
-        source = self.planted / name
-        source.write_text(text)
-        kind = "location_service" if name == "gps_main.cpp" else "location_service_modules"
-        self.replaced = f"location_service/CMakeFiles/{kind}.dir/src/{name}.o"
-        command = [str(source) if a == str(SOURCES / name) else a for a in shlex.split(commands(self.replaced)[-1])
-                   if a != "-Werror"]
-        command[command.index("-o") + 1] = str(self.object)
-        for option in ("-MD", "-MT", "-MF"):
-            at = command.index(option)
-            del command[at : at + (1 if option == "-MD" else 2)]
-        self.object.unlink(missing_ok=True)
-        # An index behind the end would be found with the sanitizers only.
-        return run(*command, "-w", "-D_GLIBCXX_ASSERTIONS").returncode == 0
+def unit_tests():
+    for program in UNIT_TESTS:
+        for suite in re.findall(r"^(\S+\.)", run(BUILD / program, "--gtest_list_tests").stdout, re.M):
+            yield suite, [BUILD / program, "--gtest_fail_fast", f"--gtest_filter={suite}*"], {}, UNIT_LIMIT_S
 
-    def link(self, replaced):
-        for command in self.links:
-            if run(*[str(self.object) if a == replaced else a for a in command]).returncode != 0:
-                return "link"
-        return None
 
-    def unit_tests(self):
-        """One process for each of the test programs, as they expect it."""
-        tests = []
-        for program in self.programs:
-            listed = run(str(BUILD / program), "--gtest_list_tests").stdout
-            suites = ":".join(re.findall(r"^(\S+\.)", listed, re.M)).replace(".", ".*")
-            tests.append((program, [self.program, "--gtest_fail_fast", f"--gtest_filter={suites}"], {}, UNIT_LIMIT_S))
-        return tests
+def system_tests():
+    listed = json.loads(run("ctest", "--show-only=json-v1", "-L", "system|foreign", "-LE", "long").stdout)
+    for test in listed["tests"]:
+        properties = {p["name"]: p["value"] for p in test["properties"]}
+        environment = dict(e.split("=", 1) for e in properties.get("ENVIRONMENT", []) if e)
+        if not NOT_RUN.search(test["name"]):
+            yield test["name"], test["command"], environment, LIMIT_S
 
-    @staticmethod
-    def system_tests():
-        tests = []
-        for label in ("system", "foreign"):
-            listed = json.loads(run("ctest", "--show-only=json-v1", "-L", label, "-LE", "long").stdout)
-            for test in listed["tests"]:
-                properties = {p["name"]: p["value"] for p in test["properties"]}
-                environment = dict(e.split("=", 1) for e in properties.get("ENVIRONMENT", []) if e)
-                if not NOT_RUN.search(test["name"]):
-                    tests.append((test["name"], test["command"], environment, LIMIT_S))
-        return tests
 
-    def measured(self, tests):
-        """The tests, the quickest first. All pass, or this is the end."""
-        times = {}
-        for test in tests:
-            begun = time.monotonic()
-            if first_failure([test]) is not None:
-                sys.exit(f"{test[0]} fails without any fault")
-            times[test[0]] = time.monotonic() - begun
-        return sorted(tests, key=lambda test: times[test[0]])
+def measured(tests):
+    """The tests, the quickest first. All pass, or this is the end."""
+    times = {}
+    for test in tests:
+        begun = time.monotonic()
+        if first_failure([test]) is not None:
+            sys.exit(f"{test[0]} fails without any fault")
+        times[time.monotonic() - begun] = test
+    return [test for _, test in sorted(times.items())]
 
-    def verdict(self, fault, text, stage):
-        """What became of a fault in a stage: NO_FAULT, SURVIVED[stage] or who caught it."""
-        name = fault.name
-        if self.tests[stage] is None:
-            self.link(None)
-            self.tests[stage] = self.measured(self.system_tests())
-        if name not in self.clean:
-            self.compile(name, text)
-            self.clean[name] = self.object.read_bytes()
-        if not self.compile(name, fault.planted(text)) or self.object.read_bytes() == self.clean[name]:
-            return NO_FAULT
-        return self.link(self.replaced) or first_failure(self.tests[stage]) or SURVIVED[stage]
+
+def verdict(fault, text, clean, tests):
+    """What became of a fault: NO_FAULT, who caught it, or None. `clean`: object code without faults, by file."""
+    source = COPY / "location_service/src" / fault.name
+    kind = "location_service" if fault.name == "gps_main.cpp" else "location_service_modules"
+    made = BUILD / f"location_service/CMakeFiles/{kind}.dir/src/{fault.name}.o"
+    clean.setdefault(fault.name, made.exists() and made.read_bytes())
+    source.write_text(fault.planted(text))
+    built = run("ninja", f"-j{JOBS}", *PROGRAMS)
+    source.write_text(text)
+    if not made.exists() or made.read_bytes() == clean[fault.name]:
+        return NO_FAULT
+    return "link" if built.returncode != 0 else first_failure(tests)
 
 
 def equivalent_faults(all_faults):
-    listed = set()
-    for entry in (pathlib.Path(__file__).parent / "equivalent.txt").read_text().split("\n\n"):
-        if not entry.startswith("#"):
-            listed.add("\n".join(entry.strip().splitlines()[:3]))
+    entries = (pathlib.Path(__file__).parent / "equivalent.txt").read_text().split("\n\n")
+    listed = {"\n".join(entry.strip().splitlines()[:3]) for entry in entries if not entry.startswith("#")}
     for key in listed - {fault.key() for fault in all_faults}:
         print(f"equivalent.txt: there is no such fault any more:\n{key}\n")
     return listed
@@ -199,30 +151,34 @@ def main(count, seed):
     ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     os.nice(15)
-    texts = {path.name: path.read_text() for path in sorted(SOURCES.glob("*.cpp"))}
+    prepare()
+    texts = {path.name: path.read_text() for path in sorted(COPY.glob("location_service/src/*.cpp"))}
     sample = [fault for name, text in texts.items() for fault in faults_of(name, text)]
     equivalent = equivalent_faults(sample)
     print(len(sample), "faults can be planted")
     random.Random(seed).shuffle(sample)
-    bench = Bench()
     results = json.loads(RESULTS.read_text()) if RESULTS.exists() else {}
+    clean = {}
 
-    def attempt(fault, stage):
+    def attempt(fault, stage, tests):
         begun, key = time.monotonic(), fault.key()
-        results[key] = bench.verdict(fault, texts[fault.name], stage)
+        results[key] = verdict(fault, texts[fault.name], clean, tests) or SURVIVED[stage]
         RESULTS.write_text(json.dumps(results, indent=0))
         print(f"{fault.name}:{fault.line} {results[key]} {time.monotonic() - begun:.0f} s", flush=True)
 
-    planted = []
+    build(*PROGRAMS)
+    planted, tests = [], measured(unit_tests())
     for fault in sample:
         if len(planted) < count:
             if fault.key() not in equivalent and results.get(fault.key(), SURVIVED[1]) == SURVIVED[1]:
-                attempt(fault, 0)
+                attempt(fault, 0, tests)
             if results.get(fault.key()) != NO_FAULT:
                 planted.append(fault)
-    for fault in planted:
-        if results.get(fault.key()) == SURVIVED[0]:
-            attempt(fault, 1)
+    if left := [fault for fault in planted if results.get(fault.key()) == SURVIVED[0]]:
+        build("all")
+        tests = measured(system_tests())
+        for fault in left:
+            attempt(fault, 1, tests)
     others = [fault for fault in planted if fault.key() not in equivalent]
     survivors = [fault for fault in others if results[fault.key()] == SURVIVED[1]]
     for fault in survivors:
