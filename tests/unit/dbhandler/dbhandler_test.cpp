@@ -9,6 +9,7 @@
 #include <csignal>
 #include <functional>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -27,6 +28,16 @@ using std::chrono::seconds;
 
 auto now() {
     return std::chrono::steady_clock::now();
+}
+
+constexpr int32_t UNREAD = -7;
+
+// The stored power-on status; UNREAD, and nothing stored, when there is none to be had.
+int32_t power() {
+    int32_t value = UNREAD;
+    const bool is_read = db_read_gps_power_on_status(&value) == 0;
+    EXPECT_EQ(is_read, value != UNREAD);
+    return value;
 }
 
 class settings_db : public testing::Test {
@@ -72,8 +83,7 @@ class settings_db : public testing::Test {
 };
 
 TEST_F(settings_db, defaults_are_stored_and_changes_in_range_hold_together) {
-    int32_t gps = -7;
-    EXPECT_EQ(db_read_gps_power_on_status(&gps), 0);
+    EXPECT_EQ(power(), 2);
     EXPECT_EQ(sql("SELECT group_concat(name || '=' || value) FROM settings"),
               "gps_power_on_status=2,location_history_interval=60,location_history_status=0,"
               "ta_power_on_status=0");
@@ -102,16 +112,13 @@ TEST_F(settings_db, defaults_are_stored_and_changes_in_range_hold_together) {
 
 TEST_F(settings_db, a_value_that_cannot_be_meant_counts_as_its_default_and_is_logged_once) {
     const struct {
-        const char *value;
-        int32_t power, antenna;
-        uint8_t status;
-        uint32_t interval;
+        const char *value, *read; // power, antenna, status, interval
         int logged;
     } rows[] = {
-        {"'on'", 2, 0, 0, 60, 4},       {"-1", -1, 0, 0, 60, 3},
-        {"0", 0, 0, 0, 60, 1},          {"255", 255, 255, 255, 255, 0},
-        {"256", 256, 256, 0, 256, 1},   {"2147483648", 2, 0, 0, 2147483648, 3},
-        {"4294967296", 2, 0, 0, 60, 4},
+        {"'on'", "2 0 0 60", 4},       {"-1", "-1 0 0 60", 3},
+        {"0", "0 0 0 60", 1},          {"255", "255 255 255 255", 0},
+        {"256", "256 256 0 256", 1},   {"2147483648", "2 0 0 2147483648", 3},
+        {"4294967296", "2 0 0 60", 4},
     };
     ASSERT_EQ(db_set_gps_power_on_status(1), 0);
     for (const auto &row : rows) {
@@ -119,12 +126,14 @@ TEST_F(settings_db, a_value_that_cannot_be_meant_counts_as_its_default_and_is_lo
         sql(std::string("UPDATE settings SET value = ") + row.value);
         testing::internal::CaptureStderr();
         for (int i = 0; i < 2; i++) {
-            int32_t power = -77, antenna = -77;
+            int32_t antenna = -77;
             location_history_settings history{77, 77};
-            EXPECT_TRUE(db_read_gps_power_on_status(&power) == 0 && power == row.power);
-            EXPECT_TRUE(db_read_ta_power_on_status(&antenna) == 0 && antenna == row.antenna);
+            std::ostringstream read;
+            read << power();
+            EXPECT_EQ(db_read_ta_power_on_status(&antenna), 0);
             EXPECT_EQ(db_read_location_history_settings(&history), 0);
-            EXPECT_TRUE(history.status == row.status && history.interval == row.interval);
+            read << ' ' << antenna << ' ' << int{history.status} << ' ' << history.interval;
+            EXPECT_EQ(read.str(), row.read);
         }
         const std::string log = testing::internal::GetCapturedStderr();
         EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), row.logged) << log;
@@ -148,10 +157,8 @@ TEST_F(settings_db, of_processes_that_find_damage_one_keeps_the_file_and_default
             child = start_child([&gate] {
                 char byte = 0;
                 close(gate[1]);
-                int32_t value = -7;
                 const bool let_go = read(gate[0], &byte, 1) == 0;
-                return let_go && db_set_gps_power_on_status(2) == 0 &&
-                       db_read_gps_power_on_status(&value) == 0 && value == 2;
+                return let_go && db_set_gps_power_on_status(2) == 0 && power() == 2;
             });
         close(gate[0]);
         close(gate[1]); // all start now
@@ -189,10 +196,8 @@ TEST_F(settings_db, what_never_was_our_database_is_left_untouched) {
             fs::remove(file_.string() + ending);
         row.make();
         const std::string before = fs::is_fifo(file_) ? "" : dir.read(file_);
-        int32_t value = -7;
-        EXPECT_NE(db_read_gps_power_on_status(&value), 0);
+        EXPECT_EQ(power(), UNREAD);
         EXPECT_NE(db_set_gps_power_on_status(0), 0);
-        EXPECT_EQ(value, -7);
         db_settings seen{};
         EXPECT_EQ(db_look_at_settings(&seen), DB_LOOK_NOT_OURS);
         EXPECT_TRUE(fs::exists(fs::symlink_status(file_)));
@@ -251,9 +256,7 @@ TEST_F(settings_db, a_file_that_cannot_be_written_now_is_left_alone) {
               }),
               1)
         << "full";
-    int32_t value = -7;
-    EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
-    EXPECT_EQ(value, 1);
+    EXPECT_EQ(power(), 1);
 
     const std::string good = make_database();
     const int result = run_in_child([&] {
@@ -263,12 +266,9 @@ TEST_F(settings_db, a_file_that_cannot_be_written_now_is_left_alone) {
             mount("none", here, "tmpfs", 0, nullptr) != 0 || chdir(here) != 0)
             return 77;
         dir.write(file_, good);
-        int32_t read_only = -7;
-        return mount("none", here, nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0 &&
-                       db_read_gps_power_on_status(&read_only) == 0 && read_only == 1 &&
-                       db_set_gps_power_on_status(0) != 0
-                   ? 1
-                   : 0;
+        const bool is_read_only =
+            mount("none", here, nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+        return is_read_only && power() == 1 && db_set_gps_power_on_status(0) != 0 ? 1 : 0;
     });
     if (result == 77)
         GTEST_SKIP() << "no file system can be mounted here";
@@ -285,11 +285,8 @@ TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
     sqlite3_exec(writer, "UPDATE settings SET value = 0; BEGIN EXCLUSIVE", nullptr, nullptr,
                  nullptr);
     const auto start = now();
-    for (int i = 0; i < 5; i++) {
-        int32_t value = -7;
-        EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
-        EXPECT_EQ(value, 0);
-    }
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(power(), 0);
     EXPECT_LT(now() - start, seconds(1)) << "five messages";
     const auto refused = [](const char *why) {
         const auto from = now();
@@ -305,8 +302,7 @@ TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
 
 TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
     ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-    int32_t value = -7;
-    ASSERT_EQ(db_read_gps_power_on_status(&value), 0);
+    ASSERT_EQ(power(), 1);
     int ready[2];
     ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
     const pid_t holder = start_child([&] { // every lock of the -shm, as one stopped in a recovery
@@ -323,33 +319,29 @@ TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
     close(ready[0]);
     testing::internal::CaptureStderr();
     const auto start = now();
-    for (int i = 0; i < 5; i++) {
-        value = -7;
-        EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
-        EXPECT_EQ(value, 1);
-    }
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(power(), 1);
     EXPECT_LT(now() - start, seconds(2));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("the last read serve"),
-              std::string::npos);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("the last read serve"), std::string::npos) << log;
     kill(holder, SIGKILL);
     EXPECT_EQ(end_of_child(holder), -1);
     const auto until = now() + seconds(60);
     sql("UPDATE settings SET value = 0");
-    while ((db_read_gps_power_on_status(&value) != 0 || value != 0) && now() < until)
+    while (power() != 0 && now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(value, 0);
+    EXPECT_EQ(power(), 0);
 }
 
 TEST_F(settings_db, another_file_at_the_path_is_taken_up) {
     const std::string one = make_database();
     ASSERT_EQ(db_set_gps_power_on_status(0), 0);
-    int32_t value = -7;
-    EXPECT_TRUE(db_read_gps_power_on_status(&value) == 0 && value == 0);
+    EXPECT_EQ(power(), 0);
     for (const char *ending : {"-wal", "-shm"})
         fs::remove(file_.string() + ending);
     dir.write("restored", one);
     fs::rename("restored", file_);
-    EXPECT_TRUE(db_read_gps_power_on_status(&value) == 0 && value == 1);
+    EXPECT_EQ(power(), 1);
 }
 
 TEST_F(settings_db, changes_made_at_once_by_threads_and_processes_all_hold) {
