@@ -31,8 +31,7 @@ TEST_F(bus, forked_child_does_not_end_its_parents_connection) {
 TEST_F(bus, exit_amid_traffic_refuses_sends_and_ends_callbacks) {
     ASSERT_EQ(peer.init(41), 0);
     for (int round = 0; round < 20; ++round) {
-        std::atomic<bool> ended{false};
-        std::atomic<bool> late{false};
+        std::atomic<bool> ended{false}, late{false};
         std::atomic<int> error{0};
         self.messages.clear();
         self.hook = [&](service &, const bus_msg &) { late = late || ended; };

@@ -13,8 +13,7 @@ TEST_F(bus, of_racing_starters_one_wins_also_over_a_dead_owner) {
             close(raw_owner(40)); // leaves a stale socket
         std::array<service, starters> services;
         std::barrier start(starters);
-        std::atomic<int> won{0};
-        std::atomic<int> refused{0};
+        std::atomic<int> won{0}, refused{0};
         std::vector<std::jthread> threads;
         threads.reserve(starters);
         for (service &starter : services) {

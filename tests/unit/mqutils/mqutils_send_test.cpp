@@ -15,15 +15,13 @@ TEST_F(bus, headers_on_the_wire) {
     ASSERT_EQ(fill_request_hdr(&self, &hdrs[0], 2, 1003, 41), 0);
     ASSERT_EQ(fill_notif_hdr(&self, &hdrs[1], 0, 1014, 41), 0);
     ASSERT_EQ(fill_response_hdr(&self, &hdrs[2], &req, 1), 0);
-    std::string expected[] = {
-        {"\x00\x00\x28\x29\xeb\x03\x00\x00....\x02\x00\x00\x00\x00\x00\x00\x00PL", 22},
-        {"\x02\x00\x28\x29\xf6\x03\x00\x00....\x00\x00\x00\x00\x00\x00\x00\x00", 20},
+    EXPECT_EQ(hdrs[1].txn_id, hdrs[0].txn_id + 1); // whatever the first one is
+    hdrs[0].txn_id = hdrs[1].txn_id = 0x01020304;
+    const std::string expected[] = {
+        {"\x00\x00\x28\x29\xeb\x03\x00\x00\x04\x03\x02\x01\x02\x00\x00\x00\x00\x00\x00\x00PL", 22},
+        {"\x02\x00\x28\x29\xf6\x03\x00\x00\x04\x03\x02\x01\x00\x00\x00\x00\x00\x00\x00\x00", 20},
         {"\x01\x00\x28\x29\x04\x03\x02\x01\xdd\xcc\xbb\xaa\x01\x00\x00\x00\x00\x00\x00\x00P", 21},
     };
-    for (uint32_t i = 0; i < 2; ++i) { // whatever the first id is
-        const uint32_t id = hdrs[0].txn_id + i;
-        std::memcpy(expected[i].data() + 8, &id, sizeof id);
-    }
     for (size_t i = 0; i < hdrs.size(); ++i) {
         ASSERT_EQ(send_msg(&self, &hdrs[i], i == 1 ? nullptr : "PL"), 0);
         std::array<char, 64> bytes{};
