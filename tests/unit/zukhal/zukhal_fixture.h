@@ -7,7 +7,11 @@
 #include "scratch_dir.h"
 #include "zukhal.h"
 
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -29,7 +33,12 @@ class zukhal_fixture : public testing::Test {
   protected:
     scratch_dir dir;
 
-    void SetUp() override { configure("[board]\ntype=1\n[log]\ntarget=file\nfile=" + path("log")); }
+    void SetUp() override {
+        configure("[board]\ntype=1\n[log]\ntarget=file\nfile=" + path("log") +
+                  "\n[power]\ndirectory=" + dir.path().string());
+        for (const char *file : {"wake_lock", "wake_unlock"})
+            scratch_dir::write(file, "");
+    }
 
     std::string path(const char *name) const { return dir.path() / name; }
     static std::string content(const char *name) { return scratch_dir::read(name); }

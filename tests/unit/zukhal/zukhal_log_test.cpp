@@ -2,13 +2,8 @@
 #include "zukhal_fixture.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>

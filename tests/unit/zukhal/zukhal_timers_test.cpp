@@ -1,12 +1,6 @@
 // Timers on the real clock, with the shortest interval there is, and votes.
 #include "zukhal_fixture.h"
 
-#include <array>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <thread>
-
 namespace {
 
 // What callbacks saw and did; each test uses them in child processes of its own.
@@ -89,15 +83,7 @@ TEST_F(zukhal_timers, a_running_callback_holds_up_no_deletion_and_exit_for_its_b
     });
 }
 
-class zukhal_votes : public zukhal_fixture {
-  protected:
-    void SetUp() override {
-        configure("[board]\ntype=1\n[log]\ntarget=file\nfile=" + path("log") +
-                  "\n[power]\ndirectory=" + dir.path().string());
-        scratch_dir::write("wake_lock", "");
-        scratch_dir::write("wake_unlock", "");
-    }
-};
+using zukhal_votes = zukhal_fixture;
 
 TEST_F(zukhal_votes, the_kernel_hears_of_the_first_and_the_last_vote) {
     in_child([] {
