@@ -2,11 +2,7 @@
 // in every run, until the time is up.
 #include "fuzz_target.h"
 
-#include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <set>
@@ -16,7 +12,7 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 
-constexpr std::chrono::seconds duration{2};
+constexpr std::chrono::seconds duration{1};
 constexpr size_t longest_input = 4096;
 
 void run(const bytes &input) {
@@ -49,8 +45,8 @@ int main(int argc, char **argv) {
     fuzz_expect(!files.empty(), "there is a corpus");
     std::vector<bytes> corpus;
     for (const std::filesystem::path &file : files) {
-        std::ifstream in(file, std::ios::binary);
-        corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        const std::string content = scratch_dir::read(file);
+        corpus.emplace_back(content.begin(), content.end());
         run(corpus.back());
     }
     std::mt19937 random(1);

@@ -1,8 +1,8 @@
 // Dispatch of bus messages, and the workers that serve them.
 //
 // Byte 0: bit 0 = board type 2, bit 1 = gate open, bit 2 = receiver off, bit 3 = history on, bit 4
-// = static location on; then message type, sender, message id (2 bytes, little-endian); the rest is
-// the payload. No receiver answers: board type 1 has no line, and behind the TA nobody waits.
+// = static location on. Then messages: type, sender, id (2 bytes), payload size (255 = all the
+// rest), payload. No receiver answers: board type 1 has no line, and behind the TA nobody waits.
 #include "fuzz_target.h"
 
 #include "fake_platform.h"
@@ -10,9 +10,9 @@
 #include "gps_main.h"
 #include "gps_message_handler.h"
 #include "ls_state.h"
-#include "scratch_dir.h"
 
 #include <sched.h>
+#include <span>
 
 // Read by the leak checker. A worker leaves the payload of a request with an unknown id to
 // nobody, on purpose.
@@ -22,9 +22,6 @@ const char *__lsan_default_suppressions() {
 }
 
 namespace {
-
-constexpr size_t head_size = 5;
-constexpr uint8_t request_type = 0;
 
 void configure(uint8_t bits) {
     fake::reset();
@@ -36,38 +33,44 @@ void configure(uint8_t bits) {
     rffe_req_sem_wait_time = 0;
 }
 
-void expect_answers(const bus_msg &msg) {
-    for (const fake::sent_message &sent : fake::sent()) {
+// What has been sent since the first `before` messages.
+void expect_answers(const bus_msg &msg, size_t before) {
+    const std::vector<fake::sent_message> all = fake::sent();
+    for (const fake::sent_message &sent : std::span(all).subspan(before)) {
         if (sent.hdr.msg_type != 1)
             continue;
         fuzz_expect(sent.hdr.msg_id == msg.hdr.msg_id && sent.hdr.txn_id == msg.hdr.txn_id &&
                         sent.hdr.dst_serv_id == msg.hdr.src_serv_id,
                     "a response goes back to where its request came from");
-        fuzz_expect(msg.hdr.msg_type == request_type, "only requests have responses");
+        fuzz_expect(msg.hdr.msg_type == 0, "only requests have responses");
     }
 }
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const scratch_dir dir;
-    if (size < head_size)
-        return 0;
-    configure(data[0]);
-    std::vector<uint8_t> payload(data + head_size, data + size);
-    bus_msg msg = fake::make_message(data[1], static_cast<uint32_t>(data[3] | data[4] << 8),
-                                     data[2], payload);
-    ls_hal_process_message(fake::connection(), &msg);
-    while (ls_activities() != 0)
-        sched_yield();
-    expect_answers(msg);
-
-    // One request for LPP parameters as a notification gives its vote back twice: as a worker does
-    // at its end, and as a notification does.
+void fuzz(fuzz_input input) {
+    configure(input.number<uint8_t>());
+    int messages = 0;
+    while (!input.rest.empty()) {
+        const auto type = input.number<uint8_t>();
+        const auto from = input.number<uint8_t>();
+        const uint32_t id = input.number<uint16_t>();
+        const auto length = input.number<uint8_t>();
+        const std::string_view text = input.take(length == 255 ? input.rest.size() : length);
+        std::vector<uint8_t> payload(text.begin(), text.end());
+        bus_msg msg = fake::make_message(type, id, from, payload);
+        const size_t before = fake::sent().size();
+        ls_hal_process_message(fake::connection(), &msg);
+        while (ls_activities() != 0)
+            sched_yield();
+        expect_answers(msg, before);
+        ++messages;
+    }
+    // A request for LPP parameters as a notification gives its vote back twice: as a worker does at
+    // its end, and as a notification does.
     const fake::votes votes = fake::system_state_votes();
-    fuzz_expect(votes.enabled >= votes.disabled && votes.enabled <= votes.disabled + 1,
+    fuzz_expect(votes.enabled >= votes.disabled && votes.enabled <= votes.disabled + messages,
                 "the terminal may sleep again");
     ls_delete_all_periodic_requests();
     ls_hal_deinit_gps_history();
-    return 0;
 }

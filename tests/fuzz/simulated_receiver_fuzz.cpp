@@ -6,9 +6,7 @@
 
 #include "receiver.h"
 
-#include <algorithm>
 #include <span>
-#include <string_view>
 
 namespace {
 
@@ -33,9 +31,7 @@ void expect_whole(std::span<const uint8_t> rest) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size == 0)
-        return 0;
+void fuzz(fuzz_input input) {
     const auto clock = [] { return wall_clock_s; };
     sim::receiver_options options;
     options.truth = sim::make_fixed_place(51.5, -0.125, 35.9, clock);
@@ -44,14 +40,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     sim::receiver receiver(std::move(options));
     double now = 0;
     receiver.set_power(true, true, now);
-    const size_t piece = std::max<size_t>(data[0], 1);
-    for (size_t at = 1; at < size; at += piece) {
+    const size_t size = std::max<size_t>(input.number<uint8_t>(), 1);
+    while (!input.rest.empty()) {
+        const std::string_view piece = input.take(size);
         now += step_s;
-        receiver.input({data + at, std::min(piece, size - at)}, now);
+        receiver.input({reinterpret_cast<const uint8_t *>(piece.data()), piece.size()}, now);
         for (const std::vector<uint8_t> &message : receiver.take_output(now))
             expect_whole(message);
     }
     for (const std::vector<uint8_t> &message : receiver.take_output(now + 2.0)) // an epoch later
         expect_whole(message);
-    return 0;
 }
