@@ -7,6 +7,7 @@ build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev l
 test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps libxml2-utils python3 zsh asciidoctor
     mandoc man-db systemd make kconfig-frontends-nox)
 analysis_packages=(clang-format clang-tidy shellcheck)
+fuzz_packages=(clang llvm libclang-rt-dev)
 armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static mmdebstrap debian-archive-keyring)
 
 fail() {

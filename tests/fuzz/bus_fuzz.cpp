@@ -60,7 +60,7 @@ void fuzz(fuzz_input input) {
             datagram.replace(at, 4, reinterpret_cast<const char *>(&hdr.txn_id), 4);
         fuzz_expect(write(sender, datagram.data(), datagram.size()) >= 0, "it is sent");
         for (int unread = 1; unread != 0; sched_yield())
-            ioctl(sender, SIOCOUTQ, &unread);
+            fuzz_expect(ioctl(sender, SIOCOUTQ, &unread) == 0, "what is unread is told");
     }
     fuzz_expect(scm_conn_exit(&conn) == 0, "it leaves");
 }

@@ -6,14 +6,17 @@
 #include "dbhandler_admin.h"
 
 void fuzz(fuzz_input input) {
-    setenv("DBHANDLER_FILE", "settings.db", 1);
+    // A name of its own: a read that takes too long gives what was last read of that name.
+    static unsigned number = 0;
+    const std::string name = std::to_string(++number);
+    setenv("DBHANDLER_FILE", name.c_str(), 1);
     for (const auto &left : std::filesystem::directory_iterator("."))
         std::filesystem::remove(left);
     const size_t length = input.number<uint16_t>();
     const std::string database(input.take(length));
-    scratch_dir::write("settings.db", database);
+    scratch_dir::write(name, database);
     if (!input.rest.empty())
-        scratch_dir::write("settings.db-wal", std::string(input.rest));
+        scratch_dir::write(name + "-wal", std::string(input.rest));
 
     db_settings seen = {};
     db_settings read = {};
@@ -29,6 +32,6 @@ void fuzz(fuzz_input input) {
     if (db_set_gps_power_on_status(1) == 0 &&
         db_read_gps_power_on_status(&read.gps_power_on_status) == 0)
         fuzz_expect(read.gps_power_on_status == 1, "what is set is set");
-    fuzz_expect(look != DB_LOOK_NOT_OURS || scratch_dir::read("settings.db") == database,
+    fuzz_expect(look != DB_LOOK_NOT_OURS || scratch_dir::read(name) == database,
                 "what never was ours is left alone");
 }
