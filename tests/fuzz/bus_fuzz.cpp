@@ -7,7 +7,6 @@
 #include "mqutils.h"
 
 #include <linux/sockios.h>
-#include <numeric>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -15,12 +14,8 @@
 
 namespace {
 
-volatile unsigned sum; // so that all of a payload is read
-
 int check(scm_conn *, bus_msg *msg) {
-    const auto *bytes = static_cast<const uint8_t *>(msg->pld);
-    fuzz_expect((bytes == nullptr) == (msg->hdr.pld_len == 0), "there is a payload or none");
-    sum = std::accumulate(bytes, bytes + msg->hdr.pld_len, 0u);
+    fuzz_expect((msg->pld == nullptr) == (msg->hdr.pld_len == 0), "there is a payload or none");
     const uint8_t from = msg->hdr.src_serv_id;
     fuzz_expect(msg->hdr.dst_serv_id == 40, "it is for this service");
     fuzz_expect(from == 40 || from == 41 || (from == 0 && msg->hdr.msg_id == 407),

@@ -40,10 +40,9 @@ void answer(const sent_message &asked) {
     }
     const bool registers = asked.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE;
     fake_reply(asked.hdr, registers ? bytes{1, 0, 0, 0} : bytes(LS_REFUSED_REPLY_SIZE));
-    if (registers)
-        fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, bytes(sizeof(ls_position_reply)));
-    if (asked.hdr.msg_id == SAL_REQUEST_PROVIDE_GNSS_LOCATION_TO_CP)
-        fake_send(LS_MSG_REQUEST, SAL_REQUEST_GNSS_LOCATION, bytes(sizeof(gps_lpp_location)));
+    // Nobody minds those that were not asked for.
+    fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, bytes(sizeof(ls_position_reply)));
+    fake_send(LS_MSG_REQUEST, SAL_REQUEST_GNSS_LOCATION, bytes(sizeof(gps_lpp_location)));
 }
 
 // One value, or one a line.

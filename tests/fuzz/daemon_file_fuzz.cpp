@@ -13,11 +13,9 @@ namespace {
 
 void read_parameters(const std::string &text) {
     scratch_dir::write(LS_PATH_CONTROL_PARAMETERS, text);
-    for (int time = 0; time < 2; ++time) {
-        get_rffe_req_sem_wait_time();
-        get_gps_pos_buffer_time();
-        get_loc_hist_offset_time();
-    }
+    get_rffe_req_sem_wait_time();
+    get_gps_pos_buffer_time();
+    get_loc_hist_offset_time();
     const std::string after = scratch_dir::read(LS_PATH_CONTROL_PARAMETERS);
     // One that cannot be told from what stands before it is added once more.
     fuzz_expect(after.starts_with(text) && after.size() <= text.size() + 256,
