@@ -87,7 +87,11 @@ functions() {
 compare() {
     awk 'FNR == NR && /^[^#]/ {
             if (!/ -- ./) { print FILENAME ":" FNR ": no reason"; bad = 1 }
-            for (i = 2; $i != "--" && i <= NF; ++i) listed[$1 " " $i] = 1
+            for (i = 2; $i != "--" && i <= NF; ++i) {
+                sometimes = sub(/\?$/, "", $i)
+                listed[$1 " " $i] = 1
+                if (sometimes) used[$1 " " $i] = 1
+            }
         }
         FNR == NR { next }
         { ++count }
