@@ -56,8 +56,8 @@ struct sides {
     }
 };
 
-// What appending takes of the system: read the header, write the line, make it last, write the
-// header.
+// What appending takes of the system: read the header, write the line, make it last, and the same
+// with the header.
 bool append_by_hand(const char *path) {
     std::array<uint32_t, 2> header = {};
     struct stat status {};
@@ -75,6 +75,7 @@ bool append_by_hand(const char *path) {
     fd = open(path, O_RDWR | O_CLOEXEC);
     lseek(fd, 0, SEEK_SET);
     good = write(fd, header.data(), sizeof header) == sizeof header && good;
+    fdatasync(fd);
     close(fd);
     return good;
 }

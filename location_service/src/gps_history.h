@@ -35,13 +35,13 @@ void ls_hal_metadata_default();
 // 0 when a whole header was read that fits the file, -1 otherwise.
 int ls_hal_read_metadata_from_file();
 
-// 0 when the whole header was written, and that of an empty file is on the disk; -1 otherwise.
+// 0 when the whole header is on the disk, and the name of an empty file with it; -1 otherwise.
 int ls_hal_write_metadata_to_file();
 
 // Appends the line of a position to a zeroed buffer: local time, fix, place, accuracy, satellites.
 void ls_position_to_string(const gps_pos_data *pos, ls_history_line *line);
 
-// Appends one line to the file. 0, or -1 (logged).
+// Appends one line to the file. 0: no power loss takes it back. -1 (logged).
 int ls_write_to_file(const char *line);
 
 // Exports the lines, oldest first, to the text file. 0; 255 when something could not be written;

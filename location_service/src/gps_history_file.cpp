@@ -48,17 +48,19 @@ int open_export() {
     return ftruncate(out.fd, 0) == 0 ? out.release() : -1;
 }
 
-// After a power loss a new file is there with its header only if both it and its directory have
-// been synced. A directory that may not be read costs the name, not the daemon's start.
-bool sync_new_file(const char *caller) {
-    if (fsync(history_fd) != 0) {
-        log_error("LH: %s, file write error: %d\n", caller, errno);
-        return false;
-    }
+bool sync_file(const char *caller) {
+    if (fdatasync(history_fd) == 0)
+        return true;
+    log_error("LH: %s, file write error: %d\n", caller, errno);
+    return false;
+}
+
+// After a power loss a new file is there only if its directory has been synced, too. One that may
+// not be read costs the name, not the daemon's start.
+void sync_directory(const char *caller) {
     const ls_descriptor directory(open(LS_PATH_HISTORY_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.fd < 0 || fsync(directory.fd) != 0)
         log_error("LH: %s, directory sync error: %d\n", caller, errno);
-    return true;
 }
 
 // A header of another file, of a cut one or of none at all must not lead outside.
@@ -193,8 +195,10 @@ int ls_hal_write_metadata_to_file() {
     ls_history_file_open();
     lseek(history_fd, 0, SEEK_SET);
     const bool written = write(history_fd, &metadata, sizeof(metadata)) == sizeof(metadata);
-    const bool is_new = metadata.write_offset == metadata_size;
-    const bool safe = written && (!is_new || sync_new_file(__func__));
+    // A line is recorded when the header that counts it is on the disk, not a minute later.
+    const bool safe = written && sync_file(__func__);
+    if (safe && metadata.write_offset == metadata_size)
+        sync_directory(__func__);
     ls_history_file_close();
     return safe ? 0 : -1;
 }
@@ -257,8 +261,7 @@ int ls_write_to_file(const char *line) {
         return -1;
     }
     // The header must not reach the flash before the line it points behind.
-    if (fdatasync(history_fd) != 0) {
-        log_error("LH: %s, file write error: %d\n", __func__, errno);
+    if (!sync_file(__func__)) {
         ls_history_file_close();
         return -1;
     }

@@ -161,7 +161,7 @@ TEST_F(history, a_line_that_no_header_counts_is_replaced) {
 
 TEST_F(history, a_new_file_is_synced_with_its_directory_and_the_group_may_write_it) {
     std::filesystem::remove(ring);
-    failing = {"fsync", EIO, 1};
+    failing = {"fsync", EIO, 0};
     const mode_t before = umask(0007);
     EXPECT_EQ(ls_hal_init_gps_history(), 0);
     EXPECT_EQ(errors("directory sync error: 5"), 1U);
@@ -169,7 +169,7 @@ TEST_F(history, a_new_file_is_synced_with_its_directory_and_the_group_may_write_
     umask(before);
     for (const char *name : {ring, text})
         EXPECT_EQ(static_cast<int>(std::filesystem::status(name).permissions()), 0660) << name;
-    failing = {"fsync", EIO, 0};
+    failing = {"fdatasync", EIO, 0};
     EXPECT_EQ(ls_hal_write_metadata_to_file(), -1);
 }
 
