@@ -33,6 +33,12 @@ outcome refuse(const std::string &path, const char *why) {
     return outcome::foreign;
 }
 
+// Whether one of the files beside the database holds anything.
+bool has_companion(const std::string &path, const char *ending) {
+    struct stat there {};
+    return stat((path + ending).c_str(), &there) == 0 ? there.st_size != 0 : errno != ENOENT;
+}
+
 // Whether an opened file may be what it should be, read through SQLite: closing a descriptor of
 // one's own would let go of all locks that the process has on the file. `wal`: whether it wants a
 // -wal.
@@ -55,7 +61,11 @@ outcome check_header(sqlite3 *db, const std::string &path, bool &wal) {
         return judge(db, result, "read");
     wal = header[READ_VERSION_AT] == READ_VERSION_WAL;
     const bool ours = std::equal(sqlite_header.begin(), sqlite_header.end(), header.begin());
-    return ours ? outcome::done : refuse(path, "is no database");
+    // A power loss while it was made may have left its end without its beginning; SQLite then takes
+    // all of it back by the journal.
+    const bool unfinished = std::count(header.begin(), header.end(), '\0') == std::ssize(header) &&
+                            has_companion(path, "-journal");
+    return ours || unfinished ? outcome::done : refuse(path, "is no database");
 }
 
 // Opens what is at the path, and leaves in `there` which file that is.
@@ -94,12 +104,6 @@ outcome open_database(const std::string &path, bool create, database &opened, st
     return outcome::done;
 }
 
-// Whether a -wal beside the database may add to it.
-bool has_wal(const std::string &path) {
-    struct stat wal {};
-    return stat((path + "-wal").c_str(), &wal) == 0 ? wal.st_size != 0 : errno != ENOENT;
-}
-
 // `how`: SQLite's words for the manner of opening.
 outcome open_to_read(const std::string &path, const char *how, database &opened) {
     std::string uri = "file:";
@@ -124,7 +128,7 @@ outcome open_to_read(const std::string &path, const char *how, database &opened)
 // add, the file itself is all there is.
 outcome read_without_companions(const std::string &path, settings_values &values, finding &found) {
     database alone;
-    if (has_wal(path))
+    if (has_companion(path, "-wal"))
         return outcome::failed;
     const outcome o = open_to_read(path, "?immutable=1", alone);
     return o == outcome::done ? read_values(alone.get(), values, found) : o;
@@ -236,7 +240,7 @@ outcome store_look(const std::string &path, settings_clock::time_point deadline,
         if (o == outcome::done)
             o = check_header(link.db.get(), path, wal);
         // SQLite would make the -wal and the -shm that it does not find.
-        const bool alone = wal && !has_wal(path);
+        const bool alone = wal && !has_companion(path, "-wal");
         if (o == outcome::done && alone)
             o = open_to_read(path, "?immutable=1", link.db);
         finding found;
@@ -246,11 +250,12 @@ outcome store_look(const std::string &path, settings_clock::time_point deadline,
         }
         struct stat after {};
         // Read without a lock: somebody may have written meanwhile.
-        const bool moved = lstat(path.c_str(), &after) != 0 || after.st_ino != before.st_ino ||
-                           after.st_dev != before.st_dev ||
-                           (alone && (has_wal(path) || after.st_size != before.st_size ||
-                                      after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
-                                      after.st_mtim.tv_nsec != before.st_mtim.tv_nsec));
+        const bool moved =
+            lstat(path.c_str(), &after) != 0 || after.st_ino != before.st_ino ||
+            after.st_dev != before.st_dev ||
+            (alone && (has_companion(path, "-wal") || after.st_size != before.st_size ||
+                       after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+                       after.st_mtim.tv_nsec != before.st_mtim.tv_nsec));
         if (!moved || settings_clock::now() >= deadline) {
             if (o == outcome::done)
                 complain(link, found);
