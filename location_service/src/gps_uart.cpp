@@ -11,10 +11,13 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
+#include <new>
 #include <termios.h>
 #include <unistd.h>
 
@@ -35,7 +38,8 @@ std::mutex line_lock; // guards line_slot()
 
 // Null after a failed open and after close. Never destroyed: a user may outlive main.
 line_user &line_slot() {
-    static auto *const slot = new line_user;
+    alignas(line_user) static std::array<std::byte, sizeof(line_user)> place;
+    static auto *const slot = new (place.data()) line_user;
     return *slot;
 }
 
@@ -101,13 +105,20 @@ int report_line_failure(ls_log_text text) {
 
 int ls_hal_uart_init() {
     log_debug("Initialising UART for GPS\n");
-    const int fd = open(LS_PATH_UART, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ls_descriptor opened(open(LS_PATH_UART, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const int fd = opened.fd;
     if (fd < 0) {
         log_error("Unable to open /dev/ttymxc2\n");
         set_line(nullptr);
         return -1;
     }
-    set_line(std::make_shared<const ls_descriptor>(fd));
+    try {
+        set_line(std::make_shared<const ls_descriptor>(fd));
+    } catch (const std::bad_alloc &) {
+        log_error("%s: no memory\n", __func__);
+        return -1;
+    }
+    opened.release();
     termios current = {};
     tcgetattr(fd, &current);
     termios raw = {};
