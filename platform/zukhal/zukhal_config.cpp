@@ -6,11 +6,14 @@
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
+#include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <vector>
@@ -131,24 +134,41 @@ void load_values(reader &from) {
     }
 }
 
-void load() {
-    const char *named = secure_getenv("ZUKHAL_CONF");
-    reader from{named != nullptr && *named != '\0' ? named : "/etc/terminal.conf",
-                std::unique_ptr<GKeyFile, free_key_file>(g_key_file_new()),
-                {}};
+void read_file(reader &from) {
     GError *raw = nullptr;
+    from.file.reset(g_key_file_new());
     if (g_key_file_load_from_file(from.file.get(), from.path, G_KEY_FILE_NONE, &raw)) {
         load_values(from);
-    } else {
-        const std::unique_ptr<GError, free_error> error(raw);
-        from.complaints.push_back(std::string(from.path) + ": " + error->message +
-                                  "; the board type is unknown, the log has its defaults");
+        return;
     }
+    const std::unique_ptr<GError, free_error> error(raw);
+    from.complaints.push_back(std::string(from.path) + ": " + error->message +
+                              "; the board type is unknown, the log has its defaults");
+}
+
+// Where there is no memory for it, a configuration counts as unreadable: whoever logs, or asks for
+// the board type, is not to end by that. (GLib ends a program whose memory it cannot get.)
+void load() {
+    const char *named = secure_getenv("ZUKHAL_CONF");
+    reader from{named != nullptr && *named != '\0' ? named : "/etc/terminal.conf", nullptr, {}};
+    bool read = true;
+    try {
+        read_file(from);
+    } catch (const std::bad_alloc &) {
+        g_config = {};
+        read = false;
+    }
+    std::array<char, LINE_SIZE> failure = {};
     if (!log_start(g_config))
-        complain(from, "log", "file",
-                 std::string(g_config.log_file) + ": " + strerror(errno) + ", using syslog");
+        snprintf(failure.data(), failure.size(), "%s: [log] file: %s: %s, using syslog", from.path,
+                 g_config.log_file, strerror(errno));
     for (const std::string &text : from.complaints)
         log_complaint(text);
+    if (failure[0] != '\0')
+        log_complaint(failure.data());
+    if (!read)
+        log_complaint(
+            "no memory for the configuration; the board type is unknown, the log has its defaults");
 }
 
 } // namespace
