@@ -15,15 +15,16 @@ class Terminal:
     """Ready when made; `options` are those of simterm run. To be used in a with statement."""
 
     def __init__(self, programs, *options, name="t"):
-        self.programs = programs  # "daemon", "simterm", "lsctl": their paths
+        self.programs = programs  # "simterm", "lsctl" and, unless the test starts it, "daemon": their paths
         self.scratch = tempfile.TemporaryDirectory()
         self.dir = pathlib.Path(self.scratch.name, name)
         self.environment = {**os.environ, "PYTHONDONTWRITEBYTECODE": "1"}
         self.said = open(pathlib.Path(self.scratch.name, "said"), "w+", encoding="utf-8")
+        options = options if "--baud" in options else ("--baud", "0", *options)
         # The command begins when the daemon serves requests, tells what simterm set for it, and ends with its input.
         self.process = subprocess.Popen(
-            [programs["simterm"], "run", self.dir, "--daemon", programs["daemon"], "--baud", "0", "--instant-fix",
-             *options, "--", "sh", "-c", "env; echo up; exec cat"],
+            [programs["simterm"], "run", self.dir, *(("--daemon", programs["daemon"]) if "daemon" in programs else ()),
+             "--instant-fix", *options, "--", "sh", "-c", "env; echo up; exec cat"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.said, text=True)
         for line in iter(self.process.stdout.readline, "up\n"):
             if not line:
