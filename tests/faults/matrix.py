@@ -479,6 +479,10 @@ def main():
             parts = list(parts)
             print_rows(parts[0][0], [row for _, (rows, _) in parts for row in rows])
             complaints += [text for _, (_, wrong) in parts for text in wrong]
+    with Terminal(TOOLS, "--no-services") as terminal:
+        names = re.findall(r"(?m)^[\w-]+", terminal.run(TOOLS["simterm"], "ctl", terminal.dir, "faults").stdout)
+    rows = {re.split("[=,]", fault.name)[0] for fault in FAULTS}
+    complaints += [f"no row for {name}" for name in names or ("any fault",) if name not in rows]
     if complaints:
         sys.exit("\n".join(complaints))
 

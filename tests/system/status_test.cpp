@@ -1,4 +1,4 @@
-// lsctl status, doctor and wait over every fault that a simulated terminal can make.
+// lsctl status, doctor and wait: what they find besides the faults of tests/faults/matrix.py.
 #include "system_fixture.h"
 
 #include <gtest/gtest.h>
@@ -34,28 +34,10 @@ void expect_healthy(const char *behind) {
 
 } // namespace
 
-TEST(doctor, finds_what_is_wrong_with_a_serial_receiver) {
+TEST(doctor, finds_what_is_wrong_with_files_and_processes) {
     terminal term;
     use_files_of(term);
     expect_healthy("start");
-    const struct {
-        const char *fault, *finding;
-        bool query_fails;
-    } faults[] = {
-        {"silent", "receiver_silent", true},
-        {"cut", "cut_answers", true},
-        {"checksum", "wrong_checksums", true},
-        {"garbage-before", "noise", true},
-        {"no-fix", "no_fix", true},
-        {"empty-fields", "empty_answers", true},
-        {"week-rollover", "wrong_date", false},
-    };
-    for (const auto &row : faults) {
-        term.ctl({"fault", row.fault, "on"});
-        expect_finding(row.finding, 1, row.query_fails);
-        term.ctl({"fault", row.fault, "off"});
-        expect_healthy(row.fault);
-    }
     // Only the bytes of the place count, whose columns are fixed.
     term.write_static_location(true, "somewhere");
     EXPECT_TRUE(wait_until([] { return lsctl({"status", "-q"}).status == 1; }));
@@ -71,40 +53,10 @@ TEST(doctor, finds_what_is_wrong_with_a_serial_receiver) {
     EXPECT_EQ(lsctl({"power", "off", "--as", "6"}).status, 0);
     expect_finding("receiver_off", 1, false);
     EXPECT_EQ(lsctl({"power", "on", "--as", "6"}).status, 0);
-    term.ctl({"fault", "unplugged", "on"});
-    expect_finding("line_gone", 1);
-    term.ctl({"fault", "unplugged", "off"});
-    expect_finding("line_lost", 4);
-    term.restart_daemon();
-    expect_healthy("restart");
     EXPECT_EQ(term.stop(), 0);
     expect_finding("no_daemon", 3);
     setenv("MQUTILS_DIR", "nowhere", 1);
     expect_finding("no_bus", 3);
-}
-
-TEST(doctor, tells_a_silent_ta_from_one_that_is_out_of_step) {
-    terminal term({"--board", "2", "--baud", "9600"}, true);
-    use_files_of(term);
-    scratch_dir::write(term.dir() / "user/gps_control_prm.txt",
-                       "RFFE_REQUEST_SEMAPHORE_WAIT_TIME 2\n");
-    term.restart_daemon();
-    expect_healthy("start");
-    term.ctl({"fault", "ta-overlong", "on"});
-    expect_finding("ta_bad_answer", 1);
-    term.ctl({"fault", "ta-overlong", "off"});
-    expect_healthy("ta-overlong");
-    term.ctl({"fault", "ta-silent", "on"});
-    expect_finding("ta_silent", 1);
-    term.ctl({"fault", "ta-silent", "off"});
-    // In an emulator the process cannot be found, and the two cannot be told apart.
-    if (count_of("\"pid\":null", lsctl({"status", "--json"}).out) == 0)
-        expect_finding("ta_out_of_step", 4);
-    else
-        expect_finding("ta_silent", 1);
-    term.restart_daemon();
-    expect_healthy("restart");
-    EXPECT_EQ(term.stop(), 0);
 }
 
 TEST(doctor, on_a_terminal_without_antenna_and_without_ta) {

@@ -18,7 +18,7 @@ void comes(const words &arguments, int status, const std::string &text) {
         << last.status << " " << last.out << last.err;
 }
 
-// A start that has to fail, on the present bus in a directory that has no serial device.
+// A start that has to fail, on the present bus.
 void expect_refused_start(const char *reason) {
     std::filesystem::create_directories("second/user");
     scratch_dir::write("conf", "[board]\ntype=1\n[log]\ntarget=stderr\n");
@@ -74,12 +74,6 @@ TEST(daemon_end, a_second_daemon_on_the_bus_gives_up_and_disturbs_nothing) {
     const terminal term;
     expect_refused_start("Scm registration failed");
     EXPECT_EQ(lsctl({"position"}).status, 0);
-}
-
-TEST(daemon_end, without_a_serial_device_the_start_fails) {
-    const scratch_dir scratch;
-    setenv("MQUTILS_DIR", scratch.path().c_str(), 1);
-    expect_refused_start("GPS uart initialization failed");
 }
 
 TEST(daemon_end, sigterm_during_a_slow_start_kills_it) {
