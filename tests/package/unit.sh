@@ -70,6 +70,13 @@ RestrictAddressFamilies=AF_UNIX
 ProtectSystem=strict
 SETTINGS
 
+# Of a writable path within another systemd makes nothing of its own. Where it is a link, as sysfs has them for exported
+# lines, what it leads to would stay read-only.
+writable=$(sed -n 's/^ReadWritePaths=//p' "$packaging/systemd/location_service.service" | tr ' ' '\n' | sed 's/^-//')
+for path in $writable; do
+    ! grep "^$path/" <<<"$writable" || fail "writable within $path, which is writable as well"
+done
+
 # The power lines are exported on board type 1 alone; there it waits at the first, because no udev is here.
 for row in '0: ' '2:[board]\ntype=2 ; behind the TA' '1:[other]\ntype=2\n[board]\n#type=2\ntype = 1'; do
     gpio=$work/gpio-$RANDOM
