@@ -55,24 +55,14 @@ stage() {
     mkdir "$work/tree/$2/DEBIAN"
 }
 
-# apt for the other architecture, apart from this machine's.
-foreign_apt() {
-    local apt=$work/apt
-    apt-get -q -o "APT::Architecture=$architecture" -o "APT::Architectures=$architecture" -o "Dir::State=$apt" \
-        -o "Dir::State::status=$apt/status" -o "Dir::Cache=$apt/cache" -o "Dir::Etc::sourcelist=$apt/sources.list" \
-        -o Dir::Etc::sourceparts=/dev/null -o APT::Sandbox::User=root "$@"
-}
-
 # The libraries of the other architecture as its own packages bring them, each with its control files:
 # only they say which version of a library has which symbol.
 fetch_libraries() {
     local apt=$work/apt package
     rm -rf "$apt" "$work/libraries"
-    mkdir -p "$apt"/{lists/partial,cache,debs} "$work/libraries"
-    : >"$apt/status"
-    cmake/debian-sources.sh >"$apt/sources.list"
-    (cd "$apt/debs" && foreign_apt update &&
-        foreign_apt download libc6 libgcc-s1 libstdc++6 libglib2.0-0 libsqlite3-0 libncurses6 libtinfo6) >"$apt/log" 2>&1 ||
+    mkdir -p "$apt/debs" "$work/libraries"
+    (cd "$apt/debs" && "$OLDPWD/cmake/foreign-apt.sh" "$architecture" "$apt" \
+        download libc6 libgcc-s1 libstdc++6 libglib2.0-0 libsqlite3-0 libncurses6 libtinfo6) >"$apt/log" 2>&1 ||
         { tail -n 20 "$apt/log" >&2; fail "the libraries could not be fetched"; }
     for package in "$apt"/debs/*.deb; do
         dpkg-deb -R "$package" "$work/libraries/$(dpkg-deb -f "$package" Package)"
@@ -136,7 +126,8 @@ made=(build/packages/*_{"$architecture",all}.deb)
 lintian --allow-root --fail-on error,warning "${made[@]}" || fail "lintian is not content"
 # This machine's are installed in a test. Of the others apt says whether it could, on a bare system.
 if [ "$architecture" != "$machine" ]; then
-    foreign_apt --no-install-recommends -s install "${made[@]/#/./}" >"$work/install.log" 2>&1 ||
+    cmake/foreign-apt.sh "$architecture" "$work/apt" --no-install-recommends -s install "${made[@]/#/./}" \
+        >"$work/install.log" 2>&1 ||
         { tail -n 20 "$work/install.log" >&2; fail "the packages could not be installed"; }
 fi
 for package in "${made[@]}"; do

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# Sourced by ./run, ./test and .ci/run: the packages they need, and configuring and building a preset.
+# Sourced by ./run, ./test, ./board and .ci/run: the packages they need, and configuring and building a preset.
 # The caller stands in the project's directory.
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev
@@ -9,6 +9,7 @@ test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps l
 analysis_packages=(clang-format clang-tidy shellcheck)
 fuzz_packages=(clang llvm libclang-rt-dev)
 armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static mmdebstrap debian-archive-keyring)
+board_packages=(qemu-system-arm debian-archive-keyring cpio device-tree-compiler e2fsprogs kmod fakeroot python3)
 
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

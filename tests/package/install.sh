@@ -21,20 +21,13 @@ names=()
 for package in "${packages[@]}"; do
     names+=("$(dpkg-deb -f "$package" Package)")
 done
-failed=0
-fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
+# shellcheck source=tests/package/service.sh
+. "$source_dir/tests/package/service.sh"
 step() { printf '== %s\n' "$*"; }
 
 container=(systemd-nspawn -q --register=no --keep-unit --private-network --resolv-conf=off --timezone=off
     --link-journal=no --bind="$work/debs:/debs" --bind="$work/out:/out")
 inside() { "${container[@]}" --pipe --directory="$tree" --setenv=DEBIAN_FRONTEND=noninteractive "$@" </dev/null; }
-
-# What is in the tree, with mode, owner and, for files, content; without what dpkg and the system itself keep.
-picture() {
-    (cd "$tree" && find . \( -path ./var/lib/dpkg -o -path ./var/log -o -path ./var/cache -o -path ./run -o \
-        -path ./tmp -o -path ./dev -o -path ./etc/ld.so.cache -o -path ./var/lib/systemd \) -prune -o \
-        -printf '%M %u:%g %p ' \( -type f -exec md5sum {} \; -o -type l -printf '%l\n' -o -print \) | sort)
-}
 
 step "a clean tree"
 mkdir -p "$tree" "$work/debs" "$work/out"
@@ -49,7 +42,7 @@ else
     [ -z "$kept" ] || mv "$work/tree.tar" "$kept"
 fi
 inside true || skip "systemd-nspawn cannot start a container on this machine"
-picture >"$work/before"
+picture "$tree" >"$work/before"
 
 step "installed"
 inside sh -c 'dpkg -i /debs/*.deb' >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg -i"; }
@@ -76,7 +69,7 @@ said=$(inside /out/by_c)
 [ "$said" = "board 1, /user/settings.db, -1" ] || fail "program in C said: $said"
 
 step "booted, with the simulated receiver on its serial line"
-cp "$source_dir/tests/package/booted.sh" "$work/out/"
+cp "$source_dir"/tests/package/{booted,service}.sh "$work/out/"
 cp -a "$tree" "$work/booted"
 ln -s /etc/systemd/system/booted.service "$work/booted/etc/systemd/system/multi-user.target.wants/"
 cat >"$work/booted/etc/systemd/system/booted.service" <<'UNIT'
@@ -109,9 +102,8 @@ done
 
 step "purged"
 inside dpkg -P "${names[@]}" >"$work/log" 2>&1 || { cat "$work/log"; fail "dpkg -P"; }
-# Users and groups stay; see the packages' postrm.
-picture | diff "$work/before" - | grep '^[<>]' | grep -Ev ' \./etc/(passwd|group|shadow|gshadow)-? ' |
-    grep -Ev ' \./etc/?$' >"$work/left" || true
+picture "$tree" >"$work/after"
+left_over "$work/before" "$work/after" >"$work/left"
 [ ! -s "$work/left" ] || { cat "$work/left"; fail "something is left, or gone"; }
 [ $failed -ne 0 ] || echo "installed, used, booted, upgraded, removed and purged: nothing but users is left"
 exit $failed
