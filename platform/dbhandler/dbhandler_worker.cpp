@@ -18,7 +18,10 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds READ_PATIENCE{100};
-constexpr milliseconds FIRST_READ_PATIENCE{1000}; // nothing to fall back on: rather late than never
+// Nothing to fall back on, and the daemon keeps what it reads at its start: rather late than never.
+// A slow card at boot takes seconds.
+constexpr milliseconds FIRST_READ_LOCK_PATIENCE{1000};
+constexpr milliseconds FIRST_READ_PATIENCE{10000};
 constexpr milliseconds WRITE_PATIENCE{1000};
 constexpr milliseconds SPARE{15}; // a lock is given up so much earlier than the caller leaves
 constexpr milliseconds FORK_PATIENCE{200};
@@ -248,8 +251,8 @@ bool settings_read(settings_values &values) {
     library &own = get_library();
     if (!is_usable(own))
         return false;
-    const std::shared_ptr<job> call = new_job({}, READ_PATIENCE);
-    const bool known = recall(own, call->path, values);
+    const bool known = recall(own, settings_path(), values);
+    const std::shared_ptr<job> call = new_job({}, known ? READ_PATIENCE : FIRST_READ_LOCK_PATIENCE);
     const outcome o = have_done(own, own.reading, work<&library::reading>, call,
                                 known ? READ_PATIENCE : FIRST_READ_PATIENCE);
     if (o == outcome::done)

@@ -10,7 +10,8 @@
 #include "dbhandler_store.h"
 
 // All values of one moment. Waits 100 ms at most, then gives the values of the last read of this
-// file, with a line in the log; 1 s where there was none. False: the reason is in the log.
+// file, with a line in the log. Where there was none it waits for a lock 1 s, and for a slow disk
+// 10 s. False: the reason is in the log.
 bool settings_read(settings_values &values);
 
 // As store_look, at settings_path(), on the caller's thread. Waits 1 s at most for locks, and for

@@ -2,9 +2,9 @@
  *
  * Safe from any thread; 0 for success and anything else for failure, in which case the result is
  * left untouched and the reason is in the log. A read waits for nobody who writes, and 100 ms at
- * most, then gives what was last read (the first read of a process: 1 s, then it fails). A write
- * waits 1 s at most, then fails. A stored value that cannot be meant is logged and read as its
- * default; those that the record can hold are the caller's to judge.
+ * most, then gives what was last read (the first read of a process: 1 s for a lock, 10 s for a slow
+ * disk, then it fails). A write waits 1 s at most, then fails. A stored value that cannot be meant
+ * is logged and read as its default; those that the record can hold are the caller's to judge.
  */
 #ifndef DBHANDLER_H
 #define DBHANDLER_H

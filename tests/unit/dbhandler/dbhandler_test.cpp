@@ -330,6 +330,32 @@ TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
     EXPECT_EQ(power(), 0);
 }
 
+TEST_F(settings_db, the_first_read_waits_for_who_keeps_it_out) {
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t holder = start_child([&] {
+        int32_t own = 0; // a reader that stays keeps the -shm
+        const bool stored =
+            db_set_gps_power_on_status(1) == 0 && db_read_gps_power_on_status(&own) == 0;
+        const int shm = open("settings.db-shm", O_RDWR | O_CLOEXEC);
+        struct flock all = {};
+        all.l_type = F_WRLCK;
+        all.l_start = 120;
+        all.l_len = 8;
+        const bool held = stored && fcntl(shm, F_SETLKW, &all) == 0 && write(ready[1], "y", 1) == 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        return held ? 0 : 1;
+    });
+    close(ready[1]);
+    char held = 0;
+    EXPECT_EQ(read(ready[0], &held, 1), 1);
+    close(ready[0]);
+    int32_t value = -7;
+    EXPECT_EQ(db_read_gps_power_on_status(&value), 0);
+    EXPECT_EQ(value, 1);
+    EXPECT_EQ(end_of_child(holder), 0);
+}
+
 TEST_F(settings_db, another_file_at_the_path_is_taken_up) {
     const std::string one = make_database();
     ASSERT_EQ(db_set_gps_power_on_status(0), 0);
