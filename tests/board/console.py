@@ -41,12 +41,13 @@ def run(args, listener, port):
     waiting.register(listener, selectors.EVENT_READ)
     tail, heard, last, status = b"", [], 0.0, 3
     try:
-        while (now := time.monotonic() - start) < args.timeout:
+        while time.monotonic() - start < args.timeout:
             for key, _ in waiting.select(1):
                 if key.fileobj is listener:
                     waiting.register(listener.accept()[0], selectors.EVENT_READ)
                     continue
                 data = os.read(key.fd, 65536)
+                now = time.monotonic() - start
                 if key.fileobj is not board.stdout:
                     if not data:
                         waiting.unregister(key.fileobj)
