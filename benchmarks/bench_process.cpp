@@ -1,6 +1,5 @@
 #include "bench_process.h"
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -9,12 +8,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr double stop_patience_s = 10;
+constexpr double stop_patience_s = 60;
 
 std::string make_dir() {
     std::string name = (std::filesystem::temp_directory_path() / "ls-bench-XXXXXX").string();
@@ -28,9 +28,10 @@ std::string make_dir() {
 // In the child between fork and exec: nothing here allocates.
 [[noreturn]] void become(const std::vector<char *> &arguments, const char *dir,
                          const char *output) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM); // an interrupted benchmark leaves nothing behind
     const int out = open(output, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (chdir(dir) == 0 && dup2(out, STDOUT_FILENO) >= 0 && dup2(out, STDERR_FILENO) >= 0)
-        execv(arguments[0], arguments.data());
+        execvp(arguments[0], arguments.data());
     perror(arguments[0]);
     _exit(127);
 }
@@ -64,7 +65,7 @@ bench_process::~bench_process() {
     while (waitpid(pid, nullptr, WNOHANG) == 0) {
         if (bench_now() > deadline)
             kill(pid, SIGKILL);
-        usleep(10'000);
+        usleep(1'000);
     }
 }
 
@@ -82,17 +83,4 @@ std::string bench_output_of(const std::string &command) {
 double bench_now() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration<double>(now).count();
-}
-
-double bench_median(std::vector<double> values) {
-    if (values.empty())
-        return 0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-void bench_row(const char *what, double value, const char *unit, const char *reach) {
-    printf("%-58s %10.3f %-10s %s\n", what, value, unit, reach);
-    fflush(stdout);
 }

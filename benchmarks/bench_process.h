@@ -1,4 +1,4 @@
-// A child process of a benchmark, its scratch directory, and a table of figures. Main thread.
+// A child process of a benchmark and its scratch directory. Main thread.
 #ifndef BENCH_PROCESS_H
 #define BENCH_PROCESS_H
 
@@ -16,8 +16,9 @@ class bench_dir {
     const std::string path;
 };
 
-// Runs a program in a directory, its output in `output`. Stopped by SIGTERM, after 10 s by SIGKILL,
-// when the object goes.
+// Runs a program, found by PATH, in a directory, its output in `output`. Stopped by SIGTERM, after
+// 60 s by SIGKILL (a tool that counts instructions takes its time), when the object goes, or this
+// process.
 class bench_process {
   public:
     bench_process(const std::vector<std::string> &words, const std::string &dir,
@@ -34,9 +35,5 @@ class bench_process {
 std::string bench_output_of(const std::string &command);
 
 double bench_now(); // seconds, steady
-double bench_median(std::vector<double> values);
-
-// One line of the table; `reach` is "at most 1.03" or the like, and may be empty.
-void bench_row(const char *what, double value, const char *unit, const char *reach);
 
 #endif

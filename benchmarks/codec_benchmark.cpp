@@ -10,6 +10,8 @@
 
 #include <array>
 #include <benchmark/benchmark.h>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -70,6 +72,66 @@ void get_token(benchmark::State &state) {
     report_heap(state, before);
 }
 BENCHMARK(get_token)->Arg(2)->Arg(9)->Apply(bench_repeat);
+
+// --- the same by calls of the C library: how else one would write it
+
+uint8_t sum_of(const char *text, size_t size) {
+    uint8_t sum = 0;
+    for (size_t i = 0; i < size; ++i)
+        sum = static_cast<uint8_t>(sum ^ static_cast<uint8_t>(text[i]));
+    return sum;
+}
+
+void create_poll_reference(benchmark::State &state) {
+    buffer sentence = {};
+    for ([[maybe_unused]] auto _ : state) {
+        snprintf(sentence.data(), sentence.size(), "$%s*%02X\r\n", poll,
+                 sum_of(poll, strlen(poll)));
+        benchmark::DoNotOptimize(sentence);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(create_poll_reference)->Apply(bench_repeat);
+
+void extract_gga_reference(benchmark::State &state) {
+    buffer answer = {};
+    memcpy(answer.data(), gga, sizeof(gga));
+    buffer body = {};
+    for ([[maybe_unused]] auto _ : state) {
+        benchmark::DoNotOptimize(answer);
+        const char *start = strchr(answer.data(), '$');
+        const char *end = start == nullptr ? nullptr : strchr(start, '*');
+        const size_t size = end == nullptr ? 0 : static_cast<size_t>(end - start) - 1;
+        if (size == 0 || strtoul(end + 1, nullptr, 16) != sum_of(start + 1, size))
+            state.SkipWithError("not extracted");
+        memcpy(body.data(), start + 1, size);
+        body[size] = '\0';
+        benchmark::DoNotOptimize(body);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(extract_gga_reference)->Apply(bench_repeat);
+
+void get_token_reference(benchmark::State &state) {
+    std::array<char, NMEA_TOKEN_SIZE> token = {};
+    buffer body = {};
+    memcpy(body.data(), gga_body, sizeof(gga_body));
+    for ([[maybe_unused]] auto _ : state) {
+        benchmark::DoNotOptimize(body);
+        const char *start = body.data();
+        for (int64_t comma = 0; start != nullptr && comma < state.range(0); ++comma)
+            if (start = strchr(start, ','); start != nullptr)
+                ++start;
+        const char *end = start == nullptr ? nullptr : strchr(start, ',');
+        if (end == nullptr || static_cast<size_t>(end - start) >= token.size())
+            state.SkipWithError("no such field");
+        memcpy(token.data(), start, static_cast<size_t>(end - start));
+        token[static_cast<size_t>(end - start)] = '\0';
+        benchmark::DoNotOptimize(token);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(get_token_reference)->Arg(2)->Arg(9)->Apply(bench_repeat);
 
 } // namespace
 

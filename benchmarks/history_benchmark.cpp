@@ -5,13 +5,12 @@
 // 3. The files lie in a directory under TMPDIR; what a line costs is mostly that file system's
 // fdatasync.
 #include "bench_log.h"
+#include "bench_sides.h"
 #include "gps_history.h"
 #include "ls_paths.h"
 
-#include <algorithm>
 #include <array>
 #include <benchmark/benchmark.h>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -21,40 +20,12 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 constexpr char line[] = "2019-02-05 10:51:05,2D,70.132317N,11.516667E,+2.25m,08\n";
 constexpr uint32_t line_size = sizeof(line) - 1;
 constexpr uint32_t header_size = 8;
-
-template <typename Action>
-double seconds(Action action) {
-    const auto start = std::chrono::steady_clock::now();
-    action();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-// Times of the two sides, in turns; the benchmark's own time is the module's.
-struct sides {
-    std::vector<double> module;
-    std::vector<double> other;
-
-    void report(benchmark::State &state, const char *name) const {
-        if (module.empty())
-            return;
-        state.counters[name] = median(other) * 1e6;
-        state.counters["module_us"] = median(module) * 1e6;
-        state.counters["ratio"] = median(module) / median(other);
-    }
-};
 
 // What appending takes of the system: read the header, write the line, make it last, and the same
 // with the header.
@@ -103,16 +74,16 @@ void append_line(benchmark::State &state) {
     constexpr char by_hand[] = LS_PATH_HISTORY ".by_hand";
     write_empty_ring(LS_PATH_HISTORY);
     write_empty_ring(by_hand);
-    sides times;
+    bench_sides times;
     for ([[maybe_unused]] auto _ : state) {
         bool good = true;
-        times.other.push_back(seconds([&] { good = append_by_hand(by_hand); }));
-        times.module.push_back(seconds([&] { good = ls_write_to_file(line) == 0 && good; }));
-        state.SetIterationTime(times.module.back());
+        times.reference.push_back(bench_seconds([&] { good = append_by_hand(by_hand); }));
+        times.own.push_back(bench_seconds([&] { good = ls_write_to_file(line) == 0 && good; }));
+        state.SetIterationTime(times.own.back());
         if (!good)
             state.SkipWithError("a line could not be written");
     }
-    times.report(state, "by_hand_us");
+    times.report(state);
 }
 BENCHMARK(append_line)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
@@ -128,12 +99,13 @@ bool copy_with_cp(const char *from, const char *to) {
 void export_full_ring(benchmark::State &state) {
     constexpr char copy[] = LS_PATH_HISTORY ".copy";
     write_full_ring(LS_PATH_HISTORY);
-    sides times;
+    bench_sides times;
     for ([[maybe_unused]] auto _ : state) {
         bool good = true;
-        times.other.push_back(seconds([&] { good = copy_with_cp(LS_PATH_HISTORY, copy); }));
-        times.module.push_back(seconds([&] { good = ls_hal_read_history_data() == 0 && good; }));
-        state.SetIterationTime(times.module.back());
+        times.reference.push_back(
+            bench_seconds([&] { good = copy_with_cp(LS_PATH_HISTORY, copy); }));
+        times.own.push_back(bench_seconds([&] { good = ls_hal_read_history_data() == 0 && good; }));
+        state.SetIterationTime(times.own.back());
         if (!good)
             state.SkipWithError("not exported");
     }
@@ -141,7 +113,7 @@ void export_full_ring(benchmark::State &state) {
     if (std::filesystem::file_size(LS_PATH_HISTORY_EXPORT, wrong) !=
         LS_HISTORY_FILE_SIZE - header_size)
         state.SkipWithError("the export is not whole");
-    times.report(state, "cp_us");
+    times.report(state);
 }
 BENCHMARK(export_full_ring)->UseManualTime()->Unit(benchmark::kMicrosecond);
 

@@ -1,142 +1,207 @@
-// What a position costs a client, with the real processes.
+// The buffered position of board type 2: the daemon on the real platform libraries beside a bare
+// server (bare_server.cpp) and gpsd. Each figure is a line of JSON; figures.py makes tables of
+// them.
 //
-// Over the serial line (board type 1, simulated terminal, 9600 baud): the wall time of requests
-// 1003 and 1005 through the client library, divided by the time that the bytes of their exchanges
-// take on the line, ten bits each. Reach: 1.03.
+// position_benchmark buffered LOG TURNS SECONDS [GPSD-PORT]
+//     Servers in turns, with 1, 8 and 64 clients that each ask without a pause for so many seconds.
+//     A line for each turn of each server: time of an answer, median and 99th percentile, and
+//     answers a second. LOG: error, nothing is logged; file or syslog, level info, five lines a
+//     request, into a file or to a thread of this process that reads them as a log daemon would.
+//     With syslog there is one more server: the bare one that sends five lines, too.
 //
-// Buffered (board type 2, log levels error and info): see position_buffered.cpp.
+// position_benchmark ask daemon|bare COUNT COMMAND...
+//     Starts the server by this command, asks it so often, one after the other, and ends it: for
+//     tools that count instructions. A "%" in the command stands for its socket.
+// position_benchmark ask gpsd COUNT PORT
+//     The same of a gpsd that runs already.
 //
-// Usage: position_benchmark [--brief | --line | --buffered]. Prints a table; exit status 1 when
-// something did not run.
+// Exit status 1 when something did not answer.
+#include "bench_board2.h"
+#include "bench_client.h"
 #include "bench_process.h"
-#include "location_client.hpp"
-#include "position_buffered.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
-using std::chrono::seconds;
-
-constexpr double baud = 9600;
-constexpr double bits_per_byte = 10;
+constexpr size_t bare_reply_size = 100;
 constexpr double start_patience_s = 30;
+constexpr double counted_patience_s = 120; // under valgrind or an emulator
 
-// The number in front of the first `words` in a text; -1 when it is not there.
-double number_before(const std::string &text, const char *words) {
-    const size_t end = text.find(words);
-    if (end == std::string::npos || end == 0)
-        return -1;
-    const size_t start = text.find_last_not_of("0123456789", end - 1) + 1;
-    return start == end ? -1 : strtod(text.c_str() + start, nullptr);
-}
-
-// Bytes that went over the line so far, both ways; negative when the terminal does not say.
-double line_bytes(const std::string &dir) {
-    const std::string status =
-        bench_output_of(std::string(BENCH_SIMTERM) + " ctl " + dir + " status");
-    const double to = number_before(status, " bytes to the receiver");
-    const double from = number_before(status, " from it");
-    return to < 0 || from < 0 ? -1 : to + from;
-}
-
-// The terminal configures its receiver first, which takes seconds.
-location_client *open_client() {
-    const double deadline = bench_now() + start_patience_s;
-    location_client *client = nullptr;
-    while (bench_now() < deadline) {
-        gps_pos_data position = {};
-        if (client == nullptr)
-            location_client_open(0, &client);
-        if (client != nullptr &&
-            location_client_get_position(client, seconds(5), &position) == LOCATION_ANSWERED)
-            return client;
-        usleep(100'000);
-    }
-    location_client_close(client);
-    return nullptr;
-}
-
-struct query {
-    const char *name;
-    bool (*ask)(location_client *client);
+struct turn_result {
+    std::vector<double> times; // of each answer, seconds
+    double duration = 0;
+    bool good = true;
 };
 
-constexpr std::array queries = {
-    query{"1003 position",
-          [](location_client *client) {
-              gps_pos_data position = {};
-              return location_client_get_position(client, seconds(10), &position) ==
-                     LOCATION_ANSWERED;
-          }},
-    query{"1005 satellites",
-          [](location_client *client) {
-              gps_sat_info info = {};
-              return location_client_get_satellites(client, seconds(10), &info) ==
-                     LOCATION_ANSWERED;
-          }},
-};
-
-bool measure(const query &asked, location_client *client, const std::string &dir, int rounds) {
-    std::vector<double> ratios;
-    std::vector<double> bytes;
-    std::vector<double> walls;
-    for (int i = 0; i < rounds; ++i) {
-        const double before = line_bytes(dir);
-        const double start = bench_now();
-        if (!asked.ask(client))
-            return false;
-        walls.push_back(bench_now() - start);
-        bytes.push_back(line_bytes(dir) - before);
-        ratios.push_back(walls.back() / (bytes.back() * bits_per_byte / baud));
-        if (before < 0 || bytes.back() <= 0)
-            return false;
+turn_result ask_for(const std::string &bus, const bench_server &server, int clients,
+                    double seconds) {
+    std::vector<turn_result> of_clients(static_cast<size_t>(clients));
+    std::vector<std::thread> threads;
+    std::atomic<int> connected{0};
+    std::atomic<double> start{0};
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&, i] {
+            turn_result &own = of_clients[static_cast<size_t>(i)];
+            bench_client client(bus, static_cast<uint8_t>(bench_first_client + i), server);
+            own.good = client.ask(); // not counted: the first finds its way
+            ++connected;
+            while (start == 0)
+                usleep(1000);
+            while (own.good && bench_now() < start + seconds) {
+                const double asked = bench_now();
+                own.good = client.ask();
+                own.times.push_back(bench_now() - asked);
+            }
+        });
     }
-    const std::string name = std::string(asked.name) + ": ";
-    bench_row((name + "bytes on the line, median").c_str(), bench_median(bytes), "bytes", "");
-    bench_row((name + "wall time, median").c_str(), bench_median(walls) * 1e3, "ms", "");
-    bench_row((name + "wall time over wire time, median").c_str(), bench_median(ratios), "",
-              "at most 1.03");
-    bench_row((name + "the same, least").c_str(), *std::min_element(ratios.begin(), ratios.end()),
-              "", "");
+    while (connected < clients)
+        usleep(1000);
+    start = bench_now();
+    for (std::thread &thread : threads)
+        thread.join();
+    turn_result all;
+    all.duration = bench_now() - start;
+    for (const turn_result &own : of_clients) {
+        all.times.insert(all.times.end(), own.times.begin(), own.times.end());
+        all.good = all.good && own.good;
+    }
+    std::sort(all.times.begin(), all.times.end());
+    return all;
+}
+
+double quantile_us(const std::vector<double> &sorted, double part) {
+    const auto last = static_cast<double>(sorted.size() - 1);
+    return sorted[static_cast<size_t>(last * part)] * 1e6;
+}
+
+bool run_turn(const std::string &bus, const bench_server &server, int clients, double seconds) {
+    const turn_result result = ask_for(bus, server, clients, seconds);
+    if (!result.good || result.times.empty()) {
+        fprintf(stderr, "%s did not answer\n", server.name.c_str());
+        return false;
+    }
+    printf("{\"server\": \"%s\", \"clients\": %d, \"p50_us\": %.3f, \"p99_us\": %.3f, "
+           "\"per_second\": %.1f}\n",
+           server.name.c_str(), clients, quantile_us(result.times, 0.5),
+           quantile_us(result.times, 0.99),
+           static_cast<double>(result.times.size()) / result.duration);
     return true;
 }
 
-bool over_the_line(int rounds) {
+bool wait_for_socket(const std::string &path) {
+    const double deadline = bench_now() + counted_patience_s;
+    while (access(path.c_str(), F_OK) != 0) {
+        if (bench_now() > deadline)
+            return false;
+        usleep(10'000);
+    }
+    return true;
+}
+
+bool buffered(const bench_log_setting &log, int turns, double seconds, uint16_t gpsd_port) {
     const bench_dir dir;
-    setenv("MQUTILS_DIR", (dir.path + "/t/bus").c_str(), 1);
-    const bench_process terminal(
-        {BENCH_SIMTERM, "run", dir.path + "/t", "--daemon", BENCH_DAEMON, "--instant-fix"},
-        dir.path, dir.path + "/simterm.out");
-    location_client *client = open_client();
-    bool good = client != nullptr;
-    for (const query &asked : queries)
-        good = good && measure(asked, client, dir.path + "/t", rounds);
-    location_client_close(client);
+    bench_board2 board(dir.path, log);
+    const std::string bare = board.bus + "/bare";
+    const std::string logging = board.bus + "/logging";
+    const bool sends_lines = log.name == "syslog";
+    const bench_process daemon({BENCH_DAEMON}, dir.path, dir.path + "/log/daemon.out");
+    const bench_process bare_server({BENCH_BARE_SERVER, bare}, dir.path, dir.path + "/bare.out");
+    const bench_process logging_server({BENCH_BARE_SERVER, logging, board.log_socket}, dir.path,
+                                       dir.path + "/logging.out");
+    if (!board.is_ready() || !board.wait_for_position(start_patience_s) || !wait_for_socket(bare) ||
+        !wait_for_socket(logging)) {
+        fputs("the daemon of board type 2 or the bare server did not start\n", stderr);
+        return false;
+    }
+    std::vector<bench_server> servers = {
+        {"daemon", board.daemon, bench_position_size, 0},
+        {"bare", bare, bare_reply_size, 0},
+    };
+    if (sends_lines)
+        servers.push_back({"logging", logging, bare_reply_size, 0});
+    if (gpsd_port != 0)
+        servers.push_back({"gpsd", "", 0, gpsd_port});
+    for (const int clients : {1, 8, 64})
+        for (int turn = 0; turn < turns; ++turn)
+            for (const bench_server &server : servers)
+                if (!run_turn(board.bus, server, clients, seconds))
+                    return false;
+    if (sends_lines && board.lines == 0) {
+        fputs("nothing reached the log daemon\n", stderr);
+        return false;
+    }
+    return true;
+}
+
+bool ask_times(const std::string &bus, const bench_server &server, int count) {
+    bench_client client(bus, bench_first_client, server);
+    for (int i = 0; i < count; ++i)
+        if (!client.ask())
+            return false;
+    return true;
+}
+
+bool ask_started(bool is_daemon, int count, std::vector<std::string> command) {
+    const bench_dir dir;
+    const bench_board2 board(dir.path, bench_log_settings[0]);
+    const bench_server server = is_daemon
+                                    ? bench_server{"daemon", board.daemon, bench_position_size, 0}
+                                    : bench_server{"bare", board.bus + "/bare", bare_reply_size, 0};
+    for (std::string &word : command)
+        if (word == "%")
+            word = server.socket;
+    bool good = board.is_ready();
+    {
+        const bench_process started(command, dir.path, dir.path + "/log/server.out");
+        good = good && wait_for_socket(server.socket);
+        if (is_daemon)
+            good = good && board.wait_for_position(counted_patience_s);
+        good = good && ask_times(board.bus, server, count);
+    }
     if (!good)
-        fputs("the simulated terminal did not answer\n", stderr);
+        fputs(bench_output_of("cat " + dir.path + "/log/server.out").c_str(), stderr);
     return good;
+}
+
+int usage() {
+    fputs("usage: position_benchmark buffered error|file|syslog TURNS SECONDS [GPSD-PORT]\n"
+          "       position_benchmark ask daemon|bare COUNT COMMAND...\n"
+          "       position_benchmark ask gpsd COUNT PORT\n",
+          stderr);
+    return 2;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::string_view word = argc > 1 ? argv[1] : "";
-    if (word == "--bare" && argc == 3)
-        return bare_server(argv[2]);
-    const bool brief = word == "--brief";
-    double load = 0;
-    if (getloadavg(&load, 1) == 1)
-        bench_row("load average of the last minute", load, "", "");
-    bool good = true;
-    if (word != "--buffered")
-        good = over_the_line(brief ? 1 : 15);
-    if (word != "--line")
-        good = buffered_position(brief) && good;
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    if (words.size() < 4)
+        return usage();
+    const auto number = [&](size_t i) { return atoi(words[i].c_str()); };
+    bool good = false;
+    if (words[0] == "buffered" && words.size() <= 5) {
+        const auto *const log =
+            std::find_if(bench_log_settings.begin(), bench_log_settings.end(),
+                         [&](const bench_log_setting &each) { return each.name == words[1]; });
+        if (log == bench_log_settings.end())
+            return usage();
+        const auto port = static_cast<uint16_t>(words.size() == 5 ? number(4) : 0);
+        good = buffered(*log, number(2), strtod(words[3].c_str(), nullptr), port);
+    } else if (words[0] == "ask" && words[1] == "gpsd") {
+        good = ask_times("", {"gpsd", "", 0, static_cast<uint16_t>(number(3))}, number(2));
+    } else if (words[0] == "ask" && (words[1] == "daemon" || words[1] == "bare")) {
+        good = ask_started(words[1] == "daemon", number(2), {words.begin() + 3, words.end()});
+    } else {
+        return usage();
+    }
     return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }

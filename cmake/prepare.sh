@@ -8,6 +8,7 @@ test_packages=(libgtest-dev libbenchmark-dev gpsbabel gpsd-clients python3-gps l
     mandoc man-db systemd make kconfig-frontends-nox)
 analysis_packages=(clang-format clang-tidy shellcheck)
 fuzz_packages=(clang llvm libclang-rt-dev)
+bench_packages=(gpsd valgrind qemu-user)
 armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static mmdebstrap debian-archive-keyring)
 board_packages=(qemu-system-arm debian-archive-keyring cpio device-tree-compiler e2fsprogs kmod fakeroot python3)
 

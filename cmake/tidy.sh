@@ -20,5 +20,6 @@ git ls-files -z '*.cpp' ':!tests' ':!benchmarks' ':!examples' | tidy || found=1
 # The path analyzer spends its time in the test framework's macros; what tests do with memory and
 # threads, the sanitizers watch.
 git ls-files -z 'tests/*.cpp' 'benchmarks/*.cpp' | tidy --checks='-clang-analyzer-*' || found=1
-git ls-files -z '*.sh' run test board .ci/run tests/board/{checks,first-boot,receiver,start-checks} | xargs -0 shellcheck -x || found=1
+git ls-files -z '*.sh' run test bench board .ci/run tests/board/{checks,first-boot,receiver,start-checks} |
+    xargs -0 shellcheck -x || found=1
 exit $found
