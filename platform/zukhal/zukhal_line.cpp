@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 
 #include <syslog.h>
@@ -70,22 +71,26 @@ void add_plain(log_line &line, std::string_view text) {
         add_whole(line, text.substr(room));
 }
 
-// Like printf's %0*d, or %*d with a blank for `fill`; that takes many times as long.
-void add_number(log_line &line, int value, size_t width = 0, char fill = '0') {
+// Like printf's %d; that takes many times as long.
+void add_number(log_line &line, int value) {
     std::array<char, 12> digits;
     const char *end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
-    const std::string_view text(digits.data(), static_cast<size_t>(end - digits.data()));
-    for (size_t missing = width - std::min(width, text.size()); missing > 0; missing--)
-        add_whole(line, {&fill, 1});
-    add_whole(line, text);
+    add_whole(line, {digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
-void add_clock(log_line &line, int hours, int minutes, int seconds) {
-    add_number(line, hours, 2);
-    add_whole(line, ":");
-    add_number(line, minutes, 2);
-    add_whole(line, ":");
-    add_number(line, seconds, 2);
+char *put_two(char *out, int value) {
+    *out++ = static_cast<char>('0' + value / 10);
+    *out++ = static_cast<char>('0' + value % 10);
+    return out;
+}
+
+// "12:00:00"
+char *put_clock(char *out, int hours, int minutes, int seconds) {
+    out = put_two(out, hours);
+    *out++ = ':';
+    out = put_two(out, minutes);
+    *out++ = ':';
+    return put_two(out, seconds);
 }
 
 void add_file_prefix(log_line &line, const timespec &now, int level) {
@@ -95,48 +100,71 @@ void add_file_prefix(log_line &line, const timespec &now, int level) {
     const auto day = floor<days>(second);
     const year_month_day date{day};
     const hh_mm_ss clock{second - day};
-    add_number(line, static_cast<int>(date.year()), 4);
-    add_whole(line, "-");
-    add_number(line, static_cast<int>(static_cast<unsigned>(date.month())), 2);
-    add_whole(line, "-");
-    add_number(line, static_cast<int>(static_cast<unsigned>(date.day())), 2);
-    add_whole(line, "T");
-    add_clock(line, static_cast<int>(clock.hours().count()),
-              static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
-    add_whole(line, ".");
-    add_number(line, static_cast<int>(now.tv_nsec / 1'000'000), 3);
-    add_whole(line, "Z ");
+    add_number(line, static_cast<int>(date.year())); // of a clock that starts in 1970
+    std::array<char, sizeof "-03-01T12:00:00.123Z "> text{"-mm-dd"};
+    put_two(text.data() + 1, static_cast<int>(static_cast<unsigned>(date.month())));
+    put_two(text.data() + 4, static_cast<int>(static_cast<unsigned>(date.day())));
+    text[6] = 'T';
+    char *out = put_clock(text.data() + 7, static_cast<int>(clock.hours().count()),
+                          static_cast<int>(clock.minutes().count()),
+                          static_cast<int>(clock.seconds().count()));
+    const int milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
+    *out++ = '.';
+    *out++ = static_cast<char>('0' + milliseconds / 100);
+    out = put_two(out, milliseconds % 100);
+    *out++ = 'Z';
+    *out++ = ' ';
+    add_whole(line, {text.data(), static_cast<size_t>(out - text.data())});
     add_whole(line, level_names[static_cast<size_t>(level)]);
     add_whole(line, " ");
 }
 
 void add_syslog_prefix(log_line &line, const timespec &now, int level) {
-    constexpr std::array<const char *, 12> months{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
     tm local{};
     localtime_r(&now.tv_sec, &local);
     add_whole(line, "<");
     add_number(line, LOG_DAEMON | level);
-    add_whole(line, ">");
-    add_whole(line, months[static_cast<size_t>(local.tm_mon)]);
-    add_whole(line, " ");
-    add_number(line, local.tm_mday, 2, ' ');
-    add_whole(line, " ");
-    add_clock(line, local.tm_hour, local.tm_min, local.tm_sec);
-    add_whole(line, " ");
+    std::array<char, sizeof ">Mar  1 12:00:00 "> text{'>'};
+    char *out = text.data() + 1;
+    out += months.copy(out, 3, 3 * static_cast<size_t>(local.tm_mon));
+    *out++ = ' ';
+    put_two(out, local.tm_mday);
+    if (*out == '0')
+        *out = ' ';
+    out += 2;
+    *out++ = ' ';
+    out = put_clock(out, local.tm_hour, local.tm_min, local.tm_sec);
+    *out++ = ' ';
+    add_whole(line, {text.data(), static_cast<size_t>(out - text.data())});
     line_append(line, std::string_view(program_invocation_short_name).substr(0, 64));
     add_whole(line, "[");
     add_number(line, getpid());
     add_whole(line, "]: ");
 }
 
+// Bytes of printable ASCII at the front of `text`, which is nearly always all of it: eight at once.
+size_t plain_length(std::string_view text) {
+    constexpr uint64_t ones = 0x0101'0101'0101'0101;
+    constexpr uint64_t tops = 0x80 * ones;
+    size_t length = 0;
+    for (uint64_t eight = 0; length + sizeof eight <= text.size(); length += sizeof eight) {
+        memcpy(&eight, text.data() + length, sizeof eight);
+        const uint64_t below_blank = (eight - 0x20 * ones) & ~eight;
+        const uint64_t above_tilde = (eight + ones) | eight;
+        if (((below_blank | above_tilde) & tops) != 0)
+            break;
+    }
+    while (length < text.size() && text[length] >= 0x20 && text[length] < 0x7f)
+        length++;
+    return length;
+}
+
 } // namespace
 
 void line_append(log_line &line, std::string_view text) {
     while (!text.empty() && !line.cut) {
-        size_t length = 0;
-        while (length < text.size() && text[length] >= 0x20 && text[length] < 0x7f)
-            length++;
+        size_t length = plain_length(text);
         add_plain(line, text.substr(0, length));
         text.remove_prefix(length);
         if (text.empty())
