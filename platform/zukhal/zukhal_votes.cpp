@@ -8,6 +8,7 @@
 #include "zukhal.h"
 #include "zukhal_internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -23,17 +24,20 @@ struct votes {
     unsigned count; // 0 = the slot is free
 };
 
-std::mutex g_lock;               // guards g_votes and the order of writes to the kernel
+std::mutex g_lock;               // guards what follows and the order of writes to the kernel
 std::array<votes, 64> g_votes{}; // different ids that may hold votes at once
+size_t g_touched = 0; // slots at its front that ever held votes, few: most services have one id
 
 // The slot of the id, or else a free one; null: neither.
 votes *find_votes(int state_id) {
-    votes *free_slot = nullptr;
-    for (votes &slot : g_votes)
+    votes *free_slot = g_touched < g_votes.size() ? &g_votes[g_touched] : nullptr;
+    for (size_t i = 0; i < g_touched; i++) {
+        votes &slot = g_votes[i];
         if (slot.count == 0)
             free_slot = &slot;
         else if (slot.state_id == state_id)
             return &slot;
+    }
     return free_slot;
 }
 
@@ -78,6 +82,7 @@ bool take(int state_id) {
     if (slot == nullptr || slot->count == UINT_MAX)
         return false;
     slot->state_id = state_id;
+    g_touched = std::max(g_touched, static_cast<size_t>(slot - g_votes.data()) + 1);
     if (slot->count++ == 0)
         tell_kernel(kernel().lock, state_id);
     return true;
