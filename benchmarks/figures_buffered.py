@@ -74,29 +74,29 @@ def callgrind_total(path):
     raise ValueError(f"{path.name} has no total")
 
 
-def callgrind(server, program):
+def callgrind(server, log="", *program):
     def count_for(count):
         with tempfile.TemporaryDirectory() as place:
             out = pathlib.Path(place) / "callgrind.out"
-            under = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}"]
             out.touch()
             out.chmod(0o666)  # gpsd, which root started, is somebody else when it ends
             pathlib.Path(place).chmod(0o755)
+            under = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}"]
             if server == "gpsd":
                 with figures_gpsd.polled(under, fed=False) as gpsd:
                     asked(server, count, gpsd.port)
             else:
-                asked(server, count, *under, *program)
+                asked(server, log, count, *under, *program)
             return callgrind_total(out)
     return count_for
 
 
-def emulated(server, program):
+def emulated(server, log, *program):
     def count_for(count):
         with tempfile.TemporaryDirectory() as place:
             out = pathlib.Path(place) / "count"
             plugin = f"{BUILD}/benchmarks/libcount_instructions.so,out={out}"
-            asked(server, count, "qemu-arm", "-cpu", "cortex-a9", "-L", SYSROOT, "-plugin", plugin, *program)
+            asked(server, log, count, "qemu-arm", "-cpu", "cortex-a9", "-L", SYSROOT, "-plugin", plugin, *program)
             return int(out.read_text())
     return count_for
 
@@ -113,18 +113,19 @@ def bare_server_for_arm():
 def instructions(brief):
     counts = (5, 25) if brief else (100, 1100)
     rows = []
+    gpsd = each(callgrind("gpsd"), counts)
 
-    def add(machine, here, bare, gpsd):
-        rows.append([machine, number(here), number(bare), number(gpsd), ratio([here], [bare]),
-                     ratio([here], [gpsd]) if gpsd else "–"])
+    def add(machine, count, daemon, bare, peer):
+        for title, log, sockets in (("error", "error", ["%bare"]), ("info, to syslog", "syslog", ["%bare", "%log"])):
+            here = each(count("daemon", log, daemon), counts)
+            least = each(count("bare", log, bare, *sockets), counts)
+            rows.append([f"{machine}, log level {title}", number(here), number(least), number(peer),
+                         ratio([here], [least]), ratio([here], [peer])])
 
-    add("x86-64", each(callgrind("daemon", [BUILD / "location_service/location_service"]), counts),
-        each(callgrind("bare", [BUILD / "benchmarks/bare_server", "%"]), counts),
-        each(callgrind("gpsd", []), counts))
+    add("x86-64", callgrind, BUILD / "location_service/location_service", BUILD / "benchmarks/bare_server", gpsd)
     with bare_server_for_arm() as bare:
-        daemon = ROOT / "build/armhf-sim/location_service/location_service"
-        add("ARMv7, emulated", each(emulated("daemon", [daemon]), counts), each(emulated("bare", [bare, "%"]), counts),
-            None)
-    return f"""Instructions of a buffered reply outside the kernel, log level error: the difference between {counts[0]}
-and {counts[1]} of them. x86-64: valgrind's callgrind. ARMv7: the emulator qemu-arm with a plugin that counts.""", table(
+        add("ARMv7", emulated, ROOT / "build/armhf-sim/location_service/location_service", bare, None)
+    return f"""Instructions of a buffered reply outside the kernel: the difference between {counts[0]} and {counts[1]} of them.
+Bare server: at level info it sends five lines that are ready-made. x86-64: valgrind's callgrind. ARMv7: the emulator
+qemu-arm with a plugin that counts.""", table(
         ["machine", "here", "bare server", "gpsd", "over bare", "over gpsd"], rows)

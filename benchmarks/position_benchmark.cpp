@@ -9,9 +9,10 @@
 //     request, into a file or to a thread of this process that reads them as a log daemon would.
 //     With syslog there is one more server: the bare one that sends five lines, too.
 //
-// position_benchmark ask daemon|bare COUNT COMMAND...
+// position_benchmark ask daemon|bare LOG COUNT COMMAND...
 //     Starts the server by this command, asks it so often, one after the other, and ends it: for
-//     tools that count instructions. A "%" in the command stands for its socket.
+//     tools that count instructions. "%bare" in the command stands for the bare server's socket,
+//     "%log" for the log daemon's.
 // position_benchmark ask gpsd COUNT PORT
 //     The same of a gpsd that runs already.
 //
@@ -25,7 +26,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -150,15 +150,16 @@ bool ask_times(const std::string &bus, const bench_server &server, int count) {
     return true;
 }
 
-bool ask_started(bool is_daemon, int count, std::vector<std::string> command) {
+bool ask_started(bool is_daemon, const bench_log_setting &log, int count,
+                 std::vector<std::string> command) {
     const bench_dir dir;
-    const bench_board2 board(dir.path, bench_log_settings[0]);
+    const bench_board2 board(dir.path, log);
+    const std::string bare = board.bus + "/bare";
     const bench_server server = is_daemon
                                     ? bench_server{"daemon", board.daemon, bench_position_size, 0}
-                                    : bench_server{"bare", board.bus + "/bare", bare_reply_size, 0};
+                                    : bench_server{"bare", bare, bare_reply_size, 0};
     for (std::string &word : command)
-        if (word == "%")
-            word = server.socket;
+        word = word == "%bare" ? bare : word == "%log" ? board.log_socket : word;
     bool good = board.is_ready();
     {
         const bench_process started(command, dir.path, dir.path + "/log/server.out");
@@ -172,9 +173,16 @@ bool ask_started(bool is_daemon, int count, std::vector<std::string> command) {
     return good;
 }
 
+const bench_log_setting *log_setting_of(const std::string &name) {
+    for (const bench_log_setting &log : bench_log_settings)
+        if (log.name == name)
+            return &log;
+    return nullptr;
+}
+
 int usage() {
     fputs("usage: position_benchmark buffered error|file|syslog TURNS SECONDS [GPSD-PORT]\n"
-          "       position_benchmark ask daemon|bare COUNT COMMAND...\n"
+          "       position_benchmark ask daemon|bare LOG COUNT COMMAND...\n"
           "       position_benchmark ask gpsd COUNT PORT\n",
           stderr);
     return 2;
@@ -187,19 +195,16 @@ int main(int argc, char **argv) {
     if (words.size() < 4)
         return usage();
     const auto number = [&](size_t i) { return atoi(words[i].c_str()); };
+    const bench_log_setting *log = log_setting_of(words[words[0] == "ask" ? 2 : 1]);
     bool good = false;
-    if (words[0] == "buffered" && words.size() <= 5) {
-        const auto *const log =
-            std::find_if(bench_log_settings.begin(), bench_log_settings.end(),
-                         [&](const bench_log_setting &each) { return each.name == words[1]; });
-        if (log == bench_log_settings.end())
-            return usage();
+    if (words[0] == "ask" && words[1] == "gpsd") {
+        good = ask_times("", {"gpsd", "", 0, static_cast<uint16_t>(number(3))}, number(2));
+    } else if (words[0] == "buffered" && words.size() <= 5 && log != nullptr) {
         const auto port = static_cast<uint16_t>(words.size() == 5 ? number(4) : 0);
         good = buffered(*log, number(2), strtod(words[3].c_str(), nullptr), port);
-    } else if (words[0] == "ask" && words[1] == "gpsd") {
-        good = ask_times("", {"gpsd", "", 0, static_cast<uint16_t>(number(3))}, number(2));
-    } else if (words[0] == "ask" && (words[1] == "daemon" || words[1] == "bare")) {
-        good = ask_started(words[1] == "daemon", number(2), {words.begin() + 3, words.end()});
+    } else if (words[0] == "ask" && words.size() >= 5 && log != nullptr &&
+               (words[1] == "daemon" || words[1] == "bare")) {
+        good = ask_started(words[1] == "daemon", *log, number(3), {words.begin() + 4, words.end()});
     } else {
         return usage();
     }
