@@ -1,7 +1,9 @@
-// Text of one log line: escaping, cutting, prefixes. See zukhal_internal.h. Pure, any context.
+// Text of one log line: escaping, cutting, prefixes. See zukhal_internal.h. Pure but for the
+// memory of the time zone; any context.
 #include "zukhal_internal.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -78,38 +80,67 @@ void add_number(log_line &line, int value) {
     add_whole(line, {digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
-char *put_two(char *out, int value) {
+char *put_two(char *out, unsigned value) {
     *out++ = static_cast<char>('0' + value / 10);
     *out++ = static_cast<char>('0' + value % 10);
     return out;
 }
 
-// "12:00:00"
-char *put_clock(char *out, int hours, int minutes, int seconds) {
-    out = put_two(out, hours);
-    *out++ = ':';
-    out = put_two(out, minutes);
-    *out++ = ':';
-    return put_two(out, seconds);
+// A moment as calendar and clock show it. Not gmtime_r's: that takes the C library's time zone
+// lock.
+struct moment {
+    explicit moment(std::chrono::sys_seconds second)
+        : date(std::chrono::floor<std::chrono::days>(second)),
+          clock(second - std::chrono::floor<std::chrono::days>(second)) {}
+
+    unsigned month() const { return static_cast<unsigned>(date.month()); }
+    unsigned day() const { return static_cast<unsigned>(date.day()); }
+    // "12:00:00"
+    char *put_clock(char *out) const {
+        out = put_two(out, static_cast<unsigned>(clock.hours().count()));
+        *out++ = ':';
+        out = put_two(out, static_cast<unsigned>(clock.minutes().count()));
+        *out++ = ':';
+        return put_two(out, static_cast<unsigned>(clock.seconds().count()));
+    }
+
+    std::chrono::year_month_day date;
+    std::chrono::hh_mm_ss<std::chrono::seconds> clock;
+};
+
+// What local time is ahead of UTC, in seconds. The C library, which takes its time zone lock, is
+// asked once a minute: a zone changes between two of them.
+int32_t local_offset(time_t second) {
+    using namespace std::chrono;
+    static std::atomic<uint64_t> known{UINT64_MAX}; // the minute, and in its lower half the offset
+    const uint64_t minute = static_cast<uint64_t>(second / 60) << 32;
+    uint64_t latest = known.load(std::memory_order_relaxed);
+    if ((latest ^ minute) >> 32 != 0) {
+        tm local{};
+        localtime_r(&second, &local);
+        const sys_days day = year(local.tm_year + 1900) / (local.tm_mon + 1) / local.tm_mday;
+        const auto shown =
+            day + hours(local.tm_hour) + minutes(local.tm_min) + seconds(local.tm_sec);
+        const auto ahead = duration_cast<seconds>(shown.time_since_epoch()).count() - second;
+        latest = minute | static_cast<uint32_t>(ahead);
+        known.store(latest, std::memory_order_relaxed);
+    }
+    return static_cast<int32_t>(latest);
 }
 
 void add_file_prefix(log_line &line, const timespec &now, int level) {
-    using namespace std::chrono;
-    // Not gmtime_r: it takes the C library's time zone lock.
-    const sys_seconds second{seconds{now.tv_sec}};
-    const auto day = floor<days>(second);
-    const year_month_day date{day};
-    const hh_mm_ss clock{second - day};
-    add_number(line, static_cast<int>(date.year())); // of a clock that starts in 1970
-    std::array<char, sizeof "-03-01T12:00:00.123Z "> text{"-mm-dd"};
-    put_two(text.data() + 1, static_cast<int>(static_cast<unsigned>(date.month())));
-    put_two(text.data() + 4, static_cast<int>(static_cast<unsigned>(date.day())));
-    text[6] = 'T';
-    char *out = put_clock(text.data() + 7, static_cast<int>(clock.hours().count()),
-                          static_cast<int>(clock.minutes().count()),
-                          static_cast<int>(clock.seconds().count()));
-    const int milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
+    const moment utc(std::chrono::sys_seconds(std::chrono::seconds(now.tv_sec)));
+    add_number(line, static_cast<int>(utc.date.year())); // of a clock that starts in 1970
+    std::array<char, sizeof "-03-01T12:00:00.123Z "> text{};
+    char *out = text.data();
+    *out++ = '-';
+    out = put_two(out, utc.month());
+    *out++ = '-';
+    out = put_two(out, utc.day());
+    *out++ = 'T';
+    out = utc.put_clock(out);
     *out++ = '.';
+    const auto milliseconds = static_cast<unsigned>(now.tv_nsec / 1'000'000);
     *out++ = static_cast<char>('0' + milliseconds / 100);
     out = put_two(out, milliseconds % 100);
     *out++ = 'Z';
@@ -121,20 +152,20 @@ void add_file_prefix(log_line &line, const timespec &now, int level) {
 
 void add_syslog_prefix(log_line &line, const timespec &now, int level) {
     constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
+    const moment local(
+        std::chrono::sys_seconds(std::chrono::seconds(now.tv_sec + local_offset(now.tv_sec))));
     add_whole(line, "<");
     add_number(line, LOG_DAEMON | level);
-    std::array<char, sizeof ">Mar  1 12:00:00 "> text{'>'};
-    char *out = text.data() + 1;
-    out += months.copy(out, 3, 3 * static_cast<size_t>(local.tm_mon));
+    std::array<char, sizeof ">Mar  1 12:00:00 "> text{};
+    char *out = text.data();
+    *out++ = '>';
+    out += months.copy(out, 3, size_t{3} * (local.month() - 1));
     *out++ = ' ';
-    put_two(out, local.tm_mday);
-    if (*out == '0')
-        *out = ' ';
-    out += 2;
+    out = put_two(out, local.day());
+    if (local.day() < 10)
+        out[-2] = ' ';
     *out++ = ' ';
-    out = put_clock(out, local.tm_hour, local.tm_min, local.tm_sec);
+    out = local.put_clock(out);
     *out++ = ' ';
     add_whole(line, {text.data(), static_cast<size_t>(out - text.data())});
     line_append(line, std::string_view(program_invocation_short_name).substr(0, 64));
