@@ -93,7 +93,10 @@ def main(words):
     if not set(names) <= set(TABLES):
         sys.exit(__doc__)
     for name in names:
-        method, text = TABLES[name](brief)
+        try:
+            method, text = TABLES[name](brief)
+        except (OSError, RuntimeError, ValueError, subprocess.SubprocessError, figures_terminal.LocationError) as error:
+            sys.exit(f"{name}: {type(error).__name__}: {error}")
         print(f"**{name}** — {method} Again: `./bench {name}`.\n\n{text}\n", flush=True)
 
 

@@ -3,11 +3,12 @@ import collections
 import contextlib
 import json
 import pathlib
+import statistics
 import subprocess
 import tempfile
 
 import figures_gpsd
-from figures_table import number, ratio, table
+from figures_table import number, ratio, ratio_of_turns, table
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build/sim"
@@ -40,8 +41,8 @@ def buffered_table(log, found):
     for clients in dict.fromkeys(clients for clients, _ in found):
         for title, key in FIGURES:
             values = found[clients, key]
-            middle = [number(sorted(values[server])[len(values[server]) // 2]) for server in ("daemon", *others)]
-            rows.append([f"{clients}, {title}", *middle, *(ratio(values["daemon"], values[other]) for other in others)])
+            middle = [number(statistics.median(values[server])) for server in ("daemon", *others)]
+            rows.append([f"{clients}, {title}", *middle, *(ratio_of_turns(values["daemon"], values[other]) for other in others)])
     return f"{LEVELS[log]}:\n\n{table(head, rows)}"
 
 
@@ -49,10 +50,10 @@ def buffered(brief):
     turns, seconds = (1, 0.05) if brief else (9, 0.2)
     with figures_gpsd.polled() as gpsd:
         tables = [buffered_table(log, run_turns(log, turns, seconds, gpsd.port)) for log in LEVELS]
-    return """Buffered reply: clients that each ask for the position without a pause, the servers in turns. Bare server: a
+    return f"""Buffered reply: clients that each ask for the position without a pause, the servers in turns. Bare server: a
 datagram in, a detached thread started, 100 bytes out from it; with five lines: it also sends as many lines to the log
 as the daemon has for each such request. gpsd: `?POLL;` over TCP, fed at 1 Hz. The log daemon is a thread of the
-clients' program.""", "\n\n".join(tables)
+clients' program. Medians of {turns} turns; ratios: the median of the turns' own.""", "\n\n".join(tables)
 
 
 # --- instructions
@@ -120,7 +121,7 @@ def instructions(brief):
             here = each(count("daemon", log, daemon), counts)
             least = each(count("bare", log, bare, *sockets), counts)
             rows.append([f"{machine}, log level {title}", number(here), number(least), number(peer),
-                         ratio([here], [least]), ratio([here], [peer])])
+                         ratio(here, least), ratio(here, peer)])
 
     add("x86-64", callgrind, BUILD / "location_service/location_service", BUILD / "benchmarks/bare_server", gpsd)
     with bare_server_for_arm() as bare:

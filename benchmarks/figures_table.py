@@ -18,14 +18,17 @@ def table(head, rows):
 
 
 def row(figure, unit, here, reference, of_what=""):
-    """`here` and `reference` are lists of the same turns; the ratio is the median of the turns' ratios, because the
-    speed of a machine that does other work drifts."""
+    """`here` and `reference` are lists, of which the medians are told."""
     name = f"{figure}, {unit}" if unit else figure
-    told = number(statistics.median(reference))
-    return [name, number(statistics.median(here)), f"{told} ({of_what})" if of_what else told,
-            ratio(here, reference)]
+    middles = statistics.median(here), statistics.median(reference)
+    told = number(middles[1])
+    return [name, number(middles[0]), f"{told} ({of_what})" if of_what else told, ratio(*middles)]
 
 
 def ratio(here, reference):
-    ratios = [ours / theirs for ours, theirs in zip(here, reference) if theirs]
-    return f"{statistics.median(ratios):.2f}" if ratios else "–"
+    return f"{here / reference:.2f}" if reference else "–"
+
+
+def ratio_of_turns(here, reference):
+    """The median of the turns' ratios, because the speed of a machine that does other work drifts."""
+    return ratio(statistics.median(ours / theirs for ours, theirs in zip(here, reference)), 1)

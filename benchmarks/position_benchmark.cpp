@@ -46,6 +46,7 @@ turn_result ask_for(const std::string &bus, const bench_server &server, int clie
                     double seconds) {
     std::vector<turn_result> of_clients(static_cast<size_t>(clients));
     std::vector<std::thread> threads;
+    threads.reserve(of_clients.size());
     std::atomic<int> connected{0};
     std::atomic<double> start{0};
     for (int i = 0; i < clients; ++i) {
