@@ -42,7 +42,8 @@ def buffered_table(log, found):
         for title, key in FIGURES:
             values = found[clients, key]
             middle = [number(statistics.median(values[server])) for server in ("daemon", *others)]
-            rows.append([f"{clients}, {title}", *middle, *(ratio_of_turns(values["daemon"], values[other]) for other in others)])
+            over = [ratio_of_turns(values["daemon"], values[other]) for other in others]
+            rows.append([f"{clients}, {title}", *middle, *over])
     return f"{LEVELS[log]}:\n\n{table(head, rows)}"
 
 
@@ -50,10 +51,12 @@ def buffered(brief):
     turns, seconds = (1, 0.05) if brief else (9, 0.2)
     with figures_gpsd.polled() as gpsd:
         tables = [buffered_table(log, run_turns(log, turns, seconds, gpsd.port)) for log in LEVELS]
-    return f"""Buffered reply: clients that each ask for the position without a pause, the servers in turns. Bare server: a
-datagram in, a detached thread started, 100 bytes out from it; with five lines: it also sends as many lines to the log
-as the daemon has for each such request. gpsd: `?POLL;` over TCP, fed at 1 Hz. The log daemon is a thread of the
-clients' program. Medians of {turns} turns; ratios: the median of the turns' own.""", "\n\n".join(tables)
+    return f"""
+        Buffered reply: clients that each ask for the position without a pause, the servers in turns. Bare
+        server: a datagram in, a detached thread started, 100 bytes out from it; with five lines: it also
+        sends as many lines to the log as the daemon has for each such request. gpsd: `?POLL;` over TCP, fed
+        at 1 Hz. The log daemon is a thread of the clients' program. Medians of {turns} turns; ratios: the
+        median of the turns' own.""", "\n\n".join(tables)
 
 
 # --- instructions
@@ -126,7 +129,8 @@ def instructions(brief):
     add("x86-64", callgrind, BUILD / "location_service/location_service", BUILD / "benchmarks/bare_server", gpsd)
     with bare_server_for_arm() as bare:
         add("ARMv7", emulated, ROOT / "build/armhf-sim/location_service/location_service", bare, None)
-    return f"""Instructions of a buffered reply outside the kernel: the difference between {counts[0]} and {counts[1]} of them.
-Bare server: at level info it sends five lines that are ready-made. x86-64: valgrind's callgrind. ARMv7: the emulator
-qemu-arm with a plugin that counts.""", table(
+    return f"""
+        Instructions of a buffered reply outside the kernel: the difference between {counts[0]} and
+        {counts[1]} of them. Bare server: at level info it sends five lines that are ready-made. x86-64:
+        valgrind's callgrind. ARMv7: the emulator qemu-arm with a plugin that counts.""", table(
         ["machine", "here", "bare server", "gpsd", "over bare", "over gpsd"], rows)

@@ -30,7 +30,8 @@ def free_port(kind):
 
 
 class Gpsd:
-    """Started with the object; `process`, `port`. `under` is a command to run it with, such as valgrind's."""
+    """Runs from the start of the object until stop(), or the end of its scope; `process`, `port`. `under` is a command
+    to run it with, such as valgrind's."""
 
     def __init__(self, *options, under=()):
         self.port, self.fed = free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM)
@@ -39,6 +40,13 @@ class Gpsd:
             [*under, "gpsd", "-N", *options, "-S", str(self.port), f"udp://127.0.0.1:{self.fed}"],
             env=os.environ | {"PATH": os.environ["PATH"] + ":/usr/sbin"},
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.returncode is None:
+            self.stop()
 
     def connect(self, patience_s=60):
         """A connection, the greeting read: gpsd answers."""
@@ -98,13 +106,9 @@ def wait_for_position(gpsd):
 @contextlib.contextmanager
 def polled(under=(), fed=True):
     """One that has a position to poll (option -n); `fed`: and is fed on, so that it stays a fresh one."""
-    gpsd = Gpsd("-n", under=under)
-    try:
-        with contextlib.ExitStack() as feeding:
-            feeding.enter_context(feed(gpsd.fed))
-            wait_for_position(gpsd)
-            if not fed:
-                feeding.close()
-            yield gpsd
-    finally:
-        gpsd.stop()
+    with Gpsd("-n", under=under) as gpsd, contextlib.ExitStack() as feeding:
+        feeding.enter_context(feed(gpsd.fed))
+        wait_for_position(gpsd)
+        if not fed:
+            feeding.close()
+        yield gpsd

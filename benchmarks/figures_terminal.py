@@ -140,8 +140,9 @@ def exchange(brief):
                 walls.append(wall_s * 1e3)
                 wires.append(wire_s(size) * 1e3)
             rows.append(row(f"{name}, {size} bytes", "ms", walls, wires, "wire time"))
-    return f"""Exchange with the receiver: a request over the simulated line at {BAUD} baud beside the time that its bytes
-take there, ten bits each. Medians of {rounds}.""", table(["figure", "here", "reference", "ratio"], rows)
+    return f"""
+        Exchange with the receiver: a request over the simulated line at {BAUD} baud beside the time that its
+        bytes take there, ten bits each. Medians of {rounds}.""", table(["figure", "here", "reference", "ratio"], rows)
 
 
 # --- from the start of the program
@@ -160,13 +161,14 @@ def start_up(brief):
             wires.append(CONFIGURATION_PAUSES_S + wire_s(CONFIGURATION_BYTES + size))
             made.stop_daemon()
             start = time.monotonic()
-            gpsd = figures_gpsd.Gpsd()
-            gpsd.connect().close()
-            gpsd_answers.append((time.monotonic() - start) * 1e3)
-            gpsd.stop()
-    return f"""Start-up: from the start of the program to the answer to a first request (1001; gpsd: its greeting), and to
-the first position from a receiver that was off: beside the pauses and the bytes of its configuration and of that
-position. Medians of {len(answers)}.""", table(["figure", "here", "reference", "ratio"], [
+            with figures_gpsd.Gpsd() as gpsd:
+                gpsd.connect().close()
+                gpsd_answers.append((time.monotonic() - start) * 1e3)
+    return f"""
+        Start-up: from the start of the program to the answer to a first request (1001; gpsd: its greeting),
+        and to the first position from a receiver that was off: beside the pauses and the bytes of its
+        configuration and of that position. Medians of {len(answers)}.""", table(
+        ["figure", "here", "reference", "ratio"], [
         row("first answer", "ms", answers, gpsd_answers, "gpsd"),
         row("first position", "s", fixes, wires, "pauses and wire time")])
 
@@ -193,26 +195,24 @@ def daemon_wake_ups(seconds, watched):
 
 
 def gpsd_wake_ups(seconds, watched):
-    gpsd = figures_gpsd.Gpsd()
-    with figures_gpsd.feed(gpsd.fed), gpsd.connect() as connection:
-        over = threading.Event()
-        reader = threading.Thread(target=read_all, args=(connection, over))
-        if watched:
-            connection.sendall(b'?WATCH={"enable":true,"json":true};\n')
-            reader.start()
-        else:
+    with figures_gpsd.Gpsd() as gpsd, figures_gpsd.feed(gpsd.fed), gpsd.connect() as connection:
+        if not watched:
             connection.close()
+            time.sleep(seconds)
+            return gpsd.stop().ru_nvcsw
+        connection.sendall(b'?WATCH={"enable":true,"json":true};\n')
+        reader = threading.Thread(target=read_all, args=(connection,))
+        reader.start()
         time.sleep(seconds)
         used = gpsd.stop()
-        if watched:
-            reader.join()
+        reader.join()
         return used.ru_nvcsw
 
 
-def read_all(connection, over):
+def read_all(connection):
     connection.settimeout(60)
     with contextlib.suppress(OSError):
-        while not over.is_set() and connection.recv(4096):
+        while connection.recv(4096):
             pass
 
 
@@ -232,13 +232,12 @@ def at_rest(brief):
             for which, result in pairs.items():
                 values.setdefault(which, []).append(result())
     memory = []
-    with terminal() as made, client_of(made) as client:
+    with terminal() as made, client_of(made) as client, figures_gpsd.Gpsd() as gpsd:
         made.start_daemon()
-        gpsd = figures_gpsd.Gpsd()
         with figures_gpsd.feed(gpsd.fed), gpsd.connect() as connection:
             connection.sendall(b'?WATCH={"enable":true,"json":true};\n')
             made.first_answer(client, position)
-            satellites(client)
+            made.first_answer(client, satellites)
             time.sleep(0 if brief else 2)
             for title, name, key, unit in (
                     ("memory, its share (PSS)", "smaps_rollup", "Pss", "KiB"),
@@ -246,13 +245,14 @@ def at_rest(brief):
                     ("threads", "status", "Threads", "")):
                 memory.append(row(title, unit, [proc_value(made.daemon.pid, name, key)],
                                   [proc_value(gpsd.process.pid, name, key)]))
-            gpsd.stop()
     interval = location_client.MIN_INTERVAL_S
     idle, watched = values[daemon_wake_ups, False], values[daemon_wake_ups, True]
     gpsd_idle, gpsd_watched = values[gpsd_wake_ups, False], values[gpsd_wake_ups, True]
-    return f"""At rest, and with one client that watches: the daemon at its shortest interval, {interval} s, on the simulated
-line; gpsd fed at 1 Hz. Wake-ups: how often threads went to sleep of themselves (wait4), those that have ended
-included, in {many - few} s; medians of {rounds}. Memory behind the first answers.""", table(
+    return f"""
+        At rest, and with one client that watches: the daemon at its shortest interval, {interval} s, on the
+        simulated line; gpsd fed at 1 Hz. Wake-ups: how often threads went to sleep of themselves (wait4),
+        those that have ended included, in {many - few} s; medians of {rounds}. Memory behind the first
+        answers.""", table(
         ["figure", "here", "gpsd", "ratio"], memory + [
             row("wake-ups a second, nobody watches", "", idle, gpsd_idle),
             row("wake-ups a second, one watcher", "", watched, gpsd_watched),
