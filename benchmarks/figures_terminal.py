@@ -168,9 +168,9 @@ def start_up(brief):
         Start-up: from the start of the program to the answer to a first request (1001; gpsd: its greeting),
         and to the first position from a receiver that was off: beside the pauses and the bytes of its
         configuration and of that position. Medians of {len(answers)}.""", table(
-        ["figure", "here", "reference", "ratio"], [
-        row("first answer", "ms", answers, gpsd_answers, "gpsd"),
-        row("first position", "s", fixes, wires, "pauses and wire time")])
+            ["figure", "here", "reference", "ratio"], [
+                row("first answer", "ms", answers, gpsd_answers, "gpsd"),
+                row("first position", "s", fixes, wires, "pauses and wire time")])
 
 
 # --- at rest, and with one watcher
