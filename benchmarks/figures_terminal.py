@@ -80,7 +80,7 @@ class Terminal:
                 time.sleep(pause_s)
 
     def stop(self):
-        if self.daemon is not None:
+        if self.daemon is not None and self.daemon.returncode is None:
             self.stop_daemon()
         self.simterm.terminate()
         self.simterm.wait()
@@ -149,21 +149,21 @@ def exchange(brief):
 
 def start_up(brief):
     answers, gpsd_answers, fixes, wires = [], [], [], []
-    with terminal() as made, client_of(made) as client:
-        for _ in range(1 if brief else 7):
+    for _ in range(1 if brief else 7):
+        # A new terminal each time: it has the power lines as after its boot.
+        with terminal() as made, client_of(made) as client:
             start = time.monotonic()
             made.start_daemon()
             made.first_answer(client, power)
             answers.append((time.monotonic() - start) * 1e3)
             made.first_answer(client, position)
             fixes.append(time.monotonic() - start)
-            _, size = made.first_answer(client, lambda asked: timed(made, asked, position))
+            _, size = made.first_answer(client, lambda asked, made=made: timed(made, asked, position))
             wires.append(CONFIGURATION_PAUSES_S + wire_s(CONFIGURATION_BYTES + size))
-            made.stop_daemon()
-            start = time.monotonic()
-            with figures_gpsd.Gpsd() as gpsd:
-                gpsd.connect().close()
-                gpsd_answers.append((time.monotonic() - start) * 1e3)
+        start = time.monotonic()
+        with figures_gpsd.Gpsd() as gpsd:
+            gpsd.connect().close()
+            gpsd_answers.append((time.monotonic() - start) * 1e3)
     return f"""
         Start-up: from the start of the program to the answer to a first request (1001; gpsd: its greeting),
         and to the first position from a receiver that was off: beside the pauses and the bytes of its
