@@ -6,6 +6,7 @@
 #include "gps_data.h"
 #include "ls_messages.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -16,6 +17,8 @@
 const size_t bench_position_size = sizeof(msg_hdr) + sizeof(ls_position_reply);
 
 namespace {
+
+constexpr int write_attempts = 30;
 
 // Answers of one moment, as the receiver behind the TA would give them.
 int answer_as_ta(scm_conn *conn, bus_msg *msg) {
@@ -58,8 +61,13 @@ bool prepare(const std::string &root, const bench_log_setting &log) {
     setenv("MQUTILS_DIR", (root + "/bus").c_str(), 1);
     setenv("DBHANDLER_FILE", (root + "/settings.db").c_str(), 1);
     setenv("ZUKHAL_CONF", (root + "/terminal.conf").c_str(), 1);
-    return db_set_gps_power_on_status(GPS_POWER_ON) == 0 &&
-           db_set_ta_power_on_status(LS_ANTENNA_TYPE_GNSS) == 0;
+    // A write waits a second at most, and a busy disk takes longer.
+    for (int attempt = 0; attempt < write_attempts; ++attempt)
+        if (db_set_gps_power_on_status(GPS_POWER_ON) == 0 &&
+            db_set_ta_power_on_status(LS_ANTENNA_TYPE_GNSS) == 0)
+            return true;
+    fputs("the settings could not be written\n", stderr);
+    return false;
 }
 
 } // namespace

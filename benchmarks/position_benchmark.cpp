@@ -161,17 +161,20 @@ bool ask_started(bool is_daemon, const bench_log_setting &log, int count,
                                     : bench_server{"bare", bare, bare_reply_size, 0};
     for (std::string &word : command)
         word = word == "%bare" ? bare : word == "%log" ? board.log_socket : word;
-    bool good = board.is_ready();
+    const char *wrong = board.is_ready() ? nullptr : "the board is not ready";
     {
         const bench_process started(command, dir.path, dir.path + "/log/server.out");
-        good = good && wait_for_socket(server.socket);
-        if (is_daemon)
-            good = good && board.wait_for_position(counted_patience_s);
-        good = good && ask_times(board.bus, server, count);
+        if (wrong == nullptr && !wait_for_socket(server.socket))
+            wrong = "the server did not start";
+        if (wrong == nullptr && is_daemon && !board.wait_for_position(counted_patience_s))
+            wrong = "the daemon has no position";
+        if (wrong == nullptr && !ask_times(board.bus, server, count))
+            wrong = "the server did not answer";
     }
-    if (!good)
-        fputs(bench_output_of("cat " + dir.path + "/log/server.out").c_str(), stderr);
-    return good;
+    if (wrong != nullptr)
+        fprintf(stderr, "%s\n%s", wrong,
+                bench_output_of("cat " + dir.path + "/log/server.out").c_str());
+    return wrong == nullptr;
 }
 
 const bench_log_setting *log_setting_of(const std::string &name) {
