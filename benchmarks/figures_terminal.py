@@ -80,10 +80,12 @@ class Terminal:
                 time.sleep(pause_s)
 
     def stop(self):
-        if self.daemon is not None and self.daemon.returncode is None:
-            self.stop_daemon()
-        self.simterm.terminate()
-        self.simterm.wait()
+        try:
+            if self.daemon is not None and self.daemon.returncode is None:
+                self.stop_daemon()
+        finally:
+            self.simterm.terminate()
+            self.simterm.wait()
 
 
 @contextlib.contextmanager
