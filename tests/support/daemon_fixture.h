@@ -13,6 +13,7 @@
 #include <iomanip>
 #include <map>
 #include <memory>
+#include <span>
 #include <sstream>
 
 using fake::bytes;
@@ -25,7 +26,7 @@ inline size_t errors(std::string_view part) {
 
 inline std::string hex(const void *data, size_t size) {
     std::ostringstream text;
-    for (const uint8_t byte : std::string_view(static_cast<const char *>(data), size))
+    for (const uint8_t byte : std::span(static_cast<const uint8_t *>(data), size))
         text << std::hex << std::setw(2) << std::setfill('0') << int{byte};
     return text.str();
 }
@@ -38,7 +39,8 @@ Bytes from_hex(const std::string &text) {
     for (std::string word; words >> word;) {
         const size_t star = word.find('*');
         const size_t count = star == std::string::npos ? 1 : std::stoul(word.substr(star + 1));
-        out.insert(out.end(), count, static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
+        out.insert(out.end(), count,
+                   static_cast<typename Bytes::value_type>(std::stoul(word, nullptr, 16)));
     }
     return out;
 }
@@ -120,7 +122,7 @@ class receiver_fixture : public daemon_fixture {
             const bool text = command[0] == '$';
             const std::lock_guard guard(answers_lock);
             const std::string poll = text ? command.substr(1, command.find('*') - 1) : command;
-            const std::string now = answers[poll];
+            std::string now = answers[poll];
             if (const auto next = later.extract(poll))
                 answers[poll] = next.mapped();
             return now;

@@ -102,7 +102,7 @@ TEST_F(power, set_mode_is_answered_and_announced) {
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
         SetUp();
-        gps_cfun_level_g = r.cfun_level;
+        gps_cfun_level_g = static_cast<uint32_t>(r.cfun_level);
         mt_gps_status = r.status;
         gps_current_power_mode_g = static_cast<uint32_t>(r.status);
         EXPECT_EQ(told(serve(1002, r.from, {r.mode, 0, 0, 0})), r.sent);
