@@ -1,8 +1,10 @@
 """A simulated terminal with the daemon in it, for tests in Python."""
 
+import contextlib
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -19,6 +21,7 @@ class Terminal:
         self.scratch = tempfile.TemporaryDirectory()
         self.dir = pathlib.Path(self.scratch.name, name)
         self.environment = {**os.environ, "PYTHONDONTWRITEBYTECODE": "1"}
+        self.ended = None  # how the daemon did, when the test has waited for that
         self.said = open(pathlib.Path(self.scratch.name, "said"), "w+", encoding="utf-8")
         options = options if "--baud" in options else ("--baud", "0", *options)
         # The command begins when the daemon serves requests, tells what simterm set for it, and ends with its input.
@@ -39,15 +42,41 @@ class Terminal:
     def __exit__(self, *failure):
         self.process.stdin.close()
         status = self.process.wait(LIMIT_S)
-        if failure[0] or status:
-            print(self.what_it_said())
-        assert status == 0, f"simterm ended with {status}"
+        if failure[0] or status and not self.ended:
+            print(self.what_it_said(), self.log()[-4000:])
+        assert status == 0 or self.ended, f"simterm ended with {status}"
         self.said.close()
         self.scratch.cleanup()
 
     def what_it_said(self):
         self.said.seek(0)
         return self.said.read()[-4000:]
+
+    def file(self, name):
+        return (self.dir / name).read_text(errors="replace")
+
+    def log(self):
+        return self.file("log/terminal.log")
+
+    def daemon(self):
+        """The process id of the one that was started last."""
+        return int(re.findall(r"daemon started, process (\d+)", self.what_it_said())[-1])
+
+    def end_of_daemon(self):
+        """Waits for one that was told to end, and simterm with it: "exit status 0", "signal 15 (Terminated)"."""
+        self.process.wait(LIMIT_S)
+        self.ended = re.findall(r"(?:daemon stopped|the daemon died): (.*)", self.what_it_said())[-1]
+        return self.ended
+
+    @contextlib.contextmanager
+    def background(self, *command):
+        """A process with its output in a pipe, killed at the end of the with statement if it is there then."""
+        with subprocess.Popen([str(word) for word in command], env=self.environment, text=True,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+            try:
+                yield process
+            finally:
+                process.kill()
 
     def run(self, *command, **more):
         return subprocess.run([str(word) for word in command], env={**self.environment, **more}, timeout=LIMIT_S,
