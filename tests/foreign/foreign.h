@@ -16,21 +16,20 @@ constexpr size_t FOREIGN_PACKET_SIZE = size_t{128} * 1024;
 // Where a library does something of its own.
 enum foreign_place : int { NOWHERE, IN_RTC_INIT_TIMERS, IN_SCM_CONN_INIT };
 
-// Written by the test at any time, but for the last four: those are the libraries'.
+// Written by the test at any time, but for the last three: those are the libraries'. The test reads
+// the names here: a line declares fields of one type, and nothing is initialised.
 struct foreign_state {
-    std::atomic<int> board = 2, antenna = 4, power = 2;
-    std::atomic<int> history = 0; // its status
+    std::atomic<int> board, history; // board type; status of the history settings
     // Where SIGRTMIN+5 is blocked and a thread takes it, and a handler for SIGIO is installed.
-    std::atomic<int> own_signals = NOWHERE;
-    std::atomic<int> stack_frames = 0;          // on the stack in each call, of a message's size
-    std::atomic<int> callback_threads = 1;      // threads that call on_message
-    std::atomic<int> init_ms = 0;               // how long calls take: scm_conn_init,
-    std::atomic<int> send_ms = 0, store_ms = 0; // send_msg, db_set_gps_power_on_status
-    std::atomic<int> deletion_ms = 0;           // rtc_del_timer
-    std::atomic<int> deletion_waits = 0;        // rtc_del_timer waits for a running callback
-    std::atomic<int> pid = 0;
-    std::atomic<int> signals_taken = 0, sigio_taken = 0;
-    std::atomic<uint64_t> born_mask[3] = {}; // signal N is bit N-1; of a thread born at that place
+    std::atomic<int> own_signals;
+    std::atomic<int> stack_frames;      // on the stack in each call, of a message's size
+    std::atomic<int> callback_threads;  // threads that call on_message
+    std::atomic<int> init_ms;           // how long calls take: scm_conn_init,
+    std::atomic<int> send_ms, store_ms; // send_msg, db_set_gps_power_on_status
+    std::atomic<int> deletion_ms;       // rtc_del_timer
+    std::atomic<int> deletion_waits;    // rtc_del_timer waits for a running callback
+    std::atomic<int> signals_taken, sigio_taken;
+    std::atomic<uint64_t> born_mask[3]; // signal N is bit N-1; of a thread born at that place
 };
 
 #endif
