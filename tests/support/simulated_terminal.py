@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -45,6 +46,7 @@ class Terminal:
         if failure[0] or status and not self.ended:
             print(self.what_it_said(), self.log()[-4000:])
         assert status == 0 or self.ended, f"simterm ended with {status}"
+        self.process.stdout.close()
         self.said.close()
         self.scratch.cleanup()
 
@@ -61,6 +63,14 @@ class Terminal:
     def daemon(self):
         """The process id of the one that was started last."""
         return int(re.findall(r"daemon started, process (\d+)", self.what_it_said())[-1])
+
+    def until_ready(self):
+        """Waits for the end of the daemon's start: until it catches the last signal that it installs a handler for; in
+        an emulator, which itself catches most signals, the first. Returns the terminal."""
+        witness = signal.SIGTSTP if "/emulated/" in str(self.programs["daemon"]) else signal.SIGRTMIN + 1
+        status = pathlib.Path(f"/proc/{self.daemon()}/status")
+        wait_until(lambda: int(re.search(r"SigCgt:\s*(\w+)", status.read_text())[1], 16) >> (witness - 1) & 1)
+        return self
 
     def end_of_daemon(self):
         """Waits for one that was told to end, and simterm with it: "exit status 0", "signal 15 (Terminated)"."""
