@@ -27,6 +27,7 @@ struct foreign_state {
     std::atomic<int> init_ms;           // how long calls take: scm_conn_init,
     std::atomic<int> send_ms, store_ms; // send_msg, db_set_gps_power_on_status
     std::atomic<int> deletion_ms;       // rtc_del_timer
+    std::atomic<int> reinit_ms;         // rtc_reinit
     std::atomic<int> deletion_waits;    // rtc_del_timer waits for a running callback
     std::atomic<int> signals_taken, sigio_taken;
     std::atomic<uint64_t> born_mask[3]; // signal N is bit N-1; of a thread born at that place

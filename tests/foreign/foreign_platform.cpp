@@ -179,6 +179,10 @@ void end(timer &ended_one, bool wait) {
 
 } // namespace
 
+[[gnu::destructor]] static void unload() {
+    report("call unload");
+}
+
 int scm_conn_init(scm_conn *conn, uint8_t) {
     memcpy(conn->library, registered.data(), registered.size());
     be_at(IN_SCM_CONN_INIT);
@@ -262,7 +266,7 @@ int rtc_init_timers() {
 }
 
 int rtc_reinit() {
-    return foreign_call("rtc_reinit", 4);
+    return foreign_call("rtc_reinit", 4, foreign().reinit_ms);
 }
 
 int rtc_exit() {

@@ -168,6 +168,7 @@ class Stop(unittest.TestCase):
             bench.see("call db_set_gps_power_on_status")
             self.assertEqual(bench.end(), 0)
             self.assertEqual(bench.count("send_msg returns 1002"), 1)
+            self.assertEqual(bench.count("call unload"), 1)
 
     def test_leaves_the_connection_to_a_timers_callback(self):
         with running(history=1, deletion_ms=1500) as bench:  # rtc_exit does not wait: it is the callback's to the end
@@ -175,6 +176,11 @@ class Stop(unittest.TestCase):
             bench.see(TO_TA)
             self.assertEqual(bench.end(), 0)
             self.assertGreaterEqual(bench.count("send_msg returns 1416"), 1)
+
+    def test_that_is_asked_for_before_the_main_loop_runs_comes(self):
+        with Bench(reinit_ms=500) as bench:
+            bench.see("call rtc_reinit")
+            self.assertEqual(bench.end(), 0)
 
     def test_does_not_wait_for_ever_and_says_so(self):
         with running() as bench:
@@ -184,6 +190,7 @@ class Stop(unittest.TestCase):
             before = time.monotonic()
             self.assertEqual(bench.end(), 0)
             self.assertLess(time.monotonic() - before, 15)
+            self.assertEqual(bench.count("call unload"), 0)  # somebody is inside
             # Without a history its own line is there at every end.
             ending = bench.see("Signal handler called")
             self.assertGreater(bench.count("^log [0-4] (?!.*g_timer_id found 0)", ending), 0)
