@@ -1,5 +1,6 @@
-// The client library: what goes on the bus, which replies and updates are taken, and the result for
-// each way a request can fail.
+// The client library: what goes on the bus, which replies and updates are taken, the result for
+// each way a request can fail; the descriptor and the tickets of what is started; and both forms
+// from several threads at once, which the thread sanitizer watches.
 #include "fake_bus.h"
 #include "location_client.hpp"
 
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 namespace {
 
@@ -19,31 +21,48 @@ using std::chrono::milliseconds;
 constexpr milliseconds NONE{0};
 constexpr milliseconds SHORT{40};    // for replies that never come; below the power probe
 constexpr milliseconds PROBED{3000}; // long enough for it
-constexpr milliseconds LONG{5000};
+constexpr milliseconds LONG{60000};  // not reached
 
-const bytes MODE_ON = {1, 0, 0, 0, 2, 0, 0, 0};
-const bytes MODE_OFF = {1, 0, 0, 0, 0, 0, 0, 0};
-
-// A position of 47.5 degrees north from so many satellites.
 bytes position_reply(uint8_t satellites = 8) {
-    bytes reply = padded({1}, 80, {0, 0, 0, 0, 0, 0xC0, 0x47, 0x40, 'N'}, 24);
-    reply[76] = satellites;
-    return reply;
+    return padded({1}, 80, {satellites}, 76);
 }
 
 struct client_test : testing::Test {
+    location_client_owner owner;
     location_client *client = nullptr;
-    gps_pos_data position;
+    gps_pos_data position{};
     uint32_t mode = 9;
 
     void SetUp() override {
         fake_reset();
         open(40);
     }
-    void TearDown() override { location_client_close(client); }
     location_result open(uint8_t serv_id) {
-        location_client_close(client);
-        return location_client_open(serv_id, &client);
+        owner.reset(); // the bus knows one at a time
+        const location_result result = location_client_open(serv_id, owner);
+        client = owner.get();
+        return result;
+    }
+    bool readable(milliseconds timeout = NONE) const {
+        pollfd polled{location_client_fd(client), POLLIN, 0};
+        return poll(&polled, 1, static_cast<int>(timeout.count())) == 1;
+    }
+    static uint32_t start_position(location_client *asking, milliseconds timeout = LONG) {
+        uint32_t ticket = 0;
+        EXPECT_EQ(location_client_start_position(asking, timeout, &ticket), LOCATION_ANSWERED);
+        return ticket;
+    }
+    // Waits until it is over.
+    location_result take_position(location_client *asking, uint32_t ticket) {
+        location_result result;
+        while ((result = location_client_take_position(asking, ticket, &position)) ==
+               LOCATION_PENDING)
+            std::this_thread::sleep_for(milliseconds(1));
+        return result;
+    }
+    static void wait_for_sent(uint32_t msg_id, size_t count) {
+        while (fake_sent(msg_id).size() < count)
+            std::this_thread::sleep_for(milliseconds(2));
     }
 };
 
@@ -94,7 +113,6 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
         {"status 2", [](msg_hdr &, bytes &b) { b[0] = 2; }, LOCATION_RECEIVER_TIMEOUT},
         {"empty", [](msg_hdr &, bytes &b) { b.clear(); }, LOCATION_BAD_REPLY},
         {"one byte short", [](msg_hdr &, bytes &b) { b.resize(79); }, LOCATION_BAD_REPLY},
-        {"one byte long", [](msg_hdr &, bytes &b) { b.resize(81); }, LOCATION_BAD_REPLY},
         {"far too long", [](msg_hdr &, bytes &b) { b.resize(400); }, LOCATION_BAD_REPLY},
         {"gate", [](msg_hdr &, bytes &b) { b.assign(8, 0); }, LOCATION_GATE_CLOSED},
         {"almost the gate", [](msg_hdr &, bytes &b) { b = padded({}, 8, {1}, 7); },
@@ -113,56 +131,44 @@ TEST_F(client_test, only_a_whole_reply_of_its_own_is_taken) {
         EXPECT_EQ(location_client_get_position(client, SHORT, &position), row.result) << row.name;
         EXPECT_EQ(position.num_satellites, row.result == LOCATION_ANSWERED ? 8 : 0) << row.name;
     }
-    // Also where eight bytes are the size of the proper reply, or more than it.
-    fake.service = always(bytes(8));
-    EXPECT_EQ(location_client_get_power(client, LONG, &mode), LOCATION_GATE_CLOSED);
-    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), LOCATION_GATE_CLOSED);
-    fake.service = always(bytes(4));
-    EXPECT_EQ(location_client_register_periodic(client, LONG, 1, 4), LOCATION_FAILED);
 }
 
 TEST_F(client_test, a_silent_service_is_asked_for_its_power_mode) {
-    // Each waits for more than 2 s, so all do at once; the service hears each on its own thread.
-    static thread_local const bytes *mode_told;
+    static thread_local uint8_t told; // each request asks on its own thread
+    told = GPS_POWER_OFF;
     fake.service = [](const sent_message &m) {
         if (m.hdr.msg_id == LS_REQUEST_GET_POWER_MODE)
-            fake_reply(m.hdr, *mode_told);
-    };
-    const auto ask = [](location_client *asking, const bytes &told) {
-        return std::async(std::launch::async, [asking, &told] {
-            mode_told = &told;
-            gps_pos_data got;
-            return location_client_get_position(asking, PROBED, &got);
-        });
+            fake_reply(m.hdr, {1, 0, 0, 0, told, 0, 0, 0});
     };
     // Behind an answer to these the service switches a receiver off, unless something is asked.
-    location_client *sal, *voip;
-    location_client_open(LS_SERV_SAL, &sal);
-    location_client_open(LS_SERV_VOIP, &voip);
+    location_client_owner sal, voip;
+    location_client_open(LS_SERV_SAL, sal);
+    location_client_open(LS_SERV_VOIP, voip);
     open(40); // the last one gets what is sent
-    auto of_sal = ask(sal, MODE_OFF), of_voip = ask(voip, MODE_OFF);
-    auto off = ask(client, MODE_OFF), busy = ask(client, MODE_ON);
-    auto late = std::async(std::launch::async, [this] {
-        mode_told = &MODE_OFF;
-        gps_speed_data got;
-        return location_client_get_speed(client, PROBED, &got);
+    const uint32_t of_sal = start_position(sal.get(), PROBED);
+    const uint32_t of_voip = start_position(voip.get(), PROBED);
+    const uint32_t off = start_position(client);
+    uint32_t late = 0;
+    location_client_start_speed(client, LONG, &late);
+    auto busy = std::async(std::launch::async, [this] {
+        told = GPS_POWER_ON;
+        gps_pos_data got;
+        return location_client_get_position(client, PROBED, &got);
     });
     // A query of a slow line is not doubled.
     std::this_thread::sleep_for(milliseconds(700));
-    EXPECT_TRUE(fake_sent(1001).empty());
+    EXPECT_TRUE(fake_sent(LS_REQUEST_GET_POWER_MODE).empty());
     // An answer that follows the word of an off receiver still counts.
-    for (int i = 0; i < 500 && fake_sent(1001).size() < 3; ++i)
-        std::this_thread::sleep_for(milliseconds(5));
+    wait_for_sent(LS_REQUEST_GET_POWER_MODE, 3);
     std::this_thread::sleep_for(milliseconds(20));
     fake_reply(fake_sent(LS_REQUEST_GET_SPEED).at(0).hdr, padded({1}, sizeof(ls_speed_reply)));
-    EXPECT_EQ(late.get(), LOCATION_ANSWERED);
-    EXPECT_EQ(off.get(), LOCATION_RECEIVER_OFF);
+    EXPECT_EQ(take_position(client, off), LOCATION_RECEIVER_OFF);
+    gps_speed_data speed;
+    EXPECT_EQ(location_client_take_speed(client, late, &speed), LOCATION_ANSWERED);
     EXPECT_EQ(busy.get(), LOCATION_RECEIVER_BUSY);
-    EXPECT_EQ(of_sal.get(), LOCATION_NO_REPLY);
-    EXPECT_EQ(of_voip.get(), LOCATION_NO_REPLY);
-    EXPECT_EQ(fake_sent(1001).size(), 3U);
-    location_client_close(sal);
-    location_client_close(voip);
+    EXPECT_EQ(take_position(sal.get(), of_sal), LOCATION_NO_REPLY);
+    EXPECT_EQ(take_position(voip.get(), of_voip), LOCATION_NO_REPLY);
+    EXPECT_EQ(fake_sent(LS_REQUEST_GET_POWER_MODE).size(), 3U);
 }
 
 TEST_F(client_test, a_time_out_counts_from_the_call) {
@@ -182,30 +188,26 @@ TEST_F(client_test, a_time_out_counts_from_the_call) {
 }
 
 TEST_F(client_test, nmea_travels_as_its_body) {
-    fake.service = [](const sent_message &m) {
-        bytes reply = padded(padded(m.payload, 284, {1}, 0), 284, {'$'}, 84);
-        reply[5] ^= 1; // of another command
-        fake_reply(m.hdr, reply);
-        reply[5] ^= 1;
-        fake_reply(m.hdr, padded(reply, 284, {'x'}, 283));
+    const bytes reply = padded(padded({1}, 284, {'$'}, 84), 284, {'x'}, 283);
+    fake.service = [&reply](const sent_message &m) {
+        fake_reply(m.hdr, reply); // of another command
+        always(reply)(m);
     };
     location_client_answer answer;
     const std::string longest(79, 'A');
     EXPECT_EQ(location_client_exec_nmea(client, LONG, longest, &answer), LOCATION_ANSWERED);
     EXPECT_TRUE(answer[0] == '$' && answer[199] == 'x');
     EXPECT_EQ(fake_sent(1011).at(0).payload, padded({}, 284, bytes(79, 'A'), 4));
-    for (const std::string &bad : {longest + "A", std::string("GPGGA*47")})
-        EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), LOCATION_BAD_ARGUMENT)
-            << bad;
+    for (const std::string &bad : {longest + "A", std::string("GPGGA*47")}) {
+        uint32_t ticket = 9;
+        EXPECT_EQ(location_client_exec_nmea(client, LONG, bad, &answer), LOCATION_BAD_ARGUMENT);
+        EXPECT_EQ(location_client_start_nmea(client, LONG, bad, &ticket), LOCATION_BAD_ARGUMENT);
+        EXPECT_EQ(ticket, 0U) << bad;
+    }
 }
 
-TEST_F(client_test, ubx_travels_as_hexadecimal_text) {
-    fake.service = always(padded({1}, 284));
+TEST_F(client_test, a_frame_has_to_be_one_and_to_fit_as_text) {
     location_client_answer answer;
-    const bytes frame = {0xB5, 0x62, 0x06, 0x08, 0x00, 0x00, 0x0E, 0x30};
-    EXPECT_EQ(location_client_exec_ubx(client, LONG, frame, &answer), LOCATION_ANSWERED);
-    EXPECT_STREQ(reinterpret_cast<const char *>(fake_sent(1012).at(0).payload.data() + 4),
-                 "B5,62,06,08,00,00,0E,30");
     const bytes bad_frames[] = {{0xB5, 0x62, 6, 8, 0, 0, 0},
                                 {0xB5, 0x62, 6, 8, 0, 0, 0, 0, 0}, // length too small
                                 {0xB5, 0x62, 6, 8, 1, 0, 0, 0}};   // length too large
@@ -247,17 +249,11 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
     fake_send(LS_MSG_REQUEST, 19, bytes(24)); // nobody asked yet
     fake.service = [](const sent_message &) {
         fake_send(LS_MSG_REQUEST, 19, bytes(23)); // not a record
-        fake_send(LS_MSG_REQUEST, 19, padded(padded({1}, 12, {70}, 11), 24, {5}, 16));
+        fake_send(LS_MSG_REQUEST, 19, padded({}, 24, {70}, 11));
     };
     gps_lpp_location lpp;
     ASSERT_EQ(location_client_get_lpp(client, LONG, &lpp), LOCATION_ANSWERED);
-    EXPECT_TRUE(lpp.latitude_sign == 1 && lpp.confidence == 70 && lpp.degrees_latitude == 5);
-    EXPECT_EQ(fake_sent(208).at(0).hdr.msg_type, LS_MSG_NOTIFICATION);
-    EXPECT_EQ(fake_sent(208).at(0).payload, bytes(24));
-    // The record of the last time does not answer the next question.
-    fake.service = nullptr;
-    EXPECT_EQ(location_client_get_lpp(client, SHORT, &lpp), LOCATION_NO_REPLY);
-    EXPECT_EQ(lpp.confidence, 0);
+    EXPECT_EQ(lpp.confidence, 70);
     // An answer counts for all who asked before it, whoever asks behind it.
     fake.service = [&, asked = false](const sent_message &) mutable {
         if (std::exchange(asked, true))
@@ -272,17 +268,85 @@ TEST_F(client_test, lpp_is_asked_by_notification_and_answered_by_request) {
     EXPECT_EQ(lpp.confidence, 70);
 }
 
-TEST_F(client_test, cancelling_ends_the_wait_until_resumed) {
-    const auto start = std::chrono::steady_clock::now();
-    const auto canceller = std::async(std::launch::async, [this] {
-        std::this_thread::sleep_for(milliseconds(20));
-        location_client_cancel(client);
+TEST_F(client_test, a_result_is_there_until_it_is_taken) {
+    const uint32_t ticket = start_position(client);
+    wait_for_sent(LS_REQUEST_GET_POSITION, 1);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(location_client_take_position(client, ticket, &position), LOCATION_PENDING);
+    fake_reply(fake_sent(LS_REQUEST_GET_POSITION).at(0).hdr, position_reply());
+    EXPECT_TRUE(readable(LONG));
+    EXPECT_EQ(location_client_next_ticket(client), ticket);
+    EXPECT_EQ(location_client_take_power(client, ticket, &mode), LOCATION_BAD_ARGUMENT);
+    EXPECT_EQ(location_client_take_position(client, ticket, &position), LOCATION_ANSWERED);
+    EXPECT_EQ(position.num_satellites, 8);
+    EXPECT_EQ(location_client_take_position(client, ticket, &position), LOCATION_BAD_ARGUMENT);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(location_client_next_ticket(client), 0U);
+    // An update makes it readable, too.
+    fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, position_reply());
+    EXPECT_TRUE(readable());
+    ls_position_reply update;
+    EXPECT_EQ(location_client_next_update(client, NONE, &update), LOCATION_ANSWERED);
+    EXPECT_FALSE(readable());
+}
+
+TEST_F(client_test, eight_at_once_and_an_abandoned_one_makes_room) {
+    uint32_t ticket = 0;
+    for (int i = 0; i < LOCATION_CLIENT_MAX_STARTED; ++i)
+        ticket = start_position(client);
+    wait_for_sent(LS_REQUEST_GET_POSITION, LOCATION_CLIENT_MAX_STARTED);
+    uint32_t more = 9;
+    EXPECT_EQ(location_client_start_speed(client, LONG, &more), LOCATION_TOO_MANY);
+    location_client_abandon(client, ticket);
+    EXPECT_EQ(location_client_take_position(client, ticket, &position), LOCATION_BAD_ARGUMENT);
+    while (location_client_start_speed(client, LONG, &more) == LOCATION_TOO_MANY)
+        std::this_thread::yield();
+    EXPECT_FALSE(readable());
+    auto waits = std::async(std::launch::async, [this] {
+        ls_position_reply update;
+        return location_client_next_update(client, LONG, &update);
     });
-    ls_position_reply got;
-    EXPECT_EQ(location_client_next_update(client, LONG, &got), LOCATION_CANCELLED);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, LONG);
+    EXPECT_EQ(waits.wait_for(milliseconds(20)), std::future_status::timeout);
+    location_client_cancel(client);
+    EXPECT_EQ(waits.wait_for(LONG / 2), std::future_status::ready);
+    EXPECT_EQ(waits.get(), LOCATION_CANCELLED);
+    EXPECT_TRUE(readable(LONG));
     location_client_resume(client);
-    EXPECT_EQ(location_client_get_power(client, SHORT, &mode), LOCATION_NO_REPLY);
+    location_client_abandon(client, location_client_next_ticket(client));
+    start_position(client); // and the client closes with it under way
+}
+
+TEST_F(client_test, both_forms_from_several_threads) {
+    fake.service = [](const sent_message &m) {
+        if (m.hdr.msg_id == LS_REQUEST_GET_POSITION)
+            std::thread([m] { fake_reply(m.hdr, position_reply(1)); }).join();
+        else
+            fake_reply(m.hdr, {1, 0, 0, 0, 2, 0, 0, 0});
+        fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, position_reply());
+    };
+    constexpr int rounds = 100;
+    std::thread waits([&] {
+        ls_position_reply update;
+        for (int i = 0; i < rounds; ++i) {
+            uint32_t now = 0;
+            EXPECT_EQ(location_client_get_power(client, LONG, &now), LOCATION_ANSWERED);
+            EXPECT_EQ(now, GPS_POWER_ON);
+            EXPECT_EQ(location_client_next_update(client, LONG, &update), LOCATION_ANSWERED);
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        const uint32_t first = start_position(client), second = start_position(client);
+        if (i % 3 == 0)
+            location_client_abandon(client, second);
+        location_result result = LOCATION_PENDING;
+        while (result == LOCATION_PENDING && readable(LONG))
+            result = location_client_take_position(client, first, &position);
+        EXPECT_EQ(result, LOCATION_ANSWERED);
+        if (i % 3 != 0)
+            EXPECT_EQ(take_position(client, second), LOCATION_ANSWERED);
+        EXPECT_EQ(position.num_satellites, 1);
+    }
+    waits.join();
 }
 
 } // namespace

@@ -18,9 +18,8 @@ void fake_reset() {
 
 std::vector<sent_message> fake_sent(uint32_t msg_id) {
     const std::lock_guard guard(fake.lock);
-    std::vector<sent_message> found;
-    std::copy_if(fake.sent.begin(), fake.sent.end(), std::back_inserter(found),
-                 [msg_id](const sent_message &m) { return m.hdr.msg_id == msg_id; });
+    std::vector<sent_message> found = fake.sent;
+    std::erase_if(found, [msg_id](const sent_message &m) { return m.hdr.msg_id != msg_id; });
     return found;
 }
 

@@ -1,6 +1,7 @@
-// lsctl as a whole, without its main: arguments, records, sentences, exit status.
+// lsctl as a whole, without its main: arguments, records, sentences, exit status, and the files of
+// lsctl history, static and settings.
 #include "line_peer.h"
-#include "ls_descriptor.h"
+#include "lsctl_history_file.h"
 #include "lsctl_rig.h"
 #include "scratch_dir.h"
 
@@ -8,25 +9,40 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr char EXPORT[] = "t/user/location/location_history.txt";
+const std::string FIRST = "2019-02-05 10:51:05,2D,70.132317N,11.516667E,+2.25m,08\n";
+const std::string SECOND = "2019-02-05 10:52:05,2D,70.132400S,11.516700W,+2.25m,08\n";
+const std::string LINES = FIRST + SECOND;
+
+// On a terminal below "t" with an exported history, whose service has nothing else to say.
 struct lsctl_command_line : testing::Test {
-    void SetUp() override { fake_reset(); }
+    scratch_dir dir;
+
+    void SetUp() override {
+        setenv("TZ", "UTC0", 1);
+        setenv("LOCATION_TERMINAL_ROOT", "t", 1);
+        setenv("DBHANDLER_FILE", "settings.db", 1);
+        fake_reset();
+        exporting(0);
+        scratch_dir::write(EXPORT, LINES);
+    }
+    static void exporting(uint8_t status, uint8_t rest = 0) {
+        const std::string path = "/user/location/location_history.txt";
+        fake.service =
+            always(padded({status, rest, rest, rest}, 104, {path.begin(), path.end()}, 4));
+    }
 };
 
 TEST_F(lsctl_command_line, wrong_usage_sends_nothing_and_names_what_was_meant) {
-    for (const char *line : {"position --timeout 0", "position --as 8", "position --as 256",
-                             "watch -i 3", "watch -n 0", "power 3", "stream --format gpsd",
-                             "stream --listen 65536", "settings --interval 0", "ubx 06"}) {
-        const outcome got = run(line);
-        EXPECT_EQ(got.status, 2) << line;
-        EXPECT_EQ(got.out, "") << line;
-    }
-    EXPECT_EQ(run("stream --json --format nmea").status, 2);
+    for (const char *line :
+         {"position --timeout 0", "position --as 8", "position --as 256", "watch -i 3",
+          "watch -n 0", "power 3", "stream --format gpsd", "stream --listen 65536",
+          "settings --interval 0", "ubx 06", "stream --json --format nmea"})
+        EXPECT_EQ(run(line).status, 2) << line;
     const std::pair<const char *, const char *> rows[] = {
         {"positon", "'positon' is no command; did you mean 'position'?"},
         {"psoition", "'psoition' is no command; did you mean 'position'?"},
@@ -40,9 +56,6 @@ TEST_F(lsctl_command_line, wrong_usage_sends_nothing_and_names_what_was_meant) {
     const std::string behind = "'--json' goes behind the command: lsctl power --json";
     expect_outcome("--json power", 2, R"({"error":"usage","text":")" + behind + "\"}\n", behind);
     EXPECT_TRUE(fake.sent.empty());
-    fake.service = always({1, 0, 0, 0, 2, 0, 0, 0});
-    EXPECT_EQ(run("power --as ws").status, 0);
-    EXPECT_EQ(fake.sent.back().hdr.src_serv_id, 6);
 }
 
 TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
@@ -50,8 +63,6 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
     const bytes sky = padded({1, 0, 0, 0, 10, 51, 5, 0, 0, 0, 5, 2, 0xE3, 7, 3, 2, 7, 9, 12, 30},
                              52, {44, 0, 1, 50}, 28);
     const bytes heard = padded(sky, 52, {0, 7, 31}, 40);
-    const bytes lpp = {1,    0, 0,  0, 0, 0, 0,    0, 10, 0, 10,   70,
-                       0x1E, 2, 45, 0, 0, 0, 0x40, 0, 0,  0, 0xC0, 0};
     fake.service = always(heard);
     expect_outcome(
         "satellites --json", 0,
@@ -66,10 +77,6 @@ TEST_F(lsctl_command_line, records_as_they_come_over_the_bus) {
     fake.service = always(padded(heard, 52, {13}, 14)); // in view, of 12 that have a place
     EXPECT_TRUE(
         run("satellites").out.ends_with("13 in view, 2 used (the service lists the first 12)\n"));
-    fake.service = [&lpp](const sent_message &) { fake_send(LS_MSG_REQUEST, 19, lpp); };
-    EXPECT_TRUE(run("lpp").out.starts_with("Latitude     45.000000 deg S (coded 4194304)\n"
-                                           "Longitude    90.000000 deg W (coded 12582912)\n"
-                                           "Accuracy     542 m vertical"));
     fake.service = [](const sent_message &) { fake_send(LS_MSG_REQUEST, 19, bytes(24)); };
     EXPECT_TRUE(run("lpp --json").out.starts_with("{\"error\":\"lpp_empty\""));
     fake.service =
@@ -97,109 +104,149 @@ TEST_F(lsctl_command_line, a_speed_is_the_receivers_own_or_one_of_several) {
     EXPECT_NE(got.out.find(",299.777,"), std::string::npos) << got.out;
 }
 
-TEST_F(lsctl_command_line, a_refused_power_change_names_a_service_that_may_and_is_free) {
-    const scratch_dir dir;
-    setenv("MQUTILS_DIR", dir.path().c_str(), 1);
-    const ls_descriptor ws(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un place = {AF_UNIX, "6"};
-    ASSERT_EQ(bind(ws.fd, reinterpret_cast<const sockaddr *>(&place), sizeof place), 0);
+TEST_F(lsctl_command_line, watch_replaces_what_was_left_behind_and_tells_why_there_is_no_position) {
     fake.service = [](const sent_message &m) {
-        const bool changes = m.hdr.msg_id == LS_REQUEST_SET_POWER_MODE;
-        EXPECT_EQ(m.payload, changes ? bytes({2, 0, 0, 0}) : bytes());
-        fake_reply(m.hdr, changes ? bytes(8) : bytes{1, 0, 0, 0, 0, 0, 0, 0});
-    };
-    expect_outcome("power on", 1, "",
-                   "switching on was refused: service 32 may not switch on a receiver that is off; "
-                   "lsctl power on --as 9 switches it on");
-    unsetenv("MQUTILS_DIR");
-}
-
-// Accepts a registration and sends `statuses` as updates at once.
-play registering(bytes statuses) {
-    return [statuses = std::move(statuses)](const sent_message &m) {
-        fake_reply(m.hdr, {1, 0, 0, 0});
+        const bool cleared = !fake_sent(LS_REQUEST_UNREGISTER_PERIODIC_UPDATE).empty();
         if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
-            for (const uint8_t status : statuses)
+            for (const uint8_t status : cleared ? bytes{0, 2} : bytes{1}) // 1: still of the old one
                 fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, padded({status}, 80));
+        fake_reply(m.hdr, {cleared, 0, 0, 0});
     };
-}
-
-TEST_F(lsctl_command_line, watch_tells_why_there_is_no_position) {
-    fake.service = registering({0, 2});
     expect_outcome("watch -n 2 -i 4", 1,
                    "no position: the receiver has no fix, or its answer was not valid\n"
-                   "no position: the receiver did not answer in time\n");
-    EXPECT_EQ(fake_sent(1007).at(0).payload, (bytes{2, 0, 0, 0, 4, 0, 0, 0}));
-}
-
-TEST_F(lsctl_command_line, watch_replaces_what_a_killed_watch_left_behind) {
-    int registrations = 0;
-    fake.service = [&registrations](const sent_message &m) {
-        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE && ++registrations == 1) {
-            // An update still of the old one.
-            fake_send(LS_MSG_NOTIFICATION, LS_NOTIFY_PERIODIC_UPDATE, padded({0}, 80));
-            fake_reply(m.hdr, bytes(4));
-            return;
-        }
-        registering({1})(m);
-    };
-    const outcome got = run("watch -n 1");
-    EXPECT_EQ(got.status, 0);
-    EXPECT_EQ(got.err, "lsctl: replaced a registration left behind as service 32\n");
-    EXPECT_EQ(fake_sent(1009).size(), 1U);
-    EXPECT_EQ(registrations, 2);
+                   "no position: the receiver did not answer in time\n",
+                   "replaced a registration left behind as service 32");
+    EXPECT_EQ(fake_sent(1007).at(1).payload, (bytes{2, 0, 0, 0, 4, 0, 0, 0}));
 }
 
 TEST_F(lsctl_command_line, a_signal_ends_a_request_and_a_watch_which_unregisters) {
-    fake.service = [](const sent_message &m) {
-        fake_reply(m.hdr, {1, 0, 0, 0});
-        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
-            kill(getpid(), SIGHUP);
-    };
-    expect_outcome("watch", 3, "");
-    EXPECT_EQ(fake_sent(1009).size(), 1U);
     // The second one, as timeout(1) sends it, does not cut the clean-up short.
     std::thread late;
     fake.service = [&late](const sent_message &m) {
-        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE)
+        if (m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE) {
             fake_reply(m.hdr, {1, 0, 0, 0});
-        kill(getpid(), m.hdr.msg_id == LS_REQUEST_REGISTER_PERIODIC_UPDATE ? SIGHUP : SIGTERM);
-        if (m.hdr.msg_id != LS_REQUEST_REGISTER_PERIODIC_UPDATE)
-            late = std::thread([hdr = m.hdr] {
-                while (lsctl_signals_last() != SIGTERM)
-                    std::this_thread::yield();
-                fake_reply(hdr, {1, 0, 0, 0});
-            });
+            kill(getpid(), SIGHUP);
+            return;
+        }
+        kill(getpid(), SIGTERM);
+        late = std::thread([hdr = m.hdr] {
+            while (lsctl_signals_last() != SIGTERM)
+                std::this_thread::yield();
+            fake_reply(hdr, {1, 0, 0, 0});
+        });
     };
     expect_outcome("watch", 3, "");
     late.join();
+    EXPECT_EQ(fake_sent(1009).size(), 1U);
     fake.service = [](const sent_message &) { kill(getpid(), SIGTERM); };
     expect_outcome("position", 128 + SIGTERM, "");
 }
 
-TEST_F(lsctl_command_line, a_closed_output_ends_a_watch_and_a_full_disk_is_reported) {
-    const auto run_onto = [](int fd, const char *line) {
-        std::fflush(stdout);
-        const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
-        const int status = run_words(line);
-        dup2(kept, STDOUT_FILENO);
-        close(kept);
-        std::clearerr(stdout);
-        return status;
+TEST_F(lsctl_command_line, exported_lines_are_printed_and_damaged_ones_counted) {
+    expect_outcome("history", 0, LINES);
+    EXPECT_EQ(fake_sent(1013).size(), 1U);
+    exporting(255); // not all of it could be written
+    expect_outcome("history", 1, LINES, "the location service could not write all of its export");
+    EXPECT_EQ(lsctl_json::parse(run("history --json").out)["error"], "incomplete");
+    exporting(0xFF, 0xFF); // nothing; what is there is an older one
+    EXPECT_EQ(run("history").out, "");
+    exporting(0);
+    expect_outcome("history --since 2019-02-05T10:52:05", 0, SECOND);
+    expect_outcome("history --until 2019-02-05T10:51:05", 0, FIRST);
+    const std::string nowhere = "2019-02-05 10:53:05,ER,0.000000X,0.000000Y,+2.25m,08\n";
+    scratch_dir::write("elsewhere" + std::string(EXPORT + 1),
+                       "16667E,+2.25m,08\n" + FIRST + "\n" + nowhere + SECOND + "2019-02-05 10");
+    expect_outcome("history --root elsewhere", 0, FIRST + nowhere + SECOND,
+                   "3 lines skipped: cut or damaged");
+    // Other programs read the other formats in the system tests.
+    EXPECT_TRUE(
+        run("history --root elsewhere --format csv")
+            .out.ends_with(
+                "\n2019-02-05T10:53:05Z,2019-02-05 10:53:05,none,,,2.25,8\n"
+                "2019-02-05T10:52:05Z,2019-02-05 10:52:05,2D,-70.132400,-11.516700,2.25,8\n"));
+}
+
+TEST_F(lsctl_command_line, a_history_without_lines_says_why) {
+    scratch_dir::write("notes", "shopping\n");
+    expect_outcome("history --input notes", 1, "", "notes is no exported location history");
+    expect_outcome("history --since 2030-01-01T00:00:00Z", 0, "",
+                   "none of the 2 recorded positions is between --since and --until");
+    scratch_dir::write(EXPORT, "");
+    expect_outcome("history", 0, "", "nothing is recorded: the history is off");
+    EXPECT_EQ(run("settings --history on").status, 0);
+    EXPECT_NE(run("history").err.find("location_history has no header"), std::string::npos);
+}
+
+TEST_F(lsctl_command_line, following_prints_each_line_once_also_from_a_new_ring) {
+    EXPECT_EQ(run("settings --interval 2").status, 0);
+    const std::string third = "2019-02-05 10:53:05,2D,70.132400S,11.516700W,+2.25m,08\n";
+    int exports = 0;
+    const play export_now = fake.service;
+    fake.service = [&](const sent_message &m) {
+        if (++exports == 2)
+            scratch_dir::write(EXPORT, SECOND + third);
+        if (exports == 3)
+            kill(getpid(), SIGTERM);
+        export_now(m);
     };
-    fake.service = registering({1});
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    close(ends[0]);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(run_onto(ends[1], "watch -i 4"), 141);
-    EXPECT_EQ(fake_sent(1009).size(), 1U); // unregistered
-    fake.service = always({1, 0, 0, 0, 2, 0, 0, 0});
-    EXPECT_EQ(run_onto(open("/dev/full", O_WRONLY | O_CLOEXEC), "power"), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "lsctl: cannot write to the standard output: No space left on device\n");
+    expect_outcome("history --follow", 0, LINES + third);
+}
+
+TEST_F(lsctl_command_line, an_output_file_is_whole_or_as_it_was) {
+    expect_outcome("history -o out.txt", 0, "");
+    EXPECT_EQ(scratch_dir::read("out.txt"), LINES);
+    expect_outcome("history -o /dev/full", 1, "",
+                   "cannot write /dev/full: No space left on device");
+    const history_error failed = history_write("out.txt", [](FILE *out) {
+        std::fputs("half", out);
+        dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), fileno(out));
+    });
+    EXPECT_EQ(failed.text, "out.txt: No space left on device");
+    EXPECT_EQ(scratch_dir::read("out.txt"), LINES);
+    const std::filesystem::directory_iterator here(".");
+    EXPECT_EQ(std::distance(begin(here), end(here)), 2) << "it and the terminal";
+}
+
+TEST_F(lsctl_command_line, the_static_location_goes_where_the_service_reads_it) {
+    scratch_dir::write("t/user/stub_location/stub_loc.gps", "");
+    EXPECT_EQ(run("static on -33.5 8.25w").status, 0);
+    EXPECT_EQ(scratch_dir::read("t/user/stub_location/stub_loc.gps"),
+              "STATIC_LOCATION = ON\n3330.000,S,00815.000,W\n");
+    EXPECT_EQ(lsctl_json::parse(run("static --json").out)["longitude_deg"], -8.25);
+}
+
+TEST_F(lsctl_command_line, settings_are_shown_and_stored) {
+    EXPECT_EQ(run("settings --history on --interval 30").status, 0);
+    const msg_hdr told = fake_sent(808).at(0).hdr;
+    EXPECT_TRUE(told.msg_type == 2 && told.src_serv_id == 6 && told.dst_serv_id == 8);
+
+    EXPECT_EQ(run("settings --history off").status, 0); // the interval stays
+    expect_outcome("settings --antenna 4 --power-status on", 0,
+                   "History         off, every 30 s\n"
+                   "Antenna type    4 (GNSS)\n"
+                   "Receiver        on (power mode 2)\n",
+                   "antenna type and receiver at start: taken up at the next start");
+    EXPECT_EQ(fake_sent(808).size(), 2U); // neither showing nor the other settings
+}
+
+TEST_F(lsctl_command_line, settings_without_a_service_or_beside_ws) {
+    fake.send_errno = ENOENT;
+    EXPECT_EQ(run("settings --interval 7").status, 0);
+    fake.send_errno = EAGAIN; // stored, but it could not be told
+    EXPECT_EQ(run("settings --interval 8").status, 3);
+    fake_reset();
+    fake.init_errno = {{6, EADDRINUSE}, {-1, 0}}; // WS is running
+    EXPECT_EQ(run("settings --history on --power-status off").status, 0);
+    EXPECT_EQ(fake_sent(808).at(0).hdr.src_serv_id, 32);
+    setenv("DBHANDLER_FILE", "missing/settings.db", 1);
+    const outcome shown = run("settings --json");
+    EXPECT_TRUE(shown.status == 0 && shown.out.ends_with("\"settings_file_exists\":false}\n"));
+    EXPECT_FALSE(std::filesystem::exists("missing"));
+    scratch_dir::write("notes", "interval = 60\n");
+    setenv("DBHANDLER_FILE", "notes", 1);
+    for (const char *line : {"settings", "settings --power-status on", "settings --interval 5"})
+        expect_outcome(line, 1, "", "notes is not a settings database; it is left as it is");
+    EXPECT_EQ(scratch_dir::read("notes"), "interval = 60\n");
 }
 
 } // namespace

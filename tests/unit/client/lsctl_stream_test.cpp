@@ -21,22 +21,17 @@ stream_report fix_3d() {
     return report;
 }
 
-// No time, no motion, minutes that round to the next degree.
-stream_report fix_2d() {
-    stream_report report;
-    report.result = LOCATION_ANSWERED;
-    report.position =
-        gps_pos_data{{}, 33.9999999999, 'S', 179.9999999999, 'E', GPS_FIX_2D, 2.5F, 100, 25, 4};
-    return report;
-}
-
-stream_report nothing(location_result result) {
+stream_report report_of(location_result result, std::optional<gps_pos_data> position = {}) {
     stream_report report;
     report.result = result;
+    report.position = position;
     report.why = "why";
     return report;
 }
 
+// No time, minutes that round to the next degree.
+const gps_pos_data FIX_2D = {{}, 33.9999999999, 'S', 179.9999999999, 'E', GPS_FIX_2D, 2.5F, 100, 25,
+                             4};
 constexpr char NO_FIX_SENTENCES[] = "$GPGGA,,,,,,0,,,,,,,,*66\r\n$GPRMC,,V,,,,,,,,,,N*53\r\n";
 
 TEST(lsctl_stream, a_report_in_each_form) {
@@ -52,16 +47,16 @@ TEST(lsctl_stream, a_report_in_each_form) {
          R"("eph":3.25,"epv":5.25})",
          R"({"class":"position","time_utc":"2019-02-05T10:51:05Z","latitude_deg":51.5,)"
          R"("longitude_deg":-0.125,"course_deg":54.7,"speed_kmh":10.0008})"},
-        {fix_2d(),
+        {report_of(LOCATION_ANSWERED, FIX_2D),
          "$GPGGA,,3400.00000,S,18000.00000,E,1,04,1.00,,,,,,*54\r\n"
          "$GPRMC,,A,3400.00000,S,18000.00000,E,,,,,,A*63\r\n",
          R"({"class":"TPV","device":"location_service","mode":2,"lat":-34.0,"lon":180.0,"eph":2.5})",
          R"({"class":"position","time_utc":null,"altitude_m":100.0,"course_deg":null,)"
          R"("speed_kmh":null})"},
-        {nothing(LOCATION_FAILED), NO_FIX_SENTENCES,
+        {report_of(LOCATION_FAILED), NO_FIX_SENTENCES,
          R"({"class":"TPV","device":"location_service","mode":1})",
          R"({"class":"position","time_utc":null,"latitude_deg":null,"error":"failed","text":"why"})"},
-        {nothing(LOCATION_NO_DAEMON), NO_FIX_SENTENCES,
+        {report_of(LOCATION_NO_DAEMON), NO_FIX_SENTENCES,
          R"({"class":"TPV","device":"location_service","mode":0})",
          R"({"class":"position","altitude_m":null,"error":"no_daemon"})"},
     };
@@ -92,34 +87,30 @@ TEST(lsctl_stream, requests_of_gpsd_clients) {
     const struct {
         const char *input;
         std::vector<std::string> replies; // what the reply to each has in it
-        const char *rest;
     } rows[] = {
-        {"?VERSION;?DEVICES;\r\n", {R"("proto_major":3)", R"("devices":[{"class":"DEVICE")"}, ""},
-        {"?WATCH={\"enable\":true}", {R"("enable":true,"json":true,"nmea":false)"}, ""},
-        {"?WATCH={\"nmea\":true,\"x\":\"}\\\"\"};\n", {R"("json":false,"nmea":true)"}, ""},
-        {"?WATCH={\"enable\":true,\"json\":tr", {}, "?WATCH={\"enable\":true,\"json\":tr"},
-        {"?WATCH={\"json\":true\n}\n", {"Unrecognized request '?WATCH=", "request '}'"}, ""},
-        {"?WATCH=[1];", {"Unrecognized"}, ""},
-        {"?WATCH={1};", {"Invalid WATCH"}, ""},
-        {"?WATCH={\"enable\":1};", {"Invalid WATCH"}, ""},
-        {"?WATCH={\"device\":\"/dev/ttyS0\"};", {"No such device as '/dev/ttyS0'"}, ""},
-        {"?WATCH;", {R"("enable":false)"}, ""},
-        {"?DEVICE={\"path\":\"location_service\"};", {R"({"class":"DEVICE")"}, ""},
-        {"?BOO;\xff\x01\n??;", {"'?BOO'", "\\u0001", "'?\?'"}, ""},
-        {"?WAT", {}, "?WAT"},
+        {"?VERSION;?DEVICES;\r\n", {R"("proto_major":3)", R"("devices":[{"class":"DEVICE")"}},
+        {"?WATCH={\"enable\":true}", {R"("enable":true,"json":true,"nmea":false)"}},
+        {"?WATCH={\"nmea\":true,\"x\":\"}\\\"\"};\n", {R"("json":false,"nmea":true)"}},
+        {"?WATCH={\"enable\":true,\"json\":tr", {}}, // more is to come
+        {"?WATCH={\"json\":true\n}\n", {"Unrecognized request '?WATCH=", "request '}'"}},
+        {"?WATCH={\"enable\":1};", {"Invalid WATCH"}},
+        {"?WATCH={\"device\":\"/dev/ttyS0\"};", {"No such device as '/dev/ttyS0'"}},
+        {"?WATCH;", {R"("enable":false)"}},
+        {"?DEVICE={\"path\":\"location_service\"};", {R"({"class":"DEVICE")"}},
+        {"?BOO;\xff\x01\n??;", {"'?BOO'", "\\u0001", "'?\?'"}},
     };
-    for (const auto &row : rows) {
-        std::string input = row.input;
+    for (const auto &[sent, replies] : rows) {
+        std::string input = sent;
         gpsd_session session;
-        for (const std::string &wanted : row.replies) {
+        for (const std::string &wanted : replies) {
             const auto request = gpsd_take_request(input);
-            ASSERT_TRUE(request) << row.input;
+            ASSERT_TRUE(request) << sent;
             const std::string reply = gpsd_reply(session, *request, "now");
             EXPECT_NE(reply.find(wanted), std::string::npos) << reply;
             EXPECT_TRUE(reply.ends_with("}\r\n")) << reply;
         }
-        EXPECT_FALSE(gpsd_take_request(input)) << row.input;
-        EXPECT_EQ(input, row.rest);
+        EXPECT_FALSE(gpsd_take_request(input)) << sent;
+        EXPECT_EQ(input, replies.empty() ? sent : "");
     }
 }
 

@@ -1,21 +1,20 @@
-// What lsctl monitor makes of the answers, with a stepped clock.
+// With a stepped clock: what lsctl monitor makes of the answers, when lsctl watch registers and
+// worries.
+#include "lsctl_watch_plan.h"
 #include "monitor_model.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
+using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 struct monitor : testing::Test {
     monitor_time now{seconds(1000)};
     monitor_model model;
-    gps_pos_data place{};
-
-    monitor() {
-        place.time = {10, 51, 5, 0, 5, 2, 2019};
-        place.latitude = 47.5;
-    }
+    gps_pos_data place{
+        {10, 51, 5, 0, 5, 2, 2019}, 47.5, 'N', 8.5, 'E', GPS_FIX_NONE, 2.5F, 500, 2.5F, 8};
 
     // The state `after` what has been told, and after that many more seconds.
     void expect_state(monitor_state wanted, int after = 0) {
@@ -28,7 +27,6 @@ struct monitor : testing::Test {
         place.fix_type = fix;
         monitor_on_position(model, place, now);
     }
-    std::string error() const { return model.error ? model.error->text : ""; }
 };
 
 TEST_F(monitor, state_and_age_follow_the_answers) {
@@ -39,7 +37,6 @@ TEST_F(monitor, state_and_age_follow_the_answers) {
     expect_state(monitor_state::waiting);
     monitor_on_no_position(model, "the query failed", now);
     expect_state(monitor_state::silent);
-    EXPECT_EQ(error(), "the query failed");
     // A record without a fix has numbers in it, which are none.
     tell(GPS_FIX_NONE, 0);
     expect_state(monitor_state::no_fix);
@@ -59,11 +56,6 @@ TEST_F(monitor, state_and_age_follow_the_answers) {
     EXPECT_EQ(model.fix->latitude, 47.5);
     monitor_on_power(model, GPS_POWER_OFF, false);
     expect_state(monitor_state::off);
-    monitor_on_absent(model, "nobody is there", now);
-    expect_state(monitor_state::lost);
-    EXPECT_EQ(error(), "nobody is there");
-    monitor_on_power(model, GPS_POWER_ON, false);
-    EXPECT_FALSE(model.error->present);
 }
 
 TEST_F(monitor, satellites_of_record_and_sky_are_one_list) {
@@ -112,6 +104,59 @@ TEST_F(monitor, clock_against_the_receiver) {
                                       {"PUBX", "04", "054545.50", "311126"},
                                       {"PUBX", "04", "054545.50"}})
         EXPECT_FALSE(monitor_clock_ahead(wrong, 0));
+}
+
+using step = watch_step;
+
+struct lsctl_watch : testing::Test {
+    watch_clock::time_point now{seconds(1000)};
+    watch_plan plan;
+
+    // Registered, and with `updates` received at once.
+    void start(int64_t interval_s, uint64_t count, bool reconnect, int updates) {
+        plan = watch_start(seconds(interval_s), count, reconnect, now);
+        ASSERT_EQ(watch_next(plan, now), step::try_register);
+        expect_outcome(LOCATION_ANSWERED, watch_verdict::go_on);
+        for (int i = 0; i < updates; ++i)
+            watch_on_update(plan, now);
+    }
+    void expect_outcome(location_result outcome, watch_verdict verdict) {
+        EXPECT_EQ(watch_on_registration(plan, outcome, now), verdict);
+    }
+    // Nothing is to be done for `time`, and `wanted` then.
+    void expect_after(milliseconds time, step wanted) {
+        now += time - milliseconds(1);
+        EXPECT_EQ(watch_next(plan, now), step::wait);
+        now += milliseconds(1);
+        EXPECT_EQ(watch_next(plan, now), wanted);
+    }
+};
+
+TEST_F(lsctl_watch, renews_one_interval_after_the_last_update_and_ends_at_its_count) {
+    start(3600, 3, false, 2);
+    EXPECT_EQ(watch_wake(plan) - now, seconds(3600));
+    expect_after(seconds(3600), step::try_register);
+    EXPECT_EQ(watch_wanted(plan), 1U);
+    expect_outcome(LOCATION_ANSWERED, watch_verdict::go_on);
+    EXPECT_EQ(watch_next(plan, now), step::wait);
+    watch_on_update(plan, now);
+    EXPECT_EQ(watch_next(plan, now), step::finished);
+}
+
+TEST_F(lsctl_watch, a_late_update_leads_to_another_registration_or_to_the_end) {
+    start(5, 0, false, 1);
+    EXPECT_EQ(plan.owed, 719U) << "asked for an hour";
+    expect_after(seconds(10), step::give_up);
+    start(5, 0, true, 1);
+    expect_after(milliseconds(5500), step::try_register);
+    // Refused: it stands. Once more an interval later, not at once.
+    expect_outcome(LOCATION_FAILED, watch_verdict::go_on);
+    expect_after(milliseconds(4500), step::say_silent);
+    expect_after(milliseconds(500), step::try_register);
+    EXPECT_TRUE(watch_on_update(plan, now));
+    // Accepted: the service had forgotten it.
+    expect_after(milliseconds(5500), step::try_register);
+    expect_outcome(LOCATION_ANSWERED, watch_verdict::say_again);
 }
 
 } // namespace
