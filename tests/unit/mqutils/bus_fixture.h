@@ -4,6 +4,7 @@
 #define BUS_FIXTURE_H
 
 #include "child.h"
+#include "ls_descriptor.h"
 #include "mqutils.h"
 #include "scratch_dir.h"
 
@@ -14,10 +15,8 @@
 #include <sys/un.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -93,38 +92,30 @@ class bus : public testing::Test {
         return address;
     }
     // A socket that owns `id` and reads nothing by itself.
-    [[nodiscard]] int raw_owner(int id) const {
+    [[nodiscard]] ls_descriptor raw_owner(int id) const {
         const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const sockaddr_un address = address_of(id);
         EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
         EXPECT_EQ(chmod(address.sun_path, 0660), 0);
-        return fd;
+        return ls_descriptor(fd);
     }
     [[nodiscard]] bool raw_send(int id, std::string bytes, int attached_fd = -1) const {
-        const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const int room = 1 << 20;
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        const ls_descriptor from(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_un address = address_of(id);
         iovec part{bytes.data(), bytes.size()};
         alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-        msghdr message{&address, sizeof address, &part, 1, control.data(), control.size(), 0};
-        cmsghdr *item = CMSG_FIRSTHDR(&message);
-        *item = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-        std::memcpy(CMSG_DATA(item), &attached_fd, sizeof attached_fd);
-        if (attached_fd < 0)
-            message.msg_controllen = 0;
-        const ssize_t sent = sendmsg(fd, &message, 0);
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return sent == static_cast<ssize_t>(bytes.size());
+        const cmsghdr item{CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        std::memcpy(control.data(), &item, sizeof item);
+        std::memcpy(control.data() + CMSG_LEN(0), &attached_fd, sizeof attached_fd);
+        const msghdr message{&address, sizeof address, &part,
+                             1,        control.data(), attached_fd < 0 ? 0 : control.size(),
+                             0};
+        return sendmsg(from.fd, &message, 0) == static_cast<ssize_t>(bytes.size());
     }
     // Runs `body` while this thread is interrupted by `handler` again and again.
     template <typename Body>
     static void under_signals(void (*handler)(int), std::chrono::microseconds interval, Body body) {
-        struct sigaction action {};
-        action.sa_handler = handler;
-        sigaction(SIGUSR1, &action, nullptr);
+        signal(SIGUSR1, handler);
         std::jthread signals([interval, to = pthread_self()](const std::stop_token &stop) {
             while (!stop.stop_requested()) {
                 pthread_kill(to, SIGUSR1);
@@ -139,10 +130,19 @@ inline int64_t open_descriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-// The bytes of a notification 1010 with transaction id 7.
-inline std::string datagram(uint8_t src, uint8_t dst, uint32_t claimed_length, size_t length) {
-    const msg_hdr hdr{2, 0, src, dst, 1010, 7, claimed_length, 0};
+// The bytes of a message 1010 with transaction id 7, mostly a notification.
+inline std::string datagram(uint8_t src, uint8_t dst, uint32_t claimed_length, size_t length,
+                            uint8_t type = 2) {
+    const msg_hdr hdr{type, 0, src, dst, 1010, 7, claimed_length, 0};
     return std::string(reinterpret_cast<const char *>(&hdr), 20) + std::string(length, 'x');
+}
+
+// What goes to stderr meanwhile.
+template <typename Body>
+std::string logged_by(Body body) {
+    testing::internal::CaptureStderr();
+    body();
+    return testing::internal::GetCapturedStderr();
 }
 
 inline int64_t elapsed_ms(steady_clock::time_point since) {

@@ -8,33 +8,28 @@ namespace {
 
 TEST_F(bus, headers_on_the_wire) {
     ASSERT_EQ(self.init(40), 0);
-    const int reader = raw_owner(41);
-    bus_msg req{{0, 9, 41, 40, 0x01020304, 0xaabbccdd, 0, 0}, nullptr};
+    const ls_descriptor reader = raw_owner(41);
+    const bus_msg req{{0, 9, 41, 40, 0x01020304, 0xaabbccdd, 0, 0}, nullptr};
     std::array<msg_hdr, 3> hdrs{};
     std::memset(hdrs.data(), 0xee, sizeof hdrs);
     ASSERT_EQ(fill_request_hdr(&self, &hdrs[0], 2, 1003, 41), 0);
     ASSERT_EQ(fill_notif_hdr(&self, &hdrs[1], 0, 1014, 41), 0);
     ASSERT_EQ(fill_response_hdr(&self, &hdrs[2], &req, 1), 0);
-    EXPECT_EQ(hdrs[1].txn_id, hdrs[0].txn_id + 1); // whatever the first one is
-    hdrs[0].txn_id = hdrs[1].txn_id = 0x01020304;
-    const std::string expected[] = {
-        {"\x00\x00\x28\x29\xeb\x03\x00\x00\x04\x03\x02\x01\x02\x00\x00\x00\x00\x00\x00\x00PL", 22},
-        {"\x02\x00\x28\x29\xf6\x03\x00\x00\x04\x03\x02\x01\x00\x00\x00\x00\x00\x00\x00\x00", 20},
-        {"\x01\x00\x28\x29\x04\x03\x02\x01\xdd\xcc\xbb\xaa\x01\x00\x00\x00\x00\x00\x00\x00P", 21},
-    };
-    for (size_t i = 0; i < hdrs.size(); ++i) {
-        ASSERT_EQ(send_msg(&self, &hdrs[i], i == 1 ? nullptr : "PL"), 0);
-        std::array<char, 64> bytes{};
-        const ssize_t length = recv(reader, bytes.data(), bytes.size(), MSG_DONTWAIT);
-        ASSERT_GE(length, 0);
-        EXPECT_EQ(std::string(bytes.data(), static_cast<size_t>(length)), expected[i]);
-    }
-    close(reader);
+    const uint32_t first_id = hdrs[0].txn_id; // whatever it is
+    const msg_hdr expected[] = {{0, 0, 40, 41, 1003, first_id, 2, 0},
+                                {2, 0, 40, 41, 1014, first_id + 1, 0, 0},
+                                {1, 0, 40, 41, 0x01020304, 0xaabbccdd, 1, 0}};
+    EXPECT_EQ(std::memcmp(hdrs.data(), expected, sizeof expected), 0);
+    ASSERT_EQ(send_msg(&self, &hdrs[2], "PL"), 0);
+    std::array<char, 64> bytes{};
+    EXPECT_EQ(recv(reader.fd, bytes.data(), bytes.size(), MSG_DONTWAIT), 21);
+    EXPECT_EQ(std::string(bytes.data(), 22),
+              std::string("\1\0\x28\x29\4\3\2\1\xdd\xcc\xbb\xaa\1\0\0\0\0\0\0\0P\0", 22));
 }
 
 TEST_F(bus, send_says_why_it_failed) {
     start();
-    close(raw_owner(42));
+    static_cast<void>(raw_owner(42)); // dead at once
     scm_conn copy = self;
     const std::string pld(65517, 'p');
     const struct {
@@ -75,7 +70,7 @@ TEST_F(bus, send_works_without_a_descriptor_to_spare) {
 // With a signal every few milliseconds no single system call gets to the end of its wait.
 TEST_F(bus, full_peer_is_waited_for_within_the_bound_whatever_signals_arrive) {
     ASSERT_EQ(self.init(40), 0);
-    const int deaf = raw_owner(41);
+    const ls_descriptor deaf = raw_owner(41);
     for (int sent = 0; self.notify(41, "m") == 0; ++sent)
         ASSERT_LT(sent, 10000);
     under_signals([](int) {}, milliseconds(7),
@@ -84,9 +79,8 @@ TEST_F(bus, full_peer_is_waited_for_within_the_bound_whatever_signals_arrive) {
                       EXPECT_EQ(self.notify(41, "m"), -1);
                       EXPECT_EQ(errno, EAGAIN);
                       EXPECT_GE(elapsed_ms(start), 190);
-                      EXPECT_LT(elapsed_ms(start), 320);
+                      EXPECT_LT(elapsed_ms(start), 1000);
                   });
-    close(deaf);
 }
 
 // The first callback fills the service's own queue: were it to wait there, nobody could empty it.
@@ -105,6 +99,22 @@ TEST_F(bus, receive_thread_never_waits_not_even_for_itself) {
     ASSERT_TRUE(self.wait_for(1));
     EXPECT_LT(took_ms, 150);
     EXPECT_TRUE(self.wait_for(sent + 1));
+}
+
+// What one peer leaves unread is that peer's own loss.
+TEST_F(bus, peer_that_reads_nothing_takes_no_room_from_another) {
+    setenv("MQUTILS_SEND_TIMEOUT_MS", "10", 1);
+    start();
+    const std::string large(60000, 'm');
+    const ls_descriptor deaf[] = {raw_owner(50), raw_owner(51), raw_owner(52), raw_owner(53),
+                                  raw_owner(54)}; // more than the largest buffer in all
+    for (uint8_t id = 50; id < 55; ++id)
+        while (self.notify(id, large) == 0) {
+        }
+    for (size_t round = 0; round < 20; ++round) {
+        ASSERT_EQ(self.notify(41, large), 0) << strerror(errno);
+        ASSERT_TRUE(peer.wait_for(round + 2));
+    }
 }
 
 service *handler_service = nullptr;
