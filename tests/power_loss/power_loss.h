@@ -60,80 +60,63 @@ inline ino_t inode_of(int fd) {
     return fstat(fd, &at) == 0 ? at.st_ino : 0;
 }
 
-inline void note(kind what, int fd, size_t at, const void *data = nullptr, ssize_t size = 0) {
-    if (const ino_t file = inode_of(fd); !directory.empty() && first.count(file) != 0 && size >= 0)
+inline void note(kind what, int fd, off_t at, const void *data = nullptr, ssize_t size = 0) {
+    if (const ino_t file = inode_of(fd); !directory.empty() && first.count(file) != 0)
         operations.push_back(
-            {what, file, at,
+            {what, file, static_cast<size_t>(at),
              std::string(static_cast<const char *>(data), static_cast<size_t>(size))});
 }
 
 inline void note_name(kind what, const fs::path &path, ino_t made, const fs::path &to = {}) {
+    operations.push_back({what, own_inode, 0, path.filename(), made, to.filename()});
+}
+
+inline bool is_recorded(const fs::path &path) {
     std::error_code other;
-    if (!directory.empty() && fs::equivalent(path.parent_path(), directory, other))
-        operations.push_back({what, own_inode, 0, path.filename(), made, to.filename()});
+    return !directory.empty() && fs::equivalent(path.parent_path(), directory, other);
 }
 
 // Under names of their own, which the headers do not turn into others where files are large.
-#define IN_PLACE_OF(name, result, parameters)                                                      \
-    extern "C" __attribute__((visibility("default"))) result our_##name parameters __asm__(#name); \
-    result our_##name parameters
 #define REAL(name) reinterpret_cast<decltype(&our_##name)>(dlsym(RTLD_NEXT, #name))
-
-IN_PLACE_OF(open64, int, (const char *path, int flags, mode_t mode)) {
-    struct stat before {};
-    const bool made = !directory.empty() && lstat(path, &before) != 0;
-    const int fd = REAL(open64)(path, flags, mode);
-    if (made && fd >= 0) { // the second one keeps the inode from being used again
-        const ino_t file = inode_of(REAL(open64)(path, O_PATH | O_CLOEXEC, 0));
-        first.try_emplace(file);
-        note_name(kind::create, path, file);
+#define IN_PLACE_OF(name, result, parameters, done, ...)                                           \
+    extern "C" __attribute__((visibility("default"))) result our_##name parameters __asm__(#name); \
+    result our_##name parameters {                                                                 \
+        const auto got = done;                                                                     \
+        if (got >= 0)                                                                              \
+            __VA_ARGS__;                                                                           \
+        return got;                                                                                \
     }
-    return fd;
-}
 
-IN_PLACE_OF(pwrite64, ssize_t, (int fd, const void *data, size_t size, off_t at)) {
-    const ssize_t done = REAL(pwrite64)(fd, data, size, at);
-    note(kind::write, fd, static_cast<size_t>(at), data, done);
-    return done;
-}
-
-IN_PLACE_OF(write, ssize_t, (int fd, const void *data, size_t size)) {
-    const ssize_t done = REAL(write)(fd, data, size);
-    if (done >= 0) // else errno is the caller's
-        note(kind::write, fd, static_cast<size_t>(lseek(fd, 0, SEEK_CUR) - done), data, done);
-    return done;
-}
-
-IN_PLACE_OF(ftruncate64, int, (int fd, off_t size)) {
-    note(kind::truncate, fd, static_cast<size_t>(size));
-    return REAL(ftruncate64)(fd, size);
-}
-
-IN_PLACE_OF(fdatasync, int, (int fd)) {
-    note(kind::sync, fd, 0);
-    return 0;
-}
-
-IN_PLACE_OF(fsync, int, (int fd)) {
-    return our_fdatasync(fd);
-}
-
-IN_PLACE_OF(unlink, int, (const char *path)) {
-    note_name(kind::remove, path, 0);
-    return REAL(unlink)(path);
-}
-
-IN_PLACE_OF(rename, int, (const char *from, const char *to)) {
-    const int result = REAL(rename)(from, to);
-    if (result == 0)
-        note_name(kind::rename, from, 0, to);
-    return result;
-}
+inline void note_opened(const char *path, int fd);
+IN_PLACE_OF(open64, int, (const char *path, int flags, mode_t mode),
+            REAL(open64)(path, flags, mode), note_opened(path, got))
+IN_PLACE_OF(pwrite64, ssize_t, (int fd, const void *data, size_t size, off_t at),
+            REAL(pwrite64)(fd, data, size, at), note(kind::write, fd, at, data, got))
+IN_PLACE_OF(write, ssize_t, (int fd, const void *data, size_t size), REAL(write)(fd, data, size),
+            note(kind::write, fd, lseek(fd, 0, SEEK_CUR) - got, data, got))
+IN_PLACE_OF(ftruncate64, int, (int fd, off_t size), REAL(ftruncate64)(fd, size),
+            note(kind::truncate, fd, size))
+IN_PLACE_OF(fdatasync, int, (int fd), 0, note(kind::sync, fd, 0))
+IN_PLACE_OF(fsync, int, (int fd), 0, note(kind::sync, fd, 0))
+IN_PLACE_OF(unlink, int, (const char *path), REAL(unlink)(path),
+            if (is_recorded(path)) note_name(kind::remove, path, 0))
+IN_PLACE_OF(rename, int, (const char *from, const char *to), REAL(rename)(from, to),
+            if (is_recorded(from)) note_name(kind::rename, from, 0, to))
 
 #if __SIZEOF_LONG__ == 8 // else these have other parameters, and nobody to call them
 __asm__(".globl open, pwrite, ftruncate\n .set open, open64\n"
         ".set pwrite, pwrite64\n .set ftruncate, ftruncate64");
 #endif
+
+// What is there and not known has just been made. The second descriptor keeps the inode from being
+// used again.
+inline void note_opened(const char *path, int fd) {
+    const ino_t file = inode_of(fd);
+    if (is_recorded(path) && first.try_emplace(file).second) {
+        REAL(open64)(path, O_PATH | O_CLOEXEC, 0);
+        note_name(kind::create, path, file);
+    }
+}
 
 constexpr size_t SECTOR = 512;
 
@@ -217,13 +200,11 @@ inline void test(const std::string &name, const fs::path &where,
     directory.clear();
 
     std::mt19937 chance(1);
-    std::map<std::string, size_t> made;
     std::set<size_t> seen;
     state now = {};
     const auto one = [&](const char *what, size_t count, const judge &unsynced) {
         if (testing::Test::HasFailure())
             return;
-        ++made[what];
         now.left = left_by(count, unsynced);
         size_t print = std::hash<size_t>{}(now.begun + now.acknowledged);
         for (const auto &[file, content] : now.left)
@@ -256,10 +237,8 @@ inline void test(const std::string &name, const fs::path &where,
         for (int i = getenv("LS_TEST_LONG") != nullptr ? 20 : 2; i > 0; --i)
             one("reordered", count, by_chance(chance));
     }
-    std::cout << "power loss, " << name << ": " << operations.size() << " operations; states:";
-    for (const auto &[what, count] : made)
-        std::cout << " " << count << " " << what << ",";
-    std::cout << " " << seen.size() << " different, "
+    std::cout << "power loss, " << name << ": " << operations.size() << " operations, "
+              << seen.size() << " different states, "
               << (testing::Test::HasFailure() ? "not all" : "all") << " opened and written on\n";
 }
 
