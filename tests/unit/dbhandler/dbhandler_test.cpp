@@ -17,7 +17,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -257,17 +256,6 @@ TEST_F(settings_db, what_is_not_ours_or_cannot_be_had_is_told_and_left_as_it_is)
         EXPECT_TRUE(content() == before);
     }
     EXPECT_TRUE(dir.read("elsewhere") == good);
-}
-
-TEST_F(settings_db, a_file_that_cannot_be_written_now_is_left_alone) {
-    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-    EXPECT_EQ(run_in_child([] { // as on a full disk
-                  signal(SIGXFSZ, SIG_IGN);
-                  const rlimit none{0, 0};
-                  return setrlimit(RLIMIT_FSIZE, &none) == 0 && db_set_gps_power_on_status(0) != 0;
-              }),
-              1);
-    EXPECT_EQ(power(), 1);
 }
 
 TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {

@@ -235,24 +235,8 @@ int g_argument;                   // only its address counts
 int count(void *) {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    g_signals_blocked =
-        sigismember(&blocked, SIGTERM) == 1 && sigismember(&blocked, SIGRTMIN + 1) == 1;
+    g_signals_blocked = sigismember(&blocked, SIGTERM) + sigismember(&blocked, SIGRTMIN + 1) == 2;
     g_calls++;
-    return 0;
-}
-
-int wait_to_go_on(void *) {
-    g_begun = true;
-    EXPECT_TRUE(reached([] { return g_go_on.load(); }, 20s));
-    g_returned = true;
-    return 0;
-}
-
-int delete_itself_and_another(void *argument) {
-    EXPECT_EQ(argument, &g_argument);
-    g_once_calls++;
-    EXPECT_EQ(rtc_del_timer(g_own), 0);
-    EXPECT_EQ(rtc_del_timer(g_victim), 0);
     return 0;
 }
 
@@ -262,6 +246,11 @@ TEST_F(zukhal, callbacks_of_32_come_each_interval_on_a_thread_without_signals) {
         ASSERT_EQ(rtc_init_timers(), 0);
         EXPECT_EQ(rtc_start_timer(0, count, nullptr), 0);
         EXPECT_EQ(rtc_del_timer(0), -1);
+        const auto delete_itself_and_another = [](void *argument) {
+            g_once_calls++;
+            EXPECT_EQ(argument, &g_argument);
+            return rtc_del_timer(g_own) + rtc_del_timer(g_victim);
+        };
         g_own = rtc_start_timer(1, delete_itself_and_another, &g_argument);
         const auto start = steady_clock::now();
         ASSERT_GT(rtc_start_timer(1, count, nullptr), 0);
@@ -285,6 +274,11 @@ TEST_F(zukhal, callbacks_of_32_come_each_interval_on_a_thread_without_signals) {
 TEST_F(zukhal, a_running_callback_holds_up_no_deletion_and_exit_for_its_bound) {
     in_child([] {
         ASSERT_EQ(rtc_init_timers(), 0);
+        const auto wait_to_go_on = [](void *) {
+            g_begun = true;
+            g_returned = reached([] { return g_go_on.load(); }, 20s);
+            return 0;
+        };
         const int running = rtc_start_timer(1, wait_to_go_on, nullptr);
         ASSERT_TRUE(reached([] { return g_begun.load(); }));
         const int other = rtc_start_timer(1, count, nullptr);
