@@ -46,6 +46,4 @@ inline void fuzz_expect(bool condition, const char *what) {
     }
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-
 #endif

@@ -36,14 +36,12 @@ void configure(uint8_t bits) {
 // What has been sent since the first `before` messages.
 void expect_answers(const bus_msg &msg, size_t before) {
     const std::vector<fake::sent_message> all = fake::sent();
-    for (const fake::sent_message &sent : std::span(all).subspan(before)) {
-        if (sent.hdr.msg_type != 1)
-            continue;
-        fuzz_expect(sent.hdr.msg_id == msg.hdr.msg_id && sent.hdr.txn_id == msg.hdr.txn_id &&
-                        sent.hdr.dst_serv_id == msg.hdr.src_serv_id,
-                    "a response goes back to where its request came from");
-        fuzz_expect(msg.hdr.msg_type == 0, "only requests have responses");
-    }
+    for (const fake::sent_message &sent : std::span(all).subspan(before))
+        fuzz_expect(sent.hdr.msg_type != 1 ||
+                        (msg.hdr.msg_type == 0 && sent.hdr.msg_id == msg.hdr.msg_id &&
+                         sent.hdr.txn_id == msg.hdr.txn_id &&
+                         sent.hdr.dst_serv_id == msg.hdr.src_serv_id),
+                    "only requests have responses, which go back to where they came from");
 }
 
 } // namespace
