@@ -98,7 +98,6 @@ void write_lines(size_t count, size_t place) {
 
 TEST(power_loss, new_ring) {
     const scratch_dir dir;
-    fake::reset();
     lines.clear();
     ends = oldest = {0};
     std::filesystem::create_directories(LS_PATH_HISTORY_DIR);
@@ -114,7 +113,6 @@ TEST(power_loss, new_ring) {
 
 TEST(power_loss, ring_that_wraps) {
     const scratch_dir dir;
-    fake::reset();
     lines.clear();
     for (size_t number = 0; lines.size() < LS_HISTORY_FILE_SIZE - 5 * LONGEST; ++number)
         lines += line_of("2019", number, 1);

@@ -12,6 +12,7 @@ namespace {
 using namespace std::string_literals; // for a NUL among them
 
 std::vector<std::string> model; // the settings behind each change; the first: the defaults
+db_settings next;               // those behind the last one
 
 std::string text_of(const db_settings &all) {
     std::ostringstream text;
@@ -41,22 +42,20 @@ db_settings read_all() {
     return all;
 }
 
-// Of one setting and of all in turns.
+// Of one setting and of all in turns; the service writes the one, a tool all.
 void make_changes(int count) {
-    static db_settings next;
-    if (model.size() == 1)
-        next = {{0, 60}, 0, 2};
     for (int i = 0; i < count; ++i) {
         const auto number = static_cast<int32_t>(model.size());
+        const bool all = number % 2 == 0;
+        if (all)
+            next = {{number % 4 == 0, static_cast<uint32_t>(number)}, number, 0};
         next.gps_power_on_status = number % 3;
-        if (number % 2 == 0)
-            next = {{number % 4 == 0, static_cast<uint32_t>(number)}, number, number % 3};
         model.push_back(text_of(next));
         power_loss::acknowledged([&] {
-            return number % 2 == 0
-                       ? succeeds([] { return db_change_settings(15, &next, nullptr); })
-                       : succeeds(
-                             [] { return db_set_gps_power_on_status(next.gps_power_on_status); });
+            return succeeds([&] {
+                return all ? db_change_settings(15, &next, nullptr)
+                           : db_set_gps_power_on_status(next.gps_power_on_status);
+            });
         });
     }
 }
@@ -95,7 +94,8 @@ void run(const char *name, const std::string &damaged, const std::function<void(
     }
     setenv("DBHANDLER_FILE", "run/settings.db", 1);
     setenv("DBHANDLER_LOG", "stderr", 1);
-    model = {"2 0 0 60"};
+    next = {{0, 60}, 0, 2};
+    model = {text_of(next)};
     testing::internal::CaptureStderr();
     power_loss::test(name, "run", action, [&](const auto &state) { check(state, damaged); });
     const std::string log = testing::internal::GetCapturedStderr();

@@ -30,15 +30,7 @@ TEST_F(bus, of_racing_starters_one_wins_also_over_a_dead_owner) {
     }
 }
 
-TEST_F(bus, what_is_in_the_way_stays) {
-    scratch_dir::write(path_of(40), "precious");
-    EXPECT_EQ(self.init(0), -1) << "the bus itself";
-    EXPECT_EQ(self.init(40), -1);
-    EXPECT_EQ(errno, ENOTSOCK);
-    EXPECT_EQ(scratch_dir::read(path_of(40)), "precious");
-}
-
-TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
+TEST_F(bus, exit_gives_everything_back_but_what_is_not_its_own_stays) {
     const int64_t descriptors = open_descriptors();
     for (int round = 0; round < 100; ++round) { // more than there are connections
         ASSERT_EQ(self.init(40), 0) << round << ": " << strerror(errno);
@@ -52,6 +44,11 @@ TEST_F(bus, exit_gives_everything_back_and_the_record_serves_again) {
     const ls_descriptor other = raw_owner(40); // a socket that is not its own stays
     EXPECT_EQ(scm_conn_exit(&self), 0);
     EXPECT_TRUE(std::filesystem::exists(path_of(40)));
+    scratch_dir::write(path_of(41), "precious");
+    EXPECT_EQ(peer.init(41), -1);
+    EXPECT_EQ(errno, ENOTSOCK);
+    EXPECT_EQ(scratch_dir::read(path_of(41)), "precious");
+    EXPECT_EQ(peer.init(0), -1) << "the bus itself";
 }
 
 TEST_F(bus, forked_child_does_not_end_its_parents_connection) {
