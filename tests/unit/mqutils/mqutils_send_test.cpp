@@ -6,6 +6,21 @@
 
 namespace {
 
+TEST_F(bus, headers_are_filled_whole) {
+    ASSERT_EQ(self.init(40), 0);
+    const bus_msg req{{0, 9, 41, 40, 0x01020304, 0xaabbccdd, 0, 0}, nullptr};
+    std::array<msg_hdr, 3> hdrs{};
+    std::memset(hdrs.data(), 0xee, sizeof hdrs);
+    ASSERT_EQ(fill_request_hdr(&self, &hdrs[0], 2, 1003, 41), 0);
+    ASSERT_EQ(fill_notif_hdr(&self, &hdrs[1], 0, 1014, 41), 0);
+    ASSERT_EQ(fill_response_hdr(&self, &hdrs[2], &req, 1), 0);
+    const uint32_t first_id = hdrs[0].txn_id; // whatever it is
+    const msg_hdr expected[] = {{0, 0, 40, 41, 1003, first_id, 2, 0},
+                                {2, 0, 40, 41, 1014, first_id + 1, 0, 0},
+                                {1, 0, 40, 41, 0x01020304, 0xaabbccdd, 1, 0}};
+    EXPECT_EQ(std::memcmp(hdrs.data(), expected, sizeof expected), 0);
+}
+
 TEST_F(bus, send_says_why_it_failed) {
     start();
     static_cast<void>(raw_owner(42)); // dead at once
