@@ -38,13 +38,20 @@ int32_t power() {
     return value;
 }
 
-// On a busy machine a read may be too slow, and the values of the one before serve.
-bool power_becomes(int32_t wanted) {
+// On a busy machine a read may be too slow, and the values of the one before serve; or a change.
+template <typename Call>
+bool in_time(Call call) {
     const auto limit = now() + seconds(60);
-    while (power() != wanted)
+    while (!call())
         if (now() > limit)
             return false;
     return true;
+}
+bool power_becomes(int32_t wanted) {
+    return in_time([wanted] { return power() == wanted; });
+}
+bool stored(int32_t status) {
+    return in_time([status] { return db_set_gps_power_on_status(status) == 0; });
 }
 
 // A child that has come to its stop(), from which kill(SIGCONT) wakes it.
@@ -259,7 +266,7 @@ TEST_F(settings_db, what_is_not_ours_or_cannot_be_had_is_told_and_left_as_it_is)
 }
 
 TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
-    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
+    ASSERT_TRUE(stored(1));
     const int lock = open("settings.db.lock", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     sqlite3 *writer = nullptr;
@@ -276,12 +283,12 @@ TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
     close(lock);
     refused("another writer");
     sqlite3_close(writer);
-    EXPECT_EQ(db_set_gps_power_on_status(2), 0);
+    EXPECT_TRUE(stored(2));
 }
 
 TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
-    ASSERT_EQ(db_set_gps_power_on_status(1), 0);
-    ASSERT_EQ(power(), 1);
+    ASSERT_TRUE(stored(1));
+    ASSERT_TRUE(power_becomes(1));
     const pid_t holder = start_to_stop([] { return hold_shm() && stop(); });
     testing::internal::CaptureStderr();
     const auto start = now();
@@ -298,8 +305,7 @@ TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
 
 TEST_F(settings_db, the_first_read_waits_for_who_keeps_it_out) {
     const pid_t holder = start_to_stop([] { // its reading keeps the -shm
-        const bool held =
-            db_set_gps_power_on_status(1) == 0 && power() == 1 && hold_shm() && stop();
+        const bool held = stored(1) && power_becomes(1) && hold_shm() && stop();
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         return held;
     });
@@ -310,8 +316,8 @@ TEST_F(settings_db, the_first_read_waits_for_who_keeps_it_out) {
 
 TEST_F(settings_db, another_file_at_the_path_is_taken_up) {
     const std::string one = make_database();
-    ASSERT_EQ(db_set_gps_power_on_status(0), 0);
-    EXPECT_EQ(power(), 0);
+    ASSERT_TRUE(stored(0));
+    EXPECT_TRUE(power_becomes(0));
     for (const char *ending : {"-wal", "-shm"})
         fs::remove(file_.string() + ending);
     dir.write("restored", one);
