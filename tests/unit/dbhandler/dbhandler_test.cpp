@@ -288,9 +288,9 @@ TEST_F(settings_db, a_read_needs_no_lock_file_and_waits_for_no_writer) {
 
 TEST_F(settings_db, a_reader_that_is_kept_out_gets_the_last_values) {
     ASSERT_TRUE(stored(1));
+    testing::internal::CaptureStderr(); // a line that is repeated at once is not logged
     ASSERT_TRUE(power_becomes(1));
     const pid_t holder = start_to_stop([] { return hold_shm() && stop(); });
-    testing::internal::CaptureStderr();
     const auto start = now();
     for (int i = 0; i < 10; i++)
         EXPECT_EQ(power(), 1);
