@@ -1,7 +1,10 @@
 // Sources: recordings and routes.
-#include "receiver_rig.h"
+#include "nmea.h"
+#include "scratch_dir.h"
+#include "sentence.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 

@@ -1,0 +1,181 @@
+// The conversations of conversations.txt: each section is a test.
+#include "faults.h"
+#include "line.h"
+#include "scratch_dir.h"
+#include "sentence.h"
+#include "ubx.h"
+
+#include <deque>
+#include <gtest/gtest.h>
+#include <iomanip>
+#include <optional>
+#include <sstream>
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+// 2024-01-01 12:00:00 at 48 07.038 N 11 31 E, five satellites in view, three in the fix.
+sim::epoch known_epoch() {
+    return {.time = sim::utc_time{12, 0, 0.0},
+            .date = sim::utc_date{1, 1, 2024},
+            .fix = sim::fix_quality::fix_3d,
+            .latitude = 48.0 + 7.038 / 60.0,
+            .longitude = 11.0 + 31.0 / 60.0,
+            .altitude = 545.4,
+            .geoid = 46.9,
+            .speed = 22.4 * 1852.0 / 3600.0,
+            .course = 84.4,
+            .satellites = {{4, 10, 5, 30, true},
+                           {5, 20, 100, 31, true},
+                           {9, 90, 359, 44, true},
+                           {12, {}, {}, {}, false},
+                           {24, 30, 10, 35, false}},
+            .slots = {4, 5, 0, 9},
+            .pdop = 2.5,
+            .hdop = 1.3,
+            .vdop = 2.1,
+            .tdop = 0.77};
+}
+
+// A message as it is written in conversations.txt.
+bytes message(const std::string &text) {
+    if (const size_t plus = text.find(" + "); plus != text.npos) {
+        bytes both = message(text.substr(0, plus));
+        const bytes second = message(text.substr(plus + 3));
+        both.insert(both.end(), second.begin(), second.end());
+        return both;
+    }
+    if (text[0] == '$' || std::isupper(text[0]) != 0) {
+        const std::string sentence = text[0] != '$'                       ? sim::nmea_sentence(text)
+                                     : text.rfind('*') == text.size() - 3 ? text + "\r\n"
+                                                                          : text;
+        return {sentence.begin(), sentence.end()};
+    }
+    bytes data;
+    std::istringstream in(text);
+    for (unsigned one; in >> std::hex >> one;)
+        data.push_back(static_cast<uint8_t>(one));
+    return text.starts_with("b5") ? data
+                                  : sim::ubx_frame(static_cast<uint16_t>(data[0] << 8 | data[1]),
+                                                   std::span(data).subspan(2));
+}
+
+// When and what, for people.
+std::string stamped(double time, const bytes &data) {
+    std::ostringstream out;
+    out << time << ' ' << std::hex << std::setfill('0');
+    if (data[0] == '$')
+        return out.str().append(data.begin(), data.end());
+    for (const uint8_t one : data)
+        out << std::setw(2) << int{one} << ' ';
+    return out.str();
+}
+
+struct section {
+    std::string name;
+    int number; // of its first line, that with the name
+    std::vector<std::string> lines;
+};
+
+struct conversation : testing::Test {
+    const section told;
+    scratch_dir scratch;
+    double now = 0;
+    sim::epoch world = known_epoch();
+    std::optional<sim::receiver> receiver;
+    sim::line wire;
+    sim::ta_faults no_ta;
+    std::deque<std::string> said; // when and what
+
+    explicit conversation(section all) : told(std::move(all)) { wire.baud = 0; }
+
+    void look(double when) {
+        now = when;
+        for (const bytes &one : sim::line_step(wire, *receiver, now))
+            said.push_back(stamped(now, one));
+    }
+    void listen(double until) {
+        for (std::optional<double> next;
+             (next = sim::line_next_event(wire, *receiver)) && *next <= until;)
+            look(*next);
+    }
+    void start(const std::string &how) {
+        sim::receiver_options options;
+        options.truth = [this](double) { return world; };
+        options.wall_clock = [this] { return 1704110400 + now; };
+        options.battery_file = "battery";
+        options.startup_s = 0.5;
+        options.preconfigured = how != "blank";
+        options.instant_fix = how != "searching";
+        receiver.emplace(options).set_power(true, true, now);
+    }
+    void go(const std::string &what, const std::string &with) {
+        const auto has = [&with](const char *word) { return with.find(word) != with.npos; };
+        std::string error;
+        if (what == "start") {
+            start(with);
+        } else if (what == "power") {
+            receiver->set_power(has("102"), has("37"), now);
+        } else if (what == "baud") {
+            wire.baud = static_cast<unsigned>(std::stoul(with));
+        } else if (what == "fault") {
+            EXPECT_TRUE(sim::fault_switch_on({wire.faults, receiver->faults(), no_ta}, with, error))
+                << error;
+        } else if (what == "sleep") {
+            look(std::stod(with));
+        } else if (what == "latitude") {
+            world.latitude = std::stod(with);
+        } else if (what == "damage") {
+            std::string battery = scratch_dir::read("battery");
+            battery.at(battery.find(with)) ^= 1;
+            scratch_dir::write("battery", battery);
+        } else if (what == "send") {
+            sim::line_send(wire, message(with), now);
+        } else {
+            FAIL() << "nobody knows what this is";
+        }
+    }
+    void TestBody() override {
+        constexpr double blink = 1e-6; // sums of periods are rounded
+        double time = 0;
+        for (int number = told.number; const std::string &line : told.lines) {
+            const testing::ScopedTrace here(CONVERSATIONS, ++number, line);
+            if (line.empty() || line[0] == '#')
+                continue;
+            std::istringstream words(line);
+            std::string what, with;
+            std::getline(words >> time >> what >> std::ws, with);
+            if (receiver)
+                listen(time + (what == "receive" ? blink : -blink));
+            if (what == "receive") {
+                ASSERT_FALSE(said.empty()) << "nothing was said";
+                EXPECT_EQ(said[0], stamped(time, message(with)));
+                said.pop_front();
+            } else {
+                ASSERT_TRUE(said.empty()) << "before that, " << said[0];
+                now = time;
+                go(what, with);
+            }
+        }
+        listen(time + blink);
+        EXPECT_TRUE(said.empty()) << "at the end, " << said[0];
+    }
+};
+
+const bool registered = [] {
+    std::vector<section> all;
+    std::ifstream in(CONVERSATIONS);
+    std::string text;
+    for (int number = 1; std::getline(in, text); ++number)
+        if (text.starts_with('['))
+            all.push_back({text.substr(1, text.find(']') - 1), number, {}});
+        else if (!all.empty())
+            all.back().lines.push_back(text);
+    for (const section &one : all)
+        testing::RegisterTest("conversation", one.name.c_str(), nullptr, nullptr, CONVERSATIONS,
+                              one.number, [one] { return new conversation(one); });
+    return true;
+}();
+
+} // namespace
