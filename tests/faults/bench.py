@@ -35,25 +35,23 @@ REQUESTS |= {name: words.split() for name, words in {
     "power off": "power off --as 9", "power on": "power on --as 9"}.items()}
 
 
-class Bench:
+class Bench(Terminal):
     """A simulated terminal whose daemon is started here."""
 
     def __init__(self, options):
         alone = () if options else ("--no-services",)
-        self.terminal = Terminal(TOOLS, *options, *alone)
-        self.dir = self.terminal.dir
+        super().__init__(TOOLS, *options, *alone)
         self.requests = [name for name in REQUESTS if alone or name != "lpp"]  # SAL asks that, and is there else
         with open(self.dir / "user/gps_control_prm.txt", "a", encoding="utf-8") as parameters:
             parameters.write("RFFE_REQUEST_SEMAPHORE_WAIT_TIME 2\nGPS_GET_POS_BUFFER_TIME 0.0\n")
         line = b"2026-01-01 00:00:00,2D,70.132317N,11.516667E,+2.25m,08\n"
         (self.dir / "user/location/location_history").write_bytes(struct.pack("<II", 8, 8 + len(line)) + line)
-        self.environment = dict(self.terminal.environment)
-        self.logs = self.dir.parent / "stderr", self.dir / "log/terminal.log"
-        self.daemon, self.before, self.held, self.at_end = None, (), None, lambda: None
+        self.child, self.before, self.held, self.at_end = None, (), None, lambda: None
+        self.preloaded = dict(self.environment)  # the daemon's
         if CALLS.exists():
             path = self.dir.parent / "calls"
-            path.write_bytes(bytes(8 * 8 + 16 * 1024))
-            self.environment.update(LD_PRELOAD=str(CALLS), FAILING_CALLS=str(path))
+            path.write_bytes(bytes(8 * 8 + 16 * 65536))
+            self.preloaded.update(LD_PRELOAD=str(CALLS), FAILING_CALLS=str(path))
             with open(path, "r+b") as file:
                 self.calls = memoryview(mmap.mmap(file.fileno(), 0)).cast("Q")
 
@@ -66,22 +64,21 @@ class Bench:
     def start(self):
         """How it went: "ready", or how the daemon ended; and the seconds that took."""
         for _ in range(2):  # what the daemon before left to do on the lines has been done then
-            self.terminal.ctl("power")
+            self.ctl("power")
         wait_until(self.has_lines)
-        said = [path.stat().st_size if path.exists() else 0 for path in self.logs]
+        (self.dir / "log/terminal.log").write_text("")
         begin = time.monotonic()
-        with open(self.logs[0], "ab") as errors:
-            self.daemon = subprocess.Popen([*self.before, DAEMON], cwd=self.dir, env=self.environment,
-                                           stdin=subprocess.DEVNULL, stdout=errors, stderr=errors)
-        wait_until(lambda: self.daemon.poll() is not None or self.is_ready())
+        with open(self.dir / "../stderr", "wb") as errors:
+            self.child = subprocess.Popen([*self.before, DAEMON], cwd=self.dir, env=self.preloaded,
+                                          stdin=subprocess.DEVNULL, stdout=errors, stderr=errors)
+        wait_until(lambda: self.child.poll() is not None or self.is_ready())
         took = time.monotonic() - begin
-        if self.daemon.returncode is None:
+        if self.child.returncode is None:
             self.ask("power")  # its main loop is still to begin
-        got = how_it_ended(self.daemon.poll())
-        words = b"".join(path.read_bytes()[size:] for path, size in zip(self.logs, said) if path.exists())
-        if got.startswith("SIG") and re.search(b"GLib.*(failed to|Cannot) allocate", words):
+        got, words = how_it_ended(self.child.poll()), self.file("../stderr") + self.log()
+        if got.startswith("SIG") and re.search("GLib.*(failed to|Cannot) allocate", words):
             got = "ended by GLib"
-        elif got != "ready" and not re.search(rb" error \w+:\d+: ", words):
+        elif got != "ready" and not re.search(r" error \w+:\d+: ", words):
             got += " without a word"
         return got, took
 
@@ -95,18 +92,18 @@ class Bench:
 
     def is_ready(self):
         """Whether it catches the last signal that it installs a handler for."""
-        status = pathlib.Path(f"/proc/{self.daemon.pid}/status").read_text(encoding="ascii")
+        status = pathlib.Path(f"/proc/{self.child.pid}/status").read_text(encoding="ascii")
         return int(re.search(r"SigCgt:\s*(\w+)", status)[1], 16) >> (signal.SIGRTMIN + 1 - 1) & 1
 
     def stop(self):
-        self.daemon.terminate()
-        return how_it_ended(self.daemon.wait(LIMIT_S))
+        self.child.terminate()
+        return how_it_ended(self.child.wait(LIMIT_S))
 
     def ask(self, request, timeout=20):
         """What a request got: "ok", or the name of its error; and the seconds that took."""
         words = REQUESTS[request]
         begin = time.monotonic()
-        status, objects = self.terminal.lsctl(*words, *(() if "--timeout" in words else ("--timeout", str(timeout))))
+        status, objects = self.lsctl(*words, *(() if "--timeout" in words else ("--timeout", str(timeout))))
         took = time.monotonic() - begin
         return "ok" if status == 0 else objects[-1]["error"] if objects else how_it_ended(status), took
 
@@ -133,7 +130,7 @@ def how_it_ended(status):
 # Switches: switch(bench, on).
 
 def simterm(*words):
-    return lambda bench, on: bench.terminal.ctl("fault", *words, "on" if on else "off")
+    return lambda bench, on: bench.ctl("fault", *words, "on" if on else "off")
 
 
 def unplugged(bench, on):
@@ -169,7 +166,7 @@ def starve(times):
 
 
 def stopped(bench, on):
-    bench.terminal.process.send_signal(signal.SIGSTOP if on else signal.SIGCONT)
+    bench.process.send_signal(signal.SIGSTOP if on else signal.SIGCONT)
 
 
 def ta_gone(bench, on):
@@ -213,7 +210,7 @@ def settings_locked(mode):
 
 
 def descriptors_used_up(bench, on):
-    pid, used = bench.daemon.pid, {int(name) for name in os.listdir(f"/proc/{bench.daemon.pid}/fd")}
+    pid, used = bench.child.pid, {int(name) for name in os.listdir(f"/proc/{bench.child.pid}/fd")}
     hard = resource.prlimit(pid, resource.RLIMIT_NOFILE)[1]
     resource.prlimit(pid, resource.RLIMIT_NOFILE, (min(set(range(len(used) + 1)) - used) if on else hard, hard))
 
@@ -237,13 +234,7 @@ def disk_full(bench, on):
     filler = bench.dir / "user/filler"
     if not on:
         return filler.unlink()
-    for size in (4096, 1):
-        with open(filler, "ab", buffering=0) as file:
-            try:
-                while file.write(b"x" * size):
-                    pass
-            except OSError:
-                pass
+    subprocess.run(["dd", "if=/dev/zero", f"of={filler}", "status=none"], stderr=subprocess.DEVNULL)
 
 
 def logging_to_a_socket(bench):

@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <link.h>
-#include <mutex>
 #include <pthread.h>
 #include <string_view>
 #include <sys/mman.h>
@@ -33,6 +32,10 @@ namespace {
 
 using word = std::atomic<uint64_t>;
 
+struct call_site {
+    uint64_t own = 0, caller = 0; // own 0: nothing of this project led here
+};
+
 struct control {
     word clock_offset_s;        // added to the wall clock; two's complement
     word refuse_threads;        // 1: pthread_create fails with EAGAIN
@@ -40,14 +43,13 @@ struct control {
     word fail_own, fail_caller; // call site whose allocations fail
     word fail_times;            // so many times from now on
     word failed;                // how often they have
-    word sites;                 // count of those that follow
-    std::array<std::array<word, 2>, 1024> site;
+    word sites;                 // how many were seen; the first of them follow
+    std::array<call_site, 65536> site;
 };
 
 // Set before main, constant afterwards; null = nobody wants anything.
 control *shared = nullptr;
 
-std::mutex record_lock;
 [[gnu::tls_model("initial-exec")]] thread_local bool inside = false; // an unwinder may allocate
 
 [[gnu::constructor]] void prepare() {
@@ -59,10 +61,6 @@ std::mutex record_lock;
     close(fd);
     shared = mapped == MAP_FAILED ? nullptr : static_cast<control *>(mapped);
 }
-
-struct call_site {
-    uint64_t own = 0, caller = 0; // own 0: nothing of this project led here
-};
 
 call_site find_site() {
     call_site found;
@@ -88,18 +86,6 @@ call_site find_site() {
     return found;
 }
 
-void note(const call_site &passed) {
-    const std::lock_guard guard(record_lock);
-    for (uint64_t i = 0; i < shared->sites; ++i)
-        if (shared->site[i][0] == passed.own && shared->site[i][1] == passed.caller)
-            return;
-    if (shared->sites == shared->site.size())
-        return;
-    shared->site[shared->sites][0] = passed.own;
-    shared->site[shared->sites][1] = passed.caller;
-    ++shared->sites;
-}
-
 // True, with errno, where this allocation is to fail.
 bool refused() {
     if (shared == nullptr || inside || (shared->record == 0 && shared->fail_times == 0))
@@ -108,7 +94,8 @@ bool refused() {
     const call_site here = find_site();
     inside = false;
     if (here.own != 0 && shared->record != 0)
-        note(here);
+        if (const uint64_t nth = shared->sites++; nth < shared->site.size())
+            shared->site[nth] = here;
     if (shared->fail_times == 0 || here.own != shared->fail_own ||
         here.caller != shared->fail_caller)
         return false;
@@ -116,6 +103,11 @@ bool refused() {
     ++shared->failed;
     errno = ENOMEM;
     return true;
+}
+
+template <class Function>
+Function *next_of(Function *, const char *name) {
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -136,16 +128,14 @@ void *realloc(void *block, size_t size) {
 
 int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                    void *argument) {
-    static const auto real =
-        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    static const auto real = next_of(&pthread_create, "pthread_create");
     return shared != nullptr && shared->refuse_threads != 0
                ? EAGAIN
                : real(thread, attributes, body, argument);
 }
 
 int clock_gettime(clockid_t clock, timespec *now) {
-    static const auto real =
-        reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static const auto real = next_of(&clock_gettime, "clock_gettime");
     const int result = real(clock, now);
     if (result == 0 && clock == CLOCK_REALTIME && shared != nullptr)
         now->tv_sec += static_cast<time_t>(shared->clock_offset_s.load());

@@ -8,7 +8,6 @@ What needs the preloaded library, failing_calls, is left out in a build that has
 full disk where the kernel gives users no file system of their own.
 """
 
-import atexit
 import concurrent.futures
 import dataclasses
 import itertools
@@ -19,10 +18,7 @@ import sys
 import tempfile
 import typing
 
-from bench import (CALLS, CLOCK, FAILED, FIRST_SITE, RECORD, REQUESTS, SITES, THREADS, TOOLS, Bench, Terminal, after,
-                   client_that, descriptors_few, descriptors_used_up, disk_full, how_it_ended, log_hangs,
-                   logging_to_a_socket, on_a_small_disk, peer_full, settings_locked, simterm, starve, stopped, ta_gone,
-                   unplugged, word)
+from bench import *  # its switches are the words of the table
 
 WATCH_S = 4  # between its two updates
 # Beyond the waits that a request may have by the rules: the machine is busy, and sanitizers are slow.
@@ -134,10 +130,10 @@ def measure(bench, fault, request):
         bench.stop()
     fault.switch(bench, True)
     got, took = bench.start() if starts else bench.ask(request, fault.timeout)
-    if bench.daemon.poll() is not None and not starts:
-        got = f"{got}; the daemon: {how_it_ended(bench.daemon.returncode)}"
+    if bench.child.poll() is not None and not starts:
+        got = f"{got}; the daemon: {how_it_ended(bench.child.returncode)}"
     fault.switch(bench, False)
-    if starts or fault.restart or bench.daemon.returncode is not None:
+    if starts or fault.restart or bench.child.returncode is not None:
         bench.stop()
         bench.start()
     following = {"power off": "power on", "start": "position"}.get(request, request)
@@ -157,13 +153,13 @@ def call_sites(bench, request):
         bench.start()
     bench.calls[RECORD] = 0
     words = bench.calls[FIRST_SITE:FIRST_SITE + 2 * bench.calls[SITES]]
-    return list(zip(words[::2], words[1::2]))
+    return [site for site in dict.fromkeys(zip(words[::2], words[1::2])) if site[0]]
 
 
 def run(fault):
     """The rows of a fault, and complaints."""
     bench, rows, wrong = Bench(fault.options), [], []
-    with bench.terminal:
+    with bench:
         try:
             if fault.prepare:
                 fault.prepare(bench)
@@ -176,7 +172,7 @@ def run(fault):
             if (end := bench.stop()) != "exit status 0":
                 wrong.append(f"the daemon ended with {end}")
         finally:
-            bench.daemon.kill()
+            bench.child.kill()
             bench.at_end()
     for request, got, took, succeeded in rows:
         if not re.fullmatch(fault.expects(request) or "ok", got):
@@ -206,14 +202,12 @@ def may_mount():
     """Whether this program is in a namespace of its own, where file systems may be mounted; gets it into one. All is
     then in memory, so that a slow disk is not taken for a fault."""
     own = ["unshare", "--map-root-user", "--mount"]
-    if "FAULTS_INSIDE" not in os.environ:
-        if subprocess.run([*own, "true"], stderr=subprocess.DEVNULL).returncode:
-            return False
+    if "FAULTS_INSIDE" not in os.environ and not subprocess.run([*own, "true"], stderr=subprocess.DEVNULL).returncode:
         os.execvpe(own[0], [*own, sys.executable, "-B", *sys.argv], {**os.environ, "FAULTS_INSIDE": "1"})
-    tempfile.tempdir = tempfile.mkdtemp()
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", tempfile.tempdir], check=True)
-    atexit.register(lambda: (subprocess.run(["umount", "-l", tempfile.tempdir]), os.rmdir(tempfile.tempdir)))
-    return True
+    inside, scratch = "FAULTS_INSIDE" in os.environ, tempfile.gettempdir()
+    if inside and not BUILD.is_relative_to(scratch):
+        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", scratch], check=True)
+    return inside
 
 
 def main():
