@@ -6,6 +6,7 @@
 #include "ubx.h"
 
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <optional>
@@ -82,11 +83,13 @@ struct conversation : testing::Test {
     const section told;
     scratch_dir scratch;
     double now = 0;
-    sim::epoch world = known_epoch();
+    // 2024-01-01 12:00:00 at first.
+    const std::function<double()> wall_clock = [this] { return 1704110400 + now; };
     std::optional<sim::receiver> receiver;
     sim::line wire;
     sim::ta_faults no_ta;
     std::deque<std::string> said; // when and what
+    std::string error;
 
     explicit conversation(section all) : told(std::move(all)) { wire.baud = 0; }
 
@@ -96,14 +99,20 @@ struct conversation : testing::Test {
             said.push_back(stamped(now, one));
     }
     void listen(double until) {
-        for (std::optional<double> next;
-             (next = sim::line_next_event(wire, *receiver)) && *next <= until;)
-            look(*next);
+        while (receiver && sim::line_next_event(wire, *receiver).value_or(until + 1) <= until)
+            look(*sim::line_next_event(wire, *receiver));
+    }
+    sim::truth_source truth() {
+        if (std::filesystem::exists("record"))
+            return sim::load_recording("record", error);
+        if (std::filesystem::exists("route"))
+            return sim::load_route("route", error, wall_clock);
+        return [](double) { return known_epoch(); };
     }
     void start(const std::string &how) {
         sim::receiver_options options;
-        options.truth = [this](double) { return world; };
-        options.wall_clock = [this] { return 1704110400 + now; };
+        options.truth = truth();
+        options.wall_clock = wall_clock;
         options.battery_file = "battery";
         options.startup_s = 0.5;
         options.preconfigured = how != "blank";
@@ -112,7 +121,6 @@ struct conversation : testing::Test {
     }
     void go(const std::string &what, const std::string &with) {
         const auto has = [&with](const char *word) { return with.find(word) != with.npos; };
-        std::string error;
         if (what == "start") {
             start(with);
         } else if (what == "power") {
@@ -124,8 +132,12 @@ struct conversation : testing::Test {
                 << error;
         } else if (what == "sleep") {
             look(std::stod(with));
-        } else if (what == "latitude") {
-            world.latitude = std::stod(with);
+        } else if (what == "record" || what == "route") {
+            const std::string line = what == "route" ? with + "\r\n" : sim::nmea_sentence(with);
+            std::ofstream(what, std::ios::app) << line;
+        } else if (what == "refuse") {
+            EXPECT_FALSE(truth());
+            EXPECT_EQ(error, with);
         } else if (what == "damage") {
             std::string battery = scratch_dir::read("battery");
             battery.at(battery.find(with)) ^= 1;
@@ -146,8 +158,7 @@ struct conversation : testing::Test {
             std::istringstream words(line);
             std::string what, with;
             std::getline(words >> time >> what >> std::ws, with);
-            if (receiver)
-                listen(time + (what == "receive" ? blink : -blink));
+            listen(time + (what == "receive" ? blink : -blink));
             if (what == "receive") {
                 ASSERT_FALSE(said.empty()) << "nothing was said";
                 EXPECT_EQ(said[0], stamped(time, message(with)));
