@@ -5,13 +5,14 @@ terminal, asks bash (and zsh, in a pseudo-terminal) what they offer, and reads t
 """
 
 import os
+import pathlib
 import re
 import shutil
 import subprocess
 import sys
 import tempfile
 
-source, lsctl, simterm = sys.argv[1:4]
+source, lsctl, simterm = pathlib.Path(sys.argv[1]).resolve(), *sys.argv[2:4]
 zsh = shutil.which("zsh")
 faults_found = 0
 
@@ -40,8 +41,7 @@ class Help:
             fixed = re.match(r"(?:\S*:)?\{([\w,]+)\}|(\w+(?:\|\w+)+)", rest)
             for option in options if fixed else []:
                 self.values[option] = re.split(r"[,|]", fixed[1] or fixed[2])
-        positional = re.search(r"^  \w+ \[(\w+(?:\|\w+)+)\]", text, re.M)
-        self.positional = positional[1].split("|") if positional else None
+        self.positional = re.findall(r"^  \w+ \[(\w+(?:\|\w+)+)\]", text, re.M)
 
 
 def bash_offers(line):
@@ -52,24 +52,16 @@ def bash_offers(line):
 
 def zsh_offers(lines):
     with tempfile.TemporaryDirectory() as scratch:
-        lines_file, out_file = f"{scratch}/lines", f"{scratch}/out"
-        with open(lines_file, "w", encoding="ascii") as file:
-            file.write("\n".join(lines) + "\n")
+        given, out = pathlib.Path(scratch, "lines"), pathlib.Path(scratch, "out")
+        given.write_text("\n".join(lines) + "\n", encoding="ascii")
         os.symlink(f"{source}/tests/docs/completions.zsh", f"{scratch}/.zshrc")
         os.environ.update(COMPLETIONS=f"{source}/packaging/completion/zsh", TERM="xterm", LANG="C",
-                          LINES_FILE=lines_file, OUT_FILE=out_file, ZDOTDIR=scratch)
+                          LINES_FILE=str(given), OUT_FILE=str(out), ZDOTDIR=scratch)
         run("script", "-qec", f"{zsh} -d -i", "/dev/null")  # in a pseudo-terminal
-        with open(out_file, encoding="ascii") as file:
-            out = file.read().splitlines()
-    offers = {line: [] for line in lines}
-    for line, _, offered in (row.partition("\t") for row in out if "\t" in row):
-        offers[line].append(offered)
-    return offers
-
-
-def page(name):
-    with open(f"{source}/packaging/man/{name}.1.adoc", encoding="utf-8") as file:
-        return file.read()
+        offers = {line: [] for line in lines}
+        for line, offered in re.findall("(.*)\t(.*)", out.read_text(encoding="ascii")):
+            offers[line].append(offered)
+        return offers
 
 
 def section(text, title):
@@ -86,14 +78,9 @@ def entries_in(text):
     return [name for row in re.findall(r"^\*[a-z].*?::", text, re.M) for name in re.findall(r"(?:^|, )\*([a-z-]+)", row)]
 
 
-def first_words(text):
-    return re.findall(r"^([a-z-]+)", text, re.M)
-
-
 with tempfile.TemporaryDirectory() as root:
-    terminal = f"{root}/terminal"
-    verbs = first_words(run(simterm, "run", terminal, "--no-services", "--", simterm, "ctl", terminal, "help"))
-    faults = first_words(run(simterm, "run", terminal, "--no-services", "--", simterm, "ctl", terminal, "faults"))
+    command = f"{simterm} run {root}/t --no-services -- {simterm} ctl {root}/t".split(" ")
+    verbs, faults = (re.findall(r"^([a-z-]+)", run(*command, what), re.M) for what in ("help", "faults"))
 
 # What has to be offered for which command line.
 wanted = {}
@@ -101,24 +88,22 @@ for name, program in (("lsctl", lsctl), ("simterm", simterm)):
     top = Help(program)
     wanted[f"{name} "] = top.commands
     wanted[f"{name} -"] = top.options
-    text = page(name)
+    text = (source / f"packaging/man/{name}.1.adoc").read_text(encoding="utf-8")
     shared = options_in(section(text, "OPTIONS"))
     for command in top.commands:
         sub = Help(program, command)
         wanted[f"{name} {command} -"] = sub.options
         for option, values in sub.values.items():
             wanted[f"{name} {command} {option} "] = values
-        if sub.positional:
-            wanted[f"{name} {command} "] = sub.positional
+        for values in sub.positional:
+            wanted[f"{name} {command} "] = values.split("|")
         told = options_in(section(text, command if name == "lsctl" else f"simterm {command}"))
         expect_equal(f"{name}(1), {command}", {*told, *shared, *top.options}, {*sub.options, *top.options})
     expect_equal(f"{name}(1)", {*top.options} & {*options_in(text)}, top.options)
-expect_equal("simterm(1), requests", entries_in(section(page("simterm"), "simterm ctl")), verbs)
-expect_equal("simterm(1), faults", entries_in(section(page("simterm"), "FAULTS")), faults)
-wanted["simterm ctl . "] = verbs
-wanted["simterm ctl . fault "] = faults
-wanted["simterm ctl . fault silent "] = ["on", "off"]
-wanted["simterm run --fault "] = faults
+expect_equal("simterm(1), requests", entries_in(section(text, "simterm ctl")), verbs)
+expect_equal("simterm(1), faults", entries_in(section(text, "FAULTS")), faults)
+wanted |= {"simterm ctl . ": verbs, "simterm ctl . fault ": faults, "simterm run --fault ": faults,
+           "simterm ctl . fault silent ": ["on", "off"]}
 
 for line, offers in wanted.items():
     expect_equal(f"bash, '{line}'", bash_offers(line), offers)

@@ -9,12 +9,8 @@ SWAPS = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">", "&&
          "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "&", "^": "|", "<<": ">>", ">>": "<<",
          "+=": "-=", "-=": "+=", "|=": "&=", "&=": "|=", "^=": "|=",
          "++": "--", "--": "++", "true": "false", "false": "true"}
-OPERATOR = re.compile(r"(?<=\s)[-=!<>&|+*/%^]{1,2}(?=\s)|\+\+|--|\btrue\b|\bfalse\b")
-NUMBER = re.compile(r"(?<![\w.'])(0x[\dA-F]+|\d[\d']*)(?![\w.'])")
 CONDITION = re.compile(r"\b(?:if|while) \(")
-NEGATION = re.compile(r"(?<![\w)])!(?=[\w(])")
 CHANGED_WHOLE = re.compile(r"!\w[^&|]*|(?:(?!&&|\|\|)[^=])*(?:==|!=)(?:(?!&&|\|\|)[^=])*")  # by one of the others
-SWAPPED = re.compile(r"(?<=[\w>])\((\w+), (\w+)(?=[,)])")
 # What stands before one that can be left out. Behind a call with a comment none is found: one fault more would
 # change which ones a seed stands for.
 STATEMENT = re.compile(
@@ -24,6 +20,20 @@ STATEMENT = re.compile(
 # Comments, directives, texts and what is logged, as blanks.
 HIDDEN = re.compile(r'//[^\n]*|#[^\n]*|"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])\'|\bstatic_assert\((?:[^;])*;')
 LOGGED = re.compile(r"\blog_(?:error|warning|info|debug|text)\([^;]*;")
+
+
+def numbers_beside(match):
+    value = int(match.group().replace("'", ""), 0)
+    return [str(value + 1)] + [str(value - 1)] * (value > 1)
+
+
+# What is found, and all that may stand there instead: operators, numbers, negations, arguments.
+SIMPLE = (
+    (r"(?<=\s)[-=!<>&|+*/%^]{1,2}(?=\s)|\+\+|--|\btrue\b|\bfalse\b",
+     lambda match: [SWAPS[match[0]]] if match[0] in SWAPS else []),
+    (r"(?<![\w.'])(0x[\dA-F]+|\d[\d']*)(?![\w.'])", numbers_beside),
+    (r"(?<![\w)])!(?=[\w(])", lambda match: [""]),
+    (r"(?<=[\w>])\((\w+), (\w+)(?=[,)])", lambda match: [f"({match[2]}, {match[1]}"] * (match[1] != match[2])))
 
 
 class Fault:
@@ -45,10 +55,6 @@ class Fault:
         return text[: self.start] + self.instead + "\n" * lost + text[self.end :]
 
 
-def blank(match):
-    return re.sub(r"[^\n]", " ", match.group())
-
-
 def end_of(text, at, last):
     """Where the `last` is that stands outside all brackets opened from `at` on; None: those around close before."""
     depth = 0
@@ -62,36 +68,29 @@ def end_of(text, at, last):
 
 def faults_of(name, text):
     """All faults of a file, in its order."""
-    code = LOGGED.sub(blank, HIDDEN.sub(blank, text))
-    found = []
+    code, found = text, []
+    for pattern in HIDDEN, LOGGED:
+        code = pattern.sub(lambda match: re.sub(".", " ", match[0]), code)
 
     def add(start, end, instead):
         found.append(Fault(name, text, start, end, instead))
 
-    for match in OPERATOR.finditer(code):
-        if match.group() in SWAPS:
-            add(*match.span(), SWAPS[match.group()])
-    for match in NUMBER.finditer(code):
-        value = int(match.group().replace("'", ""), 0)
-        add(*match.span(), str(value + 1))
-        if value > 1:
-            add(*match.span(), str(value - 1))
+    for pattern, insteads in SIMPLE:
+        for match in re.finditer(pattern, code):
+            for instead in insteads(match):
+                add(*match.span(), instead)
     for match in CONDITION.finditer(code):
         end = end_of(code, match.end() - 1, ")")
         start = max(match.end(), code.rfind("; ", match.end(), end) + 2)
         if not CHANGED_WHOLE.fullmatch(code, start, end):
             add(start, end, f"!({text[start:end]})")
-    for match in NEGATION.finditer(code):
-        add(*match.span(), "")
-    for match in SWAPPED.finditer(code):
-        if match.group(1) != match.group(2):
-            add(*match.span(), f"({match.group(2)}, {match.group(1)}")
     for match in STATEMENT.finditer(code):
         if end := end_of(code, match.end(), ";"):  # otherwise an expression inside something
             add(match.end(), end + 1, ";")
     seen = {}
-    for fault in sorted(found, key=lambda f: (f.start, f.end, f.instead)):
+    found.sort(key=lambda f: (f.start, f.end, f.instead))
+    for fault in found:
         seen[fault.key()] = nth = seen.get(fault.key(), 0) + 1
         if nth > 1:  # the same line once more in the same function
             fault.place += f" {nth}"
-    return sorted(found, key=lambda f: (f.start, f.end, f.instead))
+    return found
