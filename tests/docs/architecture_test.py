@@ -13,7 +13,7 @@ page = pages[0]
 diagram = page.split("```")[1]
 daemon = {path.name: path.read_text(encoding="utf-8") for path in root.glob("location_service/*/*.*")}
 code = "\n".join(daemon.values())
-wrong = 0
+wrong = []
 
 
 def text_of(folder):
@@ -21,10 +21,7 @@ def text_of(folder):
 
 
 def check(right, complaint):
-    global wrong
-    if not right:
-        wrong += 1
-        print(complaint)
+    wrong.extend([complaint] * (not right))
 
 
 platform = text_of("platform")
@@ -72,5 +69,5 @@ rooms = re.findall(r"`(\w+)/` \(", pages[1])
 built = re.findall(r"^sim_room\((\w+)", (root / "simulator/CMakeLists.txt").read_text(encoding="utf-8"), re.M)
 check(rooms == built, f"rooms: the page has {rooms}, the build {built}")
 
-print(f"{len(locks)} locks, {checked} names, {wrong} wrong")
+print(*wrong, f"{len(locks)} locks, {checked} names, {len(wrong)} wrong", sep="\n")
 sys.exit(1 if wrong or not locks or not checked else 0)

@@ -14,14 +14,13 @@ import tempfile
 
 source, lsctl, simterm = pathlib.Path(sys.argv[1]).resolve(), *sys.argv[2:4]
 zsh = shutil.which("zsh")
-faults_found = 0
+wrong = []
 
 
 def expect_equal(what, found, wanted):
-    global faults_found
-    if set(found) != set(wanted):
-        faults_found += 1
-        print(f"{what}: missing {sorted(set(wanted) - set(found))}, unknown {sorted(set(found) - set(wanted))}")
+    missing, unknown = sorted({*wanted} - {*found}), sorted({*found} - {*wanted})
+    if missing or unknown:
+        wrong.append(f"{what}: missing {missing}, unknown {unknown}")
 
 
 def run(*command):
@@ -105,11 +104,9 @@ expect_equal("simterm(1), faults", entries_in(section(text, "FAULTS")), faults)
 wanted |= {"simterm ctl . ": verbs, "simterm ctl . fault ": faults, "simterm run --fault ": faults,
            "simterm ctl . fault silent ": ["on", "off"]}
 
-for line, offers in wanted.items():
-    expect_equal(f"bash, '{line}'", bash_offers(line), offers)
-if zsh:
-    offered = zsh_offers(list(wanted))
+shells = {"bash": {line: bash_offers(line) for line in wanted}} | ({"zsh": zsh_offers(list(wanted))} if zsh else {})
+for shell, offered in shells.items():
     for line, offers in wanted.items():
-        expect_equal(f"zsh, '{line}'", offered[line], offers)
-print(f"{len(wanted)} command lines in bash{' and zsh' if zsh else '; no zsh here'}, {faults_found} wrong")
-sys.exit(1 if faults_found or len(wanted) < 25 else 0)
+        expect_equal(f"{shell}, '{line}'", offered[line], offers)
+print(*wrong, f"{len(wanted)} command lines in bash{' and zsh' if zsh else '; no zsh here'}, {len(wrong)} wrong", sep="\n")
+sys.exit(1 if wrong or len(wanted) < 25 else 0)

@@ -14,20 +14,16 @@ OTHERS = "1-7,9-255"
 
 
 def ids(text):
-    found = set()
-    for part in text.split(","):
-        first, _, last = part.partition("-")
-        found |= set(range(int(first), int(last or first) + 1))
-    return found
+    bounds = (part.split("-") for part in text.split(","))
+    return {each for part in bounds for each in range(int(part[0]), int(part[-1]) + 1)}
 
 
 # One tuple for each message, type, receivers and senders.
 told = set()
 for line in (source / "docs/wire.md").read_text().splitlines():
     cells = [cell.strip() for cell in line.strip("|").split("|")]
-    if re.match(r"\d+ [a-z]", cells[0], re.I) and len(cells) == 3:
-        told.add((int(cells[0].split()[0]), "request", "8", "any"))
-        told.add((int(cells[0].split()[0]), "response", OTHERS, "8"))
+    if (named := re.match(r"(\d+) [a-z]", cells[0], re.I)) and len(cells) == 3:
+        told |= {(int(named[1]), "request", "8", "any"), (int(named[1]), "response", OTHERS, "8")}
     elif re.match(r"\d+$", cells[0]) and len(cells) == 4 and " to " in cells[2]:
         ways = [way.split(" to ") for way in cells[2].split(", ")]
         types = re.split(", | or ", cells[1])
@@ -44,7 +40,6 @@ for line in (source / "packaging/bus/policy").read_text().splitlines():
     receivers, messages, types, senders = re.fullmatch(r"(\S+): (\S+) (\S+) from (\S+)", line).groups()
     allowed |= {(message, kind, receivers, senders) for message in ids(messages) for kind in types.split(",")}
 
-for difference, text in ((told - allowed, "not in the policy"), (allowed - told, "not in docs/wire.md")):
-    for row in sorted(difference):
-        print(f"message %d, %s, to %s from %s: {text}" % row)
+for row in sorted(told ^ allowed):
+    print("message %d, %s, to %s from %s: " % row + ("not in the policy" if row in told else "not in docs/wire.md"))
 sys.exit(told != allowed or len(told) < 30)
