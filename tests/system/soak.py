@@ -9,12 +9,12 @@ threads, descriptors and the terminal's wake locks have to be the same, memory a
 dead client leaves (docs/limits.md). Prints a table; exit status 1 and a line for each thing that does not agree.
 """
 import collections
+import concurrent.futures
 import os
 import pathlib
 import random
 import re
 import sys
-import threading
 import time
 
 source = pathlib.Path(sys.argv[1])
@@ -116,28 +116,23 @@ def load(terminal, seconds):
         time.sleep(3)
 
     def work(task, serv_id):
-        try:
-            with Client(serv_id) as client:
-                while time.monotonic() < until:
-                    task(client)
-        except Exception as failure:  # would end unseen with its thread
-            wrong.append(f"{task.__name__}: {failure!r}")
+        with Client(serv_id) as client:
+            while time.monotonic() < until:
+                task(client)
 
     tasks = [(queries, 0)] * 6 + [(watch, 0)] * 2 + [(lpp, 2), (vote, 6), (die, 0), (faults, 0)]
-    threads = [threading.Thread(target=work, args=task) for task in tasks]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
+    with concurrent.futures.ThreadPoolExecutor(len(tasks)) as pool:
+        works = [pool.submit(work, *each) for each in tasks]
+    wrong.extend(f"{task.__name__}: {each.exception()!r}" for (task, _), each in zip(tasks, works) if each.exception())
 
 
 def look(terminal, pid):
     """The daemon at rest: the least of 40 looks, since the history goes on, and some of the load may."""
-    proc, power, looks = pathlib.Path(f"/proc/{pid}"), terminal.dir / "sys/power", []
+    proc, looks = pathlib.Path(f"/proc/{pid}"), []
     for _ in range(40):
         time.sleep(chance.uniform(0.2, 0.6))
         memory = re.findall(r"^(Rss|Pss): +(\d+) kB", (proc / "smaps_rollup").read_text(), re.M)
-        locks, unlocks = ((power / name).read_text().count("\n") for name in ("wake_lock", "wake_unlock"))
+        locks, unlocks = (terminal.file(f"sys/power/wake_{name}").count("\n") for name in ("lock", "unlock"))
         looks.append({"threads": len(os.listdir(proc / "task")), "descriptors": len(os.listdir(proc / "fd")),
                       "wake locks": locks - unlocks} | {f"{name.upper()}, KiB": int(size) for name, size in memory})
     return {name: min(look[name] for look in looks) for name in looks[0]}
@@ -146,13 +141,13 @@ def look(terminal, pid):
 def main(seconds):
     with Terminal(programs, "--no-services", "--history", "on", "--history-interval", "1") as terminal:
         os.environ.update(terminal.environment)
-        pid = re.findall(r"daemon started, process (\d+)", terminal.what_it_said())[-1]
-        load(terminal, min(300, seconds // 3))
+        pid, first = terminal.daemon(), min(300, seconds // 3)
+        load(terminal, first)
         warm, dead = look(terminal, pid), count["requests of dead clients"]
-        load(terminal, seconds - min(300, seconds // 3))
+        load(terminal, seconds - first)
         end = look(terminal, pid)
         with lc.Client(6) as ws:
-            if ws.set_power(0).receiver_on or (terminal.dir / "sys/class/gpio/gpio102/value").read_text()[0] != "0":
+            if ws.set_power(0).receiver_on or terminal.file("sys/class/gpio/gpio102/value")[0] != "0":
                 wrong.append("voted off at the end, and on")
         spare = SLACK_KIB + (count["requests of dead clients"] - dead) * LEFT_BY_DEAD // 1024
         if "libasan" in pathlib.Path(f"/proc/{pid}/maps").read_text():
