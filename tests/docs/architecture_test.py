@@ -33,10 +33,9 @@ for name in re.findall(r"^(?:extern )?sem_t (\w+)", code, re.M):
     check(f"`{name}`" in page, f"semaphore {name} is not on the page")
 
 # Every thread: what the daemon starts by its function, named ones by their name.
-for function in re.findall(r"(?:\bpthread_create\([^,]+,[^,]+,|\bcreate_thread\()\s*(?!body|void)(\w+)", code):
-    check(function in diagram, f"thread {function} is not in the diagram")
-for name in re.findall(r'pthread_setname_np\([^;]*"(\w[\w-]*)"', code):
-    check(f'"{name}"' in diagram, f"thread {name} is not in the diagram")
+for name in (re.findall(r"(?:\bpthread_create\([^,]+,[^,]+,|\bcreate_thread\()\s*(?!body|void)(\w+)", code)
+             + re.findall(r'pthread_setname_np\([^;]*("\w[\w-]*")', code)):
+    check(name in diagram, f"thread {name} is not in the diagram")
 for name in re.findall(r'"([\w-]+)"', diagram):
     check(f'"{re.sub("-8$", "-%u", name)}"' in code + platform, f"thread {name} of the diagram does not exist")
 

@@ -27,8 +27,7 @@ for line in (source / "docs/wire.md").read_text().splitlines():
     elif re.match(r"\d+$", cells[0]) and len(cells) == 4 and " to " in cells[2]:
         ways = [way.split(" to ") for way in cells[2].split(", ")]
         types = re.split(", | or ", cells[1])
-        for index, kind in enumerate(types):
-            sender, receiver = ways[index] if len(ways) == len(types) else ways[0]
+        for kind, (sender, receiver) in zip(types, ways if len(ways) == len(types) else ways[:1] * len(types)):
             if sender != "bus":  # the library's own word, never a datagram
                 told.add((int(cells[0]), kind, SERVICES[receiver], SERVICES[sender]))
 

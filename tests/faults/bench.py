@@ -1,6 +1,7 @@
 """A simulated terminal whose daemon is made to suffer: what tests/faults/matrix.py brings up, and the switches of its
 faults. The directory of the build is the program's first argument."""
 
+import contextlib
 import mmap
 import os
 import pathlib
@@ -114,12 +115,9 @@ class Bench(Terminal):
 
     def fill(self, address):
         """Fills the queue of a socket that is not read."""
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender, contextlib.suppress(BlockingIOError):
             sender.setblocking(False)
-            try:
-                while sender.sendto(bytes(20), str(self.dir / address)):
-                    pass
-            except BlockingIOError:
+            while sender.sendto(bytes(20), str(self.dir / address)):
                 pass
 
 
@@ -221,9 +219,8 @@ def descriptors_few(bench, on):
 
 def on_a_small_disk(bench):
     """All that the daemon writes gets a file system of its own, the log as well."""
-    user, kept = bench.dir / "user", bench.dir / "kept"
-    user.rename(kept)
-    user.mkdir()
+    user = bench.dir / "user"
+    kept = shutil.copytree(user, bench.dir / "kept")
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=512k", "tmpfs", user], check=True)
     bench.at_end = lambda: subprocess.run(["umount", user], check=True)
     shutil.copytree(kept, user, dirs_exist_ok=True)

@@ -16,7 +16,6 @@ import re
 import subprocess
 import sys
 import tempfile
-import typing
 
 from bench import *  # its switches are the words of the table
 
@@ -28,7 +27,7 @@ SLACK_S = 10 if CALLS.exists() else 30
 @dataclasses.dataclass
 class Fault:
     name: str
-    switch: typing.Callable
+    switch: callable
     expected: dict = dataclasses.field(default_factory=dict)  # what requests get; those without a row "ok"
     _: dataclasses.KW_ONLY
     options: tuple = ()
@@ -37,7 +36,7 @@ class Fault:
     requests: tuple = ()  # that are asked, in place of all, and of "start" when something is expected of that
     restart: bool = False  # the daemon has to be started anew behind it
     again: int = 1  # requests behind it, of which one has to succeed
-    prepare: typing.Callable = None
+    prepare: callable = None
     part: slice = None  # of the call sites of allocations
 
     def expects(self, request):

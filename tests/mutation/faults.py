@@ -5,10 +5,8 @@ on lines of its own. What is logged is no target: the tests hold a few of the li
 """
 import re
 
-SWAPS = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">", "&&": "||", "||": "&&",
-         "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "&", "^": "|", "<<": ">>", ">>": "<<",
-         "+=": "-=", "-=": "+=", "|=": "&=", "&=": "|=", "^=": "|=",
-         "++": "--", "--": "++", "true": "false", "false": "true"}
+PAIRS = "== != < <= > >= && || + - * / & | << >> += -= |= &= ++ -- true false".split()
+SWAPS = dict(zip(PAIRS[::2], PAIRS[1::2])) | dict(zip(PAIRS[1::2], PAIRS[::2])) | {"%": "/", "^": "|", "^=": "|="}
 CONDITION = re.compile(r"\b(?:if|while) \(")
 CHANGED_WHOLE = re.compile(r"!\w[^&|]*|(?:(?!&&|\|\|)[^=])*(?:==|!=)(?:(?!&&|\|\|)[^=])*")  # by one of the others
 # What stands before one that can be left out. Behind a call with a comment none is found: one fault more would

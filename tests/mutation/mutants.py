@@ -11,6 +11,7 @@ change nothing that could be seen are in equivalent.txt, each with the reason; t
 All is done in build/mutants, on a copy of the tree. results.json there keeps what was caught: what was interrupted
 goes on, and only survivors are tried again. Remove it to begin anew. Exit status: 1 when there are survivors.
 """
+import contextlib
 import ctypes
 import filecmp
 import json
@@ -36,7 +37,7 @@ UNIT_TESTS = ["tests/unit/daemon/daemon_tests", "tests/system/history_clients_te
 PROGRAMS = ["location_service", *UNIT_TESTS]
 UNIT_LIMIT_S = 30  # of a suite of unit tests; of one test of the others:
 LIMIT_S = 120
-NOT_RUN = re.compile("service_unit|recipes")  # they know nothing of what the daemon does
+NOT_RUN = "service_unit|recipes"  # they know nothing of what the daemon does
 NO_FAULT, SURVIVED = "no fault", ("unit tests pass", "survived")  # the first: does not compile, or the same code
 
 
@@ -48,11 +49,9 @@ def kill_children():
     """All of them: what a test leaves behind comes to this process."""
     while children := pathlib.Path(f"/proc/self/task/{os.getpid()}/children").read_text().split():
         for child in map(int, children):
-            try:
+            with contextlib.suppress(ProcessLookupError, ChildProcessError):
                 os.kill(child, signal.SIGKILL)
                 os.waitpid(child, 0)
-            except (ProcessLookupError, ChildProcessError):
-                pass
 
 
 def first_failure(tests):
@@ -106,12 +105,10 @@ def unit_tests():
 
 
 def system_tests():
-    listed = json.loads(run("ctest", "--show-only=json-v1", "-L", "system|foreign", "-LE", "long").stdout)
-    for test in listed["tests"]:
-        properties = {p["name"]: p["value"] for p in test["properties"]}
-        environment = dict(e.split("=", 1) for e in properties.get("ENVIRONMENT", []) if e)
-        if not NOT_RUN.search(test["name"]):
-            yield test["name"], test["command"], environment, LIMIT_S
+    listed = run("ctest", "--show-only=json-v1", "-L", "system|foreign", "-LE", "long", "-E", NOT_RUN).stdout
+    for test in json.loads(listed)["tests"]:
+        environment = [p["value"] for p in test["properties"] if p["name"] == "ENVIRONMENT"]
+        yield test["name"], test["command"], dict(e.split("=", 1) for e in sum(environment, []) if e), LIMIT_S
 
 
 def measured(tests):

@@ -109,11 +109,10 @@ def load(terminal, seconds):
 
     def faults(_):
         fault = chance.choice(FAULTS)
-        terminal.ctl("fault", fault, "on")
-        time.sleep(2)
-        terminal.ctl("fault", fault, "off")
+        for state, pause in ("on", 2), ("off", 3):
+            terminal.ctl("fault", fault, state)
+            time.sleep(pause)
         count["faults: good"] += 1
-        time.sleep(3)
 
     def work(task, serv_id):
         with Client(serv_id) as client:
@@ -160,9 +159,8 @@ def main(seconds):
         wanted = 0 if name == "wake locks" else before
         if end[name] - wanted > spare if "KiB" in name else end[name] != wanted:
             wrong.append(f"{name}: {wanted} wanted, {end[name]} at the end")
-    for name in "queries", "pairs of updates", "LPP", "service 9", "votes", "faults":
-        if not count[f"{name}: good"]:
-            wrong.append(f"{name}: not one was good")
+    wrong.extend(f"{name}: not one was good" for name in ("queries", "pairs of updates", "LPP", "service 9", "votes", "faults")
+                 if not count[f"{name}: good"])
     sys.exit("\n".join(wrong[:20]) or None)
 
 

@@ -107,8 +107,8 @@ struct conversation : testing::Test {
         } else if (what == "baud") {
             wire.baud = static_cast<unsigned>(std::stoul(with));
         } else if (what == "fault") {
-            EXPECT_TRUE(sim::fault_switch_on({wire.faults, receiver->faults(), no_ta}, with, error))
-                << error;
+            EXPECT_TRUE(
+                sim::fault_switch_on({wire.faults, receiver->faults(), no_ta}, with, error));
         } else if (what == "sleep") {
             look(std::stod(with));
         } else if (what == "record" || what == "route") {
