@@ -108,5 +108,5 @@ shells = {"bash": {line: bash_offers(line) for line in wanted}} | ({"zsh": zsh_o
 for shell, offered in shells.items():
     for line, offers in wanted.items():
         expect_equal(f"{shell}, '{line}'", offered[line], offers)
-print(*wrong, f"{len(wanted)} command lines in bash{' and zsh' if zsh else '; no zsh here'}, {len(wrong)} wrong", sep="\n")
+print(*wrong, f"{len(wanted)} command lines in {' and '.join(shells)}, {len(wrong)} wrong", sep="\n")
 sys.exit(1 if wrong or len(wanted) < 25 else 0)

@@ -159,8 +159,8 @@ def main(seconds):
         wanted = 0 if name == "wake locks" else before
         if end[name] - wanted > spare if "KiB" in name else end[name] != wanted:
             wrong.append(f"{name}: {wanted} wanted, {end[name]} at the end")
-    wrong.extend(f"{name}: not one was good" for name in ("queries", "pairs of updates", "LPP", "service 9", "votes", "faults")
-                 if not count[f"{name}: good"])
+    for name in "queries", "pairs of updates", "LPP", "service 9", "votes", "faults":
+        wrong.extend([f"{name}: not one was good"] * (not count[f"{name}: good"]))
     sys.exit("\n".join(wrong[:20]) or None)
 
 

@@ -67,7 +67,7 @@ struct conversation : testing::Test {
     const std::function<double()> wall_clock = [this] { return 1704110400 + now; };
     std::optional<sim::receiver> receiver;
     sim::line wire;
-    sim::ta_faults no_ta;
+    sim::ta_faults ta;
     std::deque<std::string> said; // when and what
     std::string error;
 
@@ -107,8 +107,7 @@ struct conversation : testing::Test {
         } else if (what == "baud") {
             wire.baud = static_cast<unsigned>(std::stoul(with));
         } else if (what == "fault") {
-            EXPECT_TRUE(
-                sim::fault_switch_on({wire.faults, receiver->faults(), no_ta}, with, error));
+            EXPECT_TRUE(sim::fault_switch_on({wire.faults, receiver->faults(), ta}, with, error));
         } else if (what == "sleep") {
             look(std::stod(with));
         } else if (what == "record" || what == "route") {

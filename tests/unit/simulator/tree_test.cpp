@@ -8,8 +8,6 @@
 namespace sim {
 namespace {
 
-using namespace std::string_literals; // for bytes with NUL among them
-
 struct terminal_directory : testing::Test {
     scratch_dir scratch;
     terminal_paths paths;
@@ -24,7 +22,7 @@ TEST_F(terminal_directory, made_once_and_taken_up_again_with_everything_in_it) {
     EXPECT_TRUE(fresh);
     EXPECT_EQ(make(), -1);
     close(lock);
-    EXPECT_EQ(scratch_dir::read(paths.history), "\x08\0\0\0\x08\0\0\0"s);
+    EXPECT_EQ(scratch_dir::read(paths.history), std::string("\x08\0\0\0\x08\0\0\0", 8));
     for (const std::string &file : {paths.settings, paths.battery, paths.stub, paths.history}) {
         scratch_dir::write(file, "kept");
         const int next = make();
