@@ -119,7 +119,9 @@ def load(terminal, seconds):
             while time.monotonic() < until:
                 task(client)
 
-    tasks = [(queries, 0)] * 6 + [(watch, 0)] * 2 + [(lpp, 2), (vote, 6), (die, 0), (faults, 0)]
+    # The same ids in each part: the daemon keeps a socket for each service that it has answered.
+    tasks = [(queries, serv_id) for serv_id in range(40, 46)]
+    tasks += [(watch, 46), (watch, 47), (die, 48), (faults, 49), (lpp, 2), (vote, 6)]
     with concurrent.futures.ThreadPoolExecutor(len(tasks)) as pool:
         works = [pool.submit(work, *each) for each in tasks]
     wrong.extend(f"{task.__name__}: {each.exception()!r}" for (task, _), each in zip(tasks, works) if each.exception())
