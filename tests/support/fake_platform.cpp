@@ -13,13 +13,13 @@
 
 namespace {
 
-// All of the fake's state, under `lock`.
+// All but the votes under `lock`.
 std::mutex lock;
 std::condition_variable changed;
 std::vector<std::pair<int, std::string>> lines; // level and text
 std::vector<fake::sent_message> messages;
 std::function<void(const fake::sent_message &)> send_action;
-fake::votes vote_count = {};
+std::atomic<int> votes_taken, votes_given_back;
 
 } // namespace
 
@@ -30,23 +30,20 @@ void reset() {
     const std::lock_guard guard(lock);
     messages.clear();
     send_action = nullptr;
-    vote_count = {};
+    votes_taken = votes_given_back = 0;
     database() = {};
     timers.clear();
 
     mt_gps_status = 2;
     gps_current_power_mode_g = 2;
     gps_board_type_g = 1;
-    antenna_type = 0;
-    stub_location_on_g = 0;
+    antenna_type = stub_location_on_g = pending_req_count = ta_req_timed_out_g = 0;
     for (std::atomic<char> &c : ls_stub_location_buf)
         c = '\0';
     gps_cfun_level_g = 0;
     rffe_req_sem_wait_time = 15;
     gps_pos_buffer_time = 5.0;
     loc_hist_offset_time = 120.0;
-    pending_req_count = 0;
-    ta_req_timed_out_g = 0;
     ta_data_req_pld = {};
     gps_p_g = connection();
     [[maybe_unused]] static const bool initialised = sem_init(&ta_data_sem, 0, 0) == 0;
@@ -78,15 +75,13 @@ void on_send(std::function<void(const sent_message &)> action) {
 }
 
 votes system_state_votes() {
-    const std::lock_guard guard(lock);
-    return vote_count;
+    return {votes_taken, votes_given_back};
 }
 
 bool wait_for_votes_returned() {
     while (ls_activities() != 0)
         std::this_thread::yield();
-    const votes now = system_state_votes();
-    return now.disabled > 0 && now.disabled <= now.enabled;
+    return votes_taken > 0 && votes_taken <= votes_given_back;
 }
 
 bus_msg make_message(uint8_t type, uint32_t id, uint8_t from, bytes &payload) {
@@ -105,9 +100,8 @@ void deliver_ta_answer(std::string_view answer, uint32_t cmd_len) {
     gps_data_req_pld pld = {};
     answer.copy(reinterpret_cast<char *>(pld.response), sizeof(pld.response));
     pld.cmd_len = cmd_len;
-    bytes payload(sizeof(pld));
-    memcpy(payload.data(), &pld, sizeof(pld));
-    deliver(1, 1416, 12, std::move(payload));
+    const auto *raw = reinterpret_cast<const uint8_t *>(&pld);
+    deliver(1, 1416, 12, {raw, raw + sizeof(pld)});
 }
 
 } // namespace fake
@@ -115,7 +109,6 @@ void deliver_ta_answer(std::string_view answer, uint32_t cmd_len) {
 // --- libmqutils
 
 int scm_conn_init(scm_conn *, uint8_t) {
-    const std::lock_guard guard(lock);
     return fake::database().registration_result;
 }
 
@@ -125,7 +118,6 @@ int scm_conn_exit(scm_conn *) {
 
 int fill_request_hdr(scm_conn *, msg_hdr *hdr, uint32_t pld_len, uint32_t msg_id,
                      uint8_t dst_serv_id) {
-    const std::lock_guard guard(lock);
     *hdr = {0, 0, 8, dst_serv_id, msg_id, 1, pld_len, 0};
     return 0;
 }
@@ -143,9 +135,8 @@ int fill_response_hdr(scm_conn *, msg_hdr *hdr, const bus_msg *req, uint32_t pld
 }
 
 int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
-    fake::sent_message message = {.hdr = *hdr, .payload = fake::bytes(hdr->pld_len)};
-    if (hdr->pld_len != 0)
-        memcpy(message.payload.data(), pld, hdr->pld_len);
+    const auto *raw = static_cast<const uint8_t *>(pld);
+    const fake::sent_message message = {.hdr = *hdr, .payload = {raw, raw + hdr->pld_len}};
     std::unique_lock guard(lock);
     messages.push_back(message);
     const auto action = send_action;
@@ -159,20 +150,17 @@ int send_msg(scm_conn *, const msg_hdr *hdr, const void *pld) {
 // --- libdbhandler
 
 int db_read_gps_power_on_status(int32_t *status) {
-    const std::lock_guard guard(lock);
     *status = fake::database().power_on_status;
     return 0;
 }
 
 int db_set_gps_power_on_status(int32_t status) {
-    const std::lock_guard guard(lock);
     fake::database().power_on_status = status;
     ++fake::database().power_on_writes;
     return fake::database().power_on_write_result;
 }
 
 int db_read_location_history_settings(location_history_settings *settings) {
-    const std::lock_guard guard(lock);
     *settings = fake::database().history;
     return 0;
 }
@@ -183,35 +171,28 @@ void zuk_log_tmplt(int level, const char *format, const char *, int line, ...) {
     char text[2048];
     va_list args;
     va_start(args, line);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the literal is checked at the caller
     vsnprintf(text, sizeof(text), format, args);
-#pragma GCC diagnostic pop
     va_end(args);
     const std::lock_guard guard(lock);
     lines.emplace_back(level, text);
 }
 
 int rtc_start_timer(uint32_t interval_s, int (*)(void *), int *) {
-    const std::lock_guard guard(lock);
     fake::timers.push_back(interval_s);
     return static_cast<int>(fake::timers.size());
 }
 
 int rtc_del_timer(int timer_id) {
-    const std::lock_guard guard(lock);
     fake::timers.at(static_cast<size_t>(timer_id) - 1) = 0;
     return 0;
 }
 
 int pm_system_state_enable(int state_id) {
-    const std::lock_guard guard(lock);
-    vote_count.enabled += state_id == LS_SYSTEM_STATE_ID;
+    votes_given_back += state_id == LS_SYSTEM_STATE_ID;
     return 1;
 }
 
 int pm_system_state_disable(int state_id) {
-    const std::lock_guard guard(lock);
-    vote_count.disabled += state_id == LS_SYSTEM_STATE_ID;
+    votes_taken += state_id == LS_SYSTEM_STATE_ID;
     return 1;
 }

@@ -1,5 +1,5 @@
 // Recording fakes of the three platform libraries, linked in their place by the daemon's unit
-// tests. What the daemon calls is recorded; what it reads is set here. Thread-safe.
+// tests. What the daemon calls is recorded; what it reads is set here.
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 
@@ -58,8 +58,8 @@ votes system_state_votes();
 // Waits for the workers; whether as many votes were given back as taken, and any at all.
 bool wait_for_votes_returned();
 
-// Settings database and what else answers, under the fake's lock. Any write is recorded as the
-// stored value.
+// Settings database and what else answers. Any write is recorded as the stored value. Whoever sets
+// or reads this waits until no worker is under way.
 struct settings {
     int32_t power_on_status = 2;
     int power_on_writes = 0;
@@ -73,6 +73,7 @@ inline settings &database() {
 }
 
 // Platform timers: handles count from 1. Their intervals by handle - 1, 0 for one that was deleted.
+// Whoever reads them waits as above.
 inline std::vector<uint32_t> timers;
 
 // A message with transaction id 77 as the bus would deliver it; the payload must outlive it.
