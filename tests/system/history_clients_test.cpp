@@ -1,15 +1,14 @@
-// Request 1013 from four clients at once while lines are written as fast as they can be: every
+// Request 1013 served to four clients at once while lines are written as fast as they can be: every
 // export that a client reads is complete and in order.
 #include "fake_platform.h"
 #include "gps_history.h"
+#include "gps_message_handler.h"
 #include "ls_messages.h"
 #include "ls_paths.h"
 #include "lsctl_history_file.h"
 #include "scratch_dir.h"
 
-#include <array>
 #include <atomic>
-#include <semaphore>
 #include <sstream>
 #include <thread>
 
@@ -17,27 +16,23 @@
 
 namespace {
 
+constexpr uint8_t CLIENTS = 4;
 constexpr int ROUNDS = 5;
 constexpr std::chrono::seconds PATIENCE{30};
 
 std::atomic<uint32_t> written; // number of the last line whose write has returned
-std::array<std::binary_semaphore, 4> replied = {std::binary_semaphore(0), std::binary_semaphore(0),
-                                                std::binary_semaphore(0), std::binary_semaphore(0)};
 
 std::string line_of(uint32_t number) {
-    char line[LS_HISTORY_LINE_SIZE];
-    std::snprintf(line, sizeof line, "2019-02-05 10:51:05,2D,70.%06uN,11.516667E,+2.25m,08",
-                  number);
-    return line;
+    return "2019-02-05 10:51:05,2D,70." + std::to_string(100'000 + number) +
+           "N,11.516667E,+2.25m,08";
 }
 
 // One client's request, its reply and its reading of the file. Empty = all is well.
-std::string read_export(size_t client) {
+std::string read_export(uint8_t client) {
     const uint32_t before = written;
-    fake::deliver(LS_MSG_REQUEST, LS_REQUEST_GET_HISTORY_FILE_PATH,
-                  static_cast<uint8_t>(40 + client));
-    if (!replied.at(client).try_acquire_for(PATIENCE))
-        return "no reply";
+    fake::bytes none;
+    const bus_msg request = fake::make_message(LS_MSG_REQUEST, 1013, client, none);
+    ls_hal_get_history_file_path(fake::connection(), &request);
     std::string text;
     const history_error error = history_read(
         LS_PATH_HISTORY_EXPORT, PATIENCE, [] { return false; }, &text);
@@ -56,16 +51,13 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
     std::filesystem::create_directories("user/location");
     fake::reset();
     ASSERT_EQ(ls_hal_init_gps_history(), 0);
-    fake::on_send([](const fake::sent_message &message) {
-        EXPECT_EQ(message.as<ls_history_path_reply>().status, 0U);
-        replied.at(message.hdr.dst_serv_id - 40U).release();
-    });
-    std::atomic<size_t> reading = replied.size();
+    std::atomic<int> reading = CLIENTS;
     std::vector<std::jthread> clients;
-    for (size_t client = 0; client < replied.size(); ++client)
+    for (uint8_t client = 0; client < CLIENTS; ++client)
         clients.emplace_back([&, client] {
             for (int round = 0; round < ROUNDS; ++round)
-                EXPECT_EQ(read_export(client), "") << "client " << client << " round " << round;
+                EXPECT_EQ(read_export(client), "")
+                    << "client " << int{client} << " round " << round;
             --reading;
         });
     while (reading > 0) {
@@ -76,7 +68,8 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
         ++written;
         fake::reset_log();
     }
-    EXPECT_TRUE(fake::wait_for_votes_returned());
     EXPECT_GT(written, 20U);
-    fake::on_send(nullptr);
+    for (const fake::sent_message &message : fake::wait_for_sent(CLIENTS * ROUNDS))
+        EXPECT_EQ(message.as<ls_history_path_reply>().status, 0U);
+    EXPECT_EQ(fake::sent().size(), size_t{CLIENTS} * ROUNDS);
 }
