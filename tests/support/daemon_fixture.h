@@ -1,9 +1,11 @@
-// What the daemon's unit tests start from: a platform that is reset, a directory of their own, and
-// for some a receiver on a pty that answers each poll body with what the test set for it.
+// What the daemon's unit tests start from: a platform that is reset, a directory of their own with
+// the files of a terminal, and for some a receiver on a pty that answers each poll body with what
+// the test set for it.
 #ifndef DAEMON_FIXTURE_H
 #define DAEMON_FIXTURE_H
 
 #include "fake_platform.h"
+#include "gps_message_handler.h"
 #include "gps_uart.h"
 #include "line_peer.h"
 #include "ls_state.h"
@@ -15,6 +17,7 @@
 #include <memory>
 #include <span>
 #include <sstream>
+#include <tuple>
 
 using fake::bytes;
 using namespace std::string_literals; // for bytes with NUL among them
@@ -61,8 +64,17 @@ inline std::string told(const std::vector<fake::sent_message> &sent) {
 
 class daemon_fixture : public testing::Test {
   protected:
-    void SetUp() override { fake::reset(); }
+    // The files of the receiver's power lines are all empty.
+    void SetUp() override {
+        fake::reset();
+        std::filesystem::create_directories("user/location");
+        for (const char *file : {"export", "unexport", "gpio102/direction", "gpio102/value",
+                                 "gpio37/direction", "gpio37/value"})
+            scratch_dir::write("sys/class/gpio/"s + file, "");
+    }
     void TearDown() override {
+        for (int client = 0; client < 256; ++client)
+            ls_delete_periodic_request(static_cast<uint8_t>(client));
         ls_hal_uart_close();
         fake::reset();
     }
@@ -80,17 +92,11 @@ class daemon_fixture : public testing::Test {
         const auto before = static_cast<std::ptrdiff_t>(fake::sent().size());
         EXPECT_EQ(fake::deliver(0, id, from, std::move(payload)), 0) << id;
         EXPECT_TRUE(fake::wait_for_votes_returned()) << id;
-        auto sent = fake::sent();
-        sent.erase(sent.begin(), sent.begin() + before);
-        return sent;
+        const auto sent = fake::sent();
+        return {sent.begin() + before, sent.end()};
     }
 
-    // The files of the receiver's power lines, all empty; what is in one of them.
-    static void make_gpio_files() {
-        for (const char *file : {"export", "unexport", "gpio102/direction", "gpio102/value",
-                                 "gpio37/direction", "gpio37/value"})
-            scratch_dir::write("sys/class/gpio/"s + file, "");
-    }
+    // What is in a file of the power lines.
     static std::string gpio(const std::string &file) {
         return scratch_dir::read("sys/class/gpio/" + file);
     }
@@ -106,7 +112,9 @@ inline const std::string ecef_poll = "\xB5\x62\x01\x01\x00\x00\x02\x07"s;
 inline const receiver_answers usual_answers = {
     {"GPGPQ,GGA", nmea("GPGGA,123318.00,5130.000,N,00007.500,W,1,08,0.9,545.4,M,46.9,M,,")},
     {"GPGPQ,GSA", nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1")},
-    {"GPGPQ,ZDA", nmea("GPZDA,235959.00,31,12,2019,00,00")},
+    {"GPGPQ,GSV", nmea("GPGSV,1,1,04,04,40,120,38,09,25,210,31,12,60,300,44,24,05,045,")},
+    {"GPGPQ,VTG", nmea("GPVTG,77.52,T,,M,0.004,N,36.42,K,A")},
+    {"GPGPQ,ZDA", nmea("GPZDA,082710.00,16,09,2002,00,00")},
     {"PUBX,00", nmea("PUBX,00,081350.00,4717.1,N,00833.9,E,546.589,G3,2.1,65538.9,0.007")},
     {"PUBX,04", nmea("PUBX,04,073731.00,091202,113851.00,1196,15D,1930035,-2660.664,43")},
     {ecef_poll, from_hex<std::string>("B5 62 01 01 14 00*5 01 00*3 02 00*3 03 00*9")},
@@ -115,13 +123,13 @@ inline const receiver_answers usual_answers = {
 class receiver_fixture : public daemon_fixture {
   protected:
     void SetUp() override {
-        fake::reset();
+        daemon_fixture::SetUp();
         peer.reset(); // it reads the answers
         answers = usual_answers;
         peer = std::make_unique<line_peer>([this](const std::string &command) {
-            const bool text = command[0] == '$';
             const std::lock_guard guard(answers_lock);
-            const std::string poll = text ? command.substr(1, command.find('*') - 1) : command;
+            const std::string poll =
+                is_frame(command) ? command : command.substr(1, command.find('*') - 1);
             std::string now = answers[poll];
             if (const auto next = later.extract(poll))
                 answers[poll] = next.mapped();

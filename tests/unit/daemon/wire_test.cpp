@@ -2,7 +2,6 @@
 #include "daemon_fixture.h"
 #include "gps_history.h"
 #include "gps_main.h"
-#include "gps_message_handler.h"
 
 #include <regex>
 #include <set>
@@ -43,11 +42,10 @@ class wire : public daemon_fixture {
 
     void deliver(const std::string &key, uint8_t from) {
         fake::deliver(type_of(key), static_cast<uint32_t>(std::stoul(key)), from, sample(key));
-        while (ls_activities() != 0)
-            std::this_thread::yield();
+        fake::wait_for_votes_returned();
     }
 
-    // Board 2: the samples of 1416 for the engineering commands, literal sentences for the queries.
+    // Board 2: the samples of 1416 for the engineering commands, the usual answers for the queries.
     void receiver_behind_ta() {
         gps_board_type_g = 2;
         antenna_type = 4;
@@ -55,10 +53,9 @@ class wire : public daemon_fixture {
             if (sent.hdr.msg_id != TA_REQUEST_GPS_DATA)
                 return;
             const std::string command(reinterpret_cast<const char *>(sent.payload.data() + 1));
-            const auto found = queries.find(command.substr(0, command.find('*')));
-            if (found != queries.end()) {
-                const auto length = static_cast<uint32_t>(found->second.size());
-                return fake::deliver_ta_answer(found->second, length);
+            if (command.starts_with("$GPGPQ")) {
+                const auto &answer = usual_answers.at(command.substr(1, command.find('*') - 1));
+                return fake::deliver_ta_answer(answer, static_cast<uint32_t>(answer.size()));
             }
             const std::string key = command[0] == '$' ? "" : ", frame";
             EXPECT_EQ(sent.payload, sample("1416 request" + key));
@@ -80,12 +77,6 @@ class wire : public daemon_fixture {
         ADD_FAILURE() << key << " was not sent";
     }
 
-    const std::map<std::string, std::string> queries = {
-        {"$GPGPQ,ZDA", nmea("GPZDA,082710.00,16,09,2002,00,00")},
-        {"$GPGPQ,GSV", nmea("GPGSV,1,1,04,04,40,120,38,09,25,210,31,12,60,300,44,24,05,045,")},
-        {"$GPGPQ,GSA", nmea("GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1")},
-        {"$GPGPQ,VTG", nmea("GPVTG,77.52,T,,M,0.004,N,36.42,K,A")},
-    };
     std::map<std::string, bytes> samples = read_samples();
     std::set<std::string> used;
 };
@@ -102,10 +93,7 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
     const auto fixed = static_location_on;
     const auto receiver = [this] { receiver_behind_ta(); };
     const auto history_on = [] { fake::database().history = {.status = 1, .interval = 30}; };
-    const auto empty_history = [] {
-        std::filesystem::create_directories("user/location");
-        ls_hal_write_metadata_to_file();
-    };
+    const auto empty_history = [] { ls_hal_write_metadata_to_file(); };
     const auto registered = [this] {
         static_location_on();
         deliver("1007 request", 40);
@@ -147,8 +135,8 @@ TEST_F(wire, every_sample_is_what_the_daemon_takes_or_sends) {
     static_location_on();
     deliver("1003 request", 40);
     const msg_hdr hdr = fake::sent().at(0).hdr;
-    const auto *raw = reinterpret_cast<const uint8_t *>(&hdr);
-    EXPECT_EQ(bytes(raw, raw + sizeof(hdr)), sample("header"));
+    const bytes &header_bytes = sample("header");
+    EXPECT_EQ(hex(&hdr, sizeof(hdr)), hex(header_bytes.data(), header_bytes.size()));
 
     // No message without a sample, no sample that nothing above has looked at.
     std::set<unsigned long> told;
