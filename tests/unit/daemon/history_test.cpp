@@ -68,6 +68,7 @@ TEST_F(history, lines) {
     const gps_pos_data no_fix = {{}, 70.132317, 0, 11.516667, 0, 2, -1.0F, 0, 0, 12};
     ls_history_line line = {};
     ls_position_to_string(&no_fix, &line);
+    EXPECT_EQ(std::string(line.data(), 2), "20"); // of now
     EXPECT_STREQ(line.data() + 19, ",ER,70.132317X,11.516667Y,-1.00m,12\n");
     const gps_pos_data far = {{}, 1e300, 0, 1e300, 0, 0, 0, 0, 0, 0}; // cut, but a line
     ls_position_to_string(&far, &line);

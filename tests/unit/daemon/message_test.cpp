@@ -1,9 +1,12 @@
 // Messages in, messages out: gate, dispatch, workers, handlers, replies, periodic updates.
+#include "child.h"
 #include "daemon_fixture.h"
+#include "gps_main.h"
 #include "gps_power.h"
 #include "gps_service.h"
 
 #include <algorithm>
+#include <sys/resource.h>
 
 namespace {
 
@@ -48,6 +51,38 @@ TEST_F(message, what_it_does_not_know_is_refused_with_its_vote_returned) {
     EXPECT_EQ(ls_hal_process_message(fake::connection(), &msg), 0);
     EXPECT_EQ(fake::wait_for_sent(1).back().payload.size(), 8u);
     EXPECT_TRUE(fake::wait_for_votes_returned());
+    EXPECT_EQ(ls_hal_process_message(nullptr, &msg), -1);
+    EXPECT_EQ(fake::system_state_votes(), (votes{2, 2}));
+}
+
+// In a child: the end of the service is for good, and the limit for its user.
+TEST_F(message, a_request_that_finds_no_worker_or_the_end_holds_up_nothing) {
+    const int result = run_in_child([] {
+        const rlimit none = {};
+        setrlimit(RLIMIT_NPROC, &none);
+        if (geteuid() == 0 && setuid(65534) != 0)
+            return 1;
+        fake::deliver(0, 1003, 40); // its vote is kept
+        if (errors("Error while creating") != 1 || ls_activities() != 0)
+            return 2;
+        ls_begin_stop();
+        const bool refused = fake::deliver(0, 1003, 40) == -1;
+        return refused && fake::system_state_votes() == votes{2, 1} ? 0 : 3;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(message, a_worker_has_a_small_stack) {
+    static_location_on();
+    fake::on_send([](const fake::sent_message &) {
+        pthread_attr_t attributes;
+        size_t size = 0;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &size);
+        pthread_attr_destroy(&attributes);
+        EXPECT_LE(size, LS_THREAD_STACK_SIZE);
+    });
+    EXPECT_EQ(serve(1003).size(), 1u);
 }
 
 TEST_F(message, while_the_receiver_is_off_only_power_requests_are_served) {
@@ -70,6 +105,11 @@ TEST_F(message, a_failing_query_leaves_nothing_but_zeros) {
 
 TEST_F(message, a_young_position_is_served_again_on_board_2) {
     gps_board_type_g = 2;
+    gps_pos_data pos = {};
+    int32_t result = 0;
+    gps_pos_buffer_time = 1e9;
+    EXPECT_FALSE(gps_get_buffered_pos(&pos, &result)); // there is none yet
+    gps_pos_buffer_time = 5;
     static_location_on();
     EXPECT_EQ(told(serve(1003)), "1 1003>40 80 bytes"); // is kept
     stub_location_on_g = 0;
@@ -161,6 +201,17 @@ TEST_F(periodic, the_end_of_a_registration_spares_the_next_one_of_the_same_clien
     });
     EXPECT_EQ(enroll(40, 1, 4), "1 1007>40 01000000, 2 1010>40 80 bytes");
     EXPECT_EQ(occupied(), "2");
+}
+
+TEST_F(periodic, an_expiry_that_overtakes_the_last_update_adds_none) {
+    fake::on_send([](const fake::sent_message &sent) {
+        if (sent.hdr.msg_id != 1010 || fake::sent().size() != 2)
+            return;
+        fake::deliver(0, 1008, 8, {2, 0, 0, 0});
+        while (ls_activities() > 1) // its worker; this one is the other's
+            std::this_thread::yield();
+    });
+    EXPECT_EQ(enroll(40, 1, 4), "1 1007>40 01000000, 2 1010>40 80 bytes");
 }
 
 TEST_F(periodic, an_expiry_for_a_freed_slot_goes_to_service_0_and_harms_no_later_client) {

@@ -69,7 +69,7 @@ TEST_F(static_location, the_first_21_bytes_switch_it) {
     const std::tuple<const char *, std::string, int, std::string> rows[] = {
         {"behind a NUL", "stub\0location  = ON\n\n"s + place, 1, place},
         {"one byte too far", "123456789012345678= ON" + place, 0, off},
-        {"text cut", "stub_location   = ON\n5130", 1, "5130" + std::string(19, '\0')},
+        {"text cut", "stub_location   = ON\n5", 1, "5" + std::string(22, '\0')},
         {"off", "stub_location   = OFF" + place, 0, off},
         {"short", "= ON", 1, off},
         {"on in the last place", "12345678901234567= ON" + place, 1, place},

@@ -147,12 +147,15 @@ std::string acknowledge(const std::string &command, bool positive) {
 using receiver = daemon_fixture;
 
 TEST_F(receiver, refusals_are_retried_logged_and_passed_over) {
-    line_peer peer([](const std::string &frame) { return acknowledge(frame, false); });
+    // One is cut before its message id.
+    line_peer peer([](const std::string &frame) {
+        return acknowledge(frame, false).substr(0, frame[3] == 0x3E ? 3 : 10);
+    });
     ASSERT_EQ(ls_hal_uart_init(), 0);
     EXPECT_EQ(ls_hal_power_on_gps(), 0);
     // Five frames are tried 4 times each, the last one 6 times. Three bytes differ, a line each.
     EXPECT_EQ(peer.commands().size(), SILENCING + 26);
-    EXPECT_EQ(fake::count_logged(4, "Negative ack for "), 6u * 3);
+    EXPECT_EQ(fake::count_logged(4, "Negative ack for "), 5u * 3 + 6);
     peer.send_unasked("late"); // the acknowledge that was not there in time
     ls_hal_tty_discard_doubtful();
     peer.send_unasked("next");
@@ -160,6 +163,17 @@ TEST_F(receiver, refusals_are_retried_logged_and_passed_over) {
     int32_t length = sizeof(answer);
     EXPECT_EQ(ls_hal_tty_read(answer, &length), 0);
     EXPECT_EQ(answer[0], 'n');
+}
+
+TEST_F(receiver, a_line_that_goes_away_ends_its_configuration) {
+    line_peer peer([](const std::string &command) {
+        if (command.starts_with("$PUBX,41,1,0007,0003"))
+            ls_hal_uart_close();
+        return "";
+    });
+    ASSERT_EQ(ls_hal_uart_init(), 0);
+    EXPECT_EQ(ls_hal_power_on_gps(), 1);
+    EXPECT_EQ(peer.commands().size(), SILENCING);
 }
 
 class bring_up : public receiver {
