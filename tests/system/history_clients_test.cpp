@@ -17,7 +17,7 @@
 namespace {
 
 constexpr uint8_t CLIENTS = 4;
-constexpr int ROUNDS = 5;
+constexpr size_t ROUNDS = 5;
 constexpr std::chrono::seconds PATIENCE{30};
 
 std::atomic<uint32_t> written; // number of the last line whose write has returned
@@ -55,7 +55,7 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
     std::vector<std::jthread> clients;
     for (uint8_t client = 0; client < CLIENTS; ++client)
         clients.emplace_back([&, client] {
-            for (int round = 0; round < ROUNDS; ++round)
+            for (size_t round = 0; round < ROUNDS; ++round)
                 EXPECT_EQ(read_export(client), "")
                     << "client " << int{client} << " round " << round;
             --reading;
@@ -71,5 +71,5 @@ TEST(history_clients, four_read_whole_exports_while_lines_are_written) {
     EXPECT_GT(written, 20U);
     for (const fake::sent_message &message : fake::wait_for_sent(CLIENTS * ROUNDS))
         EXPECT_EQ(message.as<ls_history_path_reply>().status, 0U);
-    EXPECT_EQ(fake::sent().size(), size_t{CLIENTS} * ROUNDS);
+    EXPECT_EQ(fake::sent().size(), CLIENTS * ROUNDS);
 }
