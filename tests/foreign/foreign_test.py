@@ -174,8 +174,13 @@ class Stop(unittest.TestCase):
         with running(history=1, deletion_ms=1500) as bench:  # rtc_exit does not wait: it is the callback's to the end
             bench.state.send_ms = 900
             bench.see(TO_TA)
+            bench.daemon.terminate()
+            bench.see("Signal handler called")
+            bench.deliver(GET_POWER)
+            bench.see("call on_message 1001")
             self.assertEqual(bench.end(), 0)
             self.assertGreaterEqual(bench.count("send_msg returns 1416"), 1)
+            self.assertEqual(bench.count("^send 1 1001 "), 0)  # too late to be served
 
     def test_that_is_asked_for_before_the_main_loop_runs_comes(self):
         with Bench(reinit_ms=500) as bench:
