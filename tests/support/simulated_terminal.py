@@ -23,7 +23,7 @@ class Terminal:
         self.dir = pathlib.Path(self.scratch.name, name)
         self.environment = {**os.environ, "PYTHONDONTWRITEBYTECODE": "1"}
         self.ended = None  # how the daemon did, when the test has waited for that
-        self.said = open(pathlib.Path(self.scratch.name, "said"), "w+", encoding="utf-8")
+        self.said = open(pathlib.Path(self.scratch.name, "said"), "a", encoding="utf-8")
         options = options if "--baud" in options else ("--baud", "0", *options)
         # The command begins when the daemon serves requests, tells what simterm set for it, and ends with its input.
         self.process = subprocess.Popen(
@@ -44,15 +44,14 @@ class Terminal:
         self.process.stdin.close()
         status = self.process.wait(LIMIT_S)
         if failure[0] or status and not self.ended:
-            print(self.what_it_said(), self.log()[-4000:])
+            print(self.what_it_said()[-4000:], self.log()[-4000:])
         assert status == 0 or self.ended, f"simterm ended with {status}"
         self.process.stdout.close()
         self.said.close()
         self.scratch.cleanup()
 
     def what_it_said(self):
-        self.said.seek(0)
-        return self.said.read()[-4000:]
+        return pathlib.Path(self.said.name).read_text(encoding="utf-8", errors="replace")
 
     def file(self, name):
         return (self.dir / name).read_text(errors="replace")
