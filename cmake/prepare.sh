@@ -17,11 +17,15 @@ fail() {
     exit 1
 }
 
+is_installed() {
+    dpkg-query -W -f='${db:Status-Abbrev}' "$1" 2>/dev/null | grep -q '^ii'
+}
+
 # Installs what is missing of the packages given; needs root or sudo for that.
 need_packages() {
     local package missing=()
     for package in "$@"; do
-        dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null | grep -q '^ii' || missing+=("$package")
+        is_installed "$package" || missing+=("$package")
     done
     [ ${#missing[@]} -eq 0 ] && return
     local as_root=()
@@ -42,13 +46,16 @@ need_packages() {
     rm -f "$log"
 }
 
-# build_preset PRESET [TARGET...]: quiet unless it fails.
+# build_preset PRESET [TARGET...]: quiet unless it fails. Where the libraries of tests and benchmarks are not installed,
+# without these: ./test and ./bench install them.
 build_preset() {
-    local preset=$1 log="build/$1.log"
+    local preset=$1 log="build/$1.log" options=()
     shift
+    is_installed libgtest-dev || options+=(-DLS_TESTS=OFF)
+    is_installed libbenchmark-dev || options+=(-DLS_BENCHMARKS=OFF)
     mkdir -p build
     echo "Building preset $preset"
-    cmake --preset "$preset" >"$log" 2>&1 || { cat "$log" >&2; fail "configuring preset $preset failed"; }
+    cmake --preset "$preset" "${options[@]}" >"$log" 2>&1 || { cat "$log" >&2; fail "configuring preset $preset failed"; }
     cmake --build --preset "$preset" ${1:+--target "$@"} >"$log" 2>&1 ||
         { grep -E 'error|FAILED|undefined' "$log" >&2 || tail -n 40 "$log" >&2; fail "building preset $preset failed (whole output: $log)"; }
 }
