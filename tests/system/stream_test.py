@@ -18,7 +18,7 @@ STREAM = programs["lsctl"], "stream"
 PLACE = "--no-services", "--place", "47.2852,8.5653,499"  # in grid square JN47gg78
 PYTHON_CLIENT = """
 import gps, sys
-session = gps.gps(host="localhost", port=sys.argv[1], mode=gps.WATCH_ENABLE | gps.WATCH_JSON)
+session = gps.gps(host="127.0.0.1", port=sys.argv[1], mode=gps.WATCH_ENABLE | gps.WATCH_JSON)
 for report in session:
     with open(sys.argv[2], "a") as out:
         print("fix", session.fix.mode, session.fix.latitude, [sat.azimuth for sat in session.satellites], file=out)
