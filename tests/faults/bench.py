@@ -19,7 +19,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from simulated_terminal import LIMIT_S, Terminal, wait_until  # noqa: E402
+from simulated_terminal import LIMIT_S, Terminal, catches, wait_until  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1]).resolve()
 DAEMON = BUILD / "location_service/location_service"
@@ -92,9 +92,7 @@ class Bench(Terminal):
         return not missing
 
     def is_ready(self):
-        """Whether it catches the last signal that it installs a handler for."""
-        status = pathlib.Path(f"/proc/{self.child.pid}/status").read_text(encoding="ascii")
-        return int(re.search(r"SigCgt:\s*(\w+)", status)[1], 16) >> (signal.SIGRTMIN + 1 - 1) & 1
+        return catches(self.child.pid, signal.SIGRTMIN + 1)  # the last one that it installs a handler for
 
     def stop(self):
         self.child.terminate()

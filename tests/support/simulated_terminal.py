@@ -67,8 +67,7 @@ class Terminal:
         """Waits for the end of the daemon's start: until it catches the last signal that it installs a handler for; in
         an emulator, which itself catches most signals, the first. Returns the terminal."""
         witness = signal.SIGTSTP if "/emulated/" in str(self.programs["daemon"]) else signal.SIGRTMIN + 1
-        status = pathlib.Path(f"/proc/{self.daemon()}/status")
-        wait_until(lambda: int(re.search(r"SigCgt:\s*(\w+)", status.read_text())[1], 16) >> (witness - 1) & 1)
+        wait_until(lambda: catches(self.daemon(), witness))
         return self
 
     def end_of_daemon(self):
@@ -103,6 +102,12 @@ class Terminal:
             found, end = json.JSONDecoder().raw_decode(rest)
             objects, rest = [*objects, found], rest[end:].lstrip()
         return done.returncode, objects
+
+
+def catches(pid, number):
+    """Whether a process has a handler for this signal."""
+    status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    return int(re.search(r"SigCgt:\s*(\w+)", status)[1], 16) >> (number - 1) & 1
 
 
 def wait_until(done):
